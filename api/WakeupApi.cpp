@@ -1,0 +1,120 @@
+#include "api/WakeupApi.h"
+
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+
+#include "dsp/convert.h"
+
+namespace {
+
+constexpr char kVersionLine[] = "Version:libquibo_wakeup_DOA_v3.3.22_20251103\n";
+
+constexpr int kLimiterGaindB = 20, kLimiterLeveldB = -3;
+
+// Sum of three microphones to their mean. The single-precision constant is part of what the wake-up
+// network hears.
+constexpr float kThird = 0.3333333f;
+
+constexpr int kAngleOffset = 30;  // degrees between the network's zero heading and the device's
+
+void store_samples(int16_t* to, const float* from) {
+  if (!to) return;
+  for (int i = 0; i < QUIBO_FRAME; ++i) to[i] = quibo::float_to_int16(from[i]);
+}
+
+void mix(int16_t* to, const int16_t* mic1, const int16_t* mic2, const int16_t* mic3) {
+  for (int i = 0; i < QUIBO_FRAME; ++i) {
+    const float sum = static_cast<float>(mic1[i] + mic2[i] + mic3[i]);
+    to[i] = static_cast<int16_t>(static_cast<int32_t>(sum * kThird));
+  }
+}
+
+void clear_fifos(KTWakeup h) {
+  memset(h->mic1_doa_data, 0, sizeof h->mic1_doa_data);
+  memset(h->mic2_doa_data, 0, sizeof h->mic2_doa_data);
+  memset(h->mic3_doa_data, 0, sizeof h->mic3_doa_data);
+  memset(h->WData, 0, sizeof h->WData);
+  h->data_doa_len = 0;
+}
+
+// Drops the oldest block of every FIFO.
+void advance_fifos(KTWakeup h) {
+  h->data_doa_len -= QUIBO_BLOCK;
+  const size_t rest = static_cast<size_t>(h->data_doa_len) * sizeof(int16_t);
+  memmove(h->mic1_doa_data, h->mic1_doa_data + QUIBO_BLOCK, rest);
+  memmove(h->mic2_doa_data, h->mic2_doa_data + QUIBO_BLOCK, rest);
+  memmove(h->mic3_doa_data, h->mic3_doa_data + QUIBO_BLOCK, rest);
+  memmove(h->WData, h->WData + QUIBO_BLOCK, rest);
+}
+
+}  // namespace
+
+int32_t Quibo_wakeup_init(KTWakeup* handle, int32_t lang) {
+  (void)lang;
+  if (*handle) return -1;
+  // Zero-filled, so that the handles of modules that are not created are null.
+  KTWakeup h = static_cast<KTWakeup>(calloc(1, sizeof(KTWakeupParams)));
+  if (!h) return -2;
+  if (!(h->handle1 = kesto_Laec_Post_init())) return -3;
+  if (!(h->handle2 = kesto_Laec_Post_init())) return -4;
+  if (!(h->handle3 = kesto_Laec_Post_init())) return -5;
+  h->data_doa_len = 0;
+  h->WDlen = 0;
+  zq_MPO_Init(&h->KTmpo, QUIBO_SAMPLE_RATE, kLimiterGaindB, kLimiterLeveldB);
+  *handle = h;
+  printf(kVersionLine);
+  return 0;
+}
+
+int32_t Quibo_wakeup_three_write_data(KTWakeup handle, int16_t* mic1_data, int16_t* mic2_data,
+                                      int16_t* mic3_data, const int16_t* ref_data,
+                                      int16_t* outdata1, int16_t* outdata2, int16_t* outdata3,
+                                      int16_t* naecout) {
+  if (!handle) {
+    printf("kesto_wakeup_three_write_data error\n");
+    return -1;
+  }
+  dec_data(mic1_data, QUIBO_FRAME);
+  dec_data(mic2_data, QUIBO_FRAME);
+  dec_data(mic3_data, QUIBO_FRAME);
+
+  kesto_Laec_Post_write(handle->handle1, mic1_data, ref_data, handle->aec_fdata1);
+  kesto_Laec_Post_write(handle->handle2, mic2_data, ref_data, handle->aec_fdata2);
+  kesto_Laec_Post_write(handle->handle3, mic3_data, ref_data, handle->aec_fdata3);
+
+  store_samples(naecout, handle->aec_fdata1);
+  store_samples(outdata1, handle->aec_fdata1);
+  store_samples(outdata2, handle->aec_fdata2);
+  store_samples(outdata3, handle->aec_fdata3);
+  return 0;
+}
+
+int32_t Quibo_doa_three_write_data(KTWakeup handle, int32_t* Iswakeup, const int16_t* mic1_data,
+                                   const int16_t* mic2_data, const int16_t* mic3_data,
+                                   const int16_t* naec_data, int32_t len) {
+  (void)naec_data;
+  if (!handle) {
+    printf("kesto_doa_three_write_data error\n");
+    return -10;
+  }
+  const int32_t pending = handle->data_doa_len;
+  mix(handle->WData + pending, mic1_data, mic2_data, mic3_data);
+  memcpy(handle->mic1_doa_data + pending, mic1_data, QUIBO_FRAME * sizeof(int16_t));
+  memcpy(handle->mic2_doa_data + pending, mic2_data, QUIBO_FRAME * sizeof(int16_t));
+  memcpy(handle->mic3_doa_data + pending, mic3_data, QUIBO_FRAME * sizeof(int16_t));
+  handle->data_doa_len = pending + len;
+
+  *Iswakeup = -1;
+  while (handle->data_doa_len >= QUIBO_BLOCK) advance_fifos(handle);
+  return -1;
+}
+
+int32_t Quibo_wakeup_unit(KTWakeup handle) {
+  if (!handle) return -1;
+  void* const cancellers[] = {handle->handle1, handle->handle2, handle->handle3};
+  handle->handle1 = nullptr;
+  free(handle);
+  for (void* canceller : cancellers) kesto_Laec_Post_unit(canceller);
+  return 0;
+}

@@ -1,0 +1,27 @@
+// Fills one row of the kernel table for a register type. Included by one kernels_*.cpp per
+// instruction set.
+#pragma once
+
+#include "aec/laec_kernels.h"
+#include "dsp/fft_kernels.h"
+#include "dsp/kernels.h"
+
+namespace quibo {
+namespace {
+
+template <class V, int n>
+constexpr FftKernels make_fft_kernels() {
+  return {RealFft<V, n>::forward, RealFft<V, n>::inverse};
+}
+
+template <class V>
+constexpr Kernels make_kernels(const char* name) {
+  return {name,
+          make_fft_kernels<V, 512>(),
+          make_fft_kernels<V, 1024>(),
+          make_fft_kernels<V, 2048>(),
+          {laec_estimate_echo<V>, laec_adapt<V>, laec_update_gain<V>, laec_apply_gain<V>}};
+}
+
+}  // namespace
+}  // namespace quibo

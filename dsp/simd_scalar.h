@@ -1,0 +1,63 @@
+// The one-lane register: the plain scalar truth that every wider register must equal to the bit.
+//
+// Each simd_*.h defines one struct with the same static functions, so that one algorithm body
+// serves every instruction set. All arithmetic is the IEEE single-precision operation, rounded
+// once; nothing is fused. A register of W lanes holds W independent positions:
+//   larger(a, b)       a > b ? a : b per lane, so b when either is a NaN
+//   smaller(a, b)      a < b ? a : b per lane, likewise
+//   load_pairs         reads W (real, imaginary) pairs into two registers; store_pairs is its
+//   inverse reverse            lane i to lane W-1-i load_repeat4(p)    p[0] four times, p[1] four
+//   times, ... (one value for W = 1) store_columns      p[4*i + r] = lane i of y_r: four registers
+//   written as rows of four store_quads        p[16*g + 4*r + i] = lane 4*g+i of y_r (p[4*r] = y_r
+//   for W = 1)
+//
+// These headers are included by one kernels_*.cpp each, compiled for that instruction set.
+// Everything in them sits in an anonymous namespace: a copy compiled for a newer processor must
+// never be what the linker keeps for an older one.
+#pragma once
+
+#include <math.h>
+
+namespace quibo {
+namespace {
+
+struct ScalarF32 {
+  using Reg = float;
+  static constexpr int kWidth = 1;
+
+  static Reg load(const float* p) { return *p; }
+  static void store(float* p, Reg v) { *p = v; }
+  static Reg splat(float v) { return v; }
+  static Reg add(Reg a, Reg b) { return a + b; }
+  static Reg sub(Reg a, Reg b) { return a - b; }
+  static Reg mul(Reg a, Reg b) { return a * b; }
+  static Reg div(Reg a, Reg b) { return a / b; }
+  static Reg sqrt(Reg a) { return sqrtf(a); }
+  static Reg larger(Reg a, Reg b) { return a > b ? a : b; }
+  static Reg smaller(Reg a, Reg b) { return a < b ? a : b; }
+  static void load_pairs(const float* p, Reg& re, Reg& im) {
+    re = p[0];
+    im = p[1];
+  }
+  static void store_pairs(float* p, Reg re, Reg im) {
+    p[0] = re;
+    p[1] = im;
+  }
+  static Reg reverse(Reg v) { return v; }
+  static Reg load_repeat4(const float* p) { return *p; }
+  static void store_columns(float* p, Reg y0, Reg y1, Reg y2, Reg y3) {
+    p[0] = y0;
+    p[1] = y1;
+    p[2] = y2;
+    p[3] = y3;
+  }
+  static void store_quads(float* p, Reg y0, Reg y1, Reg y2, Reg y3) {
+    p[0] = y0;
+    p[4] = y1;
+    p[8] = y2;
+    p[12] = y3;
+  }
+};
+
+}  // namespace
+}  // namespace quibo

@@ -1,0 +1,19 @@
+// Failing allocations on demand: malloc and calloc of the library under test go through here
+// (linker option --wrap).
+#pragma once
+
+namespace quibo_test {
+
+// While alive, the n-th allocation (counted from 0) and no other returns null.
+class FailAllocation {
+ public:
+  explicit FailAllocation(int n);
+  ~FailAllocation();
+  FailAllocation(const FailAllocation&) = delete;
+  FailAllocation& operator=(const FailAllocation&) = delete;
+
+  // Allocations asked for so far. No more than n means that none was failed.
+  int count() const;
+};
+
+}  // namespace quibo_test
