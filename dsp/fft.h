@@ -9,7 +9,7 @@
 // A bin is any pair of floats (real, imaginary). No alignment is asked for. The input is left as it
 // is and may be the output: everything is read before anything is written. Scratch is on the stack
 // (16 KiB at n = 2048); no state, no allocation. Twiddle factors carry six decimals, which bounds
-// the accuracy: the error of a bin stays below about 2e-6 of the frame's root sum of squares.
+// the accuracy: the error of a bin stays below about 5e-6 of the frame's root sum of squares.
 #pragma once
 
 #include "dsp/kernels.h"

@@ -21,7 +21,7 @@ constexpr unsigned kSeed = 20251103;
 
 // Six-decimal twiddles: relative to the frame's root sum of squares.
 constexpr double kForwardBar = 8e-6;
-constexpr double kRoundTripBar = 5e-6;
+constexpr double kRoundTripBar = 1.2e-5;
 
 std::vector<std::complex<double>> naive_dft(const std::vector<float>& x) {
   const size_t n = x.size();
