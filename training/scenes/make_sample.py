@@ -39,7 +39,7 @@ TALKER_LEVEL = -35.0  # active level: 10 dB below the echo
 RAIN_LEVEL = -56.0
 SELF_NOISE_LEVEL = -72.0
 
-RAIN = {"file": "noise/noisekun_rain.wav", "from": 20.0, "attribution": "Noisekun sounds"}
+RAIN = {"file": "noise/noisekun_rain.wav", "from": 20.0, "attribution": "author not named"}
 RAIN_OFFSET = array_geometry.offset(100.0, 2.6, 0.9)  # the window
 
 # What the loudspeaker plays: start, end (s), source, where in the source to begin.
@@ -50,14 +50,12 @@ PLAYS = (
         "what": "music",
         "file": "music/hyperrogue_hr3-laboratory.wav",
         "from": 82.0,
-        "attribution": "Laboratory, from HyperRogue, by Shawn Parrotte",
+        "attribution": "hr3-laboratory, from HyperRogue, by Shawn Parrotte",
     },
     {
         "start": 6.0,
         "end": 11.5,
         "what": "recorded announcement",
-        "text": "Please leave your message after the tone. When done, please hang up, or press "
-        "the pound key.",
         "file": "speech_other/asterisk_en/vm-intro.wav",
         "from": 0.05,
         "attribution": "Allison Smith (voice), Asterisk core sounds, Digium",
@@ -68,7 +66,7 @@ PLAYS = (
         "what": "music",
         "file": "music/hyperrogue_hr-savino-caribbean.wav",
         "from": 14.0,
-        "attribution": "Caribbean, from HyperRogue, by Will Savino",
+        "attribution": "hr-savino-caribbean, from HyperRogue, by Will Savino",
     },
 )
 
@@ -200,7 +198,7 @@ def build(library):
         row = library.row(entry["file"])
         return {
             "file": entry["file"],
-            "from": entry.get("from", 0.0),
+            "from_s": entry.get("from", 0.0),
             "gain_db": round(float(gain_db), 2),
             "licence": row["licence"],
             "attribution": entry["attribution"],
