@@ -1,0 +1,67 @@
+"""The compiled library with tables of one's own choice: what parity is checked against.
+
+Every table is an exported constant array, read when an instance is created. A private copy of the library is loaded
+(fresh recurrent states) and its tables are overwritten in this process's memory before anything runs.
+"""
+import ctypes
+import mmap
+import pathlib
+import shutil
+import tempfile
+
+import numpy as np
+
+FRAME = 1024
+
+
+def load(path, tables):
+    """path: libquibo.so; tables: {name: array of the table's element type}."""
+    with tempfile.TemporaryDirectory() as folder:
+        copy = pathlib.Path(folder) / "library.so"
+        shutil.copy(path, copy)
+        library = ctypes.CDLL(str(copy))
+    for name, values in tables.items():
+        overwrite(library, name, np.ascontiguousarray(values))
+    return library
+
+
+def overwrite(library, name, values):
+    address = ctypes.addressof(ctypes.c_char.in_dll(library, name))
+    page = address & -mmap.PAGESIZE
+    c = ctypes.CDLL(None, use_errno=True)
+    c.mprotect.argtypes = ctypes.c_void_p, ctypes.c_size_t, ctypes.c_int
+    if c.mprotect(page, address - page + values.nbytes, mmap.PROT_READ | mmap.PROT_WRITE):
+        raise OSError(ctypes.get_errno(), "mprotect")
+    ctypes.memmove(address, values.ctypes.data, values.nbytes)
+
+
+def suppress_noise(library, microphones, floor):
+    """int16 [M, samples] -> int16 [M, samples]; the instances take turns frame by frame, as in the front end."""
+    handles = [ctypes.c_void_p() for _ in microphones]
+    for handle in handles:
+        assert library.QuibAncInit(ctypes.byref(handle), ctypes.c_float(floor)) == 0
+    out = np.zeros_like(microphones)
+    for start in range(0, microphones.shape[1], FRAME):
+        for handle, samples, cleaned in zip(handles, microphones, out):
+            frame = np.ascontiguousarray(samples[start:start + FRAME])
+            library.QuibAncRun(handle, pointer(frame), pointer(cleaned[start:start + FRAME]))
+    for handle in handles:
+        library.QuibAncUnit(ctypes.byref(handle))
+    return out
+
+
+def suppress_echo(library, microphone, echo):
+    """float32 waves -> int16."""
+    handle = ctypes.c_void_p()
+    assert library.QuibNAecInit(ctypes.byref(handle)) == 0
+    out = np.zeros(len(microphone), np.int16)
+    for start in range(0, len(microphone), FRAME):
+        part = slice(start, start + FRAME)
+        library.QuibNAecRun(handle, pointer(microphone[part]), pointer(echo[part]), pointer(out[part]))
+    library.QuibNAecUnit(handle)
+    return out
+
+
+def pointer(array):
+    assert array.flags.c_contiguous
+    return ctypes.c_void_p(array.ctypes.data)
