@@ -10,8 +10,8 @@ import torch
 
 from . import data, export, parity, tasks, train
 from .models.layers import deploy
+from .shared import ROOT
 
-ROOT = pathlib.Path(__file__).resolve().parents[1]
 STAGES = ("scenes", "train", "quantise", "export", "evaluate")
 
 

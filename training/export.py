@@ -3,19 +3,16 @@ import hashlib
 import json
 import pathlib
 import subprocess
-import sys
 
 import numpy as np
 
-ROOT = pathlib.Path(__file__).resolve().parents[1]
-sys.path.append(str(ROOT / "params"))
-import safetensors_file  # noqa: E402  (the library's build step reads with the same code)
+from .shared import PARAMS, ROOT, safetensors_file
 
 DTYPES = {"F32": np.float32, "I8": np.int8, "I16": np.int16, "I32": np.int32}
 
 
 def manifest(network):
-    return json.loads((ROOT / "params/manifest.json").read_text())[f"{network}.safetensors"]
+    return json.loads((PARAMS / "manifest.json").read_text())[f"{network}.safetensors"]
 
 
 def fit(network, tables):

@@ -9,10 +9,9 @@ from .models.naec import EchoSuppressor
 from .models.ns import NoiseSuppressor
 
 INT16_STEP = 1 / 32768
-# The float networks sum in another order than PyTorch and round their output toward zero: one int16 step, or 1e-4 of
-# the larger of the two samples.
+# The float networks sum in another order than PyTorch: one int16 step, or 1e-4 of the sample.
 RELATIVE = 1e-4
-DELAY = (spectrum.LOOKAHEAD) * spectrum.HOP  # samples of the output before the first masked frame
+DELAY = spectrum.LOOKAHEAD * spectrum.HOP  # samples of the output before the first masked frame
 
 
 class Mismatch(Exception):
@@ -21,12 +20,12 @@ class Mismatch(Exception):
 
 def compare(ours, theirs, what):
     """Float waves at full scale 1.0, int16 from the library. Returns the largest difference in int16 steps."""
-    expected = np.clip(ours, -0.99, 0.99) * 32768
+    expected = np.trunc(np.clip(ours, -0.99, 0.99) * 32768)  # as the library converts
     difference = np.abs(expected - theirs)
-    allowed = np.maximum(1.0, RELATIVE * np.abs(expected)) + 0.01
+    allowed = np.maximum(1.0, RELATIVE * np.abs(expected))
     if not (difference <= allowed).all():
         worst = np.unravel_index(np.argmax(difference - allowed), difference.shape)
-        raise Mismatch(f"{what}: sample {worst} is {theirs[worst]} in the library, {expected[worst]:.2f} in training")
+        raise Mismatch(f"{what}: sample {worst} is {theirs[worst]} in the library, {expected[worst]:.0f} in training")
     return float(difference.max())
 
 

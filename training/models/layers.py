@@ -24,6 +24,28 @@ def fast_tanh(x):
     return torch.where(x > 10, torch.ones_like(y), torch.where(x < -10, -torch.ones_like(y), y))
 
 
+def limited_sigmoid(x):
+    return torch.where(x > 10, torch.ones_like(x), torch.where(x < -10, torch.zeros_like(x), torch.sigmoid(x)))
+
+
+def limited_tanh(x, limit):
+    return torch.where(x > limit, torch.ones_like(x), torch.where(x < -limit, -torch.ones_like(x), torch.tanh(x)))
+
+
+def run_gru(gru, x, sigmoid, tanh):
+    """A one-layer nn.GRU over x [B, time, inputs] with activations of one's own, from a zero state."""
+    gates_x = x @ gru.weight_ih_l0.T + gru.bias_ih_l0
+    h, outputs = x.new_zeros(x.shape[0], gru.hidden_size), []
+    for gi in gates_x.unbind(1):
+        gh = h @ gru.weight_hh_l0.T + gru.bias_hh_l0
+        (ir, iz, i_n), (hr, hz, hn) = gi.chunk(3, -1), gh.chunk(3, -1)
+        r, z = sigmoid(ir + hr), sigmoid(iz + hz)
+        n = tanh(i_n + r * hn)
+        h = (1 - z) * n + z * h
+        outputs.append(h)
+    return torch.stack(outputs, 1)
+
+
 class CausalConv(nn.Module):
     """Convolution over (time, frequency) that sees only past frames, then normalisation and PReLU where asked for.
 
@@ -78,17 +100,7 @@ class GruBlock(nn.Module):
     def run(self, x):
         if not self.deployed:
             return self.gru(x)[0]
-        g = self.gru
-        gates_x = x @ g.weight_ih_l0.T + g.bias_ih_l0
-        h, outputs = x.new_zeros(x.shape[0], x.shape[2]), []
-        for gi in gates_x.unbind(1):
-            gh = h @ g.weight_hh_l0.T + g.bias_hh_l0
-            (ir, iz, i_n), (hr, hz, hn) = gi.chunk(3, -1), gh.chunk(3, -1)
-            r, z = self.sigmoid(ir + hr), self.sigmoid(iz + hz)
-            n = self.tanh(i_n + r * hn)
-            h = (1 - z) * n + z * h
-            outputs.append(h)
-        return torch.stack(outputs, 1)
+        return run_gru(self.gru, x, self.sigmoid, self.tanh)
 
     def affine(self):
         """Scale and shift that follow the linear layer."""

@@ -6,21 +6,18 @@ import torch
 from torch import nn
 
 from . import spectrum
-from .layers import CausalConv, GruBlock, conv_tables, fast_sigmoid, gru_gates, shuffle
+from .layers import CausalConv, GruBlock, conv_tables, fast_sigmoid, gru_gates, limited_sigmoid, limited_tanh, shuffle
 
 LOW_BINS, LOW_FACTOR = 4, 0.2
 INPUT = [(4, 16), (16, 32), (32, 48), (48, 64)]
 CHANNELS, BLOCKS, STAGES = 64, 3, 4
 UPSAMPLING = [(64, 64), (32, 32), (16, 16), (8, 4)]
 GROUPS, GROUP = 64, 8
+TANH_LIMIT = 8
 
 
-def clamped_sigmoid(x):
-    return torch.where(x > 10, torch.ones_like(x), torch.where(x < -10, torch.zeros_like(x), torch.sigmoid(x)))
-
-
-def clamped_tanh(x):
-    return torch.where(x > 8, torch.ones_like(x), torch.where(x < -8, -torch.ones_like(x), torch.tanh(x)))
+def tanh(x):
+    return limited_tanh(x, TANH_LIMIT)
 
 
 class GroupedMap(nn.Module):
@@ -44,7 +41,7 @@ class EchoSuppressor(nn.Module):
         stage = lambda: CausalConv(CHANNELS, CHANNELS, (3, 3), activation=True, norm=norm)
         self.encoder = nn.ModuleList(stage() for _ in range(STAGES))
         self.blocks = nn.ModuleList(
-            GruBlock(CHANNELS, axis, False, clamped_sigmoid, clamped_tanh)
+            GruBlock(CHANNELS, axis, False, limited_sigmoid, tanh)
             for _ in range(BLOCKS) for axis in ("time", "freq"))
         self.decoder = nn.ModuleList(stage() for _ in range(STAGES))
         self.upsampling = nn.ModuleList(CausalConv(*shape, (2, 3)) for shape in UPSAMPLING)
