@@ -1,6 +1,5 @@
 """python -m training COMMAND: see --help. Commands run from the repository root."""
 import argparse
-import copy
 import json
 import pathlib
 import sys
@@ -54,14 +53,14 @@ def export_trained(arguments, task, config, source, folder):
     path, digest = export.write(arguments.network, tables, metadata, arguments.params or folder)
     print(f"wrote {path}\nSHA-256 {digest}")
     if arguments.library:
-        check, _ = parity.CHECKS[arguments.network]
-        print(f"parity: {check(arguments.library, copy.deepcopy(model)):.2f} int16 steps at most")
+        check, _, _, unit = parity.CHECKS[arguments.network]
+        print(f"parity: {check(arguments.library, model):.3g} {unit}")
 
 
 def run_parity(arguments):
     for network in arguments.networks or parity.CHECKS:
         worst = max(parity.random_tables(network, arguments.library, seed) for seed in range(arguments.seeds))
-        print(f"{network}: {worst:.3f} int16 steps at most over {arguments.seeds} random networks")
+        print(f"{network}: {worst:.3g} {parity.CHECKS[network][3]}, {arguments.seeds} random networks")
 
 
 def main():

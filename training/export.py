@@ -5,6 +5,7 @@ import pathlib
 import subprocess
 
 import numpy as np
+import torch
 
 from .shared import PARAMS, ROOT, safetensors_file
 
@@ -19,7 +20,7 @@ def fit(network, tables):
     """Tables in the manifest's element types and shapes; the first layer's two trailing floats are zeros."""
     fitted = {}
     for name, entry in manifest(network).items():
-        values = np.asarray(tables[name]).ravel()
+        values = torch.as_tensor(tables[name]).detach().numpy().ravel()
         size = int(np.prod(entry["shape"]))
         fitted[name] = np.pad(values, (0, size - values.size)).astype(DTYPES[entry["dtype"]]).reshape(entry["shape"])
     unknown = tables.keys() - fitted.keys()

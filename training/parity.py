@@ -3,10 +3,11 @@ import numpy as np
 import torch
 
 from . import engine, export
-from .models import spectrum
+from .models import doa, kws, kws_int8, kws_tables, spectrum
 from .models.layers import deploy
 from .models.naec import EchoSuppressor
 from .models.ns import NoiseSuppressor
+from .models.quantise import set_mode
 
 INT16_STEP = 1 / 32768
 # The float networks sum in another order than PyTorch: one int16 step, or 1e-4 of the sample.
@@ -29,9 +30,9 @@ def compare(ours, theirs, what):
     return float(difference.max())
 
 
-def signals(rng, rows, frames):
+def signals(rng, rows, frames, size=engine.FRAME):
     """Noise bursts at speech-like levels, int16."""
-    samples = frames * engine.FRAME
+    samples = frames * size
     envelope = np.repeat(10**rng.uniform(-3, -0.7, (rows, frames * 4)), samples // (frames * 4), axis=1)
     return np.int16(np.clip(rng.standard_normal((rows, samples)) * envelope, -0.99, 0.99) * 32768)
 
@@ -59,6 +60,55 @@ def echo_suppressor(library_path, model, frames=24, seed=0):
     return compare(ours, theirs[DELAY:], "naec")
 
 
+@torch.no_grad()
+def direction(library_path, model, blocks=60, seed=0):
+    """Returns the largest difference of a vector's component."""
+    mics = signals(np.random.default_rng(seed), 3, blocks, engine.BLOCK)
+    theirs = engine.directions(engine.load(library_path, export.fit("doa", model.tables())), mics)
+    ours = model(doa.inputs(torch.from_numpy(mics).float()[None]), deployed=True)[0].numpy()
+    difference = np.abs(ours - theirs)
+    if not (difference <= RELATIVE).all():
+        raise Mismatch(f"doa: {theirs[difference.argmax() // 2]} in the library, {ours[difference.argmax() // 2]} in training")
+    return float(difference.max())
+
+
+@torch.no_grad()
+def wake_up(library_path, model, blocks=200, seed=0):
+    """model: calibrated. Every state and score of every step, to the bit. Returns the number of steps compared."""
+    tables = export.fit("kws", kws_tables.tables(model))
+    return wake_up_tables(library_path, tables, blocks, seed)
+
+
+def wake_up_tables(library_path, tables, blocks=200, seed=0):
+    (wave,) = signals(np.random.default_rng(seed), 1, blocks, engine.BLOCK)
+    network, compared = kws_int8.Network(tables), 0
+    # The mel filters are the library's own constant and not exported.
+    exported = {name: values for name, values in tables.items() if name != "fbank_filter1"}
+    for step, theirs in enumerate(engine.syllables(engine.load(library_path, exported), wave)):
+        if theirs is None:
+            network.clear()
+            continue
+        features, *rest = theirs
+        scores = network.step(features)
+        for what, a, b in zip(("state", "memory", "scores"), (network.state, network.memory, scores), rest):
+            if not np.array_equal(a, b):
+                raise Mismatch(f"kws: step {step}, {what}: {np.sum(a != b)} codes differ")
+        compared += 1
+    return compared
+
+
+def random_wake_up(kind, seed):
+    """A random network, its quantisers calibrated on noise."""
+    torch.manual_seed(seed)
+    model = kind()
+    wave = signals(np.random.default_rng(seed + 1), 8, 100, engine.BLOCK)
+    set_mode(model, "observe")
+    with torch.no_grad():
+        model(kws.inputs(torch.from_numpy(wave).float()))
+    set_mode(model, "codes")
+    return model
+
+
 def random_model(kind, seed):
     """A small random network in deployed form, lively enough that every table matters."""
     torch.manual_seed(seed)
@@ -78,9 +128,13 @@ def random_model(kind, seed):
     return deploy(model)
 
 
-CHECKS = {"ns": (noise_suppressor, NoiseSuppressor), "naec": (echo_suppressor, EchoSuppressor)}
+# Network -> check, maker of a random network, its class, unit of the check's result.
+CHECKS = {"ns": (noise_suppressor, random_model, NoiseSuppressor, "int16 steps at most"),
+          "naec": (echo_suppressor, random_model, EchoSuppressor, "int16 steps at most"),
+          "doa": (direction, random_model, doa.DirectionNetwork, "at most"),
+          "kws": (wake_up, random_wake_up, kws.SyllableNetwork, "steps equal to the bit")}
 
 
 def random_tables(network, library_path, seed=0):
-    check, kind = CHECKS[network]
-    return check(library_path, random_model(kind, seed))
+    check, make, kind, _ = CHECKS[network]
+    return check(library_path, make(kind, seed))
