@@ -4,13 +4,14 @@ from torch import nn
 from torch.nn import functional as F
 
 from . import features
-from .quantise import Quantiser, fake_weight
+from .quantise import Quantiser, fake_bias, fake_weight
 
 MEL_HISTORY = 240
 CLASSES, BLANK, FILLER = 146, 145, 0
 STATE, CHANNELS, MEMORY, WIDTH, LAYERS = 128, 164, 8, 256, 4
 FEATURE_CODES = (0.1, 20)  # -2..23.5 nats; silence lies below and becomes code 0
 STATE_CODES = (2 / 255, 128)
+NORM_GUARD = 1e-7
 FILLER_GAIN, BLANK_GAIN = 0.9, 0.95  # on positive scores, before the softmax
 
 
@@ -19,36 +20,47 @@ def inputs(wave):
     return features.log_mel(wave, MEL_HISTORY)
 
 
+def as_codes(weight, bias, into):
+    """Weight and bias as the integers of a layer stand for them; as they are while codes are not in use. into: the
+    Quantiser of the layer's input."""
+    return (fake_weight(weight), fake_bias(bias, weight, into)) if into.mode == "codes" else (weight, bias)
+
+
 class Conv(nn.Module):
     """A convolution's weights as codes where its output is."""
 
-    def __init__(self, inputs, outputs, kernel, stride=1, per_channel=False, rectified=False):
+    def __init__(self, into, inputs, outputs, kernel, stride=1, per_channel=False, rectified=False):
         super().__init__()
         # A per-channel layer has no bias: its input has zero point 0, so there is nothing to absorb either.
         self.conv = nn.Conv2d(inputs, outputs, kernel, stride, groups=inputs if per_channel else 1,
                               bias=not per_channel)
-        self.out = Quantiser(rectified)
+        self.into, self.out = [into], Quantiser(rectified)  # the list keeps another layer's module out of this one
 
     def forward(self, x):
-        weight = fake_weight(self.conv.weight) if self.out.mode == "codes" else self.conv.weight
-        return self.out(F.conv2d(x, weight, self.conv.bias, self.conv.stride, groups=self.conv.groups))
+        weight, bias = as_codes(self.conv.weight, self.conv.bias, self.into[0])
+        return self.out(F.conv2d(x, weight, bias, self.conv.stride, groups=self.conv.groups))
+
+
+def separable(before, inputs, outputs, kernel, stride):
+    per_channel = Conv(before.out, inputs, inputs, kernel, stride, per_channel=True)
+    return nn.ModuleList([per_channel, Conv(per_channel.out, inputs, outputs, 1, rectified=True)])
 
 
 class Dense(nn.Module):
-    def __init__(self, inputs, outputs, rectified=False):
+    def __init__(self, into, inputs, outputs, rectified=False):
         super().__init__()
-        self.linear, self.out = nn.Linear(inputs, outputs), Quantiser(rectified)
+        self.linear, self.into, self.out = nn.Linear(inputs, outputs), [into], Quantiser(rectified)
 
     def forward(self, x):
-        weight = fake_weight(self.linear.weight) if self.out.mode == "codes" else self.linear.weight
-        return self.out(F.linear(x, weight, self.linear.bias))
+        return self.out(F.linear(x, *as_codes(self.linear.weight, self.linear.bias, self.into[0])))
 
 
 class Recurrent(nn.Module):
     """The engine clears the state to code 0, which stands for about -1, not for 0."""
 
-    def __init__(self):
+    def __init__(self, into):
         super().__init__()
+        self.into = [into]
         self.gru = nn.GRU(STATE, STATE, batch_first=True)
         self.input_gates = nn.ModuleList(Quantiser(zero_first=True) for _ in "rzn")
         self.state_gates = nn.ModuleList(Quantiser(zero_first=True) for _ in "rzn")
@@ -59,13 +71,12 @@ class Recurrent(nn.Module):
         if self.out.mode == "float":
             return self.gru(x, h[None])[0]
         g, outputs = self.gru, []
-        quantised = [fake_weight(w) if self.out.mode == "codes" else w
-                     for side in (g.weight_ih_l0, g.weight_hh_l0) for w in side.chunk(3)]
-        w_i, w_h = quantised[:3], quantised[3:]
-        b_i, b_h = g.bias_ih_l0.chunk(3), g.bias_hh_l0.chunk(3)
-        from_input = [q(F.linear(x, w, b)) for q, w, b in zip(self.input_gates, w_i, b_i)]
+        per_gate = lambda weight, bias, into: [as_codes(w, b, into) for w, b in zip(weight.chunk(3), bias.chunk(3))]
+        recurrent = per_gate(g.weight_hh_l0, g.bias_hh_l0, self.out)
+        from_input = [q(F.linear(x, *layer)) for q, layer in
+                      zip(self.input_gates, per_gate(g.weight_ih_l0, g.bias_ih_l0, self.into[0]))]
         for t in range(x.shape[1]):
-            h_r, h_z, h_n = (q(F.linear(h, w, b)) for q, w, b in zip(self.state_gates, w_h, b_h))
+            h_r, h_z, h_n = (q(F.linear(h, *layer)) for q, layer in zip(self.state_gates, recurrent))
             i_r, i_z, i_n = (gate[:, t] for gate in from_input)
             r, z = torch.sigmoid(i_r + h_r), torch.sigmoid(i_z + h_z)
             h = self.out((1 - z) * torch.tanh(i_n + r * h_n) + z * h)
@@ -76,14 +87,14 @@ class Recurrent(nn.Module):
 class MemoryBlock(nn.Module):
     """Dense, a filter over each channel's eight previous steps added on, dense and ReLU, layer norm without epsilon."""
 
-    def __init__(self, size):
+    def __init__(self, into, size):
         super().__init__()
-        self.into = Dense(size, CHANNELS)
+        self.into = Dense(into, size, CHANNELS)
         self.taps = nn.Parameter(torch.randn(CHANNELS, MEMORY) * 0.1)  # oldest step first
         self.left, self.sum = Quantiser(), Quantiser()
-        self.outof = Dense(CHANNELS, WIDTH, rectified=True)
+        self.outof = Dense(self.sum, CHANNELS, WIDTH, rectified=True)
         nn.init.uniform_(self.outof.linear.bias, 0.1, 0.5)
-        self.norm, self.out = nn.LayerNorm(WIDTH, eps=0.0), Quantiser()
+        self.norm, self.out = nn.LayerNorm(WIDTH, eps=0.0), Quantiser(zero_first=True, guard=NORM_GUARD)
 
     def forward(self, x):
         p = self.into(x)
@@ -101,13 +112,15 @@ class SyllableNetwork(nn.Module):
     def __init__(self):
         super().__init__()
         self.features = Quantiser(fixed=FEATURE_CODES, zero_first=True)
-        self.conv1 = Conv(1, 16, (2, 4), (1, 2), rectified=True)
-        self.conv2 = nn.ModuleList([Conv(16, 16, (2, 4), (1, 2), True), Conv(16, 48, 1, rectified=True)])
-        self.conv3 = nn.ModuleList([Conv(48, 48, (2, 4), (1, 2), True), Conv(48, 64, 1, rectified=True)])
-        self.conv4 = nn.ModuleList([Conv(64, 64, (3, 3), (3, 3), True), Conv(64, STATE, 1, rectified=True)])
-        self.gru = Recurrent()
-        self.memory = nn.ModuleList(MemoryBlock(WIDTH if i else STATE) for i in range(LAYERS))
-        self.output = Dense(WIDTH, CLASSES)
+        self.conv1 = Conv(self.features, 1, 16, (2, 4), (1, 2), rectified=True)
+        self.conv2 = separable(self.conv1, 16, 48, (2, 4), (1, 2))
+        self.conv3 = separable(self.conv2[1], 48, 64, (2, 4), (1, 2))
+        self.conv4 = separable(self.conv3[1], 64, STATE, (3, 3), (3, 3))  # folds the block's three frames
+        self.gru = Recurrent(self.conv4[1].out)
+        self.memory = nn.ModuleList()
+        for i in range(LAYERS):
+            self.memory.append(MemoryBlock(self.memory[-1].out, WIDTH) if i else MemoryBlock(self.gru.out, STATE))
+        self.output = Dense(self.memory[-1].out, WIDTH, CLASSES)
 
     def forward(self, x):
         """Features [B, frames, 40] -> scores [B, frames / 3, 146]."""

@@ -24,6 +24,14 @@ def fake_weight(weight):
     return round_away(weight / scale).clamp(-LARGEST_WEIGHT, LARGEST_WEIGHT) * scale
 
 
+def fake_bias(bias, weight, into):
+    """Biases in whole steps of input scale times weight scale."""
+    if bias is None:
+        return None
+    unit = into.scale * weight_scale(weight)
+    return round_away(bias / unit) * unit
+
+
 def weight_scale(weight):
     return weight.detach().abs().max().clamp_min(1e-8) / LARGEST_WEIGHT
 
@@ -33,11 +41,13 @@ class Quantiser(nn.Module):
     widens the range to what it sees, "codes" rounds and limits as the engine does.
 
     rectified: zero point 0, so that the lower limit is the layer's ReLU. fixed: (scale, zero_point) not to be learnt.
-    zero_first: the zero point is added before rounding (the recurrent gates), not after.
+    zero_first: the zero point is added before rounding (recurrent gates, layer norms), not after. guard: what the
+    engine adds to a layer norm's scale before it divides.
     """
 
-    def __init__(self, rectified=False, fixed=None, zero_first=False):
+    def __init__(self, rectified=False, fixed=None, zero_first=False, guard=0.0):
         super().__init__()
+        self.guard = guard
         self.rectified, self.zero_first, self.fixed, self.mode = rectified, zero_first, fixed is not None, "float"
         scale, zero_point = fixed or (1.0, 0)
         self.register_buffer("scale", torch.tensor(float(scale)))
@@ -47,7 +57,7 @@ class Quantiser(nn.Module):
 
     def forward(self, x):
         if self.mode == "codes":
-            shifted = x / self.scale
+            shifted = x / (self.scale + self.guard)
             codes = round_away(shifted + self.zero_point) if self.zero_first else round_away(shifted) + self.zero_point
             return (codes.clamp(0, CODES) - self.zero_point) * self.scale
         if self.rectified:
