@@ -9,6 +9,7 @@ import torch
 
 from . import data, export, parity, tasks, train
 from .models.layers import deploy
+from .models.quantise import set_mode
 from .shared import ROOT
 
 STAGES = ("scenes", "train", "quantise", "export", "evaluate")
@@ -37,12 +38,25 @@ def run_training(arguments):
     if "train" in stages:
         (folder / "config.json").write_text(json.dumps(config, indent=1))
         train.train(task, config, folder, device)
+    if "quantise" in stages and "quantise" in config:
+        quantise(task, config, folder, device)
     if "export" in stages:
         export_trained(arguments, task, config, source, folder)
 
 
+def quantise(task, config, folder, device):
+    model = task.model().to(device)
+    model.load_state_dict(train.averaged(folder))
+    calibration = train.batches(task, config["seed"] + 1, "train", 0, config["quantise"]["calibration_batches"], 0)
+    task.calibrate(model, ({name: value.to(device) for name, value in batch.items()} for batch in calibration))
+    train.train(task, config, folder / "quantised", device, model, "quantise")
+
+
 def export_trained(arguments, task, config, source, folder):
     model = task.model()
+    if "quantise" in config:
+        folder /= "quantised"
+        set_mode(model, "codes")
     model.load_state_dict(train.averaged(folder))
     valid = list(train.batches(task, config["seed"], "valid", 0, config["data"]["validation_batches"], 0))
     results = train.validate(task, model, valid, "cpu")

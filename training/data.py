@@ -16,8 +16,14 @@ class StubData:
     def digest(self):
         return "stub"
 
-    def ns_batch(self, *arguments):
-        return stub_scenes.ns_batch(None, None, *arguments)
+    def ns_batch(self, rng, batch, seconds, split):
+        return stub_scenes.ns_batch(None, None, rng, batch, seconds, split)
+
+    def doa_batch(self, rng, batch, seconds, split):
+        return stub_scenes.doa_batch(None, None, rng, batch, seconds, split)
+
+    def kws_batch(self, rng, batch, seconds, split):
+        return stub_scenes.kws_batch(None, None, rng, batch, seconds, split)
 
     @functools.cache
     def echo_clips(self, split):
@@ -26,5 +32,50 @@ class StubData:
         return stub_scenes.EchoClips(clips, c["clip_seconds"], seed=["train", "valid", "test"].index(split))
 
 
+class SceneData:
+    """Everything is opened on first use, so that worker processes open their own."""
+
+    def __init__(self, config, audio, folder, library, smoke):
+        self.config, self.audio, self.folder, self.library = config, audio, folder, library
+        suffix = "-smoke" if smoke else ""
+        self.bank_path = folder / f"bank{suffix}"
+        self.aec_path = folder / f"aec{suffix}"
+
+    @functools.cached_property
+    def corpus(self):
+        from .corpus import open_corpus
+        return open_corpus(self.audio, self.folder / "corpus", self.config["seed"])
+
+    @functools.cached_property
+    def bank(self):
+        from .scenes import bank
+        return bank.load_bank(self.bank_path)
+
+    def digest(self):
+        return self.corpus.digest()
+
+    def prepare(self, network):
+        """Builds what is missing: rooms, and for the echo suppressor the canceller's runs."""
+        from .scenes import bank, simulate
+        c = self.config["data"]
+        bank.build_bank(self.bank_path, c["rooms"], self.config["seed"], c["workers"])
+        if network == "naec":
+            from .library import Library
+            for split, clips in (("train", c["clips"]), ("valid", c["valid_clips"])):
+                simulate.aec_cache(self.corpus, self.bank, self.aec_path / split, clips, c["clip_seconds"],
+                                   self.config["seed"], split, Library(self.library))
+
+    def ns_batch(self, rng, batch, seconds, split):
+        from .scenes import simulate
+        return simulate.ns_batch(self.corpus, self.bank, rng, batch, seconds, split)
+
+    @functools.cache
+    def echo_clips(self, split):
+        from .scenes import simulate
+        return simulate.load_aec_cache(self.aec_path / split)
+
+
 def open_data(config, arguments):
-    return StubData(config)
+    if arguments.stub:
+        return StubData(config)
+    return SceneData(config, arguments.data, arguments.out, arguments.library, arguments.smoke)

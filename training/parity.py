@@ -3,7 +3,7 @@ import numpy as np
 import torch
 
 from . import engine, export
-from .models import doa, kws, kws_int8, kws_tables, spectrum
+from .models import doa, kws, kws_int8, spectrum
 from .models.layers import deploy
 from .models.naec import EchoSuppressor
 from .models.ns import NoiseSuppressor
@@ -75,7 +75,7 @@ def direction(library_path, model, blocks=60, seed=0):
 @torch.no_grad()
 def wake_up(library_path, model, blocks=200, seed=0):
     """model: calibrated. Every state and score of every step, to the bit. Returns the number of steps compared."""
-    tables = export.fit("kws", kws_tables.tables(model))
+    tables = export.fit("kws", model.tables())
     return wake_up_tables(library_path, tables, blocks, seed)
 
 

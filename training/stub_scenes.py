@@ -2,7 +2,9 @@
 path. For the tests and the smoke runs of a machine that has neither corpus nor speech synthesiser."""
 import numpy as np
 
-RATE = 16000
+from .scenes import array_geometry
+
+RATE, BLOCK = 16000, 480
 ECHO_DELAY = 20  # samples, as the canceller delays its microphone
 
 
@@ -69,3 +71,36 @@ class EchoClips:
 
     def __getitem__(self, i):
         return self.clips[i]
+
+
+def doa_batch(corpus, bank, rng, batch, seconds, split):
+    """Plane waves in free field. mics: int16 values [B, 3, T]; heading [B] in degrees; active [B, blocks]."""
+    blocks = round(seconds * RATE) // BLOCK
+    samples = blocks * BLOCK
+    positions = array_geometry.mic_offsets()[:, :2]
+    mics, headings, active = [], rng.uniform(0, 360, batch), []
+    for heading in headings:
+        on = np.repeat(rng.random(blocks // 10 + 1) > 0.3, 10)[:blocks]
+        speech = np.fft.rfft(coloured_noise(rng, samples) * np.repeat(on, BLOCK))
+        towards = array_geometry.offset(heading, 1.0, 0.0)[:2]
+        delays = -positions @ towards / 343.0
+        turn = np.exp(-2j * np.pi * np.fft.rfftfreq(samples, 1 / RATE) * delays[:, None])
+        noise = 0.002 * rng.standard_normal((3, samples))
+        mics.append(np.fft.irfft(speech * turn, samples) + noise)
+        active.append(on)
+    return {"mics": np.float32(np.round(32768 * np.clip(mics, -0.99, 0.99))), "heading": np.float32(headings),
+            "active": np.float32(active)}
+
+
+def kws_batch(corpus, bank, rng, batch, seconds, split):
+    """Strings of "syllables", one pair of tones per class. wave: int16 values [B, T]; labels [B, L], 0 = no more."""
+    blocks = round(seconds * RATE) // BLOCK
+    count = max(1, int(seconds / 0.4) - 1)
+    waves, labels = 0.003 * rng.standard_normal((batch, blocks * BLOCK)), rng.integers(1, 145, (batch, count))
+    t = np.arange(round(0.25 * RATE)) / RATE
+    for wave, row in zip(waves, labels):
+        for i, label in enumerate(row):
+            start = round((0.4 * i + 0.2) * RATE)
+            tones = np.sin(2 * np.pi * (300 + 60 * (label % 12)) * t) + np.sin(2 * np.pi * (1300 + 200 * (label // 12)) * t)
+            wave[start:start + len(t)] += 0.05 * tones * np.hanning(len(t)) * 10**rng.uniform(-0.5, 0.5)
+    return {"wave": np.float32(np.round(32768 * np.clip(waves, -0.99, 0.99))), "labels": np.float32(labels)}

@@ -75,12 +75,13 @@ def freeze_norm(model):
             module.eval()
 
 
-def train(task, config, folder, device):
-    """Runs or resumes; returns the model averaged over the last checkpoints, in training form."""
-    c, seed = config["train"], config["seed"]
+def train(task, config, folder, device, model=None, section="train"):
+    """Runs or resumes; returns the model averaged over the last checkpoints, in training form. model: where to start,
+    else a new one; section: the part of the configuration with the schedule."""
+    c, seed = config[section], config["seed"]
     folder.mkdir(parents=True, exist_ok=True)
     torch.manual_seed(seed)
-    model = task.model().to(device)
+    model = (model or task.model()).to(device)
     optimizer = torch.optim.AdamW(model.parameters(), weight_decay=c["weight_decay"], betas=(0.9, 0.99))
     step = resume(folder, model, optimizer)
     log, seen = Log(folder), {}
@@ -88,7 +89,7 @@ def train(task, config, folder, device):
     progress = tqdm.tqdm(total=c["steps"], initial=step, unit="step", mininterval=1 if os.isatty(2) else 60)
     for batch in batches(task, seed, "train", step, c["steps"], config["data"]["workers"]):
         model.train()
-        if step >= c["freeze_norm"] * c["steps"]:
+        if step >= c.get("freeze_norm", 1) * c["steps"]:
             freeze_norm(model)
         for group in optimizer.param_groups:
             group["lr"] = learning_rate(c, step)

@@ -3,7 +3,7 @@ import torch
 from torch import nn
 from torch.nn import functional as F
 
-from . import features
+from . import features, kws_tables
 from .quantise import Quantiser, fake_bias, fake_weight
 
 MEL_HISTORY = 240
@@ -134,6 +134,10 @@ class SyllableNetwork(nn.Module):
         for block in self.memory:
             x = block(x)
         return self.output(x)
+
+    def tables(self):
+        """The library's tables; the quantisers must be calibrated."""
+        return kws_tables.tables(self)
 
 
 def posteriors(scores):
