@@ -1,13 +1,12 @@
 """The sample recording is what its description says, decoded with the library's own codec.
 
-QUIBO_LIBRARY names the built libquibo.so. Needs flac.
+Needs flac.
 """
 
 import array
 import ctypes
 import json
 import math
-import os
 import pathlib
 import subprocess
 
@@ -39,9 +38,9 @@ def channels():
 
 
 @pytest.fixture(scope="module")
-def microphone_1(channels):
+def microphone_1(channels, build, unsanitized):
     mic = channels[0][:]
-    dec_data = ctypes.CDLL(os.environ["QUIBO_LIBRARY"]).dec_data
+    dec_data = ctypes.CDLL(build / "libquibo.so").dec_data
     dec_data((ctypes.c_int16 * len(mic)).from_buffer(mic), len(mic))
     return mic
 

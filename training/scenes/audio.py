@@ -10,7 +10,7 @@ RATE = 16000
 FULL_SCALE = 32768.0
 
 
-class Library:
+class Recordings:
     """A folder of 16 kHz mono WAV files, each top folder with a manifest.csv (path, licence, origin)."""
 
     def __init__(self, root):
