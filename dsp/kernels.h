@@ -7,6 +7,7 @@
 // process-wide and made once: nothing here is locked.
 #pragma once
 
+#include "dsp/complex.h"
 #include "quibo/quibo.h"
 
 namespace quibo {
@@ -23,10 +24,17 @@ struct LaecKernels {
   void (*apply_gain)(LAEC*);
 };
 
+struct DoaKernels {
+  void (*phase_transform)(const complex_t* a, const complex_t* b, complex_t* g);
+  void (*depthwise)(const float* const* inputs, const float* weights, int taps, int channels,
+                    float* out);
+};
+
 struct Kernels {
   const char* name;
   FftKernels fft512, fft1024, fft2048;
   LaecKernels laec;
+  DoaKernels doa;
 };
 
 // The variant in use.
