@@ -109,8 +109,8 @@ int32_t linear_aec_proc(LAEC* st, const float* mic, const float* ref, float* out
 
   copy(st->micdata, st->micdata + kShift, LAEC_DELAY);
   copy(st->micdata + LAEC_DELAY, mic, kShift);
-  const float* d = st->micdata;  // delayed, so that an echo path shorter than the interface's
-                                 // jitter stays causal
+  const float* d = st->micdata;  // delayed: an echo up to 20 samples early still meets its
+                                 // reference jitter stays causal
 
   run.estimate_echo(st);
   my_ifft(st->fftdata, st->w);

@@ -146,11 +146,11 @@ QUIBO_API float* kesto_laec_yn(void* handle);
 /* Releases a canceller. Returns 0, or -1 when handle is NULL. */
 QUIBO_API int32_t kesto_Laec_Post_unit(void* handle);
 
-/* ---- Direction estimator
- * -------------------------------------------------------------------------------------
- * Steps of 480 samples (30 ms) of three microphones on a circle; a network turns each into a vector
- * whose heading points at the talker and whose length is its confidence. docs/direction.md has the
- * conventions. */
+/* ---- Direction estimator ----------------------------------------------------------------------
+ *
+ * Steps of 480 samples (30 ms) of three microphones on a circle. A network turns each step into a
+ * vector whose heading points at the talker and whose length is its confidence; docs/direction.md
+ * has the conventions. */
 
 typedef void* KTDHandle;
 typedef struct DoaNet DoaNet; /* quibo/doa/ring_doa.h */
@@ -160,10 +160,11 @@ typedef struct DoaNet DoaNet; /* quibo/doa/ring_doa.h */
  * was built of it then stays allocated. */
 QUIBO_API int32_t kesto_customs_doa_init(KTDHandle* handle);
 
-/* One block: mic1..mic3 hold 480 new samples each, read and not kept. outdata is not used and may be
- * NULL. rcg_ret: non-zero when a wake was heard in this block. Returns -1 without a wake; with one,
- * the talker's heading in degrees, 0..360, from the longest vector of the last 15 blocks, and
- * forgets these blocks; -1 when that heading is negative (exactly -x); -10 when handle is NULL. */
+/* One block: mic1..mic3 hold 480 new samples each, read and not kept. outdata is not used and may
+ * be NULL. rcg_ret: non-zero when a wake was heard in this block. Returns -1 without a wake. With
+ * one, returns the talker's heading in degrees, 0..360, taken from the longest vector of the last
+ * 15 blocks, and forgets these blocks; or -1 when that heading is negative (exactly along -x).
+ * Returns -10 when handle is NULL. */
 QUIBO_API int32_t kesto_customs_doa_write(KTDHandle handle, const int16_t* mic1,
                                           const int16_t* mic2, const int16_t* mic3,
                                           int16_t* outdata, int32_t rcg_ret);
@@ -195,14 +196,14 @@ QUIBO_API int32_t doa_decision(DoaNet* doanet);
 /* First convolution: 4 input channels, 2 frames x 4 values, 16 output channels. */
 QUIBO_API extern const float ring_conv1_weight[512]; /* [16][4][2][4] */
 QUIBO_API extern const float ring_conv1_bias[16];
-/* Depth-wise-separable layers: taps [channel][frames][positions], then a pointwise matrix [output][input]. */
+/* Depth-wise-separable layers: taps per channel, then a pointwise matrix. */
 QUIBO_API extern const float ring_conv2_1_weight[128]; /* [16][2][4] */
 QUIBO_API extern const float ring_conv2_2_weight[448]; /* [28][16] */
 QUIBO_API extern const float ring_conv2_2_bias[28];
-QUIBO_API extern const float ring_conv3_1_weight[224]; /* [28][2][4] */
+QUIBO_API extern const float ring_conv3_1_weight[224];  /* [28][2][4] */
 QUIBO_API extern const float ring_conv3_2_weight[1008]; /* [36][28] */
 QUIBO_API extern const float ring_conv3_2_bias[36];
-QUIBO_API extern const float ring_conv4_1_weight[324]; /* [36][3][3] */
+QUIBO_API extern const float ring_conv4_1_weight[324];  /* [36][3][3] */
 QUIBO_API extern const float ring_conv4_2_weight[2304]; /* [64][36] */
 QUIBO_API extern const float ring_conv4_2_bias[64];
 /* GRU of 64 units; rows stacked reset, update, new. */
@@ -210,27 +211,27 @@ QUIBO_API extern const float ring_gru_weight_ih_l0[12288]; /* [192][64] */
 QUIBO_API extern const float ring_gru_weight_hh_l0[12288]; /* [192][64] */
 QUIBO_API extern const float ring_gru_bias_ih_l0[192];
 QUIBO_API extern const float ring_gru_bias_hh_l0[192];
-/* DFSMN layers: projection to 108 units, taps over the past 6 blocks (oldest first), output, layer norm. */
-QUIBO_API extern const float ring_d1_conv_in[6912]; /* [108][64] */
-QUIBO_API extern const float ring_d1_conv_left[648]; /* [108][6] */
+/* DFSMN layers: projection to 108 units, taps over the past 6 blocks, output, layer norm. */
+QUIBO_API extern const float ring_d1_conv_in[6912];   /* [108][64] */
+QUIBO_API extern const float ring_d1_conv_left[648];  /* [108][6] */
 QUIBO_API extern const float ring_d1_conv_out[17712]; /* [164][108] */
 QUIBO_API extern const float ring_d1_out_bias[164];
 QUIBO_API extern const float ring_ln1_weight[164];
 QUIBO_API extern const float ring_ln1_bias[164];
-QUIBO_API extern const float ring_d2_conv_in[17712]; /* [108][164] */
-QUIBO_API extern const float ring_d2_conv_left[648]; /* [108][6] */
+QUIBO_API extern const float ring_d2_conv_in[17712];  /* [108][164] */
+QUIBO_API extern const float ring_d2_conv_left[648];  /* [108][6] */
 QUIBO_API extern const float ring_d2_conv_out[17712]; /* [164][108] */
 QUIBO_API extern const float ring_d2_out_bias[164];
 QUIBO_API extern const float ring_ln2_weight[164];
 QUIBO_API extern const float ring_ln2_bias[164];
-QUIBO_API extern const float ring_d3_conv_in[17712]; /* [108][164] */
-QUIBO_API extern const float ring_d3_conv_left[648]; /* [108][6] */
+QUIBO_API extern const float ring_d3_conv_in[17712];  /* [108][164] */
+QUIBO_API extern const float ring_d3_conv_left[648];  /* [108][6] */
 QUIBO_API extern const float ring_d3_conv_out[17712]; /* [164][108] */
 QUIBO_API extern const float ring_d3_out_bias[164];
 QUIBO_API extern const float ring_ln3_weight[164];
 QUIBO_API extern const float ring_ln3_bias[164];
-QUIBO_API extern const float ring_d4_conv_in[17712]; /* [108][164] */
-QUIBO_API extern const float ring_d4_conv_left[648]; /* [108][6] */
+QUIBO_API extern const float ring_d4_conv_in[17712];  /* [108][164] */
+QUIBO_API extern const float ring_d4_conv_left[648];  /* [108][6] */
 QUIBO_API extern const float ring_d4_conv_out[17712]; /* [164][108] */
 QUIBO_API extern const float ring_d4_out_bias[164];
 QUIBO_API extern const float ring_ln4_weight[164];
