@@ -23,10 +23,22 @@ struct LaecKernels {
   void (*apply_gain)(LAEC*);
 };
 
+// Float network kernels; shapes and summation order in float_kernels.h.
+enum class Activation { kSigmoid, kTanh };
+
+struct FloatKernels {
+  float (*arr_mul_arr_float)(const float* in1, const float* in2, int len);
+  void (*mat_mul_vec_float)(float* out, const float* mat, const float* vec, int M, int N);
+  void (*arr_exp)(float* out, const float* in, int len);
+  void (*act_h)(float* out, const float* in, int len, Activation flag);
+  void (*vec_act_h)(float* out, const float* in, int len, Activation flag);
+};
+
 struct Kernels {
   const char* name;
   FftKernels fft512, fft1024, fft2048;
   LaecKernels laec;
+  FloatKernels net;
 };
 
 // The variant in use.
