@@ -4,7 +4,6 @@
 #include <string.h>
 
 #include "doa/doa_features.h"
-#include "dsp/float_kernels.h"
 #include "dsp/kernels.h"
 
 // Maps are stored [frame][position][channel], so that a position's channels are one vector for the
@@ -81,7 +80,8 @@ void plain_layer(const LAYER_CONV_1D_DOA& layer, const float* map, float* out) {
         copy(patch[c][0], earlier, kReach);
         copy(patch[c][1], earlier + kValues, kReach);
       }
-      quibo::mat_vec(out, layer.weight1, &patch[0][0][0], kChannels1, sizeof patch / sizeof(float));
+      quibo::kernels().net.mat_mul_vec_float(out, layer.weight1, &patch[0][0][0], kChannels1,
+                                             sizeof patch / sizeof(float));
       add_bias_relu(out, layer.bias, kChannels1);
     }
   }
@@ -119,7 +119,8 @@ void separable_layer(const SeparableShape& s, const LAYER_CONV_1D_DOA& layer, co
       }
       float depthwise[kMaxChannels];
       quibo::kernels().doa.depthwise(inputs, by_tap, kernel, s.channels_in, depthwise);
-      quibo::mat_vec(out, layer.weight2, depthwise, s.channels_out, s.channels_in);
+      quibo::kernels().net.mat_mul_vec_float(out, layer.weight2, depthwise, s.channels_out,
+                                             s.channels_in);
       add_bias_relu(out, layer.bias, s.channels_out);
     }
   }
@@ -127,20 +128,22 @@ void separable_layer(const SeparableShape& s, const LAYER_CONV_1D_DOA& layer, co
 
 // The state is the output: h' = (1 - z) n + z h.
 void doa_gru_forward(const LAYER_GRU_DOA& layer, const float* x, float* hid) {
-  constexpr int kUnitsGru = DOA_GRU_UNITS, kRows = 3 * kUnitsGru;
+  constexpr int kState = DOA_GRU_UNITS, kRows = 3 * kState;
+  const quibo::FloatKernels& run = quibo::kernels().net;
   float gi[kRows], gh[kRows];
-  quibo::mat_vec(gi, layer.wih_weight, x, kRows, kUnitsGru);
-  quibo::mat_vec(gh, layer.whh_weight, hid, kRows, kUnitsGru);
+  run.mat_mul_vec_float(gi, layer.wih_weight, x, kRows, kState);
+  run.mat_mul_vec_float(gh, layer.whh_weight, hid, kRows, kState);
   for (int i = 0; i < kRows; ++i) {
     gi[i] += layer.ih_bias[i];
     gh[i] += layer.hh_bias[i];
   }
-  for (int j = 0; j < kUnitsGru; ++j) {
-    const float r = quibo::sigmoid(gi[j] + gh[j]);
-    const float z = quibo::sigmoid(gi[kUnitsGru + j] + gh[kUnitsGru + j]);
-    const float n = quibo::tanh(gi[2 * kUnitsGru + j] + r * gh[2 * kUnitsGru + j]);
-    hid[j] = (1.0f - z) * n + z * hid[j];
-  }
+  float rz[2 * kState], n[kState];
+  const float *r = rz, *z = rz + kState, *gi_n = gi + 2 * kState, *gh_n = gh + 2 * kState;
+  for (int i = 0; i < 2 * kState; ++i) rz[i] = gi[i] + gh[i];
+  run.vec_act_h(rz, rz, 2 * kState, quibo::Activation::kSigmoid);
+  for (int j = 0; j < kState; ++j) n[j] = gi_n[j] + r[j] * gh_n[j];
+  run.vec_act_h(n, n, kState, quibo::Activation::kTanh);
+  for (int j = 0; j < kState; ++j) hid[j] = (1.0f - z[j]) * n[j] + z[j] * hid[j];
 }
 
 // Sums run from the first value to the last. No epsilon: a constant vector divides by zero and the
@@ -160,7 +163,7 @@ void layer_norm(float* x, const float* weight, const float* bias) {
 void doa_dfsmn_forward(const LAYER_DFSMN_CONV_DOA& layer, const float* x, int inputs, float* memory,
                        float* out) {
   float p[kMemory];
-  quibo::mat_vec(p, layer.weight_in, x, kMemory, inputs);
+  quibo::kernels().net.mat_mul_vec_float(p, layer.weight_in, x, kMemory, inputs);
   for (int j = 0; j < kMemory; ++j) {
     float* past = memory + kTaps * j;
     const float* taps = layer.weight_left + kTaps * j;
@@ -170,7 +173,7 @@ void doa_dfsmn_forward(const LAYER_DFSMN_CONV_DOA& layer, const float* x, int in
     past[kTaps - 1] = p[j];
     p[j] += m;
   }
-  quibo::mat_vec(out, layer.weight_out, p, kUnits, kMemory);
+  quibo::kernels().net.mat_mul_vec_float(out, layer.weight_out, p, kUnits, kMemory);
   add_bias_relu(out, layer.out_bias, kUnits);
   layer_norm(out, layer.ln_weight, layer.ln_bias);
 }
@@ -198,8 +201,10 @@ int32_t doa_model_forward(DoaNet* net, const int16_t* mic1, const int16_t* mic2,
   doa_dfsmn_forward(*net->dfsmn3_conv, d->out2, kUnits, left.qleft3, d->out1);
   doa_dfsmn_forward(*net->dfsmn4_conv, d->out1, kUnits, left.qleft4, d->out2);
   const LAYER_CONV_1D_DOA& fc = *net->fc_conv;
+  const quibo::FloatKernels& run = quibo::kernels().net;
   for (int c = 0; c < 2; ++c) {
-    d->xy[c] = quibo::tanh(quibo::dot(fc.weight1 + c * kUnits, d->out2, kUnits) + fc.bias[c]);
+    d->xy[c] = run.arr_mul_arr_float(fc.weight1 + c * kUnits, d->out2, kUnits) + fc.bias[c];
   }
+  run.vec_act_h(d->xy, d->xy, 2, quibo::Activation::kTanh);
   return 0;
 }
