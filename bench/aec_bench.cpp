@@ -25,9 +25,9 @@ constexpr int kRate = 16000;
 
 constexpr int kConvergeFrames = 256;  // 16 s
 constexpr int kSpeechFrames = 64;     // then measured over and over
-// What is left of the speech in smoothed powers and overlaps passes through the denormal range some
-// 1500 to 1750 frames (100 s) into silence; those frames are the ones measured.
-constexpr int kSilenceBefore = 1500, kSilenceFrames = 250;
+// The smoothed reference power of every bin has decayed into the denormal range after some 1750
+// frames (112 s) of silence and stays there; these frames are measured.
+constexpr int kSilenceBefore = 1800, kSilenceFrames = 250;
 
 struct Signals {
   std::vector<int16_t> mic, ref;
