@@ -13,8 +13,9 @@ for run in sorted(runs, key=lambda run: run["family_index"]):  # repetitions may
     row, library = run["run_name"].rsplit("/", 1)
     rows[row][library] = min(run["cpu_time"], rows[row].get(library, float("inf")))
 
-libraries = list(next(iter(rows.values())))
+libraries = list(dict.fromkeys(name for times in rows.values() for name in times))
 print(f"{runs[0]['time_unit']:14}" + "".join(f"{name:>20}" for name in libraries))
 for row, times in rows.items():
-    cells = (f"{times[name]:12.1f} ({times[name] / times['quibo']:4.2f}x)" for name in libraries)
+    cells = (f"{times[name]:12.1f} ({times[name] / times['quibo']:4.2f}x)" if name in times else " " * 20
+             for name in libraries)
     print(f"{row:14}" + "".join(cells))

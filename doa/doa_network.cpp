@@ -182,11 +182,15 @@ void doa_dfsmn_forward(const LAYER_DFSMN_CONV_DOA& layer, const float* x, int in
 
 int32_t doa_model_forward(DoaNet* net, const int16_t* mic1, const int16_t* mic2,
                           const int16_t* mic3) {
+  doa_add_samples(net->dlayer, mic1, mic2, mic3);
+  doa_fbank_gcc_phat_feature(net->dlayer);
+  doa_forward_layers(net);
+  return 0;
+}
+
+void doa_forward_layers(DoaNet* net) {
   LAYER_DATA_DOA* d = net->dlayer;
   Q_DOA_LEFT& left = d->qleft;
-  doa_add_samples(d, mic1, mic2, mic3);
-  doa_fbank_gcc_phat_feature(d);
-
   // out1 and out2 in turn. A map that needs its stored frame is written behind the room for it.
   doa_get_conv1_data(d->out1, left.conv1_left, d->out2);
   plain_layer(*net->m1_conv, d->out2, d->out1 + kPositions1 * kChannels1);
@@ -206,5 +210,4 @@ int32_t doa_model_forward(DoaNet* net, const int16_t* mic1, const int16_t* mic2,
     d->xy[c] = run.arr_mul_arr_float(fc.weight1 + c * kUnits, d->out2, kUnits) + fc.bias[c];
   }
   run.vec_act_h(d->xy, d->xy, 2, quibo::Activation::kTanh);
-  return 0;
 }
