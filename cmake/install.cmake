@@ -24,5 +24,7 @@ write_basic_package_version_file(${PROJECT_BINARY_DIR}/quibo-config-version.cmak
 install(FILES ${PROJECT_BINARY_DIR}/quibo-config.cmake ${PROJECT_BINARY_DIR}/quibo-config-version.cmake
   DESTINATION ${package_dir})
 
+# Relative to itself, so that `cmake --install --prefix` and moved installations work.
+file(RELATIVE_PATH quibo_pc_to_prefix ${CMAKE_INSTALL_FULL_LIBDIR}/pkgconfig ${CMAKE_INSTALL_PREFIX})
 configure_file(cmake/quibo.pc.in ${PROJECT_BINARY_DIR}/quibo.pc @ONLY)
 install(FILES ${PROJECT_BINARY_DIR}/quibo.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
