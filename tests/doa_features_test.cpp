@@ -63,8 +63,7 @@ std::vector<double> naive_gcc_phat(const int16_t* a, const int16_t* b) {
 }
 
 TEST(DoaFeatures, CorrelationsMatchTheNaiveOnesOfTheLast832Samples) {
-  // A bin whose level is near the transform's error has a random phase; it weighs 1/1024.
-  constexpr double kBar = 2e-4;
+  constexpr double kBar = 1e-5;
   constexpr int kBlocks = 4;
   std::vector<Samples> mics;
   for (unsigned m = 0; m < 3; ++m) mics.push_back(noise(kBlocks * kBlock, kSeed + m));
