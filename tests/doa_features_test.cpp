@@ -38,6 +38,7 @@ Samples noise(int count, unsigned seed, float level = 3000.0f) {
 
 void add_block(LAYER_DATA_DOA* d, const std::vector<Samples>& mics, int block) {
   const int at = block * kBlock;
+  for (complex_t& v : d->rfft) v = {1e4f, -1e4f};  // scratch may hold anything
   doa_add_samples(d, &mics[0][at], &mics[1][at], &mics[2][at]);
   doa_fbank_gcc_phat_feature(d);
 }

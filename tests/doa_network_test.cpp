@@ -121,7 +121,19 @@ Vector dfsmn(const LAYER_DFSMN_CONV_DOA& layer, const Vector& x, std::vector<Vec
   return o;
 }
 
-std::vector<Vector> reference(const DoaNet& net, const std::vector<std::vector<float>>& blocks) {
+#define CONVOLUTION(i) \
+  { ring_conv##i##_1_weight, ring_conv##i##_2_weight, ring_conv##i##_2_bias }
+#define DFSMN(i)                                                                           \
+  {                                                                                        \
+    nullptr, nullptr, nullptr, nullptr, ring_d##i##_conv_in, ring_d##i##_conv_left,        \
+        ring_d##i##_conv_out, ring_d##i##_out_bias, ring_ln##i##_weight, ring_ln##i##_bias \
+  }
+
+std::vector<Vector> reference(const std::vector<std::vector<float>>& blocks) {
+  const LAYER_CONV_1D_DOA separables[] = {CONVOLUTION(2), CONVOLUTION(3), CONVOLUTION(4)};
+  const LAYER_DFSMN_CONV_DOA layers[] = {DFSMN(1), DFSMN(2), DFSMN(3), DFSMN(4)};
+  const LAYER_GRU_DOA gru_layer = {ring_gru_weight_ih_l0, ring_gru_weight_hh_l0,
+                                   ring_gru_bias_ih_l0, ring_gru_bias_hh_l0};
   const int frames = 3 * static_cast<int>(blocks.size());
   Map x(4, frames, 40);
   for (int c = 0; c < 4; ++c) {
@@ -129,21 +141,19 @@ std::vector<Vector> reference(const DoaNet& net, const std::vector<std::vector<f
       for (int p = 0; p < 40; ++p) x.at(c, f, p) = blocks[f / 3][120 * c + 40 * (f % 3) + p];
     }
   }
-  Map y = convolve(x, net.m1_conv->weight1, net.m1_conv->bias, 16, 2, 4, 1, 2, 1, false);
-  y = separable(y, *net.m2_conv, 28, 2, 4, 1, 1);
-  y = separable(y, *net.m3_conv, 36, 2, 4, 1, 1);
-  y = separable(y, *net.m4_conv, 64, 3, 3, 3, 0);
-  const LAYER_DFSMN_CONV_DOA* layers[] = {net.dfsmn1_conv, net.dfsmn2_conv, net.dfsmn3_conv,
-                                          net.dfsmn4_conv};
+  Map y = convolve(x, ring_conv1_weight, ring_conv1_bias, 16, 2, 4, 1, 2, 1, false);
+  y = separable(y, separables[0], 28, 2, 4, 1, 1);
+  y = separable(y, separables[1], 36, 2, 4, 1, 1);
+  y = separable(y, separables[2], 64, 3, 3, 3, 0);
   std::vector<Vector> past[4], result;
   Vector h(64);
   for (int t = 0; t < y.frames; ++t) {
     Vector in(64);
     for (int c = 0; c < 64; ++c) in[c] = y.at(c, t, 0);
-    h = gru(*net.m_gru1, in, h);
+    h = gru(gru_layer, in, h);
     Vector v = h;
-    for (int i = 0; i < 4; ++i) v = dfsmn(*layers[i], v, past[i]);
-    v = affine(net.fc_conv->weight1, net.fc_conv->bias, 2, v);
+    for (int i = 0; i < 4; ++i) v = dfsmn(layers[i], v, past[i]);
+    v = affine(ring_fc_weight, ring_fc_bias, 2, v);
     result.push_back({std::tanh(v[0]), std::tanh(v[1])});
   }
   return result;
@@ -156,7 +166,7 @@ TEST(DoaNetwork, FollowsTheReferenceOverARecording) {
   std::vector<std::vector<float>> blocks;
   for (int t = 0; t < kBlocks; ++t) blocks.push_back(random_features(random));
   Net net;
-  const std::vector<Vector> expected = reference(net, blocks);
+  const std::vector<Vector> expected = reference(blocks);
   double spread = 0;
   for (int t = 0; t < kBlocks; ++t) {
     std::copy(blocks[t].begin(), blocks[t].end(), net.dlayer->out1);

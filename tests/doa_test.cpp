@@ -85,7 +85,10 @@ TEST_F(Doa, DecidesOnTheLongestOfTheLastFifteenTheEarlierOfEqualsAndOnce) {
     EXPECT_EQ(std::vector<float>(row(i), row(i) + 4), (std::vector<float>{0, 0, 0, -1})) << i;
   }
   EXPECT_EQ(doa_decision(net), 0);  // nothing left
-  // What is not a number is passed over, and so is what follows nothing but such rows.
+  fill(10, 0.5f, -0.5f);
+  fill(24, 0.4f, 0.4f);
+  EXPECT_EQ(doa_decision(net), 135);
+  // What is not a number is passed over.
   fill(10, 0.4f, -0.4f);
   fill(11, kNan, kNan);
   fill(24, 0.5f, 0.5f);
@@ -95,11 +98,11 @@ TEST_F(Doa, DecidesOnTheLongestOfTheLastFifteenTheEarlierOfEqualsAndOnce) {
 }
 
 TEST_F(Doa, AnswersOnlyToAWakeWithTheVectorsSinceTheLastOne) {
-  aim(0.6f, 0.0f);
+  aim(0.2f, 0.6f);
   for (int i = 0; i < 3; ++i) EXPECT_EQ(write(0), -1);
-  aim(0.3f, 0.3f);
-  EXPECT_EQ(write(1), 90);  // the longer one
-  EXPECT_EQ(write(1), 45);  // what came since
+  aim(0.4f, -0.4f);
+  EXPECT_EQ(write(1), 18);   // the longer one
+  EXPECT_EQ(write(1), 135);  // what came since
   EXPECT_EQ(write(0), -1);
   for (int i = 0; i < DOA_WINDOW + 1; ++i) push(0.1f, 0.1f);
   aim(-1.0f, 0.0f);
