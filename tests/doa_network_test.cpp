@@ -180,6 +180,29 @@ TEST(DoaNetwork, FollowsTheReferenceOverARecording) {
   EXPECT_GT(spread, 0.01);  // the features reach the output
 }
 
+TEST(DoaNetwork, DepthwiseTapsAreSummedInFourLanesAndTheNinthLast) {
+  std::mt19937 random(kSeed);
+  std::normal_distribution<float> normal;
+  for (const auto& [channels, taps] : {std::pair{16, 8}, {28, 8}, {36, 9}}) {
+    std::vector<float> x(taps * channels), w(x.size()), out(channels);
+    std::vector<const float*> inputs;
+    for (float& v : x) v = normal(random);
+    for (float& v : w) v = normal(random);
+    for (int k = 0; k < taps; ++k) inputs.push_back(&x[k * channels]);
+    for_each_variant([&, channels = channels, taps = taps](const std::string& variant) {
+      quibo::kernels().doa.depthwise(inputs.data(), w.data(), taps, channels, out.data());
+      for (int c = 0; c < channels; ++c) {
+        float lanes[4] = {};
+        auto product = [&](int k) { return x[k * channels + c] * w[k * channels + c]; };
+        for (int k = 0; k < 8; ++k) lanes[k % 4] += product(k);
+        float expected = (lanes[0] + lanes[2]) + (lanes[1] + lanes[3]);
+        if (taps == 9) expected += product(8);
+        ASSERT_EQ(out[c], expected) << variant << ", channel " << c << " of " << channels;
+      }
+    });
+  }
+}
+
 TEST(DoaNetwork, EveryVariantGivesTheScalarBitsInAllItsState) {
   constexpr int kBlocks = 300, kBlock = 480;
   std::mt19937 random(kSeed);
