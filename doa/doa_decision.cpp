@@ -10,7 +10,7 @@
 namespace {
 
 constexpr float kAxisGuard = 1e-6f;  // keeps y = 0 from dividing by zero
-constexpr double kPi = 3.1415925f;   // single precision, as the network's targets were made
+constexpr double kPi = 3.1415925f;   // single precision, kept: half degrees round by it
 constexpr int kDecisionBlocks = 15;  // 450 ms: about the wake phrase
 constexpr float kEmptyRow[4] = {0.0f, 0.0f, 0.0f, -1.0f};
 
