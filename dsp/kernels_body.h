@@ -3,7 +3,9 @@
 #pragma once
 
 #include "aec/laec_kernels.h"
+#include "doa/doa_kernels.h"
 #include "dsp/fft_kernels.h"
+#include "dsp/float_kernels.h"
 #include "dsp/kernels.h"
 
 namespace quibo {
@@ -20,7 +22,9 @@ constexpr Kernels make_kernels(const char* name) {
           make_fft_kernels<V, 512>(),
           make_fft_kernels<V, 1024>(),
           make_fft_kernels<V, 2048>(),
-          {laec_estimate_echo<V>, laec_adapt<V>, laec_update_gain<V>, laec_apply_gain<V>}};
+          {laec_estimate_echo<V>, laec_adapt<V>, laec_update_gain<V>, laec_apply_gain<V>},
+          {arr_mul_arr_float<V>, mat_mul_vec_float<V>, arr_exp<V>, act_h<V>, vec_act_h<V>},
+          {doa_phase_transform<V>, doa_depthwise<V>}};
 }
 
 }  // namespace

@@ -34,6 +34,8 @@ struct Stubs {
   std::deque<std::string> instances;       // of all modules; a handle points to its name
   std::string failing;                     // the creation that fails
   std::array<float, kFrame> echo_free[3];  // what the cancellers return
+  std::deque<int32_t> angles;              // what the direction estimator returns, then -1
+  std::vector<Samples> blocks[3];          // what it was given
   stMPO* limiter = nullptr;
 };
 Stubs stubs;
@@ -96,6 +98,26 @@ int32_t kesto_Laec_Post_unit(void* handle) {
   return -1;
 }
 
+int32_t kesto_customs_doa_init(KTDHandle* handle) {
+  *handle = create("estimator");
+  return *handle ? 0 : -1;
+}
+
+int32_t kesto_customs_doa_write(KTDHandle handle, const int16_t* mic1, const int16_t* mic2,
+                                const int16_t* mic3, int16_t* outdata, int32_t rcg_ret) {
+  log(name_of(handle) + " " + name_of(outdata) + " " + std::to_string(rcg_ret));
+  const int16_t* mics[] = {mic1, mic2, mic3};
+  for (int m = 0; m < 3; ++m) stubs.blocks[m].emplace_back(mics[m], mics[m] + kBlock);
+  if (stubs.angles.empty()) return -1;
+  const int32_t angle = stubs.angles.front();
+  stubs.angles.pop_front();
+  return angle;
+}
+
+void kesto_customs_doa_unit(KTDHandle handle) {
+  release(handle);
+}
+
 int32_t zq_MPO_Init(stMPO* mpo, int32_t fs, int32_t increasedB, int32_t maxLev) {
   log("zq_MPO_Init " + std::to_string(fs) + " " + std::to_string(increasedB) + " " +
       std::to_string(maxLev));
@@ -147,7 +169,7 @@ class FrontEnd : public testing::Test {
 
 TEST_F(FrontEnd, CreatesItsModulesInOrderAndPrintsTheVersion) {
   EXPECT_EQ(creation, (Calls{"create canceller1", "create canceller2", "create canceller3",
-                             "zq_MPO_Init 16000 20 -3"}));
+                             "create estimator", "zq_MPO_Init 16000 20 -3"}));
   EXPECT_EQ(printed, "Version:libquibo_wakeup_DOA_v3.3.22_20251103\n");
   EXPECT_EQ(name_of(h->handle1), "canceller1");
   EXPECT_EQ(name_of(h->handle2), "canceller2");
@@ -168,7 +190,11 @@ TEST_F(FrontEnd, EachFailedCreationStopsThereWithItsCode) {
   const struct {
     const char* failing;
     int32_t code;
-  } kCases[] = {{"record", -2}, {"canceller1", -3}, {"canceller2", -4}, {"canceller3", -5}};
+  } kCases[] = {{"record", -2},
+                {"canceller1", -3},
+                {"canceller2", -4},
+                {"canceller3", -5},
+                {"estimator", -4}};
   for (const auto& c : kCases) {
     stubs = Stubs{};
     stubs.failing = c.failing;
@@ -269,6 +295,41 @@ TEST_F(FrontEnd, DetectionFifosHoldTheRestOfEachBlockOf480) {
   }
 }
 
+TEST_F(FrontEnd, EstimatorHearsEveryBlockOfEachMicrophoneOnce) {
+  std::mt19937 random(kSeed);
+  Samples heard[3];
+  for (int frame = 0; frame < 15; ++frame) {  // 32 whole blocks
+    const Samples mics[3] = {random_samples(random), random_samples(random),
+                             random_samples(random)};
+    detect(mics[0], mics[1], mics[2]);
+    for (int m = 0; m < 3; ++m) heard[m].insert(heard[m].end(), mics[m].begin(), mics[m].end());
+  }
+  EXPECT_EQ(stubs.calls, Calls(32, "estimator NULL 0"));
+  for (int m = 0; m < 3; ++m) {
+    Samples given;
+    for (const Samples& block : stubs.blocks[m]) {
+      given.insert(given.end(), block.begin(), block.end());
+    }
+    EXPECT_EQ(given, heard[m]) << "microphone " << m + 1 << ", seed " << kSeed;
+  }
+}
+
+TEST_F(FrontEnd, AnAngleGainsThirtyDegreesAndEmptiesTheFifos) {
+  const Samples x(kFrame, 1000);
+  for (const auto& [angle, reported] :
+       {std::pair{0, 30}, {340, 10}, {329, 359}, {330, 0}, {360, 30}}) {
+    stubs.angles = {-1, angle};  // in the second block of the frame
+    int32_t wake = 77;
+    EXPECT_EQ(Quibo_doa_three_write_data(h, &wake, x.data(), x.data(), x.data(), nullptr, kFrame),
+              reported);
+    EXPECT_EQ(wake, -1);
+    EXPECT_EQ(h->data_doa_len, 0);
+    for (const auto& fifo : {h->WData, h->mic1_doa_data, h->mic2_doa_data, h->mic3_doa_data}) {
+      for (int i = 0; i < QUIBO_FIFO; ++i) ASSERT_EQ(fifo[i], 0) << i;
+    }
+  }
+}
+
 TEST_F(FrontEnd, MixesThreeMicrophonesTowardZero) {
   constexpr int kMixes[][4] = {{1, 1, 1, 0},
                                {2, 1, 1, 1},
@@ -329,7 +390,8 @@ TEST_F(FrontEnd, ReleasesEveryModuleAndItsRecord) {
   EXPECT_EQ(held.blocks(), 1);
   stubs.calls.clear();
   EXPECT_EQ(Quibo_wakeup_unit(own), 0);
-  EXPECT_EQ(stubs.calls, (Calls{"release canceller1", "release canceller2", "release canceller3"}));
+  EXPECT_EQ(stubs.calls, (Calls{"release estimator", "release canceller1", "release canceller2",
+                                "release canceller3"}));
   EXPECT_EQ(held.blocks(), 0);
 }
 
