@@ -1,10 +1,11 @@
-// Fills one row of the kernel table for a register type. Included by one kernels_*.cpp per
-// instruction set.
+// Fills one row of the kernel table for a float and an integer register. Included by one
+// kernels_*.cpp per instruction set.
 #pragma once
 
 #include "aec/laec_kernels.h"
 #include "dsp/fft_kernels.h"
 #include "dsp/kernels.h"
+#include "wakeup/int8_kernels.h"
 
 namespace quibo {
 namespace {
@@ -14,13 +15,15 @@ constexpr FftKernels make_fft_kernels() {
   return {RealFft<V, n>::forward, RealFft<V, n>::inverse};
 }
 
-template <class V>
+template <class V, class I>
 constexpr Kernels make_kernels(const char* name) {
   return {name,
           make_fft_kernels<V, 512>(),
           make_fft_kernels<V, 1024>(),
           make_fft_kernels<V, 2048>(),
-          {laec_estimate_echo<V>, laec_adapt<V>, laec_update_gain<V>, laec_apply_gain<V>}};
+          {laec_estimate_echo<V>, laec_adapt<V>, laec_update_gain<V>, laec_apply_gain<V>},
+          {int8_mat_vec<I>, int8_mat_mul<I>, int8_per_channel<I>, int8_requantise<I>,
+           int8_add_rescaled<I>}};
 }
 
 }  // namespace
