@@ -194,8 +194,10 @@ void dfsmn_forward_int8(const LAYER_DFSMN_CONV_INT8* layer, const uint8_t* in, i
                   layer->left_zero_point, remembered);
   for (int c = 0; c < KWS_CHANNELS; ++c) {
     uint8_t* steps = memory + c * KWS_MEMORY;
-    memmove(steps, steps + 1, KWS_MEMORY - 1);
-    steps[KWS_MEMORY - 1] = current[c];
+    uint8_t moved[KWS_MEMORY];
+    memcpy(moved, steps + 1, KWS_MEMORY - 1);
+    moved[KWS_MEMORY - 1] = current[c];
+    memcpy(steps, moved, KWS_MEMORY);
   }
 
   kernels().int8.add_rescaled(current, layer->add_qi1_zero_point, remembered,
