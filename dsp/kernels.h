@@ -54,7 +54,7 @@ struct Int8Kernels {
   // count >= kInt8MinCount.
   void (*requantise)(const int32_t* sums, int count, const Requantiser& q, uint8_t* out);
   // out[i] = first[i] - first_zero + round((second[i] - second_zero) * multiplier), the product
-  // limited to +-2^30. count >= kInt8MinCount.
+  // limited to +-2^30 (a NaN to -2^30). count >= kInt8MinCount.
   void (*add_rescaled)(const uint8_t* first, int32_t first_zero, const uint8_t* second,
                        int32_t second_zero, float multiplier, int count, int32_t* out);
 };

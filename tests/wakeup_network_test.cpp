@@ -17,6 +17,7 @@
 #include "wakeup/decoder.h"
 #include "wakeup/features.h"
 #include "wakeup/layers.h"
+#include "wakeup/quantised.h"
 
 namespace {
 
@@ -206,7 +207,8 @@ struct Reference {
     for (int c = 0; c < 164; ++c) {
       const float x =
           static_cast<float>(remembered[c] - l.add_qi2_zero_point) * factor(l.add_M2_0, l.add_M2_1);
-      const float limited = std::min(std::max(x, -1073741824.0f), 1073741824.0f);
+      // Limited to keep the sum within 32 bits; a NaN counts as the lower limit.
+      const float limit = 1 << 30, limited = x > -limit ? std::min(x, limit) : -limit;
       added[c] = wrapped(int64_t{current[c]} - l.add_qi1_zero_point +
                          static_cast<int64_t>(std::round(limited)));
     }
@@ -382,6 +384,45 @@ TEST(WakeupNetwork, EqualsTheReferenceToTheBitOnEveryVariant) {
 
 TEST(WakeupNetwork, EqualsTheReferenceOnExtremeTablesAndCodes) {
   run_against_reference(Values::kExtreme, 12, 3);
+}
+
+TEST(WakeupArithmetic, RequantisationRoundsHalvesAwayFromZeroThenSaturates) {
+  // Sums in steps of 2^-25, so that the product is exact: {product * 2^25, code at zero point 10}.
+  const std::vector<std::pair<int32_t, int>> cases = {
+      {16777215, 10},  // 0.49999997
+      {1 << 24, 11},    {-(1 << 24), 9}, {3 << 24, 12},   {-(3 << 24), 8}, {-(21 << 24), 0},
+      {-(24 << 24), 0}, {62 << 25, 72},  {INT32_MAX, 74}, {INT32_MIN, 0},  {0, 10}};
+  Sums sums(16);
+  for (size_t i = 0; i < cases.size(); ++i) sums[i] = cases[i].first;
+  for_each_variant([&](const std::string& variant) {
+    Codes codes(16);
+    layer_normalize(sums.data(), 16, 1, 25, 10, codes.data());
+    for (size_t i = 0; i < cases.size(); ++i) EXPECT_EQ(cases[i].second, codes[i]) << variant << i;
+    layer_normalize(sums.data(), 16, 1, 23, 10, codes.data());
+    EXPECT_EQ(255, codes[8]) << variant;  // 256 + 10
+    // With the zero point first, -0.5 + 10 rounds up to 10.
+    gate_normalize(sums.data(), 16, 1, 25, 10, codes.data());
+    EXPECT_EQ(10, codes[2]) << variant;
+  });
+}
+
+TEST(WakeupArithmetic, ActivationsUseTheFormulaUpToTheirCutOffs) {
+  EXPECT_EQ(fast_sigmoid(10.0f), 1.0f / (1.0f + std::exp(-10.0f)));
+  EXPECT_EQ(fast_sigmoid(-10.0f), 1.0f / (1.0f + std::exp(10.0f)));
+  EXPECT_EQ(fast_sigmoid(10.0001f), 1.0f);
+  EXPECT_EQ(fast_sigmoid(-10.0001f), 0.0f);
+  EXPECT_NE(fast_tanh(-8.0f), -1.0f);
+  EXPECT_EQ(fast_tanh(8.0001f), 1.0f);
+  EXPECT_EQ(fast_tanh(-8.0001f), -1.0f);
+  EXPECT_EQ(clamp_round(254.5f), 255);
+  EXPECT_EQ(clamp_round(255.1f), 255);
+  EXPECT_EQ(clamp_round(-0.0001f), 0);
+  EXPECT_EQ(clamp_round(0.49999997f), 0);
+  EXPECT_EQ(clamp_round(NAN), 0);
+  EXPECT_EQ(nearest_code(NAN), 0);
+  EXPECT_EQ(nearest_code(0.49999997f), 0);
+  EXPECT_EQ(nearest_code(0.5f), 1);
+  EXPECT_EQ(nearest_code(INFINITY), 255);
 }
 
 TEST(WakeupNetwork, CodesOfEqualValueLeaveTheNormalisationItsBiasAlone) {
