@@ -12,6 +12,8 @@ install(FILES include/quibo/quibo.h DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/quib
 install(FILES api/WakeupApi.h DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/quibo/api)
 install(FILES aec/Laec.h aec/aecpostapi.h DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/quibo/aec)
 install(FILES wakeup/ChineseConv.h wakeup/QuibWakeupApi.h DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/quibo/wakeup)
+install(FILES doa/ring_doa.h doa/customs_doa_api.h DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/quibo/doa)
+install(FILES dsp/complex.h DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/quibo/dsp)
 install(FILES limiter/zq_MPO.h DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/quibo/limiter)
 
 set(package_dir ${CMAKE_INSTALL_LIBDIR}/cmake/quibo)
@@ -23,5 +25,7 @@ write_basic_package_version_file(${PROJECT_BINARY_DIR}/quibo-config-version.cmak
 install(FILES ${PROJECT_BINARY_DIR}/quibo-config.cmake ${PROJECT_BINARY_DIR}/quibo-config-version.cmake
   DESTINATION ${package_dir})
 
+# Relative to itself, so that `cmake --install --prefix` and moved installations work.
+file(RELATIVE_PATH quibo_pc_to_prefix ${CMAKE_INSTALL_FULL_LIBDIR}/pkgconfig ${CMAKE_INSTALL_PREFIX})
 configure_file(cmake/quibo.pc.in ${PROJECT_BINARY_DIR}/quibo.pc @ONLY)
 install(FILES ${PROJECT_BINARY_DIR}/quibo.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)

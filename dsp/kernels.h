@@ -7,6 +7,7 @@
 // process-wide and made once: nothing here is locked.
 #pragma once
 
+#include "dsp/complex.h"
 #include "quibo/quibo.h"
 
 namespace quibo {
@@ -21,6 +22,23 @@ struct LaecKernels {
   void (*adapt)(LAEC*);
   void (*update_gain)(LAEC*);
   void (*apply_gain)(LAEC*);
+};
+
+// Float network kernels; shapes and summation order in float_kernels.h.
+enum class Activation { kSigmoid, kTanh };
+
+struct FloatKernels {
+  float (*arr_mul_arr_float)(const float* in1, const float* in2, int len);
+  void (*mat_mul_vec_float)(float* out, const float* mat, const float* vec, int M, int N);
+  void (*arr_exp)(float* out, const float* in, int len);
+  void (*act_h)(float* out, const float* in, int len, Activation flag);
+  void (*vec_act_h)(float* out, const float* in, int len, Activation flag);
+};
+
+struct DoaKernels {
+  void (*phase_transform)(const complex_t* a, const complex_t* b, complex_t* g);
+  void (*depthwise)(const float* const* inputs, const float* weights, int taps, int channels,
+                    float* out);
 };
 
 // Sums to codes: x = sum * multiplier + offset, limited to low..high (a NaN to low), rounded with
@@ -63,6 +81,8 @@ struct Kernels {
   const char* name;
   FftKernels fft512, fft1024, fft2048;
   LaecKernels laec;
+  FloatKernels net;
+  DoaKernels doa;
   Int8Kernels int8;
 };
 

@@ -49,7 +49,7 @@ class PackedTable {
   explicit PackedTable(const float* values) : next_(values) {}
 
   float real() { return *next_++; }
-  int32_t whole() { return float_to_int32(*next_++); }
+  int32_t whole() { return truncate_to_int32(*next_++); }
   int16_t zero_point() { return static_cast<int16_t>(whole()); }
   void pair(int32_t* M0, int32_t* M1) {
     *M0 = whole();
