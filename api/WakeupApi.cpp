@@ -51,7 +51,6 @@ void advance_fifos(KTWakeup h) {
 }  // namespace
 
 int32_t Quibo_wakeup_init(KTWakeup* handle, int32_t lang) {
-  (void)lang;
   if (*handle) return -1;
   // Zero-filled, so that the handles of modules that are not created are null.
   KTWakeup h = static_cast<KTWakeup>(calloc(1, sizeof(KTWakeupParams)));
@@ -60,6 +59,8 @@ int32_t Quibo_wakeup_init(KTWakeup* handle, int32_t lang) {
   if (!(h->handle2 = kesto_Laec_Post_init())) return -4;
   if (!(h->handle3 = kesto_Laec_Post_init())) return -5;
   h->data_doa_len = 0;
+  if (kesto_customs_doa_init(&h->handle0) < 0) return -4;
+  if (QuibWakeupInit(&h->handle4, lang) < 0) return -5;
   h->WDlen = 0;
   zq_MPO_Init(&h->KTmpo, QUIBO_SAMPLE_RATE, kLimiterGaindB, kLimiterLeveldB);
   *handle = h;
@@ -106,15 +107,38 @@ int32_t Quibo_doa_three_write_data(KTWakeup handle, int32_t* Iswakeup, const int
   handle->data_doa_len = pending + len;
 
   *Iswakeup = -1;
-  while (handle->data_doa_len >= QUIBO_BLOCK) advance_fifos(handle);
+  int32_t woken = 0;  // from the block of a wake to the end of the call
+  while (handle->data_doa_len >= QUIBO_BLOCK) {
+    const int32_t wake = QuibWakeupWriteData(handle->handle4, handle->WData);
+    if (wake > 0) {  // not with this engine; for one that tells keywords apart
+      clear_fifos(handle);
+      *Iswakeup = wake;
+      return -1;
+    }
+    if (wake == 0) {
+      *Iswakeup = 0;
+      woken = 1;
+    }
+    const int32_t angle =
+        kesto_customs_doa_write(handle->handle0, handle->mic1_doa_data, handle->mic2_doa_data,
+                                handle->mic3_doa_data, nullptr, woken);
+    advance_fifos(handle);
+    if (angle >= 0) {
+      clear_fifos(handle);
+      return (angle + kAngleOffset) % 360;
+    }
+  }
   return -1;
 }
 
 int32_t Quibo_wakeup_unit(KTWakeup handle) {
   if (!handle) return -1;
   void* const cancellers[] = {handle->handle1, handle->handle2, handle->handle3};
+  void* const engine = handle->handle4;
   handle->handle1 = nullptr;
+  kesto_customs_doa_unit(handle->handle0);
   free(handle);
   for (void* canceller : cancellers) kesto_Laec_Post_unit(canceller);
+  QuibWakeupUnit(engine);
   return 0;
 }

@@ -3,12 +3,13 @@
 
 #include <immintrin.h>
 
-#include "dsp/simd_scalar.h"
+#include "dsp/simd_sse2.h"
 
 namespace quibo {
 namespace {
 
 struct Avx2F32 {
+  using Four = Sse2F32;
   using Reg = __m256;
   static constexpr int kWidth = 8;
 
@@ -22,6 +23,12 @@ struct Avx2F32 {
   static Reg sqrt(Reg a) { return _mm256_sqrt_ps(a); }
   static Reg larger(Reg a, Reg b) { return _mm256_max_ps(a, b); }
   static Reg smaller(Reg a, Reg b) { return _mm256_min_ps(a, b); }
+  static Reg where_greater(Reg a, Reg b, Reg x, Reg y) {
+    return _mm256_blendv_ps(y, x, _mm256_cmp_ps(a, b, _CMP_GT_OQ));
+  }
+  static Reg shift_to_exponent(Reg a) {
+    return _mm256_castsi256_ps(_mm256_slli_epi32(_mm256_castps_si256(a), 23));
+  }
   static void load_pairs(const float* p, Reg& re, Reg& im) {
     // Gathering the 128-bit halves first lets one shuffle per output keep the lanes in order.
     const Reg a = load(p), b = load(p + 8);

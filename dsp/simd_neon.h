@@ -9,6 +9,7 @@ namespace quibo {
 namespace {
 
 struct NeonF32 {
+  using Four = NeonF32;
   using Reg = float32x4_t;
   static constexpr int kWidth = 4;
 
@@ -24,6 +25,14 @@ struct NeonF32 {
   // instead.
   static Reg larger(Reg a, Reg b) { return vbslq_f32(vcgtq_f32(a, b), a, b); }
   static Reg smaller(Reg a, Reg b) { return vbslq_f32(vcltq_f32(a, b), a, b); }
+  static Reg where_greater(Reg a, Reg b, Reg x, Reg y) { return vbslq_f32(vcgtq_f32(a, b), x, y); }
+  static Reg shift_to_exponent(Reg a) {
+    return vreinterpretq_f32_u32(vshlq_n_u32(vreinterpretq_u32_f32(a), 23));
+  }
+  static float fold(Reg a) {
+    const float32x2_t pair = vadd_f32(vget_low_f32(a), vget_high_f32(a));
+    return vget_lane_f32(vpadd_f32(pair, pair), 0);
+  }
   static void load_pairs(const float* p, Reg& re, Reg& im) {
     const float32x4x2_t pairs = vld2q_f32(p);
     re = pairs.val[0];

@@ -9,6 +9,7 @@ namespace quibo {
 namespace {
 
 struct Sse2F32 {
+  using Four = Sse2F32;
   using Reg = __m128;
   static constexpr int kWidth = 4;
 
@@ -22,6 +23,17 @@ struct Sse2F32 {
   static Reg sqrt(Reg a) { return _mm_sqrt_ps(a); }
   static Reg larger(Reg a, Reg b) { return _mm_max_ps(a, b); }
   static Reg smaller(Reg a, Reg b) { return _mm_min_ps(a, b); }
+  static Reg where_greater(Reg a, Reg b, Reg x, Reg y) {
+    const Reg greater = _mm_cmpgt_ps(a, b);
+    return _mm_or_ps(_mm_and_ps(greater, x), _mm_andnot_ps(greater, y));
+  }
+  static Reg shift_to_exponent(Reg a) {
+    return _mm_castsi128_ps(_mm_slli_epi32(_mm_castps_si128(a), 23));
+  }
+  static float fold(Reg a) {
+    const Reg pair = _mm_add_ps(a, _mm_movehl_ps(a, a));
+    return _mm_cvtss_f32(_mm_add_ss(pair, _mm_shuffle_ps(pair, pair, _MM_SHUFFLE(1, 1, 1, 1))));
+  }
   static void load_pairs(const float* p, Reg& re, Reg& im) {
     const Reg a = load(p), b = load(p + 4);
     re = _mm_shuffle_ps(a, b, _MM_SHUFFLE(2, 0, 2, 0));

@@ -27,6 +27,7 @@ using Samples = std::vector<int16_t>;
 
 constexpr unsigned kSeed = 20251103;
 constexpr int kFrame = 1024, kBlock = 480;
+constexpr int32_t kLang = 3;
 
 struct Stubs {
   Calls calls;
@@ -34,6 +35,10 @@ struct Stubs {
   std::deque<std::string> instances;       // of all modules; a handle points to its name
   std::string failing;                     // the creation that fails
   std::array<float, kFrame> echo_free[3];  // what the cancellers return
+  std::deque<int32_t> wakes;               // what the wake-up engine returns, then -1
+  std::vector<Samples> mixes;              // what it was given
+  std::deque<int32_t> angles;              // what the direction estimator returns, then -1
+  std::vector<Samples> blocks[3];          // what it was given
   stMPO* limiter = nullptr;
 };
 Stubs stubs;
@@ -96,6 +101,46 @@ int32_t kesto_Laec_Post_unit(void* handle) {
   return -1;
 }
 
+int32_t kesto_customs_doa_init(KTDHandle* handle) {
+  *handle = create("estimator");
+  return *handle ? 0 : -1;
+}
+
+int32_t kesto_customs_doa_write(KTDHandle handle, const int16_t* mic1, const int16_t* mic2,
+                                const int16_t* mic3, int16_t* outdata, int32_t rcg_ret) {
+  log(name_of(handle) + " " + name_of(outdata) + " " + std::to_string(rcg_ret));
+  const int16_t* mics[] = {mic1, mic2, mic3};
+  for (int m = 0; m < 3; ++m) stubs.blocks[m].emplace_back(mics[m], mics[m] + kBlock);
+  if (stubs.angles.empty()) return -1;
+  const int32_t angle = stubs.angles.front();
+  stubs.angles.pop_front();
+  return angle;
+}
+
+void kesto_customs_doa_unit(KTDHandle handle) {
+  release(handle);
+}
+
+int32_t QuibWakeupInit(void** handle, int32_t lang) {
+  *handle = create("engine");
+  EXPECT_EQ(lang, kLang);
+  return *handle ? 0 : -3;
+}
+
+int32_t QuibWakeupWriteData(void* handle, const int16_t* samples) {
+  log(name_of(handle));
+  stubs.mixes.emplace_back(samples, samples + kBlock);
+  if (stubs.wakes.empty()) return -1;
+  const int32_t wake = stubs.wakes.front();
+  stubs.wakes.pop_front();
+  return wake;
+}
+
+int32_t QuibWakeupUnit(void* handle) {
+  release(handle);
+  return 0;
+}
+
 int32_t zq_MPO_Init(stMPO* mpo, int32_t fs, int32_t increasedB, int32_t maxLev) {
   log("zq_MPO_Init " + std::to_string(fs) + " " + std::to_string(increasedB) + " " +
       std::to_string(maxLev));
@@ -114,12 +159,17 @@ Samples random_samples(std::mt19937& random) {
   return x;
 }
 
+// The single-precision third is just below 1/3: whole thirds lose one towards zero.
+int16_t mix_of(int sum) {
+  return static_cast<int16_t>(sum / 3 - (sum % 3 == 0) * ((sum > 0) - (sum < 0)));
+}
+
 class FrontEnd : public testing::Test {
  protected:
   FrontEnd() {
     stubs = Stubs{};
     testing::internal::CaptureStdout();
-    EXPECT_EQ(Quibo_wakeup_init(&h, 0), 0);
+    EXPECT_EQ(Quibo_wakeup_init(&h, kLang), 0);
     printed = testing::internal::GetCapturedStdout();
     creation = stubs.calls;
     stubs.calls.clear();
@@ -131,7 +181,7 @@ class FrontEnd : public testing::Test {
     if (h) Quibo_wakeup_unit(h);
   }
 
-  // One call of the detection path. No stub reports a wake, so the codes are always -1.
+  // One call of the detection path without a wake.
   void detect(const Samples& mic1, const Samples& mic2, const Samples& mic3, int32_t len = kFrame) {
     int32_t wake = 77;
     EXPECT_EQ(
@@ -147,7 +197,7 @@ class FrontEnd : public testing::Test {
 
 TEST_F(FrontEnd, CreatesItsModulesInOrderAndPrintsTheVersion) {
   EXPECT_EQ(creation, (Calls{"create canceller1", "create canceller2", "create canceller3",
-                             "zq_MPO_Init 16000 20 -3"}));
+                             "create estimator", "create engine", "zq_MPO_Init 16000 20 -3"}));
   EXPECT_EQ(printed, "Version:libquibo_wakeup_DOA_v3.3.22_20251103\n");
   EXPECT_EQ(name_of(h->handle1), "canceller1");
   EXPECT_EQ(name_of(h->handle2), "canceller2");
@@ -159,7 +209,7 @@ TEST_F(FrontEnd, CreatesItsModulesInOrderAndPrintsTheVersion) {
 
 TEST_F(FrontEnd, RefusesAHandleInUse) {
   const KTWakeup before = h;
-  EXPECT_EQ(Quibo_wakeup_init(&h, 0), -1);
+  EXPECT_EQ(Quibo_wakeup_init(&h, kLang), -1);
   EXPECT_EQ(h, before);
   EXPECT_EQ(stubs.calls, Calls{});
 }
@@ -168,7 +218,8 @@ TEST_F(FrontEnd, EachFailedCreationStopsThereWithItsCode) {
   const struct {
     const char* failing;
     int32_t code;
-  } kCases[] = {{"record", -2}, {"canceller1", -3}, {"canceller2", -4}, {"canceller3", -5}};
+  } kCases[] = {{"record", -2},     {"canceller1", -3}, {"canceller2", -4},
+                {"canceller3", -5}, {"estimator", -4},  {"engine", -5}};
   for (const auto& c : kCases) {
     stubs = Stubs{};
     stubs.failing = c.failing;
@@ -177,7 +228,7 @@ TEST_F(FrontEnd, EachFailedCreationStopsThereWithItsCode) {
     testing::internal::CaptureStdout();
     const quibo_test::HeldMemory held;
     const quibo_test::FailAllocation fail(no_record ? 0 : -1);
-    EXPECT_EQ(Quibo_wakeup_init(&none, 0), c.code) << c.failing;
+    EXPECT_EQ(Quibo_wakeup_init(&none, kLang), c.code) << c.failing;
     EXPECT_EQ(none, nullptr);
     EXPECT_EQ(testing::internal::GetCapturedStdout(), "");
     // The calls before the failure, and no release of what they made.
@@ -250,9 +301,7 @@ TEST_F(FrontEnd, DetectionFifosHoldTheRestOfEachBlockOf480) {
                   mic3 = random_samples(random);
     detect(mic1, mic2, mic3);
     for (int i = 0; i < kFrame; ++i) {
-      // The single-precision third is just below 1/3: whole thirds lose one towards zero.
-      const int sum = mic1[i] + mic2[i] + mic3[i];
-      pending[0].push_back(sum / 3 - (sum % 3 == 0) * ((sum > 0) - (sum < 0)));
+      pending[0].push_back(mix_of(mic1[i] + mic2[i] + mic3[i]));
       pending[1].push_back(mic1[i]);
       pending[2].push_back(mic2[i]);
       pending[3].push_back(mic3[i]);
@@ -266,6 +315,82 @@ TEST_F(FrontEnd, DetectionFifosHoldTheRestOfEachBlockOf480) {
       const std::deque<int> held(fifos[i], fifos[i] + h->data_doa_len);
       ASSERT_EQ(held, pending[i]) << "frame " << frame << ", FIFO " << i << ", seed " << kSeed;
     }
+  }
+}
+
+TEST_F(FrontEnd, EngineHearsEveryBlockOfTheMixAndEstimatorThoseOfEachMicrophone) {
+  std::mt19937 random(kSeed);
+  Samples mixed, heard[3];
+  for (int frame = 0; frame < 15; ++frame) {  // 32 whole blocks
+    const Samples mics[3] = {random_samples(random), random_samples(random),
+                             random_samples(random)};
+    detect(mics[0], mics[1], mics[2]);
+    for (int m = 0; m < 3; ++m) heard[m].insert(heard[m].end(), mics[m].begin(), mics[m].end());
+    for (int i = 0; i < kFrame; ++i) mixed.push_back(mix_of(mics[0][i] + mics[1][i] + mics[2][i]));
+  }
+  Calls expected;
+  for (int i = 0; i < 32; ++i) {
+    expected.push_back("engine");
+    expected.push_back("estimator NULL 0");
+  }
+  EXPECT_EQ(stubs.calls, expected);
+  Samples engine_given;
+  for (const Samples& block : stubs.mixes) {
+    engine_given.insert(engine_given.end(), block.begin(), block.end());
+  }
+  EXPECT_EQ(engine_given, mixed) << "seed " << kSeed;
+  for (int m = 0; m < 3; ++m) {
+    Samples given;
+    for (const Samples& block : stubs.blocks[m]) {
+      given.insert(given.end(), block.begin(), block.end());
+    }
+    EXPECT_EQ(given, heard[m]) << "microphone " << m + 1 << ", seed " << kSeed;
+  }
+}
+
+TEST_F(FrontEnd, AnAngleGainsThirtyDegreesAndEmptiesTheFifos) {
+  const Samples x(kFrame, 1000);
+  for (const auto& [angle, reported] :
+       {std::pair{0, 30}, {340, 10}, {329, 359}, {330, 0}, {360, 30}}) {
+    stubs.angles = {-1, angle};  // in the second block of the frame
+    int32_t wake = 77;
+    EXPECT_EQ(Quibo_doa_three_write_data(h, &wake, x.data(), x.data(), x.data(), nullptr, kFrame),
+              reported);
+    EXPECT_EQ(wake, -1);
+    EXPECT_EQ(h->data_doa_len, 0);
+    for (const auto& fifo : {h->WData, h->mic1_doa_data, h->mic2_doa_data, h->mic3_doa_data}) {
+      for (int i = 0; i < QUIBO_FIFO; ++i) ASSERT_EQ(fifo[i], 0) << i;
+    }
+  }
+}
+
+TEST_F(FrontEnd, AWakeIsReportedAndMarkedForTheRestOfItsCallOnly) {
+  const Samples x(kFrame, 1000);
+  int32_t wake = 77;
+  stubs.wakes = {-1, 0};  // in the second of three blocks
+  h->data_doa_len = 479;
+  EXPECT_EQ(Quibo_doa_three_write_data(h, &wake, x.data(), x.data(), x.data(), nullptr, kFrame),
+            -1);
+  EXPECT_EQ(wake, 0);
+  EXPECT_EQ(h->data_doa_len, 63);  // without an angle the FIFOs stay as they are
+  EXPECT_EQ(stubs.calls, (Calls{"engine", "estimator NULL 0", "engine", "estimator NULL 1",
+                                "engine", "estimator NULL 1"}));
+  stubs.calls.clear();
+  detect(x, x, x);
+  EXPECT_EQ(stubs.calls, (Calls{"engine", "estimator NULL 0", "engine", "estimator NULL 0"}));
+}
+
+TEST_F(FrontEnd, APositiveEngineResultEndsTheCallWithEmptyFifos) {
+  const Samples x(kFrame, 1000);
+  int32_t wake = 77;
+  stubs.wakes = {-1, 5};
+  EXPECT_EQ(Quibo_doa_three_write_data(h, &wake, x.data(), x.data(), x.data(), nullptr, kFrame),
+            -1);
+  EXPECT_EQ(wake, 5);
+  EXPECT_EQ(h->data_doa_len, 0);
+  EXPECT_EQ(stubs.calls, (Calls{"engine", "estimator NULL 0", "engine"}));
+  for (const auto& fifo : {h->WData, h->mic1_doa_data, h->mic2_doa_data, h->mic3_doa_data}) {
+    for (int i = 0; i < QUIBO_FIFO; ++i) ASSERT_EQ(fifo[i], 0) << i;
   }
 }
 
@@ -325,11 +450,12 @@ TEST_F(FrontEnd, ReleasesEveryModuleAndItsRecord) {
   const quibo_test::HeldMemory held;
   KTWakeup own = nullptr;
   stubs = Stubs{};
-  Quibo_wakeup_init(&own, 0);
+  Quibo_wakeup_init(&own, kLang);
   EXPECT_EQ(held.blocks(), 1);
   stubs.calls.clear();
   EXPECT_EQ(Quibo_wakeup_unit(own), 0);
-  EXPECT_EQ(stubs.calls, (Calls{"release canceller1", "release canceller2", "release canceller3"}));
+  EXPECT_EQ(stubs.calls, (Calls{"release estimator", "release canceller1", "release canceller2",
+                                "release canceller3", "release engine"}));
   EXPECT_EQ(held.blocks(), 0);
 }
 
