@@ -27,7 +27,9 @@ def configuration(network, path, smoke):
 
 def run_training(arguments):
     config = configuration(arguments.network, arguments.config, arguments.smoke)
-    folder = arguments.out / (arguments.network + ("-smoke" if arguments.smoke else ""))
+    if arguments.steps:
+        config["train"]["steps"] = arguments.steps
+    folder = arguments.out / f"train-{arguments.network}{'-smoke' if arguments.smoke else ''}"
     folder.mkdir(parents=True, exist_ok=True)
     device = "cuda" if torch.cuda.is_available() else "cpu"
     source = data.open_data(config, arguments)
@@ -86,8 +88,11 @@ def main():
     p.add_argument("--stub", action="store_true", help="signals from formulas instead of the scene simulator")
     p.add_argument("--data", type=pathlib.Path, help="folder of audio; without it synthetic speech only")
     p.add_argument("--stages", default=",".join(STAGES), help=f"which of {','.join(STAGES)} to run (default: all)")
+    p.add_argument("--steps", type=int, help="length of the training instead of the configuration's; a run that is "
+                   "resumed with fewer steps comes to its end sooner")
     p.add_argument("--config", type=pathlib.Path, help="TOML instead of training/configs/NETWORK.toml")
-    p.add_argument("--out", type=pathlib.Path, default=ROOT / "build-training", help="checkpoints, logs, caches")
+    p.add_argument("--out", type=pathlib.Path, default=ROOT / "build-training",
+                   help="rooms, cached audio, checkpoints, logs, exported files")
     p.add_argument("--params", type=pathlib.Path, help="folder to export to (default: the run's own)")
     p.add_argument("--library", type=pathlib.Path, help="built libquibo.so: canceller for the scenes, parity at export")
     p.set_defaults(run=run_training)

@@ -3,6 +3,8 @@ import functools
 
 from . import stub_scenes
 
+SEED = 1  # of splits and rooms, which all networks share
+
 
 class StubData:
     """Needs nothing but numpy."""
@@ -44,7 +46,7 @@ class SceneData:
     @functools.cached_property
     def corpus(self):
         from .corpus import open_corpus
-        return open_corpus(self.audio, self.folder / "corpus", self.config["seed"])
+        return open_corpus(self.audio, self.folder / "corpus", SEED)
 
     @functools.cached_property
     def bank(self):
@@ -58,7 +60,7 @@ class SceneData:
         """Builds what is missing: rooms, and for the echo suppressor the canceller's runs."""
         from .scenes import bank, simulate
         c = self.config["data"]
-        bank.build_bank(self.bank_path, c["rooms"], self.config["seed"], c["workers"])
+        bank.build_bank(self.bank_path, c["rooms"], SEED, c["workers"])
         if network == "naec":
             from .library import Library
             for split, clips in (("train", c["clips"]), ("valid", c["valid_clips"])):

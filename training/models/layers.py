@@ -55,7 +55,7 @@ class CausalConv(nn.Module):
     def __init__(self, inputs, outputs, kernel, stride=1, activation=False, norm=False):
         super().__init__()
         self.conv = nn.Conv2d(inputs, outputs, kernel, stride=(1, stride))
-        self.norm = nn.BatchNorm2d(outputs) if norm else None
+        self.norm = nn.BatchNorm2d(outputs, momentum=0.02) if norm else None
         self.prelu = nn.PReLU(outputs) if activation else None
 
     def forward(self, x):
@@ -85,7 +85,7 @@ class GruBlock(nn.Module):
         self.axis, self.sigmoid, self.tanh = axis, sigmoid, tanh
         self.gru = nn.GRU(channels, channels, batch_first=True)
         self.linear = nn.Linear(channels, channels)
-        self.norm = nn.BatchNorm1d(channels) if affine else None
+        self.norm = nn.BatchNorm1d(channels, momentum=0.02) if affine else None
         self.deployed = False
 
     def forward(self, x):
