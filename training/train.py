@@ -152,7 +152,7 @@ def resume(folder, model, optimizer):
     path = folder / "checkpoint.pt"
     if not path.exists():
         return 0
-    checkpoint = torch.load(path, map_location="cpu", weights_only=True)
+    checkpoint = torch.load(path, map_location="cpu")
     model.load_state_dict(checkpoint["model"])
     optimizer.load_state_dict(checkpoint["optimizer"])
     return checkpoint["step"]
@@ -160,7 +160,7 @@ def resume(folder, model, optimizer):
 
 def averaged(folder):
     """Mean of the kept weights; counters, which have no mean, are the newest ones."""
-    states = [torch.load(path, map_location="cpu", weights_only=True) for path in weights(folder)]
+    states = [torch.load(path, map_location="cpu") for path in weights(folder)]
     return {name: torch.stack([s[name] for s in states]).mean(0) if value.is_floating_point() else value
             for name, value in states[-1].items()}
 
