@@ -5,6 +5,7 @@
 #include "aec/laec_kernels.h"
 #include "dsp/fft_kernels.h"
 #include "dsp/float_kernels.h"
+#include "dsp/gru_kernels.h"
 #include "dsp/kernels.h"
 
 namespace quibo {
@@ -22,7 +23,17 @@ constexpr Kernels make_kernels(const char* name) {
           make_fft_kernels<V, 1024>(),
           make_fft_kernels<V, 2048>(),
           {laec_estimate_echo<V>, laec_adapt<V>, laec_update_gain<V>, laec_apply_gain<V>},
-          {arr_mul_arr_float<V>, mat_mul_vec_float<V>, arr_exp<V>, act_h<V>, vec_act_h<V>}};
+          {arr_mul_arr_float<V>,
+           mat_mul_vec_float<V>,
+           arr_exp<V>,
+           act_h<V>,
+           vec_act_h<V>,
+           conv<V>,
+           split_columns<V>,
+           join_columns<V>,
+           bin_groups<V>,
+           {time_gru<V, FastGates, 32>, frequency_gru<V, FastGates, 32>},
+           {time_gru<V, ExactGates, 64>, frequency_gru<V, ExactGates, 64>}}};
 }
 
 }  // namespace

@@ -31,7 +31,8 @@
  * per process, driven from one thread at a time.
  *
  * The records behind the pointers are defined in the modules' own headers (quibo/api/WakeupApi.h,
- * quibo/aec/Laec.h, quibo/aec/aecpostapi.h, quibo/limiter/zq_MPO.h). C99 and C++17. */
+ * quibo/aec/Laec.h, quibo/aec/aecpostapi.h, quibo/aec/aec_denoise.h, quibo/denoise/denoise.h,
+ * quibo/limiter/zq_MPO.h). C99 and C++17. */
 #ifndef QUIBO_QUIBO_H_
 #define QUIBO_QUIBO_H_
 
@@ -143,6 +144,173 @@ QUIBO_API float* kesto_laec_yn(void* handle);
 
 /* Releases a canceller. Returns 0, or -1 when handle is NULL. */
 QUIBO_API int32_t kesto_Laec_Post_unit(void* handle);
+
+/* ---- Noise suppressor
+ * A convolutional-recurrent mask network on the short-time spectrum (1024-point Hann frames, hop
+ * 512); separate masks for the real and the imaginary part, applied to the spectrum of four hops
+ * earlier. Delay: 2048 samples (128 ms) plus the framing of one hop. All instances share one set of
+ * recurrent states, deliberately: the front end runs three of them in turns on one scene. */
+
+/* Creates an instance with a mask floor of min_scale (0..1; a value outside is ignored and the
+ * floor stays 0; a NaN means no floor) and stores it in *handle. Returns 0; -1 when there is no
+ * memory for the network record (the handle's record then stays allocated); -2 when there is none
+ * for the handle; *handle is NULL in both cases. When memory runs out later the call still returns
+ * 0: such a half-built instance runs (QuibAncRun returns -1 and writes silence) and can be
+ * released. */
+QUIBO_API int32_t QuibAncInit(void** handle, float min_scale);
+
+/* One frame: in and out hold 1024 int16 each; out may be in. Returns 0; -1 during the first two
+ * frames of an instance, which come out as silence; -10, with nothing written, when handle is
+ * NULL. Samples stay within 0.99 of full scale. */
+QUIBO_API int32_t QuibAncRun(void* handle, const int16_t* in, int16_t* out);
+
+/* Releases *handle, which is not cleared. Returns 0, or -10 when handle or *handle is NULL. */
+QUIBO_API int32_t QuibAncUnit(void** handle);
+
+/* Its parameters. Convolutions: output channels x input channels x 3 times (oldest first) x 3
+ * frequencies, one bias and (encoder) one PReLU slope per output channel. Recurrent blocks, along
+ * time and along frequency: three gates r, z, n of 32 x 64 (r and z: columns of x, then of h; n: 32
+ * x 32 of x, then 32 x 32 of h), biases r, z, n of x, n of h; a linear layer of 32 x 32; a scale
+ * ("norm weight") and a shift per channel. */
+
+/* 16 x 2 x 3 x 3, and two floats more: the products of this layer run over 20 columns where a row
+ * has 18, into the next row's first two; these are what follows the last row. */
+QUIBO_API extern const float denoise_inp_conv1_weight[290];
+QUIBO_API extern const float denoise_inp_conv1_bias[16], denoise_inp_prelu1_weight[16];
+QUIBO_API extern const float denoise_inp_conv2_weight[4608];
+QUIBO_API extern const float denoise_inp_conv2_bias[32], denoise_inp_prelu2_weight[32];
+QUIBO_API extern const float denoise_inp_conv3_weight[9216];
+QUIBO_API extern const float denoise_inp_conv3_bias[32], denoise_inp_prelu3_weight[32];
+QUIBO_API extern const float denoise_inp_conv4_weight[9216];
+QUIBO_API extern const float denoise_inp_conv4_bias[32], denoise_inp_prelu4_weight[32];
+QUIBO_API extern const float denoise_time_gru1_weight[6144];
+QUIBO_API extern const float denoise_time_gru1_bias[128];
+QUIBO_API extern const float denoise_time_linear1_weight[1024];
+QUIBO_API extern const float denoise_time_linear1_bias[32];
+QUIBO_API extern const float denoise_time_norm1_weight[32], denoise_time_norm1_bias[32];
+QUIBO_API extern const float denoise_time_gru2_weight[6144];
+QUIBO_API extern const float denoise_time_gru2_bias[128];
+QUIBO_API extern const float denoise_time_linear2_weight[1024];
+QUIBO_API extern const float denoise_time_linear2_bias[32];
+QUIBO_API extern const float denoise_time_norm2_weight[32], denoise_time_norm2_bias[32];
+QUIBO_API extern const float denoise_time_gru3_weight[6144];
+QUIBO_API extern const float denoise_time_gru3_bias[128];
+QUIBO_API extern const float denoise_time_linear3_weight[1024];
+QUIBO_API extern const float denoise_time_linear3_bias[32];
+QUIBO_API extern const float denoise_time_norm3_weight[32], denoise_time_norm3_bias[32];
+QUIBO_API extern const float denoise_freq_gru1_weight[6144];
+QUIBO_API extern const float denoise_freq_gru1_bias[128];
+QUIBO_API extern const float denoise_freq_linear1_weight[1024];
+QUIBO_API extern const float denoise_freq_linear1_bias[32];
+QUIBO_API extern const float denoise_freq_norm1_weight[32], denoise_freq_norm1_bias[32];
+QUIBO_API extern const float denoise_freq_gru2_weight[6144];
+QUIBO_API extern const float denoise_freq_gru2_bias[128];
+QUIBO_API extern const float denoise_freq_linear2_weight[1024];
+QUIBO_API extern const float denoise_freq_linear2_bias[32];
+QUIBO_API extern const float denoise_freq_norm2_weight[32], denoise_freq_norm2_bias[32];
+QUIBO_API extern const float denoise_freq_gru3_weight[6144];
+QUIBO_API extern const float denoise_freq_gru3_bias[128];
+QUIBO_API extern const float denoise_freq_linear3_weight[1024];
+QUIBO_API extern const float denoise_freq_linear3_bias[32];
+QUIBO_API extern const float denoise_freq_norm3_weight[32], denoise_freq_norm3_bias[32];
+QUIBO_API extern const float denoise_pixel_conv1_weight[9216];
+QUIBO_API extern const float denoise_pixel_conv1_bias[32];
+QUIBO_API extern const float denoise_pixel_conv2_weight[4608];
+QUIBO_API extern const float denoise_pixel_conv2_bias[32];
+QUIBO_API extern const float denoise_pixel_conv3_weight[2304];
+QUIBO_API extern const float denoise_pixel_conv3_bias[16];
+QUIBO_API extern const float denoise_pixel_conv4_weight[288];
+QUIBO_API extern const float denoise_pixel_conv4_bias[4];
+
+/* ---- Neural echo suppressor
+ * Removes the echo that the linear canceller leaves: a convolutional-recurrent mask network on the
+ * spectra of the microphone D and of the residual E = D - Y (1024-point Hann frames, hop 512),
+ * separate masks for the real and the imaginary part, applied to E of four hops earlier. Delay:
+ * 2048 samples (128 ms) plus the framing of one hop. Recurrent states are static: create one
+ * instance at a time. */
+
+/* Creates the suppressor, clears the recurrent states and stores it in *handle. Prints
+ * ">QuibNAecInit\n" at the start, once there is a handle, and at the end. Returns 0 (three lines);
+ * -2 when there is no memory for the handle (one line); -3 when there is none for anything later
+ * (two lines; what was already created stays allocated). *handle is NULL on failure. */
+QUIBO_API int32_t QuibNAecInit(void** handle);
+
+/* One frame: mic, the microphone signal, and yn, the linear echo estimate, hold 1024 floats of full
+ * scale 1.0 each (kesto_laec_micdata and kesto_laec_yn); out receives 1024 int16, within 0.99 of
+ * full scale; the first 2048 samples of an instance are 0. Pointers other than the handle are not
+ * checked. Returns 0, or -1, with nothing written, when handle is NULL. A NaN or an infinity in an
+ * input stays in the recurrent states: the output is 0 from then on, until the next QuibNAecInit.
+ * Frames made from int16 never hold one. */
+QUIBO_API int32_t QuibNAecRun(void* handle, const float* mic, const float* yn, int16_t* out);
+
+/* Releases the layers of the network, but neither its record nor the handle, whose memory outlives
+ * the call. Returns 0, or -1 when handle is NULL. Call it once per handle. */
+QUIBO_API int32_t QuibNAecUnit(void* handle);
+
+/* Its parameters. Convolutions: output channels x input channels x times (oldest first; 2 in the
+ * input and upsampling stages, 3 in encoder and decoder) x 3 frequencies, one bias and one PReLU
+ * slope per output channel. Recurrent blocks: three gates r, z, n of 64 x 128 (columns of x, then
+ * of h), biases r, z, n of x, n of h; a linear layer of 64 x 64. Last stage: 64 groups of 8 x 8. */
+QUIBO_API extern const float aec_sys_real_conv_weight[4096];
+QUIBO_API extern const float aec_sys_real_conv_bias[512];
+QUIBO_API extern const float aec_sys_imag_conv_weight[4096];
+QUIBO_API extern const float aec_sys_imag_conv_bias[512];
+QUIBO_API extern const float aec_inp_conv1_weight[384];
+QUIBO_API extern const float aec_inp_conv1_bias[16], aec_inp_prelu1_weight[16];
+QUIBO_API extern const float aec_inp_conv2_weight[3072];
+QUIBO_API extern const float aec_inp_conv2_bias[32], aec_inp_prelu2_weight[32];
+QUIBO_API extern const float aec_inp_conv3_weight[9216];
+QUIBO_API extern const float aec_inp_conv3_bias[48], aec_inp_prelu3_weight[48];
+QUIBO_API extern const float aec_inp_conv4_weight[18432];
+QUIBO_API extern const float aec_inp_conv4_bias[64], aec_inp_prelu4_weight[64];
+QUIBO_API extern const float aec_enc_conv1_weight[36864];
+QUIBO_API extern const float aec_enc_conv1_bias[64], aec_enc_prelu1_weight[64];
+QUIBO_API extern const float aec_enc_conv2_weight[36864];
+QUIBO_API extern const float aec_enc_conv2_bias[64], aec_enc_prelu2_weight[64];
+QUIBO_API extern const float aec_enc_conv3_weight[36864];
+QUIBO_API extern const float aec_enc_conv3_bias[64], aec_enc_prelu3_weight[64];
+QUIBO_API extern const float aec_enc_conv4_weight[36864];
+QUIBO_API extern const float aec_enc_conv4_bias[64], aec_enc_prelu4_weight[64];
+QUIBO_API extern const float aec_time_gru1_weight[24576];
+QUIBO_API extern const float aec_time_gru1_bias[256];
+QUIBO_API extern const float aec_time_linear1_weight[4096];
+QUIBO_API extern const float aec_time_linear1_bias[64];
+QUIBO_API extern const float aec_time_gru2_weight[24576];
+QUIBO_API extern const float aec_time_gru2_bias[256];
+QUIBO_API extern const float aec_time_linear2_weight[4096];
+QUIBO_API extern const float aec_time_linear2_bias[64];
+QUIBO_API extern const float aec_time_gru3_weight[24576];
+QUIBO_API extern const float aec_time_gru3_bias[256];
+QUIBO_API extern const float aec_time_linear3_weight[4096];
+QUIBO_API extern const float aec_time_linear3_bias[64];
+QUIBO_API extern const float aec_freq_gru1_weight[24576];
+QUIBO_API extern const float aec_freq_gru1_bias[256];
+QUIBO_API extern const float aec_freq_linear1_weight[4096];
+QUIBO_API extern const float aec_freq_linear1_bias[64];
+QUIBO_API extern const float aec_freq_gru2_weight[24576];
+QUIBO_API extern const float aec_freq_gru2_bias[256];
+QUIBO_API extern const float aec_freq_linear2_weight[4096];
+QUIBO_API extern const float aec_freq_linear2_bias[64];
+QUIBO_API extern const float aec_freq_gru3_weight[24576];
+QUIBO_API extern const float aec_freq_gru3_bias[256];
+QUIBO_API extern const float aec_freq_linear3_weight[4096];
+QUIBO_API extern const float aec_freq_linear3_bias[64];
+QUIBO_API extern const float aec_dec_conv1_weight[36864];
+QUIBO_API extern const float aec_dec_conv1_bias[64], aec_dec_prelu1_weight[64];
+QUIBO_API extern const float aec_dec_conv2_weight[36864];
+QUIBO_API extern const float aec_dec_conv2_bias[64], aec_dec_prelu2_weight[64];
+QUIBO_API extern const float aec_dec_conv3_weight[36864];
+QUIBO_API extern const float aec_dec_conv3_bias[64], aec_dec_prelu3_weight[64];
+QUIBO_API extern const float aec_dec_conv4_weight[36864];
+QUIBO_API extern const float aec_dec_conv4_bias[64], aec_dec_prelu4_weight[64];
+QUIBO_API extern const float aec_pixel_conv1_weight[24576];
+QUIBO_API extern const float aec_pixel_conv1_bias[64];
+QUIBO_API extern const float aec_pixel_conv2_weight[6144];
+QUIBO_API extern const float aec_pixel_conv2_bias[32];
+QUIBO_API extern const float aec_pixel_conv3_weight[1536];
+QUIBO_API extern const float aec_pixel_conv3_bias[16];
+QUIBO_API extern const float aec_pixel_conv4_weight[192];
+QUIBO_API extern const float aec_pixel_conv4_bias[4];
 
 /* ---- Output limiter
  * ----------------------------------------------------------------------------------------- Make-up

@@ -1,0 +1,254 @@
+// The noise suppressor against a naive reference, its properties and its failure paths.
+
+#include "denoise/denoise.h"
+
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <cstring>
+#include <memory>
+#include <random>
+#include <vector>
+
+#include "dsp/fft.h"
+#include "support/allocation.h"
+#include "support/naive_net.h"
+#include "support/variants.h"
+
+namespace {
+
+using naive::Map;
+using naive::Row;
+using quibo_test::for_each_variant;
+
+constexpr unsigned kSeed = 20251103;
+constexpr int kHop = naive::kHop, kBins = naive::kBins;
+constexpr int kStates = 32 * 32;
+// Under the sanitizers a tenth of the steps does.
+#ifdef __SANITIZE_ADDRESS__
+constexpr int kManyFrames = 100;
+#else
+constexpr int kManyFrames = 1000;
+#endif
+
+// Random tables of one network.
+struct Tables {
+  explicit Tables(unsigned seed, float heat = 1.0f) : random(seed), heat(heat) {}
+  const float* make(size_t size, size_t fan_in) {
+    tables.push_back(naive::random_table(random, size, fan_in, heat));
+    return tables.back().data();
+  }
+  std::mt19937 random;
+  float heat;
+  std::vector<std::vector<float>> tables;
+};
+
+// An instance whose layers point at random tables and at states of its own.
+class Instance {
+ public:
+  explicit Instance(float floor = 0.0f) { EXPECT_EQ(0, QuibAncInit(&handle_, floor)); }
+  ~Instance() { EXPECT_EQ(0, QuibAncUnit(&handle_)); }
+  Instance(const Instance&) = delete;
+  Instance& operator=(const Instance&) = delete;
+
+  void point_at(Tables& t) {
+    auto conv = [&t](LAYER_CONV_COMMON* layer, size_t out, size_t in, bool prelu) {
+      layer->weight = t.make(out * in * 9 + 2, in * 9);
+      layer->bias = t.make(out, 100);
+      layer->prelu = prelu ? t.make(out, 10) : nullptr;
+    };
+    conv(net().inp_conv1, 16, 2, true);
+    conv(net().inp_conv2, 32, 16, true);
+    conv(net().inp_conv3, 32, 32, true);
+    conv(net().inp_conv4, 32, 32, true);
+    for (LAYER_GRU_COMMON* layer : recurrent()) {
+      layer->weight_ir = t.make(32 * 64, 64);
+      layer->weight_iz = t.make(32 * 64, 64);
+      layer->weight_in = t.make(32 * 64, 32);
+      for (auto slot : {&layer->bias_ir, &layer->bias_iz, &layer->bias_in1, &layer->bias_in2,
+                        &layer->linear_bias, &layer->norm_bias}) {
+        *slot = t.make(32, 100);
+      }
+      layer->linear_weight = t.make(32 * 32, 32);
+      layer->norm_weight = t.make(32, 3);
+    }
+    conv(net().sub_pix_conv1, 32, 32, false);
+    conv(net().sub_pix_conv2, 32, 16, false);
+    conv(net().sub_pix_conv3, 16, 16, false);
+    conv(net().sub_pix_conv4, 4, 8, false);
+  }
+
+  void use_states(std::vector<float>& states) {
+    states.assign(3 * kStates, 0.0f);
+    net().t_gru1->prev_stat = &states[0];
+    net().t_gru2->prev_stat = &states[kStates];
+    net().t_gru3->prev_stat = &states[2 * kStates];
+  }
+
+  int run(const int16_t* in, int16_t* out) { return QuibAncRun(handle_, in, out); }
+  void* handle() { return handle_; }
+  KTANCParams& params() { return *static_cast<KTANCParams*>(handle_); }
+  DenoiseNet& net() { return *params().Mynet; }
+  std::vector<LAYER_GRU_COMMON*> recurrent() {
+    return {net().t_gru1, net().f_gru1, net().t_gru2, net().f_gru2, net().t_gru3, net().f_gru3};
+  }
+
+ private:
+  void* handle_ = nullptr;
+};
+
+// The naive network. It reads the instance's tables, and has histories and states of its own.
+class Reference {
+ public:
+  Reference(Instance* instance, std::vector<float>* states, bool own_transforms)
+      : net_(instance->net()), states_(*states), own_transforms_(own_transforms) {}
+
+  // One hop; false while the histories fill.
+  bool step(const float* in, float* out) {
+    Row frame(in_.begin() + kHop, in_.end());
+    frame.insert(frame.end(), in, in + kHop);
+    in_ = frame;
+    for (int n = 0; n < naive::kFrame; ++n) frame[n] *= naive::analysis_window(n);
+    naive::Spectrum newest(kBins);
+    if (own_transforms_) {
+      newest = naive::dft(frame);
+    } else {
+      quibo::my_fft<naive::kFrame>(frame.data(), newest.data());
+    }
+    spectra_.erase(spectra_.begin());
+    spectra_.push_back(newest);
+
+    ++steps_;
+    Map map(2, Row(kHop));
+    for (int k = 0; k < kHop; ++k) {
+      map[0][k] = newest[k].real();
+      map[1][k] = newest[k].imag();
+    }
+    const LAYER_CONV_COMMON* encoder[] = {net_.inp_conv1, net_.inp_conv2, net_.inp_conv3,
+                                          net_.inp_conv4};
+    for (int i = 0; i < 4; ++i) {
+      encoder_[i].push(map);
+      if (steps_ <= i + 1) return false;
+      map = encoder_[i].convolve(encoder[i]->weight, encoder[i]->bias, encoder[i]->prelu,
+                                 i == 0 ? 16 : 32, 2, i == 0 ? 20 : 0);
+    }
+    const LAYER_GRU_COMMON* blocks[] = {net_.t_gru1, net_.f_gru1, net_.t_gru2,
+                                        net_.f_gru2, net_.t_gru3, net_.f_gru3};
+    for (int i = 0; i < 6; ++i) {
+      const LAYER_GRU_COMMON& b = *blocks[i];
+      const naive::Gru gru = {b.weight_ir, b.weight_iz, b.weight_in,     b.weight_in + 32 * 32,
+                              32,          b.bias_ir,   b.bias_iz,       b.bias_in1,
+                              b.bias_in2,  10.0f,       b.linear_weight, b.linear_bias,
+                              b.norm_weight, b.norm_bias};
+      map = gru.block(map, &states_[i / 2 * kStates], i % 2 == 0, naive::fast_exp);
+    }
+    const LAYER_CONV_COMMON* decoder[] = {net_.sub_pix_conv1, net_.sub_pix_conv2,
+                                          net_.sub_pix_conv3, net_.sub_pix_conv4};
+    const size_t channels[] = {32, 32, 16, 4};
+    for (int i = 0; i < 4; ++i) {
+      decoder_[i].push(map);
+      map = naive::shuffle(
+          decoder_[i].convolve(decoder[i]->weight, decoder[i]->bias, nullptr, channels[i], 1));
+    }
+
+    naive::Spectrum masked = spectra_[0];
+    const float floor = net_.dlayer->min_scale;
+    for (int k = 0; k < kBins; ++k) {
+      float m1 = naive::sigmoid(k < kHop ? map[0][k] : 0.0f, naive::fast_exp);
+      float m2 = naive::sigmoid(k < kHop ? map[1][k] : 0.0f, naive::fast_exp);
+      if (floor > m1) m1 = floor;
+      if (floor > m2) m2 = floor;
+      masked[k] = {m1 * masked[k].real(), m2 * masked[k].imag()};
+      if (k < 8) masked[k] = {0.15f * masked[k].real(), 0.15f * masked[k].imag()};
+    }
+    Row made(naive::kFrame);
+    if (own_transforms_) {
+      made = naive::inverse_dft(masked);
+    } else {
+      quibo::my_ifft<naive::kFrame>(masked.data(), made.data());
+    }
+    for (int n = 0; n < naive::kFrame; ++n) made[n] *= naive::synthesis_window(n);
+    for (int n = 0; n < kHop; ++n) {
+      out[n] = std::max(-0.99f, std::min(0.99f, tail_[n] + made[n]));
+    }
+    tail_.assign(made.begin() + kHop, made.end());
+    return true;
+  }
+
+ private:
+  const DenoiseNet& net_;
+  std::vector<float>& states_;
+  bool own_transforms_;
+  int steps_ = 0;
+  Row in_ = Row(naive::kFrame, 0.0f), tail_ = Row(kHop, 0.0f);
+  std::vector<naive::Spectrum> spectra_ = std::vector<naive::Spectrum>(5, naive::Spectrum(kBins));
+  naive::History encoder_[4] = {{3, 2, 512}, {3, 16, 256}, {3, 32, 128}, {3, 32, 64}};
+  naive::History decoder_[4] = {{3, 32, 32}, {3, 16, 64}, {3, 16, 128}, {3, 8, 256}};
+};
+
+// Noise whose level sweeps over 60 dB, a tone, silence at times.
+std::vector<int16_t> audio(int samples, unsigned seed) {
+  std::mt19937 random(seed);
+  std::normal_distribution<double> normal;
+  std::vector<int16_t> x(samples);
+  for (int n = 0; n < samples; ++n) {
+    if (n / 4096 % 7 == 5) continue;
+    const double level = 6000 * std::pow(10, -1.5 * (1 - std::cos(n / 9000.0)));
+    const double v = level * normal(random) + 3000 * std::sin(n * n * 1e-6);
+    x[n] = static_cast<int16_t>(std::max(-32768.0, std::min(32767.0, v)));
+  }
+  return x;
+}
+
+// Two instances that share their states, on different signals, in turns: as the front end runs
+// three.
+void compare_with_reference(bool own_transforms, float bar, int frames, float heat) {
+  Tables tables(kSeed, heat);
+  std::vector<float> states, reference_states;
+  Instance first(0.1f), second(0.3f);
+  for (Instance* i : {&first, &second}) {
+    i->point_at(tables);
+    i->use_states(states);
+  }
+  reference_states.assign(3 * kStates, 0.0f);
+  Reference references[] = {{&first, &reference_states, own_transforms},
+                            {&second, &reference_states, own_transforms}};
+  float loudest = 0;
+  for (int f = 0; f < frames; ++f) {
+    for (int i = 0; i < 2; ++i) {
+      Instance& instance = i ? second : first;
+      static std::vector<int16_t> input[2] = {audio(64 * QUIBO_FRAME, kSeed + 1),
+                                              audio(64 * QUIBO_FRAME, kSeed + 2)};
+      const int16_t* in = &input[i][f * QUIBO_FRAME];
+      int16_t out[QUIBO_FRAME];
+      const int result = instance.run(in, out);
+      std::vector<float> expected(QUIBO_FRAME);
+      bool ran = false;
+      for (int h = 0; h < 2; ++h) {
+        float hop[kHop];
+        for (int n = 0; n < kHop; ++n) hop[n] = in[h * kHop + n] / 32768.0f;
+        ran = references[i].step(hop, &expected[h * kHop]);
+      }
+      ASSERT_EQ(result, ran ? 0 : -1) << "frame " << f;
+      for (int n = 0; n < QUIBO_FRAME; ++n) {
+        ASSERT_NEAR(instance.params().outdataf[n], expected[n], bar)
+            << "instance " << i << ", frame " << f << ", sample " << n << ", seed " << kSeed;
+        loudest = std::max(loudest, std::abs(expected[n]));
+      }
+    }
+  }
+  EXPECT_GT(loudest, 0.1f) << "the comparison needs a signal";
+}
+
+TEST(Denoise, EqualsTheNaiveNetworkToTheBit) {
+  for_each_variant([](const std::string& variant) {
+    SCOPED_TRACE(variant);
+    compare_with_reference(false, 0.0f, 8, 1.5f);
+  });
+}
+
+TEST(Denoise, IsWithinOneInt16StepOfDoublePrecisionTransforms) {
+  compare_with_reference(true, 1.0f / 32768, 24, 1.0f);
+}
+
+}  // namespace
