@@ -4,14 +4,15 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cmath>
 #include <cstring>
-#include <memory>
 #include <random>
 #include <vector>
 
 #include "dsp/fft.h"
 #include "support/allocation.h"
+#include "support/leaks.h"
 #include "support/naive_net.h"
 #include "support/variants.h"
 
@@ -136,10 +137,20 @@ class Reference {
                                         net_.f_gru2, net_.t_gru3, net_.f_gru3};
     for (int i = 0; i < 6; ++i) {
       const LAYER_GRU_COMMON& b = *blocks[i];
-      const naive::Gru gru = {b.weight_ir, b.weight_iz, b.weight_in,     b.weight_in + 32 * 32,
-                              32,          b.bias_ir,   b.bias_iz,       b.bias_in1,
-                              b.bias_in2,  10.0f,       b.linear_weight, b.linear_bias,
-                              b.norm_weight, b.norm_bias};
+      const naive::Gru gru = {b.weight_ir,
+                              b.weight_iz,
+                              b.weight_in,
+                              b.weight_in + 32 * 32,
+                              32,
+                              b.bias_ir,
+                              b.bias_iz,
+                              b.bias_in1,
+                              b.bias_in2,
+                              10.0f,
+                              b.linear_weight,
+                              b.linear_bias,
+                              b.norm_weight,
+                              b.norm_bias};
       map = gru.block(map, &states_[i / 2 * kStates], i % 2 == 0, naive::fast_exp);
     }
     const LAYER_CONV_COMMON* decoder[] = {net_.sub_pix_conv1, net_.sub_pix_conv2,
@@ -249,6 +260,181 @@ TEST(Denoise, EqualsTheNaiveNetworkToTheBit) {
 
 TEST(Denoise, IsWithinOneInt16StepOfDoublePrecisionTransforms) {
   compare_with_reference(true, 1.0f / 32768, 24, 1.0f);
+}
+
+// Runs `frames` frames of audio with states of its own and returns every output sample.
+std::vector<int16_t> run_all(const std::vector<int16_t>& input, Tables* tables, float floor = 0) {
+  Instance instance(floor);
+  std::vector<float> states;
+  if (tables) instance.point_at(*tables);
+  instance.use_states(states);
+  std::vector<int16_t> output(input.size());
+  for (size_t at = 0; at < input.size(); at += QUIBO_FRAME) {
+    instance.run(&input[at], &output[at]);
+    for (float v : instance.params().outdataf) EXPECT_LE(std::abs(v), 0.99f);  // false for a NaN
+  }
+  return output;
+}
+
+TEST(Denoise, EveryVariantGivesTheScalarBitsOverManyFrames) {
+  const std::vector<int16_t> input = audio(kManyFrames * QUIBO_FRAME, kSeed + 3);
+  std::vector<int16_t> expected;
+  for_each_variant([&](const std::string& variant) {
+    Tables tables(kSeed + 4, 1.5f);
+    const std::vector<int16_t> output = run_all(input, &tables);
+    if (variant == "scalar") expected = output;
+    EXPECT_EQ(output, expected) << variant << ", seed " << kSeed;
+  });
+}
+
+TEST(Denoise, FrameEqualsTwoStepsToTheBit) {
+  const std::vector<int16_t> input = audio(8 * QUIBO_FRAME, kSeed);
+  for_each_variant([&](const std::string& variant) {
+    Tables tables(kSeed, 1.5f), same(kSeed, 1.5f);
+    std::vector<float> states, states_single;
+    Instance frame(0.1f), single(0.1f);
+    frame.point_at(tables);
+    frame.use_states(states);
+    single.point_at(same);
+    single.use_states(states_single);
+    for (size_t at = 0; at < input.size(); at += QUIBO_FRAME) {
+      float in[QUIBO_FRAME], a[QUIBO_FRAME] = {}, b[QUIBO_FRAME] = {};
+      for (int n = 0; n < QUIBO_FRAME; ++n) in[n] = input[at + n] / 32768.0f;
+      const int result = nn_denoise_forward_frame(&frame.net(), in, a);
+      nn_denoise_forward(&single.net(), in, b);
+      EXPECT_EQ(result, nn_denoise_forward(&single.net(), in + kHop, b + kHop));
+      ASSERT_EQ(0, std::memcmp(a, b, sizeof a)) << variant << ", sample " << at;
+      ASSERT_EQ(states, states_single) << variant;
+    }
+  });
+}
+
+// Sines at bin centres: the Hann window spreads each over three bins only.
+std::vector<int16_t> tones(const std::vector<int>& bins, int frames) {
+  std::vector<int16_t> x(frames * QUIBO_FRAME);
+  for (size_t n = 0; n < x.size(); ++n) {
+    double v = 0;
+    for (int k : bins) v += 4000 * std::sin(2 * M_PI * k * static_cast<double>(n) / naive::kFrame);
+    x[n] = static_cast<int16_t>(std::lround(v));
+  }
+  return x;
+}
+
+TEST(Denoise, FloorOfOnePassesTheSpectrumFourHopsLateWithTheLowBandAt15Percent) {
+  constexpr int kDelay = 5 * kHop;  // four hops and the overlap
+  constexpr int kFrames = 12;
+  Tables tables(kSeed);
+  const std::vector<int16_t> high = tones({20, 100, 300}, kFrames), low = tones({4}, kFrames);
+  const std::vector<int16_t> high_out = run_all(high, &tables, 1.0f);
+  const std::vector<int16_t> low_out = run_all(low, &tables, 1.0f);
+  for (int n = 4 * QUIBO_FRAME; n < kFrames * QUIBO_FRAME; ++n) {
+    ASSERT_NEAR(high_out[n], high[n - kDelay], 2) << "sample " << n;
+    ASSERT_NEAR(low_out[n], 0.15 * low[n - kDelay], 2) << "sample " << n;
+  }
+}
+
+TEST(Denoise, FirstTwoFramesAreSilentAndReturnMinusOne) {
+  Instance instance(1.0f);
+  const std::vector<int16_t> input = audio(6 * QUIBO_FRAME, kSeed);
+  const int results[] = {-1, -1, 0, 0, 0, 0};
+  for (int f = 0; f < 6; ++f) {
+    std::vector<int16_t> out(QUIBO_FRAME, 7);
+    EXPECT_EQ(results[f], instance.run(&input[f * QUIBO_FRAME], out.data())) << f;
+    EXPECT_EQ(f < 2, out == std::vector<int16_t>(QUIBO_FRAME, 0)) << f;
+  }
+}
+
+TEST(Denoise, SilenceStaysSilentAndExtremesStayFiniteAndUnderTheLimit) {
+  constexpr int kFrames = 20;
+  std::vector<int16_t> silence(kFrames * QUIBO_FRAME), lowest(silence), square(silence);
+  for (size_t n = 0; n < silence.size(); ++n) {
+    lowest[n] = -32768;
+    square[n] = n / 50 % 2 ? -32768 : 32767;
+  }
+  for (bool trained : {false, true}) {
+    Tables tables(kSeed + 5, 2.0f);
+    Tables* t = trained ? nullptr : &tables;
+    for (int16_t v : run_all(silence, t)) ASSERT_EQ(v, 0);
+    for (const auto& input : {lowest, square}) {
+      const std::vector<int16_t> output = run_all(input, t, 1.0f);
+      const auto limits = std::minmax_element(output.begin(), output.end());
+      EXPECT_GE(*limits.first, -32440);
+      EXPECT_LE(*limits.second, 32440);
+    }
+  }
+}
+
+TEST(Denoise, UntrainedTablesPassTheSignal) {
+  constexpr int kDelay = 5 * kHop, kFrames = 30;
+  for (double gain : {1.0, 0.01}) {
+    std::vector<int16_t> input = tones({20, 50, 100, 200, 300, 400}, kFrames);
+    for (int16_t& v : input) v = static_cast<int16_t>(v * gain);
+    const std::vector<int16_t> output = run_all(input, nullptr, 0.3f);
+    double signal = 0, difference = 0;
+    for (int n = 4 * QUIBO_FRAME; n < kFrames * QUIBO_FRAME; ++n) {
+      signal += std::pow(input[n - kDelay], 2);
+      difference += std::pow(output[n] - input[n - kDelay], 2);
+    }
+    EXPECT_LT(10 * std::log10(difference / signal), -20) << "gain " << gain;
+  }
+}
+
+TEST(Denoise, StatesAreSharedByAllInstances) {
+  Instance a, b;
+  for (size_t i = 0; i < 6; ++i) {
+    EXPECT_EQ(a.recurrent()[i]->prev_stat, b.recurrent()[i]->prev_stat);
+    for (size_t k = 0; k < i; ++k) {
+      EXPECT_NE(a.recurrent()[i]->prev_stat, a.recurrent()[k]->prev_stat);
+    }
+  }
+}
+
+TEST(Denoise, FloorIsTakenBetweenZeroAndOneOnly) {
+  const std::pair<float, float> cases[] = {
+      {0.0f, 0.0f}, {1.0f, 1.0f}, {0.3f, 0.3f}, {1.0000001f, 0.0f}, {-0.0000001f, 0.0f}};
+  for (auto [given, kept] : cases) {
+    Instance instance(given);
+    EXPECT_EQ(instance.net().dlayer->min_scale, kept);
+  }
+  EXPECT_TRUE(std::isnan(Instance(NAN).net().dlayer->min_scale));
+}
+
+TEST(Denoise, NullHandlesGiveMinusTen) {
+  int16_t frame[QUIBO_FRAME] = {3};
+  void* none = nullptr;
+  EXPECT_EQ(-10, QuibAncRun(nullptr, frame, frame));
+  EXPECT_EQ(3, frame[0]);
+  EXPECT_EQ(-10, QuibAncUnit(nullptr));
+  EXPECT_EQ(-10, QuibAncUnit(&none));
+}
+
+// Allocation 0 is the handle, 1 the network, 2..15 the layers, 16 the working record.
+TEST(Denoise, EveryFailedAllocationIsSurvived) {
+  const std::vector<int16_t> input = audio(4 * QUIBO_FRAME, kSeed);
+  for (int n = 0; n <= 17; ++n) {
+    void* handle = &handle;
+    int result;
+    {
+      quibo_test::DeliberateLeaks leaks;  // a missing network leaks the handle
+      quibo_test::FailAllocation fail(n);
+      result = QuibAncInit(&handle, 0.5f);
+      EXPECT_EQ(fail.count(), n < 17 ? n + 1 : 17);
+    }
+    EXPECT_EQ(result, n == 0 ? -2 : n == 1 ? -1 : 0);
+    EXPECT_EQ(handle == nullptr, n < 2);
+    if (!handle) continue;
+    for (int f = 0; f < 4; ++f) {
+      std::vector<int16_t> out(QUIBO_FRAME, 7);
+      const int run = QuibAncRun(handle, &input[f * QUIBO_FRAME], out.data());
+      if (n < 17) {
+        EXPECT_EQ(run, -1) << "a half-built instance";
+        EXPECT_EQ(out, std::vector<int16_t>(QUIBO_FRAME, 0));
+      } else {
+        EXPECT_EQ(run, f < 2 ? -1 : 0);
+      }
+    }
+    EXPECT_EQ(0, QuibAncUnit(&handle));
+  }
 }
 
 }  // namespace
