@@ -14,35 +14,22 @@
 #include "support/allocation.h"
 #include "support/leaks.h"
 #include "support/naive_net.h"
+#include "support/net_input.h"
 #include "support/variants.h"
 
 namespace {
 
 using naive::Map;
 using naive::Row;
+using quibo_test::audio;
 using quibo_test::for_each_variant;
+using quibo_test::kManyFrames;
+using quibo_test::kSeed;
+using quibo_test::Tables;
+using quibo_test::tones;
 
-constexpr unsigned kSeed = 20251103;
 constexpr int kHop = naive::kHop, kBins = naive::kBins;
 constexpr int kStates = 32 * 32;
-// Under the sanitizers a tenth of the steps does.
-#ifdef __SANITIZE_ADDRESS__
-constexpr int kManyFrames = 100;
-#else
-constexpr int kManyFrames = 1000;
-#endif
-
-// Random tables of one network.
-struct Tables {
-  explicit Tables(unsigned seed, float heat = 1.0f) : random(seed), heat(heat) {}
-  const float* make(size_t size, size_t fan_in) {
-    tables.push_back(naive::random_table(random, size, fan_in, heat));
-    return tables.back().data();
-  }
-  std::mt19937 random;
-  float heat;
-  std::vector<std::vector<float>> tables;
-};
 
 // An instance whose layers point at random tables and at states of its own.
 class Instance {
@@ -197,20 +184,6 @@ class Reference {
   naive::History decoder_[4] = {{3, 32, 32}, {3, 16, 64}, {3, 16, 128}, {3, 8, 256}};
 };
 
-// Noise whose level sweeps over 60 dB, a tone, silence at times.
-std::vector<int16_t> audio(int samples, unsigned seed) {
-  std::mt19937 random(seed);
-  std::normal_distribution<double> normal;
-  std::vector<int16_t> x(samples);
-  for (int n = 0; n < samples; ++n) {
-    if (n / 4096 % 7 == 5) continue;
-    const double level = 6000 * std::pow(10, -1.5 * (1 - std::cos(n / 9000.0)));
-    const double v = level * normal(random) + 3000 * std::sin(n * n * 1e-6);
-    x[n] = static_cast<int16_t>(std::max(-32768.0, std::min(32767.0, v)));
-  }
-  return x;
-}
-
 // Two instances that share their states, on different signals, in turns: as the front end runs
 // three.
 void compare_with_reference(bool own_transforms, float bar, int frames, float heat) {
@@ -307,17 +280,6 @@ TEST(Denoise, FrameEqualsTwoStepsToTheBit) {
       ASSERT_EQ(states, states_single) << variant;
     }
   });
-}
-
-// Sines at bin centres: the Hann window spreads each over three bins only.
-std::vector<int16_t> tones(const std::vector<int>& bins, int frames) {
-  std::vector<int16_t> x(frames * QUIBO_FRAME);
-  for (size_t n = 0; n < x.size(); ++n) {
-    double v = 0;
-    for (int k : bins) v += 4000 * std::sin(2 * M_PI * k * static_cast<double>(n) / naive::kFrame);
-    x[n] = static_cast<int16_t>(std::lround(v));
-  }
-  return x;
 }
 
 TEST(Denoise, FloorOfOnePassesTheSpectrumFourHopsLateWithTheLowBandAt15Percent) {

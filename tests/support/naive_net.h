@@ -7,7 +7,6 @@
 #include <cmath>
 #include <complex>
 #include <functional>
-#include <random>
 #include <vector>
 
 namespace naive {
@@ -202,17 +201,6 @@ inline Row inverse_dft(const Spectrum& bins) {
     out[n] = static_cast<float>(total / kFrame);
   }
   return out;
-}
-
-// Uniform values around zero, with the variance that keeps a sum of fan_in products in range times
-// `heat` squared.
-inline std::vector<float> random_table(std::mt19937& random, size_t size, size_t fan_in,
-                                       float heat = 1.0f) {
-  const float limit = heat * std::sqrt(3.0f / static_cast<float>(fan_in));
-  std::uniform_real_distribution<float> uniform(-limit, limit);
-  std::vector<float> table(size);
-  for (float& v : table) v = uniform(random);
-  return table;
 }
 
 }  // namespace naive
