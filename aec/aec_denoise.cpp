@@ -134,7 +134,13 @@ int32_t QuibNAecRun(void* handle, const float* mic, const float* yn, int16_t* ou
 
 int32_t QuibNAecUnit(void* handle) {
   if (!handle) return -1;
-  // Neither the network's record nor the handle is released: callers may hold on to them.
+  // Neither the network's record nor the handle is released: their memory outlives the call.
   destroy_aec_denoise_net(static_cast<KTNNAECParams*>(handle)->Mynet);
   return 0;
+}
+
+void free_aec_denoise(void* handle) {
+  if (!handle) return;
+  free(static_cast<KTNNAECParams*>(handle)->Mynet);
+  free(handle);
 }

@@ -90,6 +90,10 @@ int32_t init_aec_denoise_net(AEC_Denoise_Net* net);
 /* Releases the layers and the activation store, not `net`. */
 void destroy_aec_denoise_net(AEC_Denoise_Net* net);
 
+/* Frees what QuibNAecUnit leaves: the network's record and the handle. For the owner, when nobody
+ * holds the handle any more; NULL is ignored. */
+void free_aec_denoise(void* handle);
+
 #ifdef __cplusplus
 }
 #endif

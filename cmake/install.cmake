@@ -10,7 +10,8 @@ install(TARGETS quibo_demo RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
 install(FILES include/quibo/quibo.h DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/quibo)
 # The records, for callers that hold one themselves.
 install(FILES api/WakeupApi.h DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/quibo/api)
-install(FILES aec/Laec.h aec/aecpostapi.h DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/quibo/aec)
+install(FILES aec/Laec.h aec/aecpostapi.h aec/aec_denoise.h DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/quibo/aec)
+install(FILES denoise/denoise.h DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/quibo/denoise)
 install(FILES limiter/zq_MPO.h DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/quibo/limiter)
 
 set(package_dir ${CMAKE_INSTALL_LIBDIR}/cmake/quibo)
@@ -22,5 +23,7 @@ write_basic_package_version_file(${PROJECT_BINARY_DIR}/quibo-config-version.cmak
 install(FILES ${PROJECT_BINARY_DIR}/quibo-config.cmake ${PROJECT_BINARY_DIR}/quibo-config-version.cmake
   DESTINATION ${package_dir})
 
+# Relative to itself, so that `cmake --install --prefix` and moved installations work.
+file(RELATIVE_PATH quibo_pc_to_prefix ${CMAKE_INSTALL_FULL_LIBDIR}/pkgconfig ${CMAKE_INSTALL_PREFIX})
 configure_file(cmake/quibo.pc.in ${PROJECT_BINARY_DIR}/quibo.pc @ONLY)
 install(FILES ${PROJECT_BINARY_DIR}/quibo.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)

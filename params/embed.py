@@ -72,6 +72,9 @@ def main():
         except FileNotFoundError:
             errors.append(f"{file_name}: no such file in {params_dir}")
             continue
+        except OSError as reason:
+            errors.append(f"{file_name}: cannot be read ({reason.strerror})")
+            continue
         except safetensors_file.FormatError as reason:
             errors.append(f"{file_name}: {reason}")
             continue

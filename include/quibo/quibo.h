@@ -61,19 +61,24 @@ enum {
 typedef struct KTWakeupParams* KTWakeup;
 
 /* Creates a front end and stores it in *handle, which must be NULL on entry. `lang` is handed to
- * the wake-up engine, which has one language and ignores it; pass 0. Prints
- * "Version:libquibo_wakeup_DOA_v3.3.22_20251103\n". Returns 0, or, leaving *handle unchanged and
- * what was already created allocated: -1  *handle is not NULL -2  no memory for the record -3  echo
- * canceller of microphone 1 -4  echo canceller of microphone 2 -5  echo canceller of microphone 3
- */
+ * the wake-up engine, which has one language and ignores it; pass 0. Prints the echo suppressor's
+ * lines and "Version:libquibo_wakeup_DOA_v3.3.22_20251103\n". Returns 0, or, leaving *handle
+ * unchanged and what was already created allocated:
+ *
+ * - -1: *handle is not NULL
+ * - -2: no memory for the record
+ * - -3, -4, -5: echo canceller of microphone 1, 2, 3
+ * - -6: noise suppressor of the wake-up path, which is created and not run
+ * - -7, -8, -9: noise suppressor of microphone 1, 2, 3
+ * - -10: neural echo suppressor */
 QUIBO_API int32_t Quibo_wakeup_init(KTWakeup* handle, int32_t lang);
 
 /* Echo path, one frame. mic1_data..mic3_data: 1024 samples each in the scrambled encoding of
  * dec_data(), descrambled in place. ref_data: 1024 samples as played by the loudspeaker, plain.
  * outdata1..outdata3: receive the echo-cancelled microphones, 1024 samples each; each may be NULL
  * to skip it. naecout: receives 1024 samples of microphone 1 with the residual echo suppressed, not
- * NULL. Latency: 20 samples (1.25 ms). Returns 0, or -1 after printing
- * "kesto_wakeup_three_write_data error\n" when handle is NULL. */
+ * NULL. Latency: 20 samples (1.25 ms); naecout 2580 samples (161 ms). Returns 0, or -1 after
+ * printing "kesto_wakeup_three_write_data error\n" when handle is NULL. */
 QUIBO_API int32_t Quibo_wakeup_three_write_data(KTWakeup handle, int16_t* mic1_data,
                                                 int16_t* mic2_data, int16_t* mic3_data,
                                                 const int16_t* ref_data, int16_t* outdata1,
@@ -176,43 +181,53 @@ QUIBO_API int32_t QuibAncUnit(void** handle);
 /* 16 x 2 x 3 x 3, and two floats more: the products of this layer run over 20 columns where a row
  * has 18, into the next row's first two; these are what follows the last row. */
 QUIBO_API extern const float denoise_inp_conv1_weight[290];
-QUIBO_API extern const float denoise_inp_conv1_bias[16], denoise_inp_prelu1_weight[16];
+QUIBO_API extern const float denoise_inp_conv1_bias[16];
+QUIBO_API extern const float denoise_inp_prelu1_weight[16];
 QUIBO_API extern const float denoise_inp_conv2_weight[4608];
-QUIBO_API extern const float denoise_inp_conv2_bias[32], denoise_inp_prelu2_weight[32];
+QUIBO_API extern const float denoise_inp_conv2_bias[32];
+QUIBO_API extern const float denoise_inp_prelu2_weight[32];
 QUIBO_API extern const float denoise_inp_conv3_weight[9216];
-QUIBO_API extern const float denoise_inp_conv3_bias[32], denoise_inp_prelu3_weight[32];
+QUIBO_API extern const float denoise_inp_conv3_bias[32];
+QUIBO_API extern const float denoise_inp_prelu3_weight[32];
 QUIBO_API extern const float denoise_inp_conv4_weight[9216];
-QUIBO_API extern const float denoise_inp_conv4_bias[32], denoise_inp_prelu4_weight[32];
+QUIBO_API extern const float denoise_inp_conv4_bias[32];
+QUIBO_API extern const float denoise_inp_prelu4_weight[32];
 QUIBO_API extern const float denoise_time_gru1_weight[6144];
 QUIBO_API extern const float denoise_time_gru1_bias[128];
 QUIBO_API extern const float denoise_time_linear1_weight[1024];
 QUIBO_API extern const float denoise_time_linear1_bias[32];
-QUIBO_API extern const float denoise_time_norm1_weight[32], denoise_time_norm1_bias[32];
+QUIBO_API extern const float denoise_time_norm1_weight[32];
+QUIBO_API extern const float denoise_time_norm1_bias[32];
 QUIBO_API extern const float denoise_time_gru2_weight[6144];
 QUIBO_API extern const float denoise_time_gru2_bias[128];
 QUIBO_API extern const float denoise_time_linear2_weight[1024];
 QUIBO_API extern const float denoise_time_linear2_bias[32];
-QUIBO_API extern const float denoise_time_norm2_weight[32], denoise_time_norm2_bias[32];
+QUIBO_API extern const float denoise_time_norm2_weight[32];
+QUIBO_API extern const float denoise_time_norm2_bias[32];
 QUIBO_API extern const float denoise_time_gru3_weight[6144];
 QUIBO_API extern const float denoise_time_gru3_bias[128];
 QUIBO_API extern const float denoise_time_linear3_weight[1024];
 QUIBO_API extern const float denoise_time_linear3_bias[32];
-QUIBO_API extern const float denoise_time_norm3_weight[32], denoise_time_norm3_bias[32];
+QUIBO_API extern const float denoise_time_norm3_weight[32];
+QUIBO_API extern const float denoise_time_norm3_bias[32];
 QUIBO_API extern const float denoise_freq_gru1_weight[6144];
 QUIBO_API extern const float denoise_freq_gru1_bias[128];
 QUIBO_API extern const float denoise_freq_linear1_weight[1024];
 QUIBO_API extern const float denoise_freq_linear1_bias[32];
-QUIBO_API extern const float denoise_freq_norm1_weight[32], denoise_freq_norm1_bias[32];
+QUIBO_API extern const float denoise_freq_norm1_weight[32];
+QUIBO_API extern const float denoise_freq_norm1_bias[32];
 QUIBO_API extern const float denoise_freq_gru2_weight[6144];
 QUIBO_API extern const float denoise_freq_gru2_bias[128];
 QUIBO_API extern const float denoise_freq_linear2_weight[1024];
 QUIBO_API extern const float denoise_freq_linear2_bias[32];
-QUIBO_API extern const float denoise_freq_norm2_weight[32], denoise_freq_norm2_bias[32];
+QUIBO_API extern const float denoise_freq_norm2_weight[32];
+QUIBO_API extern const float denoise_freq_norm2_bias[32];
 QUIBO_API extern const float denoise_freq_gru3_weight[6144];
 QUIBO_API extern const float denoise_freq_gru3_bias[128];
 QUIBO_API extern const float denoise_freq_linear3_weight[1024];
 QUIBO_API extern const float denoise_freq_linear3_bias[32];
-QUIBO_API extern const float denoise_freq_norm3_weight[32], denoise_freq_norm3_bias[32];
+QUIBO_API extern const float denoise_freq_norm3_weight[32];
+QUIBO_API extern const float denoise_freq_norm3_bias[32];
 QUIBO_API extern const float denoise_pixel_conv1_weight[9216];
 QUIBO_API extern const float denoise_pixel_conv1_bias[32];
 QUIBO_API extern const float denoise_pixel_conv2_weight[4608];
@@ -256,21 +271,29 @@ QUIBO_API extern const float aec_sys_real_conv_bias[512];
 QUIBO_API extern const float aec_sys_imag_conv_weight[4096];
 QUIBO_API extern const float aec_sys_imag_conv_bias[512];
 QUIBO_API extern const float aec_inp_conv1_weight[384];
-QUIBO_API extern const float aec_inp_conv1_bias[16], aec_inp_prelu1_weight[16];
+QUIBO_API extern const float aec_inp_conv1_bias[16];
+QUIBO_API extern const float aec_inp_prelu1_weight[16];
 QUIBO_API extern const float aec_inp_conv2_weight[3072];
-QUIBO_API extern const float aec_inp_conv2_bias[32], aec_inp_prelu2_weight[32];
+QUIBO_API extern const float aec_inp_conv2_bias[32];
+QUIBO_API extern const float aec_inp_prelu2_weight[32];
 QUIBO_API extern const float aec_inp_conv3_weight[9216];
-QUIBO_API extern const float aec_inp_conv3_bias[48], aec_inp_prelu3_weight[48];
+QUIBO_API extern const float aec_inp_conv3_bias[48];
+QUIBO_API extern const float aec_inp_prelu3_weight[48];
 QUIBO_API extern const float aec_inp_conv4_weight[18432];
-QUIBO_API extern const float aec_inp_conv4_bias[64], aec_inp_prelu4_weight[64];
+QUIBO_API extern const float aec_inp_conv4_bias[64];
+QUIBO_API extern const float aec_inp_prelu4_weight[64];
 QUIBO_API extern const float aec_enc_conv1_weight[36864];
-QUIBO_API extern const float aec_enc_conv1_bias[64], aec_enc_prelu1_weight[64];
+QUIBO_API extern const float aec_enc_conv1_bias[64];
+QUIBO_API extern const float aec_enc_prelu1_weight[64];
 QUIBO_API extern const float aec_enc_conv2_weight[36864];
-QUIBO_API extern const float aec_enc_conv2_bias[64], aec_enc_prelu2_weight[64];
+QUIBO_API extern const float aec_enc_conv2_bias[64];
+QUIBO_API extern const float aec_enc_prelu2_weight[64];
 QUIBO_API extern const float aec_enc_conv3_weight[36864];
-QUIBO_API extern const float aec_enc_conv3_bias[64], aec_enc_prelu3_weight[64];
+QUIBO_API extern const float aec_enc_conv3_bias[64];
+QUIBO_API extern const float aec_enc_prelu3_weight[64];
 QUIBO_API extern const float aec_enc_conv4_weight[36864];
-QUIBO_API extern const float aec_enc_conv4_bias[64], aec_enc_prelu4_weight[64];
+QUIBO_API extern const float aec_enc_conv4_bias[64];
+QUIBO_API extern const float aec_enc_prelu4_weight[64];
 QUIBO_API extern const float aec_time_gru1_weight[24576];
 QUIBO_API extern const float aec_time_gru1_bias[256];
 QUIBO_API extern const float aec_time_linear1_weight[4096];
@@ -296,13 +319,17 @@ QUIBO_API extern const float aec_freq_gru3_bias[256];
 QUIBO_API extern const float aec_freq_linear3_weight[4096];
 QUIBO_API extern const float aec_freq_linear3_bias[64];
 QUIBO_API extern const float aec_dec_conv1_weight[36864];
-QUIBO_API extern const float aec_dec_conv1_bias[64], aec_dec_prelu1_weight[64];
+QUIBO_API extern const float aec_dec_conv1_bias[64];
+QUIBO_API extern const float aec_dec_prelu1_weight[64];
 QUIBO_API extern const float aec_dec_conv2_weight[36864];
-QUIBO_API extern const float aec_dec_conv2_bias[64], aec_dec_prelu2_weight[64];
+QUIBO_API extern const float aec_dec_conv2_bias[64];
+QUIBO_API extern const float aec_dec_prelu2_weight[64];
 QUIBO_API extern const float aec_dec_conv3_weight[36864];
-QUIBO_API extern const float aec_dec_conv3_bias[64], aec_dec_prelu3_weight[64];
+QUIBO_API extern const float aec_dec_conv3_bias[64];
+QUIBO_API extern const float aec_dec_prelu3_weight[64];
 QUIBO_API extern const float aec_dec_conv4_weight[36864];
-QUIBO_API extern const float aec_dec_conv4_bias[64], aec_dec_prelu4_weight[64];
+QUIBO_API extern const float aec_dec_conv4_bias[64];
+QUIBO_API extern const float aec_dec_prelu4_weight[64];
 QUIBO_API extern const float aec_pixel_conv1_weight[24576];
 QUIBO_API extern const float aec_pixel_conv1_bias[64];
 QUIBO_API extern const float aec_pixel_conv2_weight[6144];

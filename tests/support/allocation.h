@@ -1,5 +1,5 @@
-// Failing allocations on demand: malloc and calloc of the library under test go through here
-// (linker option --wrap).
+// Failing and tracking allocations: malloc, calloc and free of the library under test go through
+// here (linker option --wrap).
 #pragma once
 
 namespace quibo_test {
@@ -14,6 +14,18 @@ class FailAllocation {
 
   // Allocations asked for so far. No more than n means that none was failed.
   int count() const;
+};
+
+// Knows the blocks allocated during its life that are still held, and frees them at its end: failed
+// creations leave memory behind on purpose.
+class HeldMemory {
+ public:
+  HeldMemory();
+  ~HeldMemory();
+  HeldMemory(const HeldMemory&) = delete;
+  HeldMemory& operator=(const HeldMemory&) = delete;
+
+  int blocks() const;
 };
 
 }  // namespace quibo_test

@@ -1,24 +1,42 @@
 // Random tables and test signals for the float networks.
 #pragma once
 
+#include <gtest/gtest.h>
+
 #include <algorithm>
 #include <cmath>
 #include <cstdint>
 #include <random>
+#include <string>
 #include <vector>
 
 #include "quibo/quibo.h"
+#include "support/variants.h"
 
 namespace quibo_test {
 
 constexpr unsigned kSeed = 20251103;
 
-// Enough frames for 2,000 steps; under the sanitizers a tenth of them.
+// Enough frames for 2,000 steps; under the sanitizers a tenth of them. The scalar variant, ten
+// times slower, runs a fifth.
 #ifdef __SANITIZE_ADDRESS__
 constexpr int kManyFrames = 100;
 #else
 constexpr int kManyFrames = 1000;
 #endif
+constexpr int kManyScalarFrames = kManyFrames / 5;
+
+// Runs `output_of(frames)` on every variant; all must agree, as far as each went.
+template <class OutputOf>
+void expect_equal_outputs(const OutputOf& output_of) {
+  std::vector<int16_t> longest;
+  for_each_variant([&](const std::string& variant) {
+    std::vector<int16_t> output = output_of(variant == "scalar" ? kManyScalarFrames : kManyFrames);
+    if (output.size() > longest.size()) std::swap(output, longest);
+    EXPECT_TRUE(std::equal(output.begin(), output.end(), longest.begin()))
+        << variant << ", seed " << kSeed;
+  });
+}
 
 // Random tables of one network: uniform around zero, with the variance that keeps sums of fan_in
 // products in range, times `heat` squared.

@@ -1,0 +1,115 @@
+#!/usr/bin/env python3
+"""Runs the library's linear echo canceller on the sample and prints what it achieves.
+
+Echo return loss enhancement (ERLE), far-end-only stretches after --converge seconds, per microphone:
+    10 log10( sum d^2 / sum e^2 ),
+d = the descrambled microphone delayed by the canceller's 20 samples, e = the canceller's output
+(residual-echo gain included), so the room's noise is part of both.
+
+Near-end-only stretches, per microphone: SI-SDR of e, that is with a = <e, s> / <s, s>
+    10 log10( sum (a s)^2 / sum (e - a s)^2 )
+against s = d (what the canceller changes when nothing plays), and for microphone 1 also against
+s = the talkers alone, delayed by 20 samples (so that the room's noise counts as error), beside the
+SI-SDR of d against the same.
+
+Double talk, microphone 1: SI-SDR of d and of e against the talkers alone.
+"""
+
+import argparse
+import ctypes
+import json
+import pathlib
+
+import numpy as np
+import soundfile
+
+import codec
+
+FRAME = 1024
+MIC_DELAY = 20
+
+
+class Canceller:
+    """One microphone's linear echo canceller, from the shared library."""
+
+    def __init__(self, path):
+        self._lib = ctypes.CDLL(str(path))
+        self._lib.kesto_Laec_Post_init.restype = ctypes.c_void_p
+        self._lib.kesto_Laec_Post_write.argtypes = [ctypes.c_void_p] * 4
+        self._lib.kesto_Laec_Post_unit.argtypes = [ctypes.c_void_p]
+
+    def run(self, mic, ref):
+        """int16 [n], int16 [n] -> float32 [n], n a multiple of FRAME, from a fresh state."""
+        handle = self._lib.kesto_Laec_Post_init()
+        if not handle:
+            raise MemoryError("kesto_Laec_Post_init")
+        out = np.empty(len(mic), np.float32)
+        for n in range(0, len(mic), FRAME):
+            frames = [np.ascontiguousarray(x[n : n + FRAME]) for x in (mic, ref)]
+            pointers = [x.ctypes.data for x in (*frames, out[n : n + FRAME])]
+            if self._lib.kesto_Laec_Post_write(handle, *pointers) != FRAME:
+                raise RuntimeError("kesto_Laec_Post_write")
+        self._lib.kesto_Laec_Post_unit(handle)
+        return out
+
+
+def late(x):
+    """x as full-scale-1.0 floats, MIC_DELAY samples late."""
+    return np.concatenate([np.zeros(MIC_DELAY), x[:-MIC_DELAY] / 32768.0])
+
+
+def erle_db(d, e):
+    return 10.0 * np.log10((d @ d) / (e @ e))
+
+
+def si_sdr_db(e, s):
+    target = s * (e @ s) / (s @ s)
+    rest = e - target
+    return 10.0 * np.log10((target @ target) / (rest @ rest))
+
+
+def main():
+    parser = argparse.ArgumentParser(
+        description=__doc__, formatter_class=argparse.RawDescriptionHelpFormatter
+    )
+    parser.add_argument("--scene", default="samples/living_room.json")
+    parser.add_argument("--library", default="build/libquibo.so")
+    parser.add_argument("--converge", type=float, default=5.0, help="seconds left out at the start")
+    args = parser.parse_args()
+
+    scene_path = pathlib.Path(args.scene)
+    scene = json.loads(scene_path.read_text(encoding="utf-8"))
+    channels, rate = soundfile.read(scene_path.with_name(scene["file"]), dtype="int16")
+    channels = channels[: len(channels) // FRAME * FRAME].T
+    ref, talkers = channels[4], late(channels[3])
+    canceller = Canceller(pathlib.Path(args.library).resolve())
+
+    mics = [codec.unscramble(channels[m]) for m in range(3)]
+    outputs = [canceller.run(mic, ref).astype(np.float64) for mic in mics]
+    for stretch in scene["stretches"]:
+        start, end = stretch["start"], stretch["end"]
+        if stretch["kind"] == "far_end":
+            start = max(start, args.converge)
+        span = slice(round(start * rate) + MIC_DELAY, round(end * rate))
+        if span.start >= span.stop:
+            continue
+        print(f"{stretch['kind']:<12} {start:5.1f} - {end:4.1f} s  {stretch['what']}")
+        for m, (mic, out) in enumerate(zip(mics, outputs)):
+            d, e, s = late(mic)[span], out[span], talkers[span]
+            line = f"    microphone {m + 1}:"
+            if stretch["kind"] == "far_end":
+                print(f"{line} ERLE {erle_db(d, e):5.1f} dB")
+                continue
+            if stretch["kind"] == "near_end":
+                line += f" SI-SDR against the microphone {si_sdr_db(e, d):5.1f} dB"
+            if m == 0:
+                line += (
+                    f" SI-SDR against the talkers alone: before {si_sdr_db(d, s):5.1f} dB,"
+                    f" after {si_sdr_db(e, s):5.1f} dB"
+                )
+            if stretch["kind"] == "near_end" or m == 0:
+                print(line)
+
+
+if __name__ == "__main__":
+    main()
