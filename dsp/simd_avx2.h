@@ -12,6 +12,7 @@ struct Avx2F32 {
   using Four = Sse2F32;
   using Reg = __m256;
   static constexpr int kWidth = 8;
+  static constexpr int kRegisters = 16;
 
   static Reg load(const float* p) { return _mm256_loadu_ps(p); }
   static void store(float* p, Reg v) { _mm256_storeu_ps(p, v); }

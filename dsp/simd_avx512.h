@@ -12,6 +12,7 @@ struct Avx512F32 {
   using Four = Sse2F32;
   using Reg = __m512;
   static constexpr int kWidth = 16;
+  static constexpr int kRegisters = 32;
 
   static Reg load(const float* p) { return _mm512_loadu_ps(p); }
   static void store(float* p, Reg v) { _mm512_storeu_ps(p, v); }
