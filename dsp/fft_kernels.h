@@ -68,64 +68,70 @@ struct Butterfly {
 
 constexpr float kCosQuarterPi = round6(cos_turn(1, 8));
 
+// The first two stages hold several butterflies of different twiddles in one register, and two of
+// them have a form of their own: the first one and the one half-way. Runs body(i, butterfly) on
+// i = 0, kWidth, ... below `length`, with a butterfly that gives entries 0 .. lanes-1 and
+// length/2 .. length/2+lanes-1 their special forms.
+template <class V, int lanes, int length, class Body>
+void for_mixed_butterflies(const Body& body) {
+  static_assert(length / 2 % V::kWidth == 0, "the half-way entry starts a register");
+  using C = ComplexReg<V>;
+  auto mix = [](const Quad<V>& special, const Quad<V>& general) {
+    auto lead = [](C a, C b) {
+      return C{V::template lead<lanes>(a.re, b.re), V::template lead<lanes>(a.im, b.im)};
+    };
+    return Quad<V>{lead(special.y0, general.y0), lead(special.y1, general.y1),
+                   lead(special.y2, general.y2), lead(special.y3, general.y3)};
+  };
+  auto first = [&](C x0, C x1, C x2, C x3, C w1, C w2, C w3) {
+    return mix(Butterfly<V>::plain(x0, x1, x2, x3),
+               Butterfly<V>::twiddled(x0, x1, x2, x3, w1, w2, w3));
+  };
+  auto half_way = [&](C x0, C x1, C x2, C x3, C w1, C w2, C w3) {
+    return mix(Butterfly<V>::half_way(x0, x1, x2, x3, V::splat(kCosQuarterPi)),
+               Butterfly<V>::twiddled(x0, x1, x2, x3, w1, w2, w3));
+  };
+  auto half = [&](int begin, auto special) {
+    int i = begin;
+    for (; i < begin + lanes; i += V::kWidth) body(i, special);
+    for (; i < begin + length / 2; i += V::kWidth) body(i, Butterfly<V>::twiddled);
+  };
+  half(0, first);
+  half(length / 2, half_way);
+}
+
 // First stage (cft1st), positions = 1: the lanes hold consecutive i, each with twiddles of its own.
-// `Load` reads the complex input at an index, so that the stage serves interleaved samples and
-// split arrays alike.
+// load(i) reads the complex input, interleaved samples or split arrays.
 template <class V, int count, class Load>
-void first_stage(const Load& load, const StageTwiddles<count>& tw, float* re, float* im) {
-  static_assert(count % V::kWidth == 0, "rows fill whole registers");
-  for (int i = 0; i < count; i += V::kWidth) {
-    const Quad<V> q = Butterfly<V>::twiddled(
-        load.template at<V>(i), load.template at<V>(i + count), load.template at<V>(i + 2 * count),
-        load.template at<V>(i + 3 * count), load_complex<V>(tw.w1r + i, tw.w1i + i),
-        load_complex<V>(tw.w2r + i, tw.w2i + i), load_complex<V>(tw.w3r + i, tw.w3i + i));
+[[gnu::flatten]] void first_stage(const Load& load, const StageTwiddles<count>& tw, float* re,
+                                  float* im) {
+  for_mixed_butterflies<V, 1, count>([&](int i, auto butterfly) {
+    const Quad<V> q =
+        butterfly(load(i), load(i + count), load(i + 2 * count), load(i + 3 * count),
+                  load_complex<V>(tw.w1r + i, tw.w1i + i), load_complex<V>(tw.w2r + i, tw.w2i + i),
+                  load_complex<V>(tw.w3r + i, tw.w3i + i));
     V::store_columns(re + 4 * i, q.y0.re, q.y1.re, q.y2.re, q.y3.re);
     V::store_columns(im + 4 * i, q.y0.im, q.y1.im, q.y2.im, q.y3.im);
-  }
-  // The two entries that have a form of their own, computed again.
-  using S = ScalarF32;
-  auto redo = [&](int i, const Quad<S>& q) {
-    S::store_columns(re + 4 * i, q.y0.re, q.y1.re, q.y2.re, q.y3.re);
-    S::store_columns(im + 4 * i, q.y0.im, q.y1.im, q.y2.im, q.y3.im);
-  };
-  auto in = [&](int i) { return load.template at<S>(i); };
-  constexpr int h = count / 2;
-  redo(0, Butterfly<S>::plain(in(0), in(count), in(2 * count), in(3 * count)));
-  redo(h, Butterfly<S>::half_way(in(h), in(h + count), in(h + 2 * count), in(h + 3 * count),
-                                 kCosQuarterPi));
+  });
 }
 
 // Second stage (cftmdl), positions = 4: a register holds all four positions of kWidth/4 consecutive
 // i.
 template <class V, int count>
-void second_stage(const float* xr, const float* xi, const StageTwiddles<count>& tw, float* yr,
-                  float* yi) {
+[[gnu::flatten]] void second_stage(const float* xr, const float* xi, const StageTwiddles<count>& tw,
+                                   float* yr, float* yi) {
   constexpr int step = 4 * count;
-  auto in = [&](auto v, int at) { return load_complex<decltype(v)>(xr + at, xi + at); };
-  for (int f = 0; f < step; f += V::kWidth) {
+  auto in = [&](int at) { return load_complex<V>(xr + at, xi + at); };
+  for_mixed_butterflies<V, 4, step>([&](int f, auto butterfly) {
     const int i = f / 4;
-    const Quad<V> q = Butterfly<V>::twiddled(
-        in(V{}, f), in(V{}, f + step), in(V{}, f + 2 * step), in(V{}, f + 3 * step),
-        {V::load_repeat4(tw.w1r + i), V::load_repeat4(tw.w1i + i)},
-        {V::load_repeat4(tw.w2r + i), V::load_repeat4(tw.w2i + i)},
-        {V::load_repeat4(tw.w3r + i), V::load_repeat4(tw.w3i + i)});
+    const Quad<V> q = butterfly(in(f), in(f + step), in(f + 2 * step), in(f + 3 * step),
+                                {V::load_repeat4(tw.w1r + i), V::load_repeat4(tw.w1i + i)},
+                                {V::load_repeat4(tw.w2r + i), V::load_repeat4(tw.w2i + i)},
+                                {V::load_repeat4(tw.w3r + i), V::load_repeat4(tw.w3i + i)});
     const int at = 16 * i + f % 4;
     V::store_quads(yr + at, q.y0.re, q.y1.re, q.y2.re, q.y3.re);
     V::store_quads(yi + at, q.y0.im, q.y1.im, q.y2.im, q.y3.im);
-  }
-  using S = ScalarF32;
-  auto redo = [&](int at, const Quad<S>& q) {
-    S::store_quads(yr + at, q.y0.re, q.y1.re, q.y2.re, q.y3.re);
-    S::store_quads(yi + at, q.y0.im, q.y1.im, q.y2.im, q.y3.im);
-  };
-  for (int p = 0; p < 4; ++p) {
-    const int h = step / 2 + p;
-    redo(p, Butterfly<S>::plain(in(S{}, p), in(S{}, p + step), in(S{}, p + 2 * step),
-                                in(S{}, p + 3 * step)));
-    redo(4 * (step / 2) + p,
-         Butterfly<S>::half_way(in(S{}, h), in(S{}, h + step), in(S{}, h + 2 * step),
-                                in(S{}, h + 3 * step), kCosQuarterPi));
-  }
+  });
 }
 
 // Later stages (cftmdl), positions >= 16: the lanes hold consecutive positions, which share their
@@ -185,28 +191,12 @@ struct RealFft {
   using Split = SplitComplex<kPoints>;
   using C = ComplexReg<V>;
 
-  struct InterleavedInput {
-    const float* x;
-    template <class W>
-    ComplexReg<W> at(int i) const {
-      return load_pairs<W>(x + 2 * i);
-    }
-  };
-
-  struct SplitInput {
-    const Split& x;
-    template <class W>
-    ComplexReg<W> at(int i) const {
-      return load_complex<W>(x.re + i, x.im + i);
-    }
-  };
-
   // All stages but the last, through the two buffers in turn; returns the one that holds the
-  // result. `in` may read from `b`, which is written only once the input has been consumed.
-  template <class Input>
-  static const Split& stages(const Input& in, Split& a, Split& b) {
+  // result. `load` may read from `b`, which is written only once the input has been consumed.
+  template <class Load>
+  static const Split& stages(const Load& load, Split& a, Split& b) {
     constexpr const RealFftTables<n>& t = kRealFftTables<n>;
-    first_stage<V, kPoints / 4>(in, t.stage1, a.re, a.im);
+    first_stage<V, kPoints / 4>(load, t.stage1, a.re, a.im);
     second_stage<V, kPoints / 16>(a.re, a.im, t.stage2, b.re, b.im);
     later_stage<V, kPoints / 64, 16>(b.re, b.im, t.stage3, a.re, a.im);
     if constexpr (n == 512) {
@@ -265,7 +255,7 @@ struct RealFft {
   // n samples to n/2+1 interleaved bins of X[k] = sum x[j] e^(-2*pi*j*k/n), unscaled.
   static void forward(const float* samples, float* bins) {
     Split a, b;
-    const Split& sorted = stages(InterleavedInput{samples}, a, b);
+    const Split& sorted = stages([&](int i) { return load_pairs<V>(samples + 2 * i); }, a, b);
     Split& z = &sorted == &a ? b : a;
     last_stage(sorted, [&](int p, C y) { store_complex<V>(z.re + p, z.im + p, y); });
 
@@ -307,7 +297,7 @@ struct RealFft {
       store_complex<V>(z.re + mirror, z.im + mirror,
                        {V::reverse(high.re), V::sub(zero, V::reverse(high.im))});
     });
-    const Split& sorted = stages(SplitInput{z}, a, z);
+    const Split& sorted = stages([&](int i) { return load_complex<V>(z.re + i, z.im + i); }, a, z);
     // cftbsub: the conjugate of the positive-exponent transform, interleaved back into samples.
     const typename V::Reg scale = V::splat(2.0f / n), minus_scale = V::splat(-2.0f / n);
     last_stage(sorted, [&](int p, C y) {
