@@ -208,42 +208,36 @@ struct RealFft {
   }
 
   // The last stage has no twiddles: radix 4 where the number of complex points is a power of four,
-  // else radix 2. `emit(p, y)` receives output p of the positive-exponent transform.
-  template <class Emit>
-  static void last_stage(const Split& x, const Emit& emit) {
-    auto in = [&](int at) { return load_complex<V>(x.re + at, x.im + at); };
-    if constexpr (n == 1024) {
-      constexpr int half = kPoints / 2;
-      for (int p = 0; p < half; p += V::kWidth) {
-        const C x0 = in(p), x1 = in(p + half);
-        emit(p, x0 + x1);
-        emit(p + half, x0 - x1);
-      }
+  // else radix 2. Output r of the butterfly at p is output r*kPart + p of the transform.
+  static constexpr int kRadix = n == 1024 ? 2 : 4;
+  static constexpr int kPart = kPoints / kRadix;
+  struct Outputs {
+    C y[kRadix];
+  };
+
+  static Outputs last_butterfly(const Split& x, int p) {
+    auto in = [&](int r) { return load_complex<V>(x.re + r * kPart + p, x.im + r * kPart + p); };
+    if constexpr (kRadix == 2) {
+      return {{in(0) + in(1), in(0) - in(1)}};
     } else {
-      constexpr int quarter = kPoints / 4;
-      for (int p = 0; p < quarter; p += V::kWidth) {
-        const Quad<V> q =
-            Butterfly<V>::plain(in(p), in(p + quarter), in(p + 2 * quarter), in(p + 3 * quarter));
-        emit(p, q.y0);
-        emit(p + quarter, q.y1);
-        emit(p + 2 * quarter, q.y2);
-        emit(p + 3 * quarter, q.y3);
-      }
+      const Quad<V> q = Butterfly<V>::plain(in(0), in(1), in(2), in(3));
+      return {{q.y0, q.y1, q.y2, q.y3}};
     }
   }
 
-  // Runs body(k) on k .. k+kWidth-1 until it has covered 1 .. n/4-1. The last register overlaps the
+  // Runs body(k) on k .. k+kWidth-1 until it has covered 1 .. count. The last register overlaps the
   // one before, so `body` must read and write different arrays.
-  template <class Body>
-  static void for_bin_pairs(const Body& body) {
-    constexpr int last = kPoints / 2 - V::kWidth;
+  template <int count, class Body>
+  static void for_registers(const Body& body) {
+    constexpr int last = count + 1 - V::kWidth;
     for (int k = 1; k < last; k += V::kWidth) body(k);
     body(last);
   }
 
   // The step between the complex spectrum z of n/2 points and the bins of the real frame. It is its
   // own mirror image up to signs, so the same lines serve both directions: x = z[k] -
-  // conj(z[points-k]), y = w*x, z[k] - y and z[points-k] + conj(y).
+  // conj(z[points-k]), y = w*x, z[k] - y and z[points-k] + conj(y). `high` holds its lanes in
+  // reverse.
   static void pair_step(int k, C& low, C& high) {
     constexpr const RealTwiddles<n>& w = kRealFftTables<n>.real;
     const C x = {V::sub(low.re, high.re), V::add(low.im, high.im)};
@@ -252,29 +246,43 @@ struct RealFft {
     high = {V::add(high.re, y.re), V::sub(y.im, high.im)};
   }
 
+  // Where the mirror image of k .. k+kWidth-1 among `count` begins.
+  static constexpr int mirror(int count, int k) { return count - k - (V::kWidth - 1); }
+
+  static C reverse(C x) { return {V::reverse(x.re), V::reverse(x.im)}; }
+
+  // Bins k and their mirror images from the outputs of the last stage (rftfsub). The stages
+  // computed positive exponents; pair_step() conjugates.
+  static void store_bins(float* bins, int k, C low, C high) {
+    high = reverse(high);
+    pair_step(k, low, high);
+    store_pairs<V>(bins + 2 * k, low);
+    store_pairs<V>(bins + 2 * mirror(kPoints, k), reverse(high));
+  }
+
   // n samples to n/2+1 interleaved bins of X[k] = sum x[j] e^(-2*pi*j*k/n), unscaled.
   static void forward(const float* samples, float* bins) {
     Split a, b;
     const Split& sorted = stages([&](int i) { return load_pairs<V>(samples + 2 * i); }, a, b);
-    Split& z = &sorted == &a ? b : a;
-    last_stage(sorted, [&](int p, C y) { store_complex<V>(z.re + p, z.im + p, y); });
-
-    // The stages computed positive exponents; pair_step() conjugates (rftfsub and the sign change
-    // in one).
-    bins[0] = z.re[0] + z.im[0];
-    bins[1] = 0.0f;
-    bins[n] = z.re[0] - z.im[0];
-    bins[n + 1] = 0.0f;
-    bins[kPoints] = z.re[kPoints / 2];
-    bins[kPoints + 1] = -z.im[kPoints / 2];
-    for_bin_pairs([&](int k) {
-      const int mirror = kPoints - k - (V::kWidth - 1);
-      C low = load_complex<V>(z.re + k, z.im + k);
-      C high = {V::reverse(V::load(z.re + mirror)), V::reverse(V::load(z.im + mirror))};
-      pair_step(k, low, high);
-      store_pairs<V>(bins + 2 * k, low);
-      store_pairs<V>(bins + 2 * mirror, {V::reverse(high.re), V::reverse(high.im)});
+    // The outputs of two butterflies that lie opposite each other are the images of one another.
+    for_registers<kPart / 2>([&](int p) {
+      const int opposite = mirror(kPart, p);
+      const Outputs here = last_butterfly(sorted, p), there = last_butterfly(sorted, opposite);
+      for (int r = 0; r < kRadix / 2; ++r) {
+        store_bins(bins, r * kPart + p, here.y[r], there.y[kRadix - 1 - r]);
+        store_bins(bins, r * kPart + opposite, there.y[r], here.y[kRadix - 1 - r]);
+      }
     });
+    // The first butterfly lies opposite itself.
+    using Scalar = RealFft<ScalarF32, n>;
+    const auto first = Scalar::last_butterfly(sorted, 0);
+    bins[0] = first.y[0].re + first.y[0].im;
+    bins[1] = 0.0f;
+    bins[n] = first.y[0].re - first.y[0].im;
+    bins[n + 1] = 0.0f;
+    bins[kPoints] = first.y[kRadix / 2].re;
+    bins[kPoints + 1] = -first.y[kRadix / 2].im;
+    if constexpr (kRadix == 4) Scalar::store_bins(bins, kPart, first.y[1], first.y[3]);
   }
 
   // n/2+1 interleaved bins to n samples, scaled by 2/n: the exact inverse of forward(). The
@@ -286,23 +294,25 @@ struct RealFft {
     z.im[0] = -half_difference;
     z.re[kPoints / 2] = bins[kPoints];
     z.im[kPoints / 2] = bins[kPoints + 1];
-    for_bin_pairs([&](int k) {  // rftbsub
-      const int mirror = kPoints - k - (V::kWidth - 1);
-      C low = load_pairs<V>(bins + 2 * k), high = load_pairs<V>(bins + 2 * mirror);
-      high = {V::reverse(high.re), V::reverse(high.im)};
+    for_registers<kPoints / 2 - 1>([&](int k) {  // rftbsub
+      const int image = mirror(kPoints, k);
+      C low = load_pairs<V>(bins + 2 * k), high = reverse(load_pairs<V>(bins + 2 * image));
       pair_step(k, low, high);
       // pair_step() leaves y.im - z.im; the backward direction wants the opposite sign.
       const typename V::Reg zero = V::splat(0.0f);
       store_complex<V>(z.re + k, z.im + k, {low.re, V::sub(zero, low.im)});
-      store_complex<V>(z.re + mirror, z.im + mirror,
-                       {V::reverse(high.re), V::sub(zero, V::reverse(high.im))});
+      store_complex<V>(z.re + image, z.im + image, reverse({high.re, V::sub(zero, high.im)}));
     });
     const Split& sorted = stages([&](int i) { return load_complex<V>(z.re + i, z.im + i); }, a, z);
     // cftbsub: the conjugate of the positive-exponent transform, interleaved back into samples.
     const typename V::Reg scale = V::splat(2.0f / n), minus_scale = V::splat(-2.0f / n);
-    last_stage(sorted, [&](int p, C y) {
-      V::store_pairs(samples + 2 * p, V::mul(y.re, scale), V::mul(y.im, minus_scale));
-    });
+    for (int p = 0; p < kPart; p += V::kWidth) {
+      const Outputs out = last_butterfly(sorted, p);
+      for (int r = 0; r < kRadix; ++r) {
+        V::store_pairs(samples + 2 * (r * kPart + p), V::mul(out.y[r].re, scale),
+                       V::mul(out.y[r].im, minus_scale));
+      }
+    }
   }
 };
 
