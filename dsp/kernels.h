@@ -27,12 +27,70 @@ struct LaecKernels {
 // Float network kernels; shapes and summation order in float_kernels.h.
 enum class Activation { kSigmoid, kTanh };
 
+// A product of a layer over the frequency positions of consecutive steps. For output channel k and
+// position p of step s:
+//   y = sum over taps j of weight[k*row_stride + j] * input[s*input_step + tap_offset[j] + p]
+//       + bias[k], then, each where its pointer is set,
+//   y < 0: prelu[k] * y;   y = scale[k] * y + shift[k];   y += residual[...]
+// written to output[s*output_step + k*output_stride + p].
+struct ConvJob {
+  const float* weight;
+  int row_stride;
+  const float* bias;
+  const float* prelu;
+  const float *scale, *shift;
+  const int32_t* tap_offset;
+  int taps;          // a multiple of 4
+  int out_channels;  // a multiple of 4
+  int positions;     // a multiple of 32
+  int steps;         // consecutive in time
+  const float* input;
+  int input_step;
+  float* output;
+  int output_stride, output_step;
+  const float* residual;
+  int residual_stride, residual_step;
+};
+
+// A recurrent block of a suppressor on maps of H channels x 32 positions, one map per step,
+// channel-major; definition in gru_kernels.h. Steps are consecutive in time; output may be input.
+constexpr int kGruPositions = 32;
+
+constexpr int gru_scratch(int H) {
+  return 6 * H * H + 256 * H;  // floats
+}
+
+struct GruJob {
+  const float *weight_ir, *weight_iz;      // H x 2H: columns of x, then of h
+  const float *weight_in_x, *weight_in_h;  // H x H with rows weight_in_stride apart
+  int weight_in_stride;
+  const float *bias_ir, *bias_iz, *bias_in1, *bias_in2;  // H each; in1 goes with x, in2 with h
+  const float *linear_weight, *linear_bias;              // H x H, H
+  const float *norm_weight, *norm_bias;                  // H each, or null: no affine step
+  float* state;  // time block: position-major 32 x H, updated; frequency block: receives the last
+                 // position's state, or null
+  const float* input;
+  float* output;
+  int steps;  // 1 or 2
+  float* scratch;
+};
+
+struct GruKernels {
+  void (*time)(const GruJob&);
+  void (*frequency)(const GruJob&);
+};
+
 struct FloatKernels {
   float (*arr_mul_arr_float)(const float* in1, const float* in2, int len);
   void (*mat_mul_vec_float)(float* out, const float* mat, const float* vec, int M, int N);
   void (*arr_exp)(float* out, const float* in, int len);
   void (*act_h)(float* out, const float* in, int len, Activation flag);
   void (*vec_act_h)(float* out, const float* in, int len, Activation flag);
+  void (*conv)(const ConvJob&);
+  void (*split_columns)(float* even, float* odd, const float* row, int pairs);
+  void (*join_columns)(float* row, const float* even, const float* odd, int pairs);
+  void (*bin_groups)(float* out, const float* weight, const float* bias, const float* in);
+  GruKernels denoise_gru, aec_gru;
 };
 
 struct DoaKernels {

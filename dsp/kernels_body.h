@@ -6,6 +6,7 @@
 #include "doa/doa_kernels.h"
 #include "dsp/fft_kernels.h"
 #include "dsp/float_kernels.h"
+#include "dsp/gru_kernels.h"
 #include "dsp/kernels.h"
 #include "wakeup/int8_kernels.h"
 
@@ -24,7 +25,17 @@ constexpr Kernels make_kernels(const char* name) {
           make_fft_kernels<V, 1024>(),
           make_fft_kernels<V, 2048>(),
           {laec_estimate_echo<V>, laec_adapt<V>, laec_update_gain<V>, laec_apply_gain<V>},
-          {arr_mul_arr_float<V>, mat_mul_vec_float<V>, arr_exp<V>, act_h<V>, vec_act_h<V>},
+          {arr_mul_arr_float<V>,
+           mat_mul_vec_float<V>,
+           arr_exp<V>,
+           act_h<V>,
+           vec_act_h<V>,
+           conv<V>,
+           split_columns<V>,
+           join_columns<V>,
+           bin_groups<V>,
+           {time_gru<V, FastGates, 32>, frequency_gru<V, FastGates, 32>},
+           {time_gru<V, ExactGates, 64>, frequency_gru<V, ExactGates, 64>}},
           {doa_phase_transform<V>, doa_depthwise<V>},
           {int8_mat_vec<I>, int8_mat_mul<I>, int8_per_channel<I>, int8_requantise<I>,
            int8_add_rescaled<I>}};

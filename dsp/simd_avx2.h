@@ -12,6 +12,7 @@ struct Avx2F32 {
   using Four = Sse2F32;
   using Reg = __m256;
   static constexpr int kWidth = 8;
+  static constexpr int kRegisters = 16;
 
   static Reg load(const float* p) { return _mm256_loadu_ps(p); }
   static void store(float* p, Reg v) { _mm256_storeu_ps(p, v); }
@@ -43,6 +44,10 @@ struct Avx2F32 {
   }
   static Reg reverse(Reg v) {
     return _mm256_permutevar8x32_ps(v, _mm256_setr_epi32(7, 6, 5, 4, 3, 2, 1, 0));
+  }
+  template <int count>
+  static Reg lead(Reg a, Reg b) {
+    return _mm256_blend_ps(b, a, (1 << count) - 1);
   }
   static Reg load_repeat4(const float* p) {
     return _mm256_set_m128(_mm_set1_ps(p[1]), _mm_set1_ps(p[0]));

@@ -12,6 +12,7 @@ struct Avx512F32 {
   using Four = Sse2F32;
   using Reg = __m512;
   static constexpr int kWidth = 16;
+  static constexpr int kRegisters = 32;
 
   static Reg load(const float* p) { return _mm512_loadu_ps(p); }
   static void store(float* p, Reg v) { _mm512_storeu_ps(p, v); }
@@ -44,6 +45,10 @@ struct Avx512F32 {
   static Reg reverse(Reg v) {
     return _mm512_permutexvar_ps(
         _mm512_setr_epi32(15, 14, 13, 12, 11, 10, 9, 8, 7, 6, 5, 4, 3, 2, 1, 0), v);
+  }
+  template <int count>
+  static Reg lead(Reg a, Reg b) {
+    return _mm512_mask_blend_ps((1 << count) - 1, b, a);
   }
   static Reg load_repeat4(const float* p) {
     const __m512i each = _mm512_setr_epi32(0, 0, 0, 0, 1, 1, 1, 1, 2, 2, 2, 2, 3, 3, 3, 3);

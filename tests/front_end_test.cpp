@@ -28,6 +28,7 @@ using Samples = std::vector<int16_t>;
 constexpr unsigned kSeed = 20251103;
 constexpr int kFrame = 1024, kBlock = 480;
 constexpr int32_t kLang = 3;
+constexpr int16_t kSuppressed = -77;
 
 struct Stubs {
   Calls calls;
@@ -39,6 +40,8 @@ struct Stubs {
   std::vector<Samples> mixes;              // what it was given
   std::deque<int32_t> angles;              // what the direction estimator returns, then -1
   std::vector<Samples> blocks[3];          // what it was given
+  float canceller_frames[2];               // their addresses stand for a canceller's buffers
+  int denoisers = 0;
   stMPO* limiter = nullptr;
 };
 Stubs stubs;
@@ -85,6 +88,54 @@ void dec_data(int16_t* indata, int32_t len) {
 
 void* kesto_Laec_Post_init(void) {
   return create("canceller" + std::to_string(stubs.instances.size() + 1));
+}
+
+float* kesto_laec_micdata(void* handle) {
+  label(&stubs.canceller_frames[0], name_of(handle) + ".mic");
+  return &stubs.canceller_frames[0];
+}
+
+float* kesto_laec_yn(void* handle) {
+  label(&stubs.canceller_frames[1], name_of(handle) + ".yn");
+  return &stubs.canceller_frames[1];
+}
+
+int32_t QuibAncInit(void** handle, float min_scale) {
+  *handle = create("denoiser" + std::to_string(++stubs.denoisers));
+  log("floor " + std::to_string(min_scale));
+  return *handle ? 0 : -1;
+}
+
+// Returns a failure, which the front end ignores. The output is the complement of the input.
+int32_t QuibAncRun(void* handle, const int16_t* in, int16_t* out) {
+  log(name_of(handle) + " " + name_of(in) + " -> " + name_of(out));
+  for (int i = 0; i < kFrame; ++i) out[i] = static_cast<int16_t>(~in[i]);
+  return -1;
+}
+
+int32_t QuibAncUnit(void** handle) {
+  release(*handle);
+  return -10;
+}
+
+int32_t QuibNAecInit(void** handle) {
+  *handle = create("suppressor");
+  return *handle ? 0 : -3;
+}
+
+int32_t QuibNAecRun(void* handle, const float* mic, const float* yn, int16_t* out) {
+  log(name_of(handle) + " " + name_of(mic) + " " + name_of(yn) + " -> " + name_of(out));
+  std::fill(out, out + kFrame, kSuppressed);
+  return -1;
+}
+
+int32_t QuibNAecUnit(void* handle) {
+  release(handle);
+  return -1;
+}
+
+void free_aec_denoise(void* handle) {
+  log("free " + name_of(handle));
 }
 
 // Returns a failure, which the front end ignores.
@@ -190,6 +241,15 @@ class FrontEnd : public testing::Test {
     EXPECT_EQ(wake, -1);
   }
 
+  // The calls of the 30 ms blocks, without those of the noise suppressors before them.
+  static Calls block_calls() {
+    Calls calls;
+    for (const std::string& call : stubs.calls) {
+      if (call.rfind("denoiser", 0) != 0) calls.push_back(call);
+    }
+    return calls;
+  }
+
   KTWakeup h = nullptr;
   Calls creation;
   std::string printed;
@@ -197,7 +257,13 @@ class FrontEnd : public testing::Test {
 
 TEST_F(FrontEnd, CreatesItsModulesInOrderAndPrintsTheVersion) {
   EXPECT_EQ(creation, (Calls{"create canceller1", "create canceller2", "create canceller3",
-                             "create estimator", "create engine", "zq_MPO_Init 16000 20 -3"}));
+                             "create estimator", "create engine", "create denoiser1",
+                             "floor 0.100000", "create denoiser2", "floor 0.300000",
+                             "create denoiser3", "floor 0.300000", "create denoiser4",
+                             "floor 0.300000", "create suppressor", "zq_MPO_Init 16000 20 -3"}));
+  EXPECT_EQ(name_of(h->WAncHnadle), "denoiser1");
+  EXPECT_EQ(name_of(h->DAncHnadle2), "denoiser4");
+  EXPECT_EQ(name_of(h->DNAecHanle), "suppressor");
   EXPECT_EQ(printed, "Version:libquibo_wakeup_DOA_v3.3.22_20251103\n");
   EXPECT_EQ(name_of(h->handle1), "canceller1");
   EXPECT_EQ(name_of(h->handle2), "canceller2");
@@ -218,8 +284,9 @@ TEST_F(FrontEnd, EachFailedCreationStopsThereWithItsCode) {
   const struct {
     const char* failing;
     int32_t code;
-  } kCases[] = {{"record", -2},     {"canceller1", -3}, {"canceller2", -4},
-                {"canceller3", -5}, {"estimator", -4},  {"engine", -5}};
+  } kCases[] = {{"record", -2},    {"canceller1", -3}, {"canceller2", -4}, {"canceller3", -5},
+                {"estimator", -4}, {"engine", -5},     {"denoiser1", -6},  {"denoiser2", -7},
+                {"denoiser3", -8}, {"denoiser4", -9},  {"suppressor", -10}};
   for (const auto& c : kCases) {
     stubs = Stubs{};
     stubs.failing = c.failing;
@@ -236,7 +303,10 @@ TEST_F(FrontEnd, EachFailedCreationStopsThereWithItsCode) {
     for (const std::string& call : creation) {
       if (no_record) break;
       expected.push_back(call);
-      if (call == "create " + stubs.failing) break;
+      if (call == "create " + stubs.failing) {
+        if (stubs.failing.find("denoiser") == 0) expected.push_back(*(&call + 1));  // its floor
+        break;
+      }
     }
     EXPECT_EQ(stubs.calls, expected);
     EXPECT_EQ(held.blocks(), no_record ? 0 : 1);
@@ -253,13 +323,15 @@ TEST_F(FrontEnd, EchoPathDescramblesThenCancelsEachMicrophoneAgainstTheOneRefere
   label(ref.data(), "ref");
   const Samples ref_before = ref;
   Samples naec(kFrame);
+  label(naec.data(), "naec");
   EXPECT_EQ(Quibo_wakeup_three_write_data(h, mics[0].data(), mics[1].data(), mics[2].data(),
                                           ref.data(), nullptr, nullptr, nullptr, naec.data()),
             0);
   EXPECT_EQ(stubs.calls,
             (Calls{"dec_data mic1 1024", "dec_data mic2 1024", "dec_data mic3 1024",
                    "canceller1 mic1 ref -> aec_fdata1", "canceller2 mic2 ref -> aec_fdata2",
-                   "canceller3 mic3 ref -> aec_fdata3"}));
+                   "canceller3 mic3 ref -> aec_fdata3",
+                   "suppressor canceller1.mic canceller1.yn -> naec"}));
   for (int m = 0; m < 3; ++m) {
     for (int i = 0; i < kFrame; ++i) ASSERT_EQ(mics[m][i], stub_descrambled(before[m][i]));
   }
@@ -289,7 +361,7 @@ TEST_F(FrontEnd, EchoPathWritesTheOutputsAskedForAndWraps) {
                                             to[0], to[1], to[2], naec.data()),
               0);
     for (int m = 0; m < 3; ++m) EXPECT_EQ(outs[m], to[m] ? expected[m] : untouched) << wanted;
-    EXPECT_EQ(naec, expected[0]);  // nothing suppresses the residual echo yet
+    EXPECT_EQ(naec, Samples(kFrame, kSuppressed));
   }
 }
 
@@ -302,9 +374,9 @@ TEST_F(FrontEnd, DetectionFifosHoldTheRestOfEachBlockOf480) {
     detect(mic1, mic2, mic3);
     for (int i = 0; i < kFrame; ++i) {
       pending[0].push_back(mix_of(mic1[i] + mic2[i] + mic3[i]));
-      pending[1].push_back(mic1[i]);
-      pending[2].push_back(mic2[i]);
-      pending[3].push_back(mic3[i]);
+      pending[1].push_back(~mic1[i]);  // through the noise suppressors; the mix is not
+      pending[2].push_back(~mic2[i]);
+      pending[3].push_back(~mic3[i]);
     }
     ASSERT_EQ(h->data_doa_len, 64 * (frame + 1) % kBlock) << "frame " << frame;
     const int16_t* fifos[] = {h->WData, h->mic1_doa_data, h->mic2_doa_data, h->mic3_doa_data};
@@ -325,15 +397,17 @@ TEST_F(FrontEnd, EngineHearsEveryBlockOfTheMixAndEstimatorThoseOfEachMicrophone)
     const Samples mics[3] = {random_samples(random), random_samples(random),
                              random_samples(random)};
     detect(mics[0], mics[1], mics[2]);
-    for (int m = 0; m < 3; ++m) heard[m].insert(heard[m].end(), mics[m].begin(), mics[m].end());
-    for (int i = 0; i < kFrame; ++i) mixed.push_back(mix_of(mics[0][i] + mics[1][i] + mics[2][i]));
+    for (int i = 0; i < kFrame; ++i) {
+      mixed.push_back(mix_of(mics[0][i] + mics[1][i] + mics[2][i]));
+      for (int m = 0; m < 3; ++m) heard[m].push_back(~mics[m][i]);  // denoised
+    }
   }
   Calls expected;
   for (int i = 0; i < 32; ++i) {
     expected.push_back("engine");
     expected.push_back("estimator NULL 0");
   }
-  EXPECT_EQ(stubs.calls, expected);
+  EXPECT_EQ(block_calls(), expected);
   Samples engine_given;
   for (const Samples& block : stubs.mixes) {
     engine_given.insert(engine_given.end(), block.begin(), block.end());
@@ -373,11 +447,11 @@ TEST_F(FrontEnd, AWakeIsReportedAndMarkedForTheRestOfItsCallOnly) {
             -1);
   EXPECT_EQ(wake, 0);
   EXPECT_EQ(h->data_doa_len, 63);  // without an angle the FIFOs stay as they are
-  EXPECT_EQ(stubs.calls, (Calls{"engine", "estimator NULL 0", "engine", "estimator NULL 1",
-                                "engine", "estimator NULL 1"}));
+  EXPECT_EQ(block_calls(), (Calls{"engine", "estimator NULL 0", "engine", "estimator NULL 1",
+                                  "engine", "estimator NULL 1"}));
   stubs.calls.clear();
   detect(x, x, x);
-  EXPECT_EQ(stubs.calls, (Calls{"engine", "estimator NULL 0", "engine", "estimator NULL 0"}));
+  EXPECT_EQ(block_calls(), (Calls{"engine", "estimator NULL 0", "engine", "estimator NULL 0"}));
 }
 
 TEST_F(FrontEnd, APositiveEngineResultEndsTheCallWithEmptyFifos) {
@@ -388,7 +462,7 @@ TEST_F(FrontEnd, APositiveEngineResultEndsTheCallWithEmptyFifos) {
             -1);
   EXPECT_EQ(wake, 5);
   EXPECT_EQ(h->data_doa_len, 0);
-  EXPECT_EQ(stubs.calls, (Calls{"engine", "estimator NULL 0", "engine"}));
+  EXPECT_EQ(block_calls(), (Calls{"engine", "estimator NULL 0", "engine"}));
   for (const auto& fifo : {h->WData, h->mic1_doa_data, h->mic2_doa_data, h->mic3_doa_data}) {
     for (int i = 0; i < QUIBO_FIFO; ++i) ASSERT_EQ(fifo[i], 0) << i;
   }
@@ -416,16 +490,21 @@ TEST_F(FrontEnd, LenMovesTheFillAloneWhileWholeFramesAreStored) {
   const Samples first(kFrame, 30), second(kFrame, 60);
   detect(first, first, first, 100);
   EXPECT_EQ(h->data_doa_len, 100);
-  for (int i = 0; i < kFrame; ++i) ASSERT_EQ(h->mic3_doa_data[i], 30);
+  for (int i = 0; i < kFrame; ++i) ASSERT_EQ(h->mic3_doa_data[i], ~30);
   detect(second, second, second, 0);
   EXPECT_EQ(h->data_doa_len, 100);
   detect(second, second, second, 379);  // one sample short of a block
   EXPECT_EQ(h->data_doa_len, 479);
-  for (int i = 0; i < 479; ++i) ASSERT_EQ(h->mic1_doa_data[i], i < 100 ? 30 : 60);
+  for (int i = 0; i < 479; ++i) ASSERT_EQ(h->mic1_doa_data[i], i < 100 ? ~30 : ~60);
   detect(first, first, first);  // the fullest the FIFOs get: 1503, three blocks
   EXPECT_EQ(h->data_doa_len, 63);
   detect(first, first, first, 417);  // exactly a block
   EXPECT_EQ(h->data_doa_len, 0);
+  // Nonsense stays within the FIFOs.
+  detect(first, first, first, -5);
+  EXPECT_EQ(h->data_doa_len, 0);
+  detect(first, first, first, INT32_MAX);
+  EXPECT_EQ(h->data_doa_len, QUIBO_FIFO % kBlock);
 }
 
 TEST_F(FrontEnd, NullHandlesAreRefusedWithTheirLines) {
@@ -454,8 +533,10 @@ TEST_F(FrontEnd, ReleasesEveryModuleAndItsRecord) {
   EXPECT_EQ(held.blocks(), 1);
   stubs.calls.clear();
   EXPECT_EQ(Quibo_wakeup_unit(own), 0);
-  EXPECT_EQ(stubs.calls, (Calls{"release estimator", "release canceller1", "release canceller2",
-                                "release canceller3", "release engine"}));
+  EXPECT_EQ(stubs.calls, (Calls{"release estimator", "release denoiser1", "release denoiser2",
+                                "release denoiser3", "release denoiser4", "release suppressor",
+                                "release canceller1", "release canceller2", "release canceller3",
+                                "release engine", "free suppressor"}));
   EXPECT_EQ(held.blocks(), 0);
 }
 
