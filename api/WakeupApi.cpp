@@ -4,6 +4,7 @@
 #include <stdlib.h>
 #include <string.h>
 
+#include "aec/aec_denoise.h"
 #include "dsp/convert.h"
 
 namespace {
@@ -15,6 +16,9 @@ constexpr int kLimiterGaindB = 20, kLimiterLeveldB = -3;
 // Sum of three microphones to their mean. The single-precision constant is part of what the wake-up
 // network hears.
 constexpr float kThird = 0.3333333f;
+
+// Floors of the noise suppressors' masks.
+constexpr float kWakeMinGain = 0.1f, kDirectionMinGain = 0.3f;
 
 constexpr int kAngleOffset = 30;  // degrees between the network's zero heading and the device's
 
@@ -28,6 +32,12 @@ void mix(int16_t* to, const int16_t* mic1, const int16_t* mic2, const int16_t* m
     const float sum = static_cast<float>(mic1[i] + mic2[i] + mic3[i]);
     to[i] = static_cast<int16_t>(static_cast<int32_t>(sum * kThird));
   }
+}
+
+// The fill level after `len` more samples, kept within the FIFOs whatever the caller says.
+int32_t advanced(int32_t pending, int32_t len) {
+  if (len > QUIBO_FIFO - pending) return QUIBO_FIFO;
+  return len < -pending ? 0 : pending + len;
 }
 
 void clear_fifos(KTWakeup h) {
@@ -51,7 +61,6 @@ void advance_fifos(KTWakeup h) {
 }  // namespace
 
 int32_t Quibo_wakeup_init(KTWakeup* handle, int32_t lang) {
-  (void)lang;
   if (*handle) return -1;
   // Zero-filled, so that the handles of modules that are not created are null.
   KTWakeup h = static_cast<KTWakeup>(calloc(1, sizeof(KTWakeupParams)));
@@ -60,6 +69,13 @@ int32_t Quibo_wakeup_init(KTWakeup* handle, int32_t lang) {
   if (!(h->handle2 = kesto_Laec_Post_init())) return -4;
   if (!(h->handle3 = kesto_Laec_Post_init())) return -5;
   h->data_doa_len = 0;
+  if (kesto_customs_doa_init(&h->handle0) < 0) return -4;
+  if (QuibWakeupInit(&h->handle4, lang) < 0) return -5;
+  if (QuibAncInit(&h->WAncHnadle, kWakeMinGain) < 0) return -6;
+  if (QuibAncInit(&h->DAncHnadle0, kDirectionMinGain) < 0) return -7;
+  if (QuibAncInit(&h->DAncHnadle1, kDirectionMinGain) < 0) return -8;
+  if (QuibAncInit(&h->DAncHnadle2, kDirectionMinGain) < 0) return -9;
+  if (QuibNAecInit(&h->DNAecHanle) < 0) return -10;
   h->WDlen = 0;
   zq_MPO_Init(&h->KTmpo, QUIBO_SAMPLE_RATE, kLimiterGaindB, kLimiterLeveldB);
   *handle = h;
@@ -83,7 +99,9 @@ int32_t Quibo_wakeup_three_write_data(KTWakeup handle, int16_t* mic1_data, int16
   kesto_Laec_Post_write(handle->handle2, mic2_data, ref_data, handle->aec_fdata2);
   kesto_Laec_Post_write(handle->handle3, mic3_data, ref_data, handle->aec_fdata3);
 
-  store_samples(naecout, handle->aec_fdata1);
+  QuibNAecRun(handle->DNAecHanle, kesto_laec_micdata(handle->handle1),
+              kesto_laec_yn(handle->handle1), naecout);
+
   store_samples(outdata1, handle->aec_fdata1);
   store_samples(outdata2, handle->aec_fdata2);
   store_samples(outdata3, handle->aec_fdata3);
@@ -100,21 +118,51 @@ int32_t Quibo_doa_three_write_data(KTWakeup handle, int32_t* Iswakeup, const int
   }
   const int32_t pending = handle->data_doa_len;
   mix(handle->WData + pending, mic1_data, mic2_data, mic3_data);
-  memcpy(handle->mic1_doa_data + pending, mic1_data, QUIBO_FRAME * sizeof(int16_t));
-  memcpy(handle->mic2_doa_data + pending, mic2_data, QUIBO_FRAME * sizeof(int16_t));
-  memcpy(handle->mic3_doa_data + pending, mic3_data, QUIBO_FRAME * sizeof(int16_t));
-  handle->data_doa_len = pending + len;
+  QuibAncRun(handle->DAncHnadle0, mic1_data, handle->mic1_doa_data + pending);
+  QuibAncRun(handle->DAncHnadle1, mic2_data, handle->mic2_doa_data + pending);
+  QuibAncRun(handle->DAncHnadle2, mic3_data, handle->mic3_doa_data + pending);
+  handle->data_doa_len = advanced(pending, len);
 
   *Iswakeup = -1;
-  while (handle->data_doa_len >= QUIBO_BLOCK) advance_fifos(handle);
+  int32_t woken = 0;  // from the block of a wake to the end of the call
+  while (handle->data_doa_len >= QUIBO_BLOCK) {
+    const int32_t wake = QuibWakeupWriteData(handle->handle4, handle->WData);
+    if (wake > 0) {  // not with this engine; for one that tells keywords apart
+      clear_fifos(handle);
+      *Iswakeup = wake;
+      return -1;
+    }
+    if (wake == 0) {
+      *Iswakeup = 0;
+      woken = 1;
+    }
+    const int32_t angle =
+        kesto_customs_doa_write(handle->handle0, handle->mic1_doa_data, handle->mic2_doa_data,
+                                handle->mic3_doa_data, nullptr, woken);
+    advance_fifos(handle);
+    if (angle >= 0) {
+      clear_fifos(handle);
+      return (angle + kAngleOffset) % 360;
+    }
+  }
   return -1;
 }
 
 int32_t Quibo_wakeup_unit(KTWakeup handle) {
   if (!handle) return -1;
   void* const cancellers[] = {handle->handle1, handle->handle2, handle->handle3};
+  void* const suppressor = handle->DNAecHanle;
+  void* const engine = handle->handle4;
   handle->handle1 = nullptr;
+  kesto_customs_doa_unit(handle->handle0);
+  QuibAncUnit(&handle->WAncHnadle);
+  QuibAncUnit(&handle->DAncHnadle0);
+  QuibAncUnit(&handle->DAncHnadle1);
+  QuibAncUnit(&handle->DAncHnadle2);
+  QuibNAecUnit(suppressor);
   free(handle);
   for (void* canceller : cancellers) kesto_Laec_Post_unit(canceller);
+  QuibWakeupUnit(engine);
+  free_aec_denoise(suppressor);
   return 0;
 }

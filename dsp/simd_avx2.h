@@ -3,14 +3,16 @@
 
 #include <immintrin.h>
 
-#include "dsp/simd_scalar.h"
+#include "dsp/simd_sse2.h"
 
 namespace quibo {
 namespace {
 
 struct Avx2F32 {
+  using Four = Sse2F32;
   using Reg = __m256;
   static constexpr int kWidth = 8;
+  static constexpr int kRegisters = 16;
 
   static Reg load(const float* p) { return _mm256_loadu_ps(p); }
   static void store(float* p, Reg v) { _mm256_storeu_ps(p, v); }
@@ -22,6 +24,12 @@ struct Avx2F32 {
   static Reg sqrt(Reg a) { return _mm256_sqrt_ps(a); }
   static Reg larger(Reg a, Reg b) { return _mm256_max_ps(a, b); }
   static Reg smaller(Reg a, Reg b) { return _mm256_min_ps(a, b); }
+  static Reg where_greater(Reg a, Reg b, Reg x, Reg y) {
+    return _mm256_blendv_ps(y, x, _mm256_cmp_ps(a, b, _CMP_GT_OQ));
+  }
+  static Reg shift_to_exponent(Reg a) {
+    return _mm256_castsi256_ps(_mm256_slli_epi32(_mm256_castps_si256(a), 23));
+  }
   static void load_pairs(const float* p, Reg& re, Reg& im) {
     // Gathering the 128-bit halves first lets one shuffle per output keep the lanes in order.
     const Reg a = load(p), b = load(p + 8);
@@ -36,6 +44,10 @@ struct Avx2F32 {
   }
   static Reg reverse(Reg v) {
     return _mm256_permutevar8x32_ps(v, _mm256_setr_epi32(7, 6, 5, 4, 3, 2, 1, 0));
+  }
+  template <int count>
+  static Reg lead(Reg a, Reg b) {
+    return _mm256_blend_ps(b, a, (1 << count) - 1);
   }
   static Reg load_repeat4(const float* p) {
     return _mm256_set_m128(_mm_set1_ps(p[1]), _mm_set1_ps(p[0]));

@@ -3,14 +3,16 @@
 
 #include <immintrin.h>
 
-#include "dsp/simd_scalar.h"
+#include "dsp/simd_sse2.h"
 
 namespace quibo {
 namespace {
 
 struct Avx512F32 {
+  using Four = Sse2F32;
   using Reg = __m512;
   static constexpr int kWidth = 16;
+  static constexpr int kRegisters = 32;
 
   static Reg load(const float* p) { return _mm512_loadu_ps(p); }
   static void store(float* p, Reg v) { _mm512_storeu_ps(p, v); }
@@ -22,6 +24,12 @@ struct Avx512F32 {
   static Reg sqrt(Reg a) { return _mm512_sqrt_ps(a); }
   static Reg larger(Reg a, Reg b) { return _mm512_max_ps(a, b); }
   static Reg smaller(Reg a, Reg b) { return _mm512_min_ps(a, b); }
+  static Reg where_greater(Reg a, Reg b, Reg x, Reg y) {
+    return _mm512_mask_blend_ps(_mm512_cmp_ps_mask(a, b, _CMP_GT_OQ), y, x);
+  }
+  static Reg shift_to_exponent(Reg a) {
+    return _mm512_castsi512_ps(_mm512_slli_epi32(_mm512_castps_si512(a), 23));
+  }
   static void load_pairs(const float* p, Reg& re, Reg& im) {
     const Reg a = load(p), b = load(p + 16);
     const __m512i even =
@@ -37,6 +45,10 @@ struct Avx512F32 {
   static Reg reverse(Reg v) {
     return _mm512_permutexvar_ps(
         _mm512_setr_epi32(15, 14, 13, 12, 11, 10, 9, 8, 7, 6, 5, 4, 3, 2, 1, 0), v);
+  }
+  template <int count>
+  static Reg lead(Reg a, Reg b) {
+    return _mm512_mask_blend_ps((1 << count) - 1, b, a);
   }
   static Reg load_repeat4(const float* p) {
     const __m512i each = _mm512_setr_epi32(0, 0, 0, 0, 1, 1, 1, 1, 2, 2, 2, 2, 3, 3, 3, 3);

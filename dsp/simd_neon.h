@@ -9,8 +9,10 @@ namespace quibo {
 namespace {
 
 struct NeonF32 {
+  using Four = NeonF32;
   using Reg = float32x4_t;
   static constexpr int kWidth = 4;
+  static constexpr int kRegisters = 32;
 
   static Reg load(const float* p) { return vld1q_f32(p); }
   static void store(float* p, Reg v) { vst1q_f32(p, v); }
@@ -24,6 +26,21 @@ struct NeonF32 {
   // instead.
   static Reg larger(Reg a, Reg b) { return vbslq_f32(vcgtq_f32(a, b), a, b); }
   static Reg smaller(Reg a, Reg b) { return vbslq_f32(vcltq_f32(a, b), a, b); }
+  static Reg where_greater(Reg a, Reg b, Reg x, Reg y) { return vbslq_f32(vcgtq_f32(a, b), x, y); }
+  static Reg shift_to_exponent(Reg a) {
+    return vreinterpretq_f32_u32(vshlq_n_u32(vreinterpretq_u32_f32(a), 23));
+  }
+  static void transpose(Reg& a, Reg& b, Reg& c, Reg& d) {
+    const float32x4x2_t ab = vtrnq_f32(a, b), cd = vtrnq_f32(c, d);
+    a = vcombine_f32(vget_low_f32(ab.val[0]), vget_low_f32(cd.val[0]));
+    b = vcombine_f32(vget_low_f32(ab.val[1]), vget_low_f32(cd.val[1]));
+    c = vcombine_f32(vget_high_f32(ab.val[0]), vget_high_f32(cd.val[0]));
+    d = vcombine_f32(vget_high_f32(ab.val[1]), vget_high_f32(cd.val[1]));
+  }
+  static float fold(Reg a) {
+    const float32x2_t pair = vadd_f32(vget_low_f32(a), vget_high_f32(a));
+    return vget_lane_f32(vpadd_f32(pair, pair), 0);
+  }
   static void load_pairs(const float* p, Reg& re, Reg& im) {
     const float32x4x2_t pairs = vld2q_f32(p);
     re = pairs.val[0];
@@ -33,6 +50,10 @@ struct NeonF32 {
   static Reg reverse(Reg v) {
     const Reg swapped = vrev64q_f32(v);
     return vextq_f32(swapped, swapped, 2);
+  }
+  template <int count>
+  static Reg lead(Reg a, Reg b) {
+    return count == 1 ? vcopyq_laneq_f32(b, 0, a, 0) : a;
   }
   static Reg load_repeat4(const float* p) { return vdupq_n_f32(*p); }
   static void store_columns(float* p, Reg y0, Reg y1, Reg y2, Reg y3) {

@@ -9,8 +9,10 @@ namespace quibo {
 namespace {
 
 struct Sse2F32 {
+  using Four = Sse2F32;
   using Reg = __m128;
   static constexpr int kWidth = 4;
+  static constexpr int kRegisters = 16;
 
   static Reg load(const float* p) { return _mm_loadu_ps(p); }
   static void store(float* p, Reg v) { _mm_storeu_ps(p, v); }
@@ -22,6 +24,18 @@ struct Sse2F32 {
   static Reg sqrt(Reg a) { return _mm_sqrt_ps(a); }
   static Reg larger(Reg a, Reg b) { return _mm_max_ps(a, b); }
   static Reg smaller(Reg a, Reg b) { return _mm_min_ps(a, b); }
+  static Reg where_greater(Reg a, Reg b, Reg x, Reg y) {
+    const Reg greater = _mm_cmpgt_ps(a, b);
+    return _mm_or_ps(_mm_and_ps(greater, x), _mm_andnot_ps(greater, y));
+  }
+  static Reg shift_to_exponent(Reg a) {
+    return _mm_castsi128_ps(_mm_slli_epi32(_mm_castps_si128(a), 23));
+  }
+  static void transpose(Reg& a, Reg& b, Reg& c, Reg& d) { _MM_TRANSPOSE4_PS(a, b, c, d); }
+  static float fold(Reg a) {
+    const Reg pair = _mm_add_ps(a, _mm_movehl_ps(a, a));
+    return _mm_cvtss_f32(_mm_add_ss(pair, _mm_shuffle_ps(pair, pair, _MM_SHUFFLE(1, 1, 1, 1))));
+  }
   static void load_pairs(const float* p, Reg& re, Reg& im) {
     const Reg a = load(p), b = load(p + 4);
     re = _mm_shuffle_ps(a, b, _MM_SHUFFLE(2, 0, 2, 0));
@@ -32,6 +46,10 @@ struct Sse2F32 {
     store(p + 4, _mm_unpackhi_ps(re, im));
   }
   static Reg reverse(Reg v) { return _mm_shuffle_ps(v, v, _MM_SHUFFLE(0, 1, 2, 3)); }
+  template <int count>
+  static Reg lead(Reg a, Reg b) {
+    return count == 1 ? _mm_move_ss(b, a) : a;
+  }
   static Reg load_repeat4(const float* p) { return _mm_set1_ps(*p); }
   static void store_columns(float* p, Reg y0, Reg y1, Reg y2, Reg y3) {
     _MM_TRANSPOSE4_PS(y0, y1, y2, y3);

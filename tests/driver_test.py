@@ -10,7 +10,7 @@ import pytest
 SEED = 20251103
 FRAME, CHANNELS = 1024, 6
 INPUT, OUTPUT = "wav/input_frame_20251107_140756.pcm", "wav2/nnaec.pcm"
-START = "Version:libquibo_wakeup_DOA_v3.3.22_20251103\nQuibo_wakeup_init\n"
+START = 3 * ">QuibNAecInit\n" + "Version:libquibo_wakeup_DOA_v3.3.22_20251103\nQuibo_wakeup_init\n"
 
 
 @pytest.fixture

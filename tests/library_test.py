@@ -28,7 +28,7 @@ int main(void) {
   return 0;
 }
 """
-CONSUMER_OUTPUT = "Version:libquibo_wakeup_DOA_v3.3.22_20251103\n-1 -1 1 10\n"
+CONSUMER_OUTPUT = 3 * ">QuibNAecInit\n" + "Version:libquibo_wakeup_DOA_v3.3.22_20251103\n-1 -1 1 10\n"
 
 CONSUMER_CMAKE = """
 cmake_minimum_required(VERSION 3.25)

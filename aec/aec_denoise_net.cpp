@@ -1,0 +1,269 @@
+// One step of the neural echo suppressor's network, or two at once.
+
+#include <string.h>
+
+#include "aec/aec_denoise.h"
+#include "dsp/conv_layer.h"
+#include "dsp/convert.h"
+#include "dsp/kernels.h"
+#include "dsp/stft.h"
+
+namespace {
+
+using quibo::ConvInput;
+using quibo::ConvJob;
+using quibo::kBins;
+using quibo::kHop;
+using quibo::Spectrum;
+
+constexpr int kMaxSteps = 2;
+constexpr int kHidden = 64;
+constexpr int kPositions = quibo::kGruPositions;
+constexpr int kMap = kHidden * kPositions;
+
+//                    channels, inputs, times, stride, stored
+using Input1 = ConvInput<4, 512, 2, 2, 2>;
+using Input2 = ConvInput<16, 256, 2, 2, 2>;
+using Input3 = ConvInput<32, 128, 2, 2, 2>;
+using Input4 = ConvInput<48, 64, 2, 2, 2>;
+using Inner = ConvInput<kHidden, kPositions, 3, 1, 3>;  // encoder and decoder
+using Pixel1 = ConvInput<64, 32, 2, 1, 2>;
+using Pixel2 = ConvInput<32, 64, 2, 1, 2>;
+using Pixel3 = ConvInput<16, 128, 2, 1, 2>;
+using Pixel4 = ConvInput<8, 256, 2, 1, 2>;
+
+// Scratch, rewritten at each call.
+constexpr int kLargestWindow = Input3::window_floats(kMaxSteps);
+static_assert(Input2::window_floats(kMaxSteps) <= kLargestWindow, "largest");
+static_assert(Inner::window_floats(kMaxSteps) <= kLargestWindow, "largest");
+constexpr int kScratch = quibo::gru_scratch(kHidden);
+static_assert(2 * kLargestWindow <= kScratch, "a layer's window and its split form");
+alignas(64) float sfilter[kScratch];
+alignas(64) float sh_out1[kMaxSteps * kMap];
+alignas(64) float sh_out2[kMaxSteps * kMap];  // before a shuffle: 64 x 32, 32 x 64 or 16 x 128
+
+float* const window = sfilter;
+float* const split = sfilter + kLargestWindow;
+
+void copy(float* to, const float* from, int count) {
+  memcpy(to, from, static_cast<size_t>(count) * sizeof(float));
+}
+
+// ---- Layers ----------------------------------------------------------------------------------
+
+void run_conv(ConvJob job, const LAYER_CONV_NNAEC& layer, int channels, float* output,
+              int output_row, int output_step) {
+  job.weight = layer.weight;
+  job.bias = layer.bias;
+  job.prelu = layer.prelu;
+  job.out_channels = channels;
+  job.output = output;
+  job.output_stride = output_row;
+  job.output_step = output_step;
+  quibo::kernels().net.conv(job);
+}
+
+template <class Input>
+ConvJob input_job(float* history, int steps) {
+  Input::exchange_history(history, window, steps);
+  Input::split(split, window, steps);
+  return Input::job(split, steps);
+}
+
+// A layer of the input stage whose output is the next one's fresh frames.
+template <class Input, class Next>
+void input_layer(float* history, const LAYER_CONV_NNAEC& layer, int steps) {
+  const ConvJob job = input_job<Input>(history, steps);
+  Next::clear_guards(window, steps);
+  run_conv(job, layer, Next::kChannels, Next::fresh(window) + 1, Next::kRow, Next::kFrame);
+}
+
+// An encoder or decoder stage on the maps in sh_out1, in place; residual (null: none) is added to
+// its output.
+void inner_layer(float* history, const LAYER_CONV_NNAEC& layer, const float* residual,
+                 int residual_row, int residual_step, int steps) {
+  Inner::pad(window, sh_out1, steps);
+  Inner::exchange_history(history, window, steps);
+  ConvJob job = Inner::job(window, steps);
+  job.residual = residual;
+  job.residual_stride = residual_row;
+  job.residual_step = residual_step;
+  run_conv(job, layer, kHidden, sh_out1, kPositions, kMap);
+}
+
+// `stage_inputs`: previous and current input map. `kept_output` (null: none): the last output map.
+void encoder_stage(float* history, const LAYER_CONV_NNAEC& layer, float* stage_inputs,
+                   float* kept_output, int steps) {
+  if (steps == 1) copy(stage_inputs, stage_inputs + kMap, kMap);
+  copy(stage_inputs + (2 - steps) * kMap, sh_out1, steps * kMap);
+  inner_layer(history, layer, nullptr, 0, 0, steps);
+  if (kept_output) copy(kept_output, sh_out1 + (steps - 1) * kMap, kMap);
+}
+
+// A decoder stage with the output of an encoder stage added, as the stage after that one keeps it:
+// its newest frames, between guards.
+void decoder_stage(float* history, const LAYER_CONV_NNAEC& layer, const float* encoder_history,
+                   int steps) {
+  const float* skip = encoder_history + (3 - steps) * Inner::kFrame + 1;
+  inner_layer(history, layer, skip, Inner::kRow, Inner::kFrame, steps);
+}
+
+void gru_block(const LAYER_GRU_NNAEC& layer, void (*kernel)(const quibo::GruJob&), int steps) {
+  quibo::GruJob job;
+  job.weight_ir = layer.weight_ir;
+  job.weight_iz = layer.weight_iz;
+  job.weight_in_x = layer.weight_in;
+  job.weight_in_h = layer.weight_in + kHidden;
+  job.weight_in_stride = 2 * kHidden;
+  job.bias_ir = layer.bias_ir;
+  job.bias_iz = layer.bias_iz;
+  job.bias_in1 = layer.bias_in1;
+  job.bias_in2 = layer.bias_in2;
+  job.linear_weight = layer.linear_weight;
+  job.linear_bias = layer.linear_bias;
+  job.norm_weight = nullptr;
+  job.norm_bias = nullptr;
+  job.state = layer.prev_stat;
+  job.input = sh_out1;
+  job.output = sh_out1;
+  job.steps = steps;
+  job.scratch = sfilter;
+  kernel(job);
+}
+
+// An upsampling layer on the window's fresh frames; its shuffled output goes to `to`.
+template <class Input, int channels>
+void upsample(float* history, const LAYER_CONV_NNAEC& layer, int steps, float* to, int to_row,
+              int to_step) {
+  constexpr int kConvStep = channels * Input::kOutputs;
+  static_assert(kConvStep <= kMap, "fits");
+  Input::clear_guards(window, steps);
+  Input::exchange_history(history, window, steps);
+  run_conv(Input::job(window, steps), layer, channels, sh_out2, Input::kOutputs, kConvStep);
+  quibo::shuffle_up(to, to_row, to_step, sh_out2, channels, Input::kOutputs, steps);
+}
+
+template <class Input, int channels, class Next>
+void upsample_into(float* history, const LAYER_CONV_NNAEC& layer, int steps) {
+  upsample<Input, channels>(history, layer, steps, Next::fresh(window) + 1, Next::kRow,
+                            Next::kFrame);
+}
+
+// ---- Spectra ---------------------------------------------------------------------------------
+
+// Transforms a hop of each signal, appends the error E = D - Y to its history and writes the
+// network's input frame: bins 0..511 of D real, E real, D imaginary, E imaginary.
+void input_frame(LAYER_DATA_NNAEC* d, const float* mic, const float* yn, float* frame) {
+  Spectrum D, E;
+  quibo::analyse_hop(d->inMic, mic, &D);
+  quibo::analyse_hop(d->inRef, yn, &E);
+  for (int k = 0; k < kBins; ++k) {
+    E.real[k] = D.real[k] - E.real[k];
+    E.imag[k] = D.imag[k] - E.imag[k];
+  }
+  quibo::push_spectrum(d->spec_real, d->spec_imag, E);
+  const float* rows[] = {D.real, E.real, D.imag, E.imag};
+  for (int c = 0; c < Input1::kChannels; ++c) copy(frame + c * Input1::kRow + 1, rows[c], kHop);
+}
+
+// Sigmoid of P (two rows of 512) through the complex groups of 8 x 8: (R + jI)(P_re + j P_im),
+// where each of the four products adds its own bias.
+void make_mask(LAYER_DATA_NNAEC* d, const AEC_Denoise_Net& net, const float* P) {
+  const LAYER_CONV_NNAEC &R = *net.sys_real_conv, &I = *net.sys_imag_conv;
+  const quibo::FloatKernels& run = quibo::kernels().net;
+  float re_by_R[kHop], im_by_I[kHop], re_by_I[kHop], im_by_R[kHop];
+  run.bin_groups(re_by_R, R.weight, R.bias, P);
+  run.bin_groups(im_by_I, I.weight, I.bias, P + kHop);
+  run.bin_groups(re_by_I, I.weight, I.bias, P);
+  run.bin_groups(im_by_R, R.weight, R.bias, P + kHop);
+  for (int k = 0; k < kHop; ++k) {
+    d->mask_real[k] = re_by_R[k] - im_by_I[k];
+    d->mask_imag[k] = im_by_R[k] + re_by_I[k];
+  }
+  d->mask_real[kHop] = d->mask_imag[kHop] = 0.0f;
+  run.act_h(d->mask_real, d->mask_real, kBins, quibo::Activation::kSigmoid);
+  run.act_h(d->mask_imag, d->mask_imag, kBins, quibo::Activation::kSigmoid);
+}
+
+// Real and imaginary parts have masks of their own: no complex product.
+void apply_mask(const LAYER_DATA_NNAEC* d, Spectrum* spectrum) {
+  constexpr int kLowBins = 4;  // up to 47 Hz there is no speech to keep
+  constexpr float kLowGain = 0.2f;
+  for (int k = 0; k < kBins; ++k) {
+    spectrum->real[k] *= d->mask_real[k];
+    spectrum->imag[k] *= d->mask_imag[k];
+  }
+  for (int k = 0; k < kLowBins; ++k) {
+    spectrum->real[k] *= kLowGain;
+    spectrum->imag[k] *= kLowGain;
+  }
+}
+
+void overlap_add(LAYER_DATA_NNAEC* d, const Spectrum& spectrum, int16_t* out) {
+  float frame[quibo::kStftFrame];
+  quibo::synthesise_frame(spectrum, frame);
+  for (int n = 0; n < kHop; ++n) {
+    out[n] = quibo::float_to_int16(quibo::limit_output(d->ovlp_add[n] + frame[n]));
+  }
+  copy(d->ovlp_add, frame + kHop, kHop);
+}
+
+void forward(AEC_Denoise_Net* net, const float* mic, const float* yn, int16_t* out, int steps) {
+  LAYER_DATA_NNAEC* d = net->dlayer;
+  Spectrum delayed[kMaxSteps];
+  Input1::clear_guards(window, steps);
+  for (int s = 0; s < steps; ++s) {
+    input_frame(d, mic + s * kHop, yn + s * kHop, Input1::fresh(window) + s * Input1::kFrame);
+    copy(delayed[s].real, d->spec_real, kBins);
+    copy(delayed[s].imag, d->spec_imag, kBins);
+  }
+
+  input_layer<Input1, Input2>(d->x_inp1_input, *net->inp_conv1, steps);
+  input_layer<Input2, Input3>(d->x_inp2_input, *net->inp_conv2, steps);
+  input_layer<Input3, Input4>(d->x_inp3_input, *net->inp_conv3, steps);
+  run_conv(input_job<Input4>(d->x_inp4_input, steps), *net->inp_conv4, kHidden, sh_out1, kPositions,
+           kMap);
+
+  encoder_stage(d->enc1_input, *net->enc_conv1, d->x1_input, d->o1_input, steps);
+  encoder_stage(d->enc2_input, *net->enc_conv2, d->x2_input, d->o2_input, steps);
+  encoder_stage(d->enc3_input, *net->enc_conv3, d->x3_input, d->o3_input, steps);
+  encoder_stage(d->enc4_input, *net->enc_conv4, d->x4_input, nullptr, steps);
+
+  const quibo::GruKernels& gru = quibo::kernels().net.aec_gru;
+  gru_block(*net->t_gru1, gru.time, steps);
+  gru_block(*net->f_gru1, gru.frequency, steps);
+  gru_block(*net->t_gru2, gru.time, steps);
+  gru_block(*net->f_gru2, gru.frequency, steps);
+  gru_block(*net->t_gru3, gru.time, steps);
+  gru_block(*net->f_gru3, gru.frequency, steps);
+
+  // Skips: around the first stage its own input, then the encoder's outputs 3, 2, 1, which are the
+  // inputs of its stages 4, 3, 2.
+  inner_layer(d->dec1_input, *net->dec_conv1, sh_out1, kPositions, kMap, steps);
+  decoder_stage(d->dec2_input, *net->dec_conv2, d->enc4_input, steps);
+  decoder_stage(d->dec3_input, *net->dec_conv3, d->enc3_input, steps);
+  decoder_stage(d->dec4_input, *net->dec_conv4, d->enc2_input, steps);
+
+  Pixel1::pad(window, sh_out1, steps);
+  upsample_into<Pixel1, 64, Pixel2>(d->sub1_input, *net->sub_pix_conv1, steps);
+  upsample_into<Pixel2, 32, Pixel3>(d->sub2_input, *net->sub_pix_conv2, steps);
+  upsample_into<Pixel3, 16, Pixel4>(d->sub3_input, *net->sub_pix_conv3, steps);
+  upsample<Pixel4, 4>(d->sub4_input, *net->sub_pix_conv4, steps, sh_out1, kHop, 2 * kHop);
+
+  for (int s = 0; s < steps; ++s) {
+    make_mask(d, *net, sh_out1 + s * 2 * kHop);
+    apply_mask(d, &delayed[s]);
+    overlap_add(d, delayed[s], out + s * kHop);
+  }
+}
+
+}  // namespace
+
+void nn_aec_denoise_forward(AEC_Denoise_Net* net, const float* mic, const float* yn, int16_t* out) {
+  forward(net, mic, yn, out, 1);
+}
+
+void nn_aec_denoise_forward_frame(AEC_Denoise_Net* net, const float* mic, const float* yn,
+                                  int16_t* out) {
+  forward(net, mic, yn, out, 2);
+}

@@ -1,0 +1,131 @@
+#include "denoise/denoise.h"
+
+#include <stdlib.h>
+
+#include "dsp/convert.h"
+
+namespace {
+
+// Recurrent states, zero when the program starts and never reset. Deliberately one set for all
+// instances: the three microphones hear the same scene, and the network is trained with their steps
+// taking turns on one state.
+float gru_time1_hidden[1024], gru_time2_hidden[1024], gru_time3_hidden[1024];  // 32 positions x 32
+float gru_freq1_hidden[48], gru_freq2_hidden[48], gru_freq3_hidden[48];        // 32 in use
+
+template <class Record>
+Record* allocate() {
+  return static_cast<Record*>(calloc(1, sizeof(Record)));
+}
+
+bool create_conv(LAYER_CONV_COMMON** slot, const float* weight, const float* bias,
+                 const float* prelu) {
+  LAYER_CONV_COMMON* layer = *slot = allocate<LAYER_CONV_COMMON>();
+  if (!layer) return false;
+  layer->weight = weight;
+  layer->bias = bias;
+  layer->prelu = prelu;
+  return true;
+}
+
+struct GruTables {
+  const float *weight, *bias, *linear_weight, *linear_bias, *norm_weight, *norm_bias;
+};
+
+bool create_gru(LAYER_GRU_COMMON** slot, const GruTables& tables, float* state) {
+  constexpr int kHidden = 32, kGate = kHidden * 2 * kHidden;
+  LAYER_GRU_COMMON* layer = *slot = allocate<LAYER_GRU_COMMON>();
+  if (!layer) return false;
+  layer->weight_ir = tables.weight;
+  layer->weight_iz = tables.weight + kGate;
+  layer->weight_in = tables.weight + 2 * kGate;
+  layer->bias_ir = tables.bias;
+  layer->bias_iz = tables.bias + kHidden;
+  layer->bias_in1 = tables.bias + 2 * kHidden;
+  layer->bias_in2 = tables.bias + 3 * kHidden;
+  layer->linear_weight = tables.linear_weight;
+  layer->linear_bias = tables.linear_bias;
+  layer->norm_weight = tables.norm_weight;
+  layer->norm_bias = tables.norm_bias;
+  layer->prev_stat = state;
+  return true;
+}
+
+}  // namespace
+
+#define CONV(kind, n) denoise_##kind##_conv##n##_weight, denoise_##kind##_conv##n##_bias
+#define PRELU(n) denoise_inp_prelu##n##_weight
+#define GRU(axis, n)                                                            \
+  {                                                                             \
+    denoise_##axis##_gru##n##_weight, denoise_##axis##_gru##n##_bias,           \
+        denoise_##axis##_linear##n##_weight, denoise_##axis##_linear##n##_bias, \
+        denoise_##axis##_norm##n##_weight, denoise_##axis##_norm##n##_bias      \
+  }
+
+void init_denoise_net(DenoiseNet* net, float min_scale) {
+  const bool layers = create_conv(&net->inp_conv1, CONV(inp, 1), PRELU(1)) &&
+                      create_conv(&net->inp_conv2, CONV(inp, 2), PRELU(2)) &&
+                      create_conv(&net->inp_conv3, CONV(inp, 3), PRELU(3)) &&
+                      create_conv(&net->inp_conv4, CONV(inp, 4), PRELU(4)) &&
+                      create_gru(&net->f_gru1, GRU(freq, 1), gru_freq1_hidden) &&
+                      create_gru(&net->f_gru2, GRU(freq, 2), gru_freq2_hidden) &&
+                      create_gru(&net->f_gru3, GRU(freq, 3), gru_freq3_hidden) &&
+                      create_gru(&net->t_gru1, GRU(time, 1), gru_time1_hidden) &&
+                      create_gru(&net->t_gru2, GRU(time, 2), gru_time2_hidden) &&
+                      create_gru(&net->t_gru3, GRU(time, 3), gru_time3_hidden) &&
+                      create_conv(&net->sub_pix_conv1, CONV(pixel, 1), nullptr) &&
+                      create_conv(&net->sub_pix_conv2, CONV(pixel, 2), nullptr) &&
+                      create_conv(&net->sub_pix_conv3, CONV(pixel, 3), nullptr) &&
+                      create_conv(&net->sub_pix_conv4, CONV(pixel, 4), nullptr);
+  if (!layers) return;
+  net->dlayer = allocate<LAYER_DATA_DENOISE>();
+  // Written as two refusals: a NaN is neither below 0 nor above 1 and is taken; as a floor it does
+  // nothing.
+  if (net->dlayer && !(min_scale < 0.0f) && !(min_scale > 1.0f)) net->dlayer->min_scale = min_scale;
+}
+
+#undef CONV
+#undef PRELU
+#undef GRU
+
+void destroy_denoise_net(DenoiseNet* net) {
+  LAYER_CONV_COMMON* const encoder[] = {net->inp_conv1, net->inp_conv2, net->inp_conv3,
+                                        net->inp_conv4};
+  LAYER_GRU_COMMON* const recurrent[] = {net->t_gru1, net->t_gru2, net->t_gru3,
+                                         net->f_gru1, net->f_gru2, net->f_gru3};
+  LAYER_CONV_COMMON* const decoder[] = {net->sub_pix_conv1, net->sub_pix_conv2, net->sub_pix_conv3,
+                                        net->sub_pix_conv4};
+  for (LAYER_CONV_COMMON* layer : encoder) free(layer);
+  for (LAYER_GRU_COMMON* layer : recurrent) free(layer);
+  for (LAYER_CONV_COMMON* layer : decoder) free(layer);
+  free(net->dlayer);
+}
+
+int32_t QuibAncInit(void** handle, float min_scale) {
+  *handle = nullptr;
+  // Zero-filled: what the first two runs convert before the network has its look-ahead is silence.
+  KTANCParams* params = allocate<KTANCParams>();
+  if (!params) return -2;
+  params->Mynet = allocate<DenoiseNet>();
+  if (!params->Mynet) return -1;  // the record stays allocated, deliberately
+  init_denoise_net(params->Mynet, min_scale);
+  *handle = params;
+  return 0;
+}
+
+int32_t QuibAncRun(void* handle, const int16_t* in, int16_t* out) {
+  if (!handle) return -10;
+  KTANCParams* params = static_cast<KTANCParams*>(handle);
+  for (int i = 0; i < QUIBO_FRAME; ++i) params->indataf[i] = quibo::int16_to_float(in[i]);
+  const int32_t result = nn_denoise_forward_frame(params->Mynet, params->indataf, params->outdataf);
+  for (int i = 0; i < QUIBO_FRAME; ++i) out[i] = quibo::float_to_int16(params->outdataf[i]);
+  return result;
+}
+
+int32_t QuibAncUnit(void** handle) {
+  if (!handle || !*handle) return -10;
+  KTANCParams* params = static_cast<KTANCParams*>(*handle);
+  destroy_denoise_net(params->Mynet);
+  free(params->Mynet);
+  free(params);
+  return 0;
+}

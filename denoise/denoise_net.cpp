@@ -1,0 +1,258 @@
+// One step of the noise suppressor's network, or two at once.
+
+#include <string.h>
+
+#include "denoise/denoise.h"
+#include "dsp/conv_layer.h"
+#include "dsp/kernels.h"
+#include "dsp/stft.h"
+
+namespace {
+
+using quibo::ConvInput;
+using quibo::ConvJob;
+using quibo::kBins;
+using quibo::kHop;
+using quibo::kSpectra;
+using quibo::Spectrum;
+
+constexpr int kMaxSteps = 2;
+constexpr int kHidden = 32;
+constexpr int kMap = kHidden * quibo::kGruPositions;
+
+//                     channels, inputs, times, stride, stored
+using Encoder1 = ConvInput<2, 512, 3, 2, 2>;
+using Encoder2 = ConvInput<16, 256, 3, 2, 2>;
+using Encoder3 = ConvInput<32, 128, 3, 2, 2>;
+using Encoder4 = ConvInput<32, 64, 3, 2, 2>;
+using Decoder1 = ConvInput<32, 32, 3, 1, 2>;
+using Decoder2 = ConvInput<16, 64, 3, 1, 2>;
+using Decoder3 = ConvInput<16, 128, 3, 1, 2>;
+using Decoder4 = ConvInput<8, 256, 3, 1, 2>;
+
+// Scratch, rewritten at each call and shared by all instances.
+constexpr int kLargestWindow = Encoder3::window_floats(kMaxSteps);
+static_assert(Encoder2::window_floats(kMaxSteps) <= kLargestWindow, "largest");
+alignas(64) float sh_tempbuf[2 * kLargestWindow];  // a layer's window, then its split form
+alignas(64) float sh_out1[kMaxSteps * 2 * kHop];
+alignas(64) float sh_out2[kMaxSteps * 32 * 64];  // before a shuffle: at most 32 x 64 or 16 x 128
+
+float* const window = sh_tempbuf;
+float* const split = sh_tempbuf + kLargestWindow;
+static_assert(quibo::gru_scratch(kHidden) <= 2 * kLargestWindow, "recurrent blocks use it too");
+
+// ---- First layer -----------------------------------------------------------------------------
+// Its products run over 20 columns although a row has 18. Rows of patches and of weights lie 18
+// apart, so the last two columns multiply the first two values of the next position's patch (first
+// channel, oldest frame) with the first two weights of the next output channel. The parameters are
+// trained with that. What the last position and the last channel meet there is two zeros and the
+// two floats at the end of the table.
+constexpr int kFirstTaps = Encoder1::kTaps + 2;
+constexpr int kFirstSplitFrame = Encoder1::kFrame + Encoder1::kHalfRow;
+
+struct FirstTaps {
+  int32_t at[kFirstTaps];
+  constexpr FirstTaps() : at() {
+    int j = 0;
+    for (int c = 0; c < Encoder1::kChannels; ++c) {
+      for (int t = 0; t < 3; ++t) {
+        for (int f = 0; f < 3; ++f, ++j) {
+          at[j] = t * kFirstSplitFrame + c * Encoder1::kRow + Encoder1::column(f);
+        }
+      }
+    }
+    at[j] = Encoder1::kFrame;            // column 2(p+1), kept apart for its end
+    at[j + 1] = Encoder1::kHalfRow + 1;  // column 2(p+1) + 1, which ends with the row's own zero
+  }
+};
+
+constexpr FirstTaps kFirstTapOffsets;
+
+ConvJob first_layer_job(int steps) {
+  Encoder1::split(split, window, steps, kFirstSplitFrame);
+  for (int f = 0; f < Encoder1::kKept + steps; ++f) {
+    float* frame = split + f * kFirstSplitFrame;
+    float* next_patch = frame + Encoder1::kFrame;
+    memcpy(next_patch, frame + 1, (Encoder1::kOutputs - 1) * sizeof(float));
+    next_patch[Encoder1::kOutputs - 1] = 0.0f;
+  }
+  ConvJob job = Encoder1::job(split, steps);
+  job.tap_offset = kFirstTapOffsets.at;
+  job.taps = kFirstTaps;
+  job.input_step = kFirstSplitFrame;
+  return job;
+}
+
+// ---- Layers ----------------------------------------------------------------------------------
+
+template <class Input>
+ConvJob layer_job(int steps) {
+  Input::split(split, window, steps);
+  return Input::job(split, steps);
+}
+
+void run_conv(ConvJob job, const LAYER_CONV_COMMON& layer, int channels, float* output,
+              int output_row, int output_step) {
+  job.weight = layer.weight;
+  job.bias = layer.bias;
+  job.prelu = layer.prelu;
+  job.out_channels = channels;
+  job.output = output;
+  job.output_stride = output_row;
+  job.output_step = output_step;
+  quibo::kernels().net.conv(job);
+}
+
+// An encoder layer whose output is the next layer's fresh frames.
+template <class Next>
+void encode(const ConvJob& job, const LAYER_CONV_COMMON& layer) {
+  Next::clear_guards(window, job.steps);
+  run_conv(job, layer, Next::kChannels, Next::fresh(window) + 1, Next::kRow, Next::kFrame);
+}
+
+// Counts `steps` more steps at a layer; false while its history lacks an older frame.
+bool warmed_up(int32_t* count, int steps) {
+  if (*count < INT32_MAX - kMaxSteps) *count += steps;
+  return *count > 1;
+}
+
+void gru_block(const LAYER_GRU_COMMON& layer, void (*kernel)(const quibo::GruJob&),
+               const float* input, float* output, int steps) {
+  quibo::GruJob job;
+  job.weight_ir = layer.weight_ir;
+  job.weight_iz = layer.weight_iz;
+  job.weight_in_x = layer.weight_in;
+  job.weight_in_h = layer.weight_in + kHidden * kHidden;
+  job.weight_in_stride = kHidden;
+  job.bias_ir = layer.bias_ir;
+  job.bias_iz = layer.bias_iz;
+  job.bias_in1 = layer.bias_in1;
+  job.bias_in2 = layer.bias_in2;
+  job.linear_weight = layer.linear_weight;
+  job.linear_bias = layer.linear_bias;
+  job.norm_weight = layer.norm_weight;
+  job.norm_bias = layer.norm_bias;
+  job.state = layer.prev_stat;
+  job.input = input;
+  job.output = output;
+  job.steps = steps;
+  job.scratch = sh_tempbuf;
+  kernel(job);
+}
+
+// A decoder layer on the window's fresh frames; its shuffled output goes to `to`.
+template <class Input, int channels>
+void decode(float* history, const LAYER_CONV_COMMON& layer, int steps, float* to, int to_row,
+            int to_step) {
+  constexpr int kConvStep = channels * Input::kOutputs;
+  static_assert(kMaxSteps * kConvStep <= sizeof sh_out2 / sizeof sh_out2[0], "fits");
+  Input::clear_guards(window, steps);
+  Input::exchange_history(history, window, steps);
+  ConvJob job = Input::job(window, steps);
+  run_conv(job, layer, channels, sh_out2, Input::kOutputs, kConvStep);
+  quibo::shuffle_up(to, to_row, to_step, sh_out2, channels, Input::kOutputs, steps);
+}
+
+template <class Input, int channels, class Next>
+void decode_into(float* history, const LAYER_CONV_COMMON& layer, int steps) {
+  decode<Input, channels>(history, layer, steps, Next::fresh(window) + 1, Next::kRow, Next::kFrame);
+}
+
+// ---- Spectra ---------------------------------------------------------------------------------
+
+// Transforms a hop, appends it to the history and writes the network's input frame: two rows of
+// bins 0..511, real and imaginary.
+void input_frame(LAYER_DATA_DENOISE* d, const float* hop, float* frame) {
+  Spectrum spectrum;
+  quibo::analyse_hop(d->inMic, hop, &spectrum);
+  quibo::push_spectrum(d->spec_real, d->spec_imag, spectrum);
+  memcpy(frame + 1, spectrum.real, kHop * sizeof(float));
+  memcpy(frame + Encoder1::kRow + 1, spectrum.imag, kHop * sizeof(float));
+}
+
+// Masks the delayed spectrum in place. `mask`: 2 x 512 network outputs; bin 512 gets an input of 0.
+void apply_mask(Spectrum* spectrum, const float* mask, float min_scale) {
+  constexpr int kLowBins = 8;  // below 125 Hz the device only has hum and handling noise
+  constexpr float kLowGain = 0.15f;
+  auto scale = [&](float* bins, const float* row) {
+    float gain[kBins];
+    memcpy(gain, row, kHop * sizeof(float));
+    gain[kHop] = 0.0f;
+    quibo::kernels().net.act_h(gain, gain, kBins, quibo::Activation::kSigmoid);
+    for (int k = 0; k < kBins; ++k) {
+      bins[k] *= min_scale > gain[k] ? min_scale : gain[k];
+    }
+    for (int k = 0; k < kLowBins; ++k) bins[k] *= kLowGain;
+  };
+  scale(spectrum->real, mask);
+  scale(spectrum->imag, mask + kHop);
+}
+
+void overlap_add(LAYER_DATA_DENOISE* d, const Spectrum& spectrum, float* out) {
+  float frame[quibo::kStftFrame];
+  quibo::synthesise_frame(spectrum, frame);
+  for (int i = 0; i < kHop; ++i) out[i] = quibo::limit_output(d->ovlp_add[kHop + i] + frame[i]);
+  memcpy(d->ovlp_add, frame, sizeof d->ovlp_add);
+}
+
+int32_t forward(DenoiseNet* net, const float* in, float* out, int steps) {
+  LAYER_DATA_DENOISE* d = net->dlayer;
+  Spectrum delayed[kMaxSteps];
+  Encoder1::clear_guards(window, steps);
+  for (int s = 0; s < steps; ++s) {
+    input_frame(d, in + s * kHop, Encoder1::fresh(window) + s * Encoder1::kFrame);
+    memcpy(delayed[s].real, d->spec_real, sizeof delayed[s].real);
+    memcpy(delayed[s].imag, d->spec_imag, sizeof delayed[s].imag);
+  }
+
+  Encoder1::exchange_history(d->x_inp1_input, window, steps);
+  if (!warmed_up(&d->x_inp1_frame, steps)) return -1;
+  encode<Encoder2>(first_layer_job(steps), *net->inp_conv1);
+  Encoder2::exchange_history(d->x_inp2_input, window, steps);
+  if (!warmed_up(&d->x_inp2_frame, steps)) return -1;
+  encode<Encoder3>(layer_job<Encoder2>(steps), *net->inp_conv2);
+  Encoder3::exchange_history(d->x_inp3_input, window, steps);
+  if (!warmed_up(&d->x_inp3_frame, steps)) return -1;
+  encode<Encoder4>(layer_job<Encoder3>(steps), *net->inp_conv3);
+  Encoder4::exchange_history(d->x_inp4_input, window, steps);
+  if (!warmed_up(&d->x_inp4_frame, steps)) return -1;
+  run_conv(layer_job<Encoder4>(steps), *net->inp_conv4, kHidden, sh_out1, quibo::kGruPositions,
+           kMap);
+
+  const quibo::GruKernels& gru = quibo::kernels().net.denoise_gru;
+  gru_block(*net->t_gru1, gru.time, sh_out1, sh_out2, steps);
+  gru_block(*net->f_gru1, gru.frequency, sh_out2, sh_out1, steps);
+  gru_block(*net->t_gru2, gru.time, sh_out1, sh_out2, steps);
+  gru_block(*net->f_gru2, gru.frequency, sh_out2, sh_out1, steps);
+  gru_block(*net->t_gru3, gru.time, sh_out1, sh_out2, steps);
+  gru_block(*net->f_gru3, gru.frequency, sh_out2, sh_out1, steps);
+
+  Decoder1::pad(window, sh_out1, steps);
+  decode_into<Decoder1, 32, Decoder2>(d->sub1_input, *net->sub_pix_conv1, steps);
+  decode_into<Decoder2, 32, Decoder3>(d->sub2_input, *net->sub_pix_conv2, steps);
+  decode_into<Decoder3, 16, Decoder4>(d->sub3_input, *net->sub_pix_conv3, steps);
+  decode<Decoder4, 4>(d->sub4_input, *net->sub_pix_conv4, steps, sh_out1, kHop, 2 * kHop);
+
+  for (int s = 0; s < steps; ++s) {
+    apply_mask(&delayed[s], sh_out1 + s * 2 * kHop, d->min_scale);
+    overlap_add(d, delayed[s], out + s * kHop);
+  }
+  return 0;
+}
+
+}  // namespace
+
+int32_t nn_denoise_forward(DenoiseNet* net, const float* in, float* out) {
+  // The working record is allocated last: without it, or anything before it, there is no network.
+  if (!net->dlayer) return -1;
+  return forward(net, in, out, 1);
+}
+
+int32_t nn_denoise_forward_frame(DenoiseNet* net, const float* in, float* out) {
+  const LAYER_DATA_DENOISE* d = net->dlayer;
+  const bool warm =
+      d && d->x_inp1_frame > 0 && d->x_inp2_frame > 0 && d->x_inp3_frame > 0 && d->x_inp4_frame > 0;
+  if (warm) return forward(net, in, out, 2);
+  nn_denoise_forward(net, in, out);
+  return nn_denoise_forward(net, in + kHop, out + kHop);
+}

@@ -1,0 +1,134 @@
+// Convolutions over frequency and every other large product of the float networks, one body for
+// every instruction set. Order of sums: float_kernels.h.
+//
+// Consecutive positions lie in the lanes of a register, so the four lanes of a sum are four
+// registers, filled one after the other by four passes over every fourth tap: no shuffles, no patch
+// matrix, and room to keep a block of channels and positions in registers. A weight is read once
+// for all positions of all steps at hand.
+#pragma once
+
+#include <stddef.h>
+
+#include "dsp/float_kernels.h"
+#include "dsp/kernels.h"
+
+namespace quibo {
+namespace {
+
+template <class V>
+constexpr int kConvBlockChannels = V::kRegisters >= 32 ? 4 : 2;
+
+// The four lanes of C x P sums: C rows of splatted values (a) times P registers (at x).
+template <class V, int C, int P>
+struct LaneSums {
+  using Reg = typename V::Reg;
+  Reg lane[4][C][P];
+
+  void compute(const float* a, ptrdiff_t row_stride, ptrdiff_t tap_stride,
+               const float* const (&x)[P], const int32_t* tap_offset, int taps) {
+#pragma GCC unroll 1  // one pass at a time, so that its sums have the registers to themselves
+    for (int l = 0; l < 4; ++l) {
+      Reg sum[C][P];
+      for (int c = 0; c < C; ++c) {
+        for (int p = 0; p < P; ++p) sum[c][p] = V::splat(0.0f);
+      }
+      for (int j = l; j < taps; j += 4) {
+        const ptrdiff_t offset = tap_offset[j];
+        Reg value[P];
+        for (int p = 0; p < P; ++p) value[p] = V::load(x[p] + offset);
+        for (int c = 0; c < C; ++c) {
+          const Reg weight = V::splat(a[c * row_stride + j * tap_stride]);
+          for (int p = 0; p < P; ++p) sum[c][p] = V::add(sum[c][p], V::mul(weight, value[p]));
+        }
+      }
+      for (int c = 0; c < C; ++c) {
+        for (int p = 0; p < P; ++p) lane[l][c][p] = sum[c][p];
+      }
+    }
+  }
+
+  Reg fold(int c, int p) const {
+    return V::add(V::add(lane[0][c][p], lane[2][c][p]), V::add(lane[1][c][p], lane[3][c][p]));
+  }
+};
+
+template <class V, int C, int P>
+void conv_block(const ConvJob& job, int channel, int first_register) {
+  using Reg = typename V::Reg;
+  const int per_step = job.positions / V::kWidth;
+  const float* x[P];
+  ptrdiff_t out_at[P], residual_at[P];
+  for (int p = 0; p < P; ++p) {
+    const int step = (first_register + p) / per_step;
+    const int position = (first_register + p) % per_step * V::kWidth;
+    x[p] = job.input + step * job.input_step + position;
+    out_at[p] = step * job.output_step + position;
+    residual_at[p] = step * job.residual_step + position;
+  }
+  LaneSums<V, C, P> sums;
+  sums.compute(job.weight + static_cast<ptrdiff_t>(channel) * job.row_stride, job.row_stride, 1, x,
+               job.tap_offset, job.taps);
+  for (int c = 0; c < C; ++c) {
+    const int k = channel + c;
+    const Reg bias = V::splat(job.bias[k]);
+    for (int p = 0; p < P; ++p) {
+      Reg y = V::add(sums.fold(c, p), bias);
+      if (job.prelu) y = prelu<V>(y, V::splat(job.prelu[k]));
+      if (job.scale) y = V::add(V::mul(V::splat(job.scale[k]), y), V::splat(job.shift[k]));
+      if (job.residual) {
+        y = V::add(y, V::load(job.residual + k * job.residual_stride + residual_at[p]));
+      }
+      V::store(job.output + k * job.output_stride + out_at[p], y);
+    }
+  }
+}
+
+template <class V>
+void conv(const ConvJob& job) {
+  constexpr int C = kConvBlockChannels<V>;
+  const int registers = job.steps * job.positions / V::kWidth;
+  for (int channel = 0; channel < job.out_channels; channel += C) {
+    int r = 0;
+    for (; r + 4 <= registers; r += 4) conv_block<V, C, 4>(job, channel, r);
+    for (; r < registers; r += 2) conv_block<V, C, 2>(job, channel, r);
+  }
+}
+
+// 512 values in 64 groups of 8, each mapped by a matrix of its own: weight is 64 x 8 x 8, bias 512.
+template <class V>
+void bin_groups(float* out, const float* weight, const float* bias, const float* in) {
+  using F = typename V::Four;
+  for (int k = 0; k < 512; k += 8) {
+    const typename F::Reg low = F::load(in + k), high = F::load(in + k + 4);
+    for (int r = k; r < k + 8; ++r) {
+      const typename F::Reg zero = F::splat(0.0f);
+      const typename F::Reg sum = F::add(zero, F::mul(F::load(weight + 8 * r), low));
+      out[r] = F::fold(F::add(sum, F::mul(F::load(weight + 8 * r + 4), high))) + bias[r];
+    }
+  }
+}
+
+// Columns 0, 2, 4, ... and 1, 3, 5, ... of a row, so that a convolution of stride 2 reads
+// consecutive values.
+template <class V>
+void split_columns(float* even, float* odd, const float* row, int pairs) {
+  for_each_lane<V>(pairs, [=](auto v, int i) {
+    using W = decltype(v);
+    typename W::Reg a, b;
+    W::load_pairs(row + 2 * i, a, b);
+    W::store(even + i, a);
+    W::store(odd + i, b);
+  });
+}
+
+// The inverse: two rows of n values into one of 2n.
+template <class V>
+void join_columns(float* row, const float* even, const float* odd, int pairs) {
+  for_each_lane<V>(pairs, [=](auto v, int i) {
+    using W = decltype(v);
+    W::store_pairs(row + 2 * i, W::load(even + i), W::load(odd + i));
+  });
+}
+
+}  // namespace
+}  // namespace quibo

@@ -1,0 +1,438 @@
+// The neural echo suppressor against a naive reference, its properties and its failure paths.
+
+#include "aec/aec_denoise.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cmath>
+#include <cstring>
+#include <limits>
+#include <random>
+#include <vector>
+
+#include "dsp/fft.h"
+#include "support/allocation.h"
+#include "support/naive_net.h"
+#include "support/net_input.h"
+#include "support/variants.h"
+
+namespace {
+
+using naive::Map;
+using naive::Row;
+using quibo_test::audio;
+using quibo_test::for_each_variant;
+using quibo_test::kSeed;
+using quibo_test::Tables;
+using quibo_test::tones;
+
+constexpr int kHop = naive::kHop, kBins = naive::kBins;
+constexpr int kStates = 32 * 64;
+constexpr int kDelay = 5 * kHop;  // four hops and the overlap
+
+class Instance {
+ public:
+  Instance() {
+    testing::internal::CaptureStdout();
+    EXPECT_EQ(0, QuibNAecInit(&handle_));
+    EXPECT_EQ(testing::internal::GetCapturedStdout(),
+              ">QuibNAecInit\n>QuibNAecInit\n>QuibNAecInit\n");
+  }
+  ~Instance() {
+    EXPECT_EQ(0, QuibNAecUnit(handle_));
+    free_aec_denoise(handle_);
+  }
+  Instance(const Instance&) = delete;
+  Instance& operator=(const Instance&) = delete;
+
+  void point_at(Tables& t) {
+    AEC_Denoise_Net& n = net();
+    auto conv = [&t](LAYER_CONV_NNAEC* layer, size_t out, size_t taps, bool prelu) {
+      layer->weight = t.make(out * taps, taps);
+      layer->bias = t.make(out, 100);
+      layer->prelu = prelu ? t.make(out, 10) : nullptr;
+    };
+    conv(n.sys_real_conv, 512, 8, false);
+    conv(n.sys_imag_conv, 512, 8, false);
+    conv(n.inp_conv1, 16, 4 * 6, true);
+    conv(n.inp_conv2, 32, 16 * 6, true);
+    conv(n.inp_conv3, 48, 32 * 6, true);
+    conv(n.inp_conv4, 64, 48 * 6, true);
+    for (auto layer : {n.enc_conv1, n.enc_conv2, n.enc_conv3, n.enc_conv4, n.dec_conv1, n.dec_conv2,
+                       n.dec_conv3, n.dec_conv4}) {
+      conv(layer, 64, 64 * 9, true);
+    }
+    for (LAYER_GRU_NNAEC* layer : recurrent()) {
+      for (auto slot : {&layer->weight_ir, &layer->weight_iz, &layer->weight_in}) {
+        *slot = t.make(64 * 128, 128);
+      }
+      for (auto slot : {&layer->bias_ir, &layer->bias_iz, &layer->bias_in1, &layer->bias_in2,
+                        &layer->linear_bias}) {
+        *slot = t.make(64, 100);
+      }
+      layer->linear_weight = t.make(64 * 64, 64);
+    }
+    conv(n.sub_pix_conv1, 64, 64 * 6, false);
+    conv(n.sub_pix_conv2, 32, 32 * 6, false);
+    conv(n.sub_pix_conv3, 16, 16 * 6, false);
+    conv(n.sub_pix_conv4, 4, 8 * 6, false);
+  }
+
+  // Wide open masks, by way of the last biases.
+  void open_masks() {
+    static const std::vector<float> zeros(4096, 0.0f), twenties(512, 20.0f), none(512, 0.0f);
+    net().sys_real_conv->weight = net().sys_imag_conv->weight = zeros.data();
+    net().sys_real_conv->bias = twenties.data();
+    net().sys_imag_conv->bias = none.data();
+  }
+
+  void run(const float* mic, const float* yn, int16_t* out) {
+    EXPECT_EQ(0, QuibNAecRun(handle_, mic, yn, out));
+  }
+  AEC_Denoise_Net& net() { return *static_cast<KTNNAECParams*>(handle_)->Mynet; }
+  std::vector<LAYER_GRU_NNAEC*> recurrent() {
+    return {net().t_gru1, net().f_gru1, net().t_gru2, net().f_gru2, net().t_gru3, net().f_gru3};
+  }
+
+ private:
+  void* handle_ = nullptr;
+};
+
+// The naive network. It reads the instance's tables, and has histories and states of its own.
+class Reference {
+ public:
+  // own_maths: transforms in double precision and the C library's exponential, instead of those
+  // that the engine uses.
+  Reference(AEC_Denoise_Net* net, bool own_maths) : net_(*net), own_maths_(own_maths) {}
+
+  void step(const float* mic, const float* yn, float* out) {
+    const naive::Spectrum D = analyse(mic_, mic), Y = analyse(yn_, yn);
+    naive::Spectrum E(kBins);
+    for (int k = 0; k < kBins; ++k) E[k] = D[k] - Y[k];
+    spectra_.erase(spectra_.begin());
+    spectra_.push_back(E);
+
+    Map map(4, Row(kHop));
+    for (int k = 0; k < kHop; ++k) {
+      map[0][k] = D[k].real();
+      map[1][k] = E[k].real();
+      map[2][k] = D[k].imag();
+      map[3][k] = E[k].imag();
+    }
+    const LAYER_CONV_NNAEC* inputs[] = {net_.inp_conv1, net_.inp_conv2, net_.inp_conv3,
+                                        net_.inp_conv4};
+    const size_t input_channels[] = {16, 32, 48, 64};
+    for (int i = 0; i < 4; ++i) {
+      map = convolve(input_[i], map, *inputs[i], input_channels[i], 2);
+    }
+    const LAYER_CONV_NNAEC* encoders[] = {net_.enc_conv1, net_.enc_conv2, net_.enc_conv3,
+                                          net_.enc_conv4};
+    std::vector<Map> e;
+    for (int i = 0; i < 4; ++i) e.push_back(map = convolve(encoder_[i], map, *encoders[i], 64, 1));
+
+    const LAYER_GRU_NNAEC* blocks[] = {net_.t_gru1, net_.f_gru1, net_.t_gru2,
+                                       net_.f_gru2, net_.t_gru3, net_.f_gru3};
+    for (int i = 0; i < 6; ++i) {
+      const LAYER_GRU_NNAEC& b = *blocks[i];
+      const naive::Gru gru = {b.weight_ir,     b.weight_iz,   b.weight_in, b.weight_in + 64, 128,
+                              b.bias_ir,       b.bias_iz,     b.bias_in1,  b.bias_in2,       8.0f,
+                              b.linear_weight, b.linear_bias, nullptr,     nullptr};
+      map = gru.block(map, &states_[i / 2 * kStates], i % 2 == 0, exponential());
+    }
+
+    map = naive::sum(convolve(decoder_[0], map, *net_.dec_conv1, 64, 1), map);
+    map = naive::sum(convolve(decoder_[1], map, *net_.dec_conv2, 64, 1), e[2]);
+    map = naive::sum(convolve(decoder_[2], map, *net_.dec_conv3, 64, 1), e[1]);
+    map = naive::sum(convolve(decoder_[3], map, *net_.dec_conv4, 64, 1), e[0]);
+    const LAYER_CONV_NNAEC* pixels[] = {net_.sub_pix_conv1, net_.sub_pix_conv2, net_.sub_pix_conv3,
+                                        net_.sub_pix_conv4};
+    const size_t pixel_channels[] = {64, 32, 16, 4};
+    for (int i = 0; i < 4; ++i) {
+      map = naive::shuffle(convolve(pixel_[i], map, *pixels[i], pixel_channels[i], 1));
+    }
+
+    naive::Spectrum masked = spectra_[0];
+    for (int k = 0; k < kBins; ++k) {
+      float q_re = 0, q_im = 0;
+      if (k < kHop) {
+        auto group = [k](const LAYER_CONV_NNAEC& layer, const Row& x) {
+          return naive::dot(layer.weight + 8 * k, &x[k / 8 * 8], 8) + layer.bias[k];
+        };
+        q_re = group(*net_.sys_real_conv, map[0]) - group(*net_.sys_imag_conv, map[1]);
+        q_im = group(*net_.sys_real_conv, map[1]) + group(*net_.sys_imag_conv, map[0]);
+      }
+      masked[k] = {naive::sigmoid(q_re, naive::fast_exp) * masked[k].real(),
+                   naive::sigmoid(q_im, naive::fast_exp) * masked[k].imag()};
+      if (k <= 3) masked[k] = {0.2f * masked[k].real(), 0.2f * masked[k].imag()};
+    }
+    Row made(naive::kFrame);
+    if (own_maths_) {
+      made = naive::inverse_dft(masked);
+    } else {
+      quibo::my_ifft<naive::kFrame>(masked.data(), made.data());
+    }
+    for (int n = 0; n < naive::kFrame; ++n) made[n] *= naive::synthesis_window(n);
+    for (int n = 0; n < kHop; ++n) {
+      out[n] = std::max(-0.99f, std::min(0.99f, tail_[n] + made[n]));
+    }
+    tail_.assign(made.begin() + kHop, made.end());
+  }
+
+ private:
+  naive::Spectrum analyse(Row& kept, const float* hop) {
+    kept.erase(kept.begin(), kept.begin() + kHop);
+    kept.insert(kept.end(), hop, hop + kHop);
+    Row frame = kept;
+    for (int n = 0; n < naive::kFrame; ++n) frame[n] *= naive::analysis_window(n);
+    if (own_maths_) return naive::dft(frame);
+    naive::Spectrum bins(kBins);
+    quibo::my_fft<naive::kFrame>(frame.data(), bins.data());
+    return bins;
+  }
+
+  static Map convolve(naive::History& history, const Map& map, const LAYER_CONV_NNAEC& layer,
+                      size_t channels, size_t stride) {
+    history.push(map);
+    return history.convolve(layer.weight, layer.bias, layer.prelu, channels, stride);
+  }
+
+  naive::Exp exponential() const {
+    if (own_maths_) return [](float x) { return std::exp(x); };
+    return [](float x) {
+      quibo::kernels().net.arr_exp(&x, &x, 1);
+      return x;
+    };
+  }
+
+  const AEC_Denoise_Net& net_;
+  bool own_maths_;
+  Row mic_ = Row(naive::kFrame, 0.0f), yn_ = mic_, tail_ = Row(kHop, 0.0f);
+  std::vector<float> states_ = std::vector<float>(3 * kStates, 0.0f);
+  std::vector<naive::Spectrum> spectra_ = std::vector<naive::Spectrum>(5, naive::Spectrum(kBins));
+  naive::History input_[4] = {{2, 4, 512}, {2, 16, 256}, {2, 32, 128}, {2, 48, 64}};
+  naive::History encoder_[4] = {{3, 64, 32}, {3, 64, 32}, {3, 64, 32}, {3, 64, 32}};
+  naive::History decoder_[4] = {{3, 64, 32}, {3, 64, 32}, {3, 64, 32}, {3, 64, 32}};
+  naive::History pixel_[4] = {{2, 64, 32}, {2, 32, 64}, {2, 16, 128}, {2, 8, 256}};
+};
+
+// A microphone and the echo estimate in it, as floats of full scale 1.0.
+struct Signals {
+  explicit Signals(int frames, unsigned seed) : mic(frames * QUIBO_FRAME), yn(mic) {
+    const std::vector<int16_t> near = audio(frames * QUIBO_FRAME, seed),
+                               echo = audio(frames * QUIBO_FRAME, seed + 1);
+    for (size_t n = 0; n < mic.size(); ++n) {
+      yn[n] = 0.8f * static_cast<float>(echo[n]) / 32768.0f;
+      mic[n] = 0.5f * static_cast<float>(near[n]) / 32768.0f + 1.1f * yn[n];
+    }
+  }
+  std::vector<float> mic, yn;
+};
+
+std::vector<int16_t> run_all(Instance& instance, const std::vector<float>& mic,
+                             const std::vector<float>& yn) {
+  std::vector<int16_t> out(mic.size());
+  for (size_t at = 0; at < mic.size(); at += QUIBO_FRAME) {
+    instance.run(&mic[at], &yn[at], &out[at]);
+  }
+  return out;
+}
+
+std::vector<float> to_float(const std::vector<int16_t>& x) {
+  std::vector<float> y(x.size());
+  for (size_t n = 0; n < x.size(); ++n) y[n] = static_cast<float>(x[n]) / 32768.0f;
+  return y;
+}
+
+void compare_with_reference(bool own_maths, int bar, int frames, float heat) {
+  Tables tables(kSeed, heat);
+  Instance instance;
+  instance.point_at(tables);
+  Reference reference(&instance.net(), own_maths);
+  const Signals signals(frames, kSeed + 1);
+  const std::vector<int16_t> out = run_all(instance, signals.mic, signals.yn);
+  int loudest = 0;
+  for (size_t at = 0; at < out.size(); at += kHop) {
+    float expected[kHop];
+    reference.step(&signals.mic[at], &signals.yn[at], expected);
+    for (int n = 0; n < kHop; ++n) {
+      const int sample = static_cast<int>(expected[n] * 32768.0f);
+      ASSERT_NEAR(out[at + n], sample, bar) << "sample " << at + n << ", seed " << kSeed;
+      loudest = std::max(loudest, std::abs(sample));
+    }
+  }
+  EXPECT_GT(loudest, 3000) << "the comparison needs a signal";
+}
+
+TEST(AecDenoise, EqualsTheNaiveNetworkToTheBit) {
+  for_each_variant([](const std::string& variant) {
+    SCOPED_TRACE(variant);
+    compare_with_reference(false, 0, 6, 1.1f);
+  });
+}
+
+TEST(AecDenoise, IsWithinOneInt16StepOfDoublePrecisionTransformsAndLibraryExponential) {
+  compare_with_reference(true, 1, 16, 0.7f);
+}
+
+TEST(AecDenoise, EveryVariantGivesTheSameBitsOverManyFrames) {
+  quibo_test::expect_equal_outputs([](int frames) {
+    const Signals signals(frames, kSeed + 3);
+    Tables tables(kSeed + 4, 1.1f);
+    Instance instance;
+    instance.point_at(tables);
+    return run_all(instance, signals.mic, signals.yn);
+  });
+}
+
+TEST(AecDenoise, FrameEqualsTwoStepsToTheBit) {
+  constexpr int kFrames = 8;
+  const Signals signals(kFrames, kSeed);
+  for_each_variant([&](const std::string& variant) {
+    LAYER_DATA_NNAEC ends[2];
+    std::vector<float> states[2];
+    std::vector<int16_t> outs[2];
+    for (int single = 0; single < 2; ++single) {
+      Tables tables(kSeed, 1.1f);
+      Instance instance;
+      instance.point_at(tables);
+      outs[single].resize(kFrames * QUIBO_FRAME);
+      const int hop = single ? kHop : QUIBO_FRAME;
+      for (int at = 0; at < kFrames * QUIBO_FRAME; at += hop) {
+        (single ? nn_aec_denoise_forward : nn_aec_denoise_forward_frame)(
+            &instance.net(), &signals.mic[at], &signals.yn[at], &outs[single][at]);
+      }
+      ends[single] = *instance.net().dlayer;
+      for (LAYER_GRU_NNAEC* layer : instance.recurrent()) {
+        if (layer->prev_stat) {
+          states[single].insert(states[single].end(), layer->prev_stat, layer->prev_stat + kStates);
+        }
+      }
+    }
+    EXPECT_EQ(outs[0], outs[1]) << variant;
+    EXPECT_EQ(states[0], states[1]) << variant;
+    EXPECT_EQ(0, std::memcmp(&ends[0], &ends[1], sizeof ends[0])) << variant << ": every history";
+  });
+}
+
+TEST(AecDenoise, OpenMasksPassTheErrorFourHopsLateWithTheLowBandAt20Percent) {
+  constexpr int kFrames = 12;
+  const std::vector<float> echo = to_float(audio(kFrames * QUIBO_FRAME, kSeed));
+  for (int k : {2, 100}) {
+    const std::vector<int16_t> near = tones({k}, kFrames);
+    std::vector<float> mic = to_float(near), yn = echo;
+    for (size_t n = 0; n < mic.size(); ++n) mic[n] += yn[n];
+    Instance instance;
+    instance.open_masks();
+    const std::vector<int16_t> out = run_all(instance, mic, yn);
+    for (int n = 0; n < 4 * kHop; ++n) ASSERT_EQ(out[n], 0) << "sample " << n;
+    for (int n = 4 * QUIBO_FRAME; n < kFrames * QUIBO_FRAME; ++n) {
+      ASSERT_NEAR(out[n], (k == 2 ? 0.2 : 1.0) * near[n - kDelay], 2) << "sample " << n;
+    }
+  }
+}
+
+TEST(AecDenoise, SilenceStaysSilentAndExtremesStayUnderTheLimit) {
+  constexpr int kFrames = 20;
+  std::vector<float> silence(kFrames * QUIBO_FRAME), lowest(silence), square(silence);
+  for (size_t n = 0; n < silence.size(); ++n) {
+    lowest[n] = -1.0f;
+    square[n] = n / 50 % 2 ? -1.0f : 32767.0f / 32768.0f;
+  }
+  Tables tables(kSeed + 5, 1.5f);
+  Instance instance;
+  instance.point_at(tables);
+  for (int16_t v : run_all(instance, silence, silence)) ASSERT_EQ(v, 0);
+  for (bool open : {false, true}) {
+    if (open) instance.open_masks();
+    for (const auto& mic : {lowest, square}) {
+      for (const auto& yn : {silence, square}) {
+        const std::vector<int16_t> out = run_all(instance, mic, yn);
+        const auto limits = std::minmax_element(out.begin(), out.end());
+        EXPECT_GE(*limits.first, -32440);
+        EXPECT_LE(*limits.second, 32440);
+        const LAYER_DATA_NNAEC& d = *instance.net().dlayer;
+        for (float v : d.sub4_input) ASSERT_TRUE(std::isfinite(v));
+        for (float v : d.mask_real) ASSERT_TRUE(v >= 0 && v <= 1);
+      }
+    }
+  }
+}
+
+TEST(AecDenoise, UntrainedTablesPassTheError) {
+  constexpr int kFrames = 30;
+  for (float gain : {1.0f, 0.01f}) {
+    const std::vector<int16_t> near = tones({20, 50, 100, 200, 300, 400}, kFrames);
+    std::vector<float> mic = to_float(near), yn(mic.size());
+    for (float& v : mic) v *= gain;
+    Instance instance;
+    const std::vector<int16_t> out = run_all(instance, mic, yn);
+    double signal = 0, difference = 0;
+    for (int n = 4 * QUIBO_FRAME; n < kFrames * QUIBO_FRAME; ++n) {
+      signal += std::pow(gain * near[n - kDelay], 2);
+      difference += std::pow(out[n] - gain * near[n - kDelay], 2);
+    }
+    EXPECT_LT(10 * std::log10(difference / signal), -20) << "gain " << gain;
+  }
+}
+
+// A NaN can not come from int16 input. One that does come in is never flushed from the recurrent
+// states; a new instance is.
+TEST(AecDenoise, NanSilencesTheOutputUntilTheNextInit) {
+  const Signals signals(12, kSeed);
+  std::vector<float> mic = signals.mic;
+  mic[QUIBO_FRAME] = std::numeric_limits<float>::quiet_NaN();
+  std::vector<int16_t> expected;
+  {
+    Instance clean;
+    expected = run_all(clean, signals.mic, signals.yn);
+    Instance poisoned;
+    const std::vector<int16_t> out = run_all(poisoned, mic, signals.yn);
+    for (size_t n = 4 * QUIBO_FRAME; n < out.size(); ++n) ASSERT_EQ(out[n], 0) << "sample " << n;
+  }
+  Instance fresh;
+  EXPECT_EQ(run_all(fresh, signals.mic, signals.yn), expected);
+}
+
+TEST(AecDenoise, NullHandlesGiveMinusOne) {
+  float frame[QUIBO_FRAME] = {};
+  int16_t out[QUIBO_FRAME] = {3};
+  EXPECT_EQ(-1, QuibNAecRun(nullptr, frame, frame, out));
+  EXPECT_EQ(3, out[0]);
+  EXPECT_EQ(-1, QuibNAecUnit(nullptr));
+}
+
+TEST(AecDenoise, UnitLeavesTheNetworkRecordAndTheHandle) {
+  const quibo_test::HeldMemory held;
+  void* handle;
+  testing::internal::CaptureStdout();
+  QuibNAecInit(&handle);
+  testing::internal::GetCapturedStdout();
+  EXPECT_EQ(held.blocks(), 27);
+  EXPECT_EQ(0, QuibNAecUnit(handle));
+  EXPECT_EQ(held.blocks(), 2);
+  free_aec_denoise(handle);
+  EXPECT_EQ(held.blocks(), 0);
+}
+
+// Allocation 0 is the handle, 1 the network, 2..25 the layers, 26 the activation store.
+TEST(AecDenoise, EveryFailedAllocationEndsTheInitWithItsLines) {
+  const std::string line = ">QuibNAecInit\n";
+  for (int n = 0; n < 27; ++n) {
+    void* handle = &handle;
+    int result;
+    testing::internal::CaptureStdout();
+    const quibo_test::HeldMemory held;
+    {
+      const quibo_test::FailAllocation fail(n);
+      result = QuibNAecInit(&handle);
+      EXPECT_EQ(fail.count(), n + 1);
+    }
+    EXPECT_EQ(testing::internal::GetCapturedStdout(), n == 0 ? line : line + line);
+    EXPECT_EQ(result, n == 0 ? -2 : -3);
+    EXPECT_EQ(handle, nullptr);
+    EXPECT_EQ(held.blocks(), n) << "what was created stays allocated";
+  }
+}
+
+}  // namespace

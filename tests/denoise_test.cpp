@@ -1,0 +1,398 @@
+// The noise suppressor against a naive reference, its properties and its failure paths.
+
+#include "denoise/denoise.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cmath>
+#include <cstring>
+#include <random>
+#include <vector>
+
+#include "dsp/fft.h"
+#include "support/allocation.h"
+#include "support/naive_net.h"
+#include "support/net_input.h"
+#include "support/variants.h"
+
+namespace {
+
+using naive::Map;
+using naive::Row;
+using quibo_test::audio;
+using quibo_test::for_each_variant;
+using quibo_test::kSeed;
+using quibo_test::Tables;
+using quibo_test::tones;
+
+constexpr int kHop = naive::kHop, kBins = naive::kBins;
+constexpr int kStates = 32 * 32;
+
+// An instance whose layers point at random tables and at states of its own.
+class Instance {
+ public:
+  explicit Instance(float floor = 0.0f) { EXPECT_EQ(0, QuibAncInit(&handle_, floor)); }
+  ~Instance() { EXPECT_EQ(0, QuibAncUnit(&handle_)); }
+  Instance(const Instance&) = delete;
+  Instance& operator=(const Instance&) = delete;
+
+  void point_at(Tables& t) {
+    auto conv = [&t](LAYER_CONV_COMMON* layer, size_t out, size_t in, bool prelu) {
+      layer->weight = t.make(out * in * 9 + 2, in * 9);
+      layer->bias = t.make(out, 100);
+      layer->prelu = prelu ? t.make(out, 10) : nullptr;
+    };
+    conv(net().inp_conv1, 16, 2, true);
+    conv(net().inp_conv2, 32, 16, true);
+    conv(net().inp_conv3, 32, 32, true);
+    conv(net().inp_conv4, 32, 32, true);
+    for (LAYER_GRU_COMMON* layer : recurrent()) {
+      layer->weight_ir = t.make(32 * 64, 64);
+      layer->weight_iz = t.make(32 * 64, 64);
+      layer->weight_in = t.make(32 * 64, 32);
+      for (auto slot : {&layer->bias_ir, &layer->bias_iz, &layer->bias_in1, &layer->bias_in2,
+                        &layer->linear_bias, &layer->norm_bias}) {
+        *slot = t.make(32, 100);
+      }
+      layer->linear_weight = t.make(32 * 32, 32);
+      layer->norm_weight = t.make(32, 3);
+    }
+    conv(net().sub_pix_conv1, 32, 32, false);
+    conv(net().sub_pix_conv2, 32, 16, false);
+    conv(net().sub_pix_conv3, 16, 16, false);
+    conv(net().sub_pix_conv4, 4, 8, false);
+  }
+
+  void use_states(std::vector<float>& states) {
+    states.assign(3 * kStates, 0.0f);
+    net().t_gru1->prev_stat = &states[0];
+    net().t_gru2->prev_stat = &states[kStates];
+    net().t_gru3->prev_stat = &states[2 * kStates];
+  }
+
+  int run(const int16_t* in, int16_t* out) { return QuibAncRun(handle_, in, out); }
+  void* handle() { return handle_; }
+  KTANCParams& params() { return *static_cast<KTANCParams*>(handle_); }
+  DenoiseNet& net() { return *params().Mynet; }
+  std::vector<LAYER_GRU_COMMON*> recurrent() {
+    return {net().t_gru1, net().f_gru1, net().t_gru2, net().f_gru2, net().t_gru3, net().f_gru3};
+  }
+
+ private:
+  void* handle_ = nullptr;
+};
+
+// The naive network. It reads the instance's tables, and has histories and states of its own.
+class Reference {
+ public:
+  Reference(Instance* instance, std::vector<float>* states, bool own_transforms)
+      : net_(instance->net()), states_(*states), own_transforms_(own_transforms) {}
+
+  // One hop; false while the histories fill.
+  bool step(const float* in, float* out) {
+    Row frame(in_.begin() + kHop, in_.end());
+    frame.insert(frame.end(), in, in + kHop);
+    in_ = frame;
+    for (int n = 0; n < naive::kFrame; ++n) frame[n] *= naive::analysis_window(n);
+    naive::Spectrum newest(kBins);
+    if (own_transforms_) {
+      newest = naive::dft(frame);
+    } else {
+      quibo::my_fft<naive::kFrame>(frame.data(), newest.data());
+    }
+    spectra_.erase(spectra_.begin());
+    spectra_.push_back(newest);
+
+    ++steps_;
+    Map map(2, Row(kHop));
+    for (int k = 0; k < kHop; ++k) {
+      map[0][k] = newest[k].real();
+      map[1][k] = newest[k].imag();
+    }
+    const LAYER_CONV_COMMON* encoder[] = {net_.inp_conv1, net_.inp_conv2, net_.inp_conv3,
+                                          net_.inp_conv4};
+    for (int i = 0; i < 4; ++i) {
+      encoder_[i].push(map);
+      if (steps_ <= i + 1) return false;
+      map = encoder_[i].convolve(encoder[i]->weight, encoder[i]->bias, encoder[i]->prelu,
+                                 i == 0 ? 16 : 32, 2, i == 0 ? 20 : 0);
+    }
+    const LAYER_GRU_COMMON* blocks[] = {net_.t_gru1, net_.f_gru1, net_.t_gru2,
+                                        net_.f_gru2, net_.t_gru3, net_.f_gru3};
+    for (int i = 0; i < 6; ++i) {
+      const LAYER_GRU_COMMON& b = *blocks[i];
+      const naive::Gru gru = {b.weight_ir,
+                              b.weight_iz,
+                              b.weight_in,
+                              b.weight_in + 32 * 32,
+                              32,
+                              b.bias_ir,
+                              b.bias_iz,
+                              b.bias_in1,
+                              b.bias_in2,
+                              10.0f,
+                              b.linear_weight,
+                              b.linear_bias,
+                              b.norm_weight,
+                              b.norm_bias};
+      map = gru.block(map, &states_[i / 2 * kStates], i % 2 == 0, naive::fast_exp);
+    }
+    const LAYER_CONV_COMMON* decoder[] = {net_.sub_pix_conv1, net_.sub_pix_conv2,
+                                          net_.sub_pix_conv3, net_.sub_pix_conv4};
+    const size_t channels[] = {32, 32, 16, 4};
+    for (int i = 0; i < 4; ++i) {
+      decoder_[i].push(map);
+      map = naive::shuffle(
+          decoder_[i].convolve(decoder[i]->weight, decoder[i]->bias, nullptr, channels[i], 1));
+    }
+
+    naive::Spectrum masked = spectra_[0];
+    const float floor = net_.dlayer->min_scale;
+    for (int k = 0; k < kBins; ++k) {
+      float m1 = naive::sigmoid(k < kHop ? map[0][k] : 0.0f, naive::fast_exp);
+      float m2 = naive::sigmoid(k < kHop ? map[1][k] : 0.0f, naive::fast_exp);
+      if (floor > m1) m1 = floor;
+      if (floor > m2) m2 = floor;
+      masked[k] = {m1 * masked[k].real(), m2 * masked[k].imag()};
+      if (k < 8) masked[k] = {0.15f * masked[k].real(), 0.15f * masked[k].imag()};
+    }
+    Row made(naive::kFrame);
+    if (own_transforms_) {
+      made = naive::inverse_dft(masked);
+    } else {
+      quibo::my_ifft<naive::kFrame>(masked.data(), made.data());
+    }
+    for (int n = 0; n < naive::kFrame; ++n) made[n] *= naive::synthesis_window(n);
+    for (int n = 0; n < kHop; ++n) {
+      out[n] = std::max(-0.99f, std::min(0.99f, tail_[n] + made[n]));
+    }
+    tail_.assign(made.begin() + kHop, made.end());
+    return true;
+  }
+
+ private:
+  const DenoiseNet& net_;
+  std::vector<float>& states_;
+  bool own_transforms_;
+  int steps_ = 0;
+  Row in_ = Row(naive::kFrame, 0.0f), tail_ = Row(kHop, 0.0f);
+  std::vector<naive::Spectrum> spectra_ = std::vector<naive::Spectrum>(5, naive::Spectrum(kBins));
+  naive::History encoder_[4] = {{3, 2, 512}, {3, 16, 256}, {3, 32, 128}, {3, 32, 64}};
+  naive::History decoder_[4] = {{3, 32, 32}, {3, 16, 64}, {3, 16, 128}, {3, 8, 256}};
+};
+
+// Two instances that share their states, on different signals, in turns: as the front end runs
+// three.
+void compare_with_reference(bool own_transforms, float bar, int frames, float heat) {
+  Tables tables(kSeed, heat);
+  std::vector<float> states, reference_states;
+  Instance first(0.1f), second(0.3f);
+  for (Instance* i : {&first, &second}) {
+    i->point_at(tables);
+    i->use_states(states);
+  }
+  reference_states.assign(3 * kStates, 0.0f);
+  Reference references[] = {{&first, &reference_states, own_transforms},
+                            {&second, &reference_states, own_transforms}};
+  float loudest = 0;
+  for (int f = 0; f < frames; ++f) {
+    for (int i = 0; i < 2; ++i) {
+      Instance& instance = i ? second : first;
+      static std::vector<int16_t> input[2] = {audio(64 * QUIBO_FRAME, kSeed + 1),
+                                              audio(64 * QUIBO_FRAME, kSeed + 2)};
+      const int16_t* in = &input[i][f * QUIBO_FRAME];
+      int16_t out[QUIBO_FRAME];
+      const int result = instance.run(in, out);
+      std::vector<float> expected(QUIBO_FRAME);
+      bool ran = false;
+      for (int h = 0; h < 2; ++h) {
+        float hop[kHop];
+        for (int n = 0; n < kHop; ++n) hop[n] = in[h * kHop + n] / 32768.0f;
+        ran = references[i].step(hop, &expected[h * kHop]);
+      }
+      ASSERT_EQ(result, ran ? 0 : -1) << "frame " << f;
+      for (int n = 0; n < QUIBO_FRAME; ++n) {
+        ASSERT_NEAR(instance.params().outdataf[n], expected[n], bar)
+            << "instance " << i << ", frame " << f << ", sample " << n << ", seed " << kSeed;
+        loudest = std::max(loudest, std::abs(expected[n]));
+      }
+    }
+  }
+  EXPECT_GT(loudest, 0.1f) << "the comparison needs a signal";
+}
+
+TEST(Denoise, EqualsTheNaiveNetworkToTheBit) {
+  for_each_variant([](const std::string& variant) {
+    SCOPED_TRACE(variant);
+    compare_with_reference(false, 0.0f, 8, 1.5f);
+  });
+}
+
+TEST(Denoise, IsWithinOneInt16StepOfDoublePrecisionTransforms) {
+  compare_with_reference(true, 1.0f / 32768, 24, 1.0f);
+}
+
+// Runs `frames` frames of audio with states of its own and returns every output sample.
+std::vector<int16_t> run_all(const std::vector<int16_t>& input, Tables* tables, float floor = 0) {
+  Instance instance(floor);
+  std::vector<float> states;
+  if (tables) instance.point_at(*tables);
+  instance.use_states(states);
+  std::vector<int16_t> output(input.size());
+  for (size_t at = 0; at < input.size(); at += QUIBO_FRAME) {
+    instance.run(&input[at], &output[at]);
+    for (float v : instance.params().outdataf) EXPECT_LE(std::abs(v), 0.99f);  // false for a NaN
+  }
+  return output;
+}
+
+TEST(Denoise, EveryVariantGivesTheSameBitsOverManyFrames) {
+  quibo_test::expect_equal_outputs([](int frames) {
+    Tables tables(kSeed + 4, 1.5f);
+    return run_all(audio(frames * QUIBO_FRAME, kSeed + 3), &tables);
+  });
+}
+
+TEST(Denoise, FrameEqualsTwoStepsToTheBit) {
+  const std::vector<int16_t> input = audio(8 * QUIBO_FRAME, kSeed);
+  for_each_variant([&](const std::string& variant) {
+    Tables tables(kSeed, 1.5f), same(kSeed, 1.5f);
+    std::vector<float> states, states_single;
+    Instance frame(0.1f), single(0.1f);
+    frame.point_at(tables);
+    frame.use_states(states);
+    single.point_at(same);
+    single.use_states(states_single);
+    for (size_t at = 0; at < input.size(); at += QUIBO_FRAME) {
+      float in[QUIBO_FRAME], a[QUIBO_FRAME] = {}, b[QUIBO_FRAME] = {};
+      for (int n = 0; n < QUIBO_FRAME; ++n) in[n] = input[at + n] / 32768.0f;
+      const int result = nn_denoise_forward_frame(&frame.net(), in, a);
+      nn_denoise_forward(&single.net(), in, b);
+      EXPECT_EQ(result, nn_denoise_forward(&single.net(), in + kHop, b + kHop));
+      ASSERT_EQ(0, std::memcmp(a, b, sizeof a)) << variant << ", sample " << at;
+      ASSERT_EQ(states, states_single) << variant;
+    }
+  });
+}
+
+TEST(Denoise, FloorOfOnePassesTheSpectrumFourHopsLateWithTheLowBandAt15Percent) {
+  constexpr int kDelay = 5 * kHop;  // four hops and the overlap
+  constexpr int kFrames = 12;
+  Tables tables(kSeed);
+  const std::vector<int16_t> high = tones({20, 100, 300}, kFrames), low = tones({4}, kFrames);
+  const std::vector<int16_t> high_out = run_all(high, &tables, 1.0f);
+  const std::vector<int16_t> low_out = run_all(low, &tables, 1.0f);
+  for (int n = 4 * QUIBO_FRAME; n < kFrames * QUIBO_FRAME; ++n) {
+    ASSERT_NEAR(high_out[n], high[n - kDelay], 2) << "sample " << n;
+    ASSERT_NEAR(low_out[n], 0.15 * low[n - kDelay], 2) << "sample " << n;
+  }
+}
+
+TEST(Denoise, FirstTwoFramesAreSilentAndReturnMinusOne) {
+  Instance instance(1.0f);
+  const std::vector<int16_t> input = audio(6 * QUIBO_FRAME, kSeed);
+  const int results[] = {-1, -1, 0, 0, 0, 0};
+  for (int f = 0; f < 6; ++f) {
+    std::vector<int16_t> out(QUIBO_FRAME, 7);
+    EXPECT_EQ(results[f], instance.run(&input[f * QUIBO_FRAME], out.data())) << f;
+    EXPECT_EQ(f < 2, out == std::vector<int16_t>(QUIBO_FRAME, 0)) << f;
+  }
+}
+
+TEST(Denoise, SilenceStaysSilentAndExtremesStayFiniteAndUnderTheLimit) {
+  constexpr int kFrames = 20;
+  std::vector<int16_t> silence(kFrames * QUIBO_FRAME), lowest(silence), square(silence);
+  for (size_t n = 0; n < silence.size(); ++n) {
+    lowest[n] = -32768;
+    square[n] = n / 50 % 2 ? -32768 : 32767;
+  }
+  for (bool trained : {false, true}) {
+    Tables tables(kSeed + 5, 2.0f);
+    Tables* t = trained ? nullptr : &tables;
+    for (int16_t v : run_all(silence, t)) ASSERT_EQ(v, 0);
+    for (const auto& input : {lowest, square}) {
+      const std::vector<int16_t> output = run_all(input, t, 1.0f);
+      const auto limits = std::minmax_element(output.begin(), output.end());
+      EXPECT_GE(*limits.first, -32440);
+      EXPECT_LE(*limits.second, 32440);
+    }
+  }
+}
+
+TEST(Denoise, UntrainedTablesPassTheSignal) {
+  constexpr int kDelay = 5 * kHop, kFrames = 30;
+  for (double gain : {1.0, 0.01}) {
+    std::vector<int16_t> input = tones({20, 50, 100, 200, 300, 400}, kFrames);
+    for (int16_t& v : input) v = static_cast<int16_t>(v * gain);
+    const std::vector<int16_t> output = run_all(input, nullptr, 0.3f);
+    double signal = 0, difference = 0;
+    for (int n = 4 * QUIBO_FRAME; n < kFrames * QUIBO_FRAME; ++n) {
+      signal += std::pow(input[n - kDelay], 2);
+      difference += std::pow(output[n] - input[n - kDelay], 2);
+    }
+    EXPECT_LT(10 * std::log10(difference / signal), -20) << "gain " << gain;
+  }
+}
+
+TEST(Denoise, StatesAreSharedByAllInstances) {
+  Instance a, b;
+  for (size_t i = 0; i < 6; ++i) {
+    EXPECT_EQ(a.recurrent()[i]->prev_stat, b.recurrent()[i]->prev_stat);
+    for (size_t k = 0; k < i; ++k) {
+      EXPECT_NE(a.recurrent()[i]->prev_stat, a.recurrent()[k]->prev_stat);
+    }
+  }
+}
+
+TEST(Denoise, FloorIsTakenBetweenZeroAndOneOnly) {
+  const std::pair<float, float> cases[] = {
+      {0.0f, 0.0f}, {1.0f, 1.0f}, {0.3f, 0.3f}, {1.0000001f, 0.0f}, {-0.0000001f, 0.0f}};
+  for (auto [given, kept] : cases) {
+    Instance instance(given);
+    EXPECT_EQ(instance.net().dlayer->min_scale, kept);
+  }
+  EXPECT_TRUE(std::isnan(Instance(NAN).net().dlayer->min_scale));
+}
+
+TEST(Denoise, NullHandlesGiveMinusTen) {
+  int16_t frame[QUIBO_FRAME] = {3};
+  void* none = nullptr;
+  EXPECT_EQ(-10, QuibAncRun(nullptr, frame, frame));
+  EXPECT_EQ(3, frame[0]);
+  EXPECT_EQ(-10, QuibAncUnit(nullptr));
+  EXPECT_EQ(-10, QuibAncUnit(&none));
+}
+
+// Allocation 0 is the handle, 1 the network, 2..15 the layers, 16 the working record.
+TEST(Denoise, EveryFailedAllocationIsSurvived) {
+  const std::vector<int16_t> input = audio(4 * QUIBO_FRAME, kSeed);
+  for (int n = 0; n <= 17; ++n) {
+    void* handle = &handle;
+    int result;
+    const quibo_test::HeldMemory held;
+    {
+      const quibo_test::FailAllocation fail(n);
+      result = QuibAncInit(&handle, 0.5f);
+      EXPECT_EQ(fail.count(), n < 17 ? n + 1 : 17);
+    }
+    EXPECT_EQ(result, n == 0 ? -2 : n == 1 ? -1 : 0);
+    EXPECT_EQ(handle == nullptr, n < 2);
+    EXPECT_EQ(n == 1, !handle && held.blocks() == 1) << "a missing network leaks the handle";
+    if (!handle) continue;
+    for (int f = 0; f < 4; ++f) {
+      std::vector<int16_t> out(QUIBO_FRAME, 7);
+      const int run = QuibAncRun(handle, &input[f * QUIBO_FRAME], out.data());
+      if (n < 17) {
+        EXPECT_EQ(run, -1) << "a half-built instance";
+        EXPECT_EQ(out, std::vector<int16_t>(QUIBO_FRAME, 0));
+      } else {
+        EXPECT_EQ(run, f < 2 ? -1 : 0);
+      }
+    }
+    EXPECT_EQ(0, QuibAncUnit(&handle));
+    EXPECT_EQ(held.blocks(), 0);
+  }
+}
+
+}  // namespace
