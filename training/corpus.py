@@ -16,6 +16,7 @@ are one speaker per folder; noise and music are split by clip.
 import collections
 import csv
 import dataclasses
+import fcntl
 import fnmatch
 import hashlib
 import os
@@ -276,6 +277,20 @@ def _synthetic_clips(seed, splits, share):
     return clips
 
 
+def _unpack(packed, unpacked):
+    """Runs the corpus' own unpack.sh once; other processes wait for it."""
+    unpacked.mkdir(parents=True, exist_ok=True)
+    manifests = sorted(packed.glob("*/manifest.csv"))
+    state = hashlib.sha256(b"".join(m.read_bytes() for m in manifests)).hexdigest()
+    stamp = unpacked / ".unpacked"
+    with open(unpacked / ".lock", "w") as lock:
+        fcntl.flock(lock, fcntl.LOCK_EX)
+        if not stamp.exists() or stamp.read_text() != state:
+            subprocess.run(["bash", packed / "unpack.sh", unpacked.resolve()], check=True)
+            stamp.write_text(state)
+    return unpacked
+
+
 def open_corpus(path, cache_dir, seed=0, description=None):
     """The corpus in the folder `path`, or synthetic audio alone when that is None.
 
@@ -287,9 +302,7 @@ def open_corpus(path, cache_dir, seed=0, description=None):
         return Corpus(None, cache_dir, _synthetic_clips(seed, SPLITS, 1.0))
     root = pathlib.Path(path)
     if (root / "unpack.sh").exists():
-        unpacked = cache_dir / "unpacked"
-        subprocess.run(["bash", str(root / "unpack.sh"), str(unpacked.resolve())], check=True)
-        root = unpacked
+        root = _unpack(root, cache_dir / "unpacked")
     own = root / "corpus.toml"
     rules = _Description(description or (own if own.exists() else DEFAULT_DESCRIPTION), seed)
     clips = [clip for row in _rows(root) if (clip := rules.clip(row)) and clip.roles]

@@ -9,13 +9,14 @@ anywhere in it, turned anyhow. A response is built in two parts:
   a hundredth of following the images to the end, and gives the reverberation time asked for.
 
 A bank is a folder:
-  bank.json       seed, shapes, digest of this recipe
+  bank.json       seed, Recipe, number of rooms, digest of these
   responses.f16   [rooms, SOURCES, microphones, TAPS] float16, each source's peak at 1
   rooms.npy       a record per room, see ROOM_DTYPE
-Room i is a function of (seed, i) alone; building goes on where it stopped.
+Room i is a function of seed, i and Recipe; building goes on where it stopped.
 """
 
 import argparse
+import dataclasses
 import hashlib
 import json
 import math
@@ -39,20 +40,28 @@ MIXING_TIME = 0.06  # s: later, images are too many and too weak to be told apar
 CROSSFADE = 0.01  # s, around MIXING_TIME
 DECAY_FLOOR_DB = 60.0  # responses end when they have decayed this much
 
-# RT60 in seconds at cumulative probabilities: the spread measured on rooms in which voice devices
-# stand (published echo-cancellation corpora), with tails cut to what a home can have.
-RT60_PROBABILITY = (0.0, 0.25, 0.5, 0.75, 0.95, 1.0)
-RT60_SECONDS = (0.11, 0.18, 0.28, 0.60, 1.35, 1.6)
+OCTAVES = (250.0, 500.0, 1000.0, 2000.0, 4000.0)  # crossovers of the tail's bands, Hz
 
-SMALLEST_ROOM, LARGEST_ROOM = (3.0, 3.0, 2.5), (10.0, 8.0, 4.0)
-DEVICE_HEIGHT = (0.3, 1.2)
-TALKER_DISTANCE = (0.5, 5.0)
-NOISE_DISTANCE = (0.5, 7.0)
-TALKER_HEIGHT, NOISE_HEIGHT = (1.0, 1.8), (0.1, 2.2)
-LOUDSPEAKER_DEPTH = (0.03, 0.09)
-MIC_TOLERANCE = 0.002  # metres, each coordinate
-WALL_MARGIN = 0.3  # of sources and array
-OCTAVES = (250.0, 500.0, 1000.0, 2000.0, 4000.0)  # crossovers of the tail's bands
+
+@dataclasses.dataclass(frozen=True)
+class Recipe:
+    """What rooms are drawn from; pairs are ranges of uniform distributions, lengths in metres."""
+
+    # RT60 in seconds at cumulative probabilities: the spread measured on rooms in which voice
+    # devices stand (published echo-cancellation corpora), its tails cut to what a home can have.
+    rt60_probability: tuple = (0.0, 0.25, 0.5, 0.75, 0.95, 1.0)
+    rt60_seconds: tuple = (0.11, 0.18, 0.28, 0.60, 1.35, 1.6)
+    smallest_room: tuple = (3.0, 3.0, 2.5)
+    largest_room: tuple = (10.0, 8.0, 4.0)
+    device_height: tuple = (0.3, 1.2)
+    talker_distance: tuple = (0.5, 5.0)
+    talker_height: tuple = (1.0, 1.8)
+    noise_distance: tuple = (0.5, 7.0)
+    noise_height: tuple = (0.1, 2.2)
+    loudspeaker_depth: tuple = (0.03, 0.09)
+    mic_tolerance: float = 0.002  # of each coordinate, either way
+    wall_margin: float = 0.3  # of sources and array
+
 
 ROOM_DTYPE = np.dtype(
     [
@@ -77,17 +86,18 @@ def split_of(room):
     return SPLITS[max(0, room % 10 - 7)]
 
 
-def draw_rt60(rng):
-    return float(np.exp(np.interp(rng.random(), RT60_PROBABILITY, np.log(RT60_SECONDS))))
+def draw_rt60(rng, recipe):
+    quantiles = np.log(recipe.rt60_seconds)
+    return float(np.exp(np.interp(rng.random(), recipe.rt60_probability, quantiles)))
 
 
-def draw_room(rng):
+def draw_room(rng, recipe):
     """Room with its array; walls absorb unequally, within what walls can."""
-    rt60 = draw_rt60(rng)
+    rt60 = draw_rt60(rng, recipe)
     while True:
-        size = rng.uniform(SMALLEST_ROOM, LARGEST_ROOM)
-        array = rng.uniform(WALL_MARGIN, size - WALL_MARGIN)
-        array[2] = rng.uniform(*DEVICE_HEIGHT)
+        size = rng.uniform(recipe.smallest_room, recipe.largest_room)
+        array = rng.uniform(recipe.wall_margin, size - recipe.wall_margin)
+        array[2] = rng.uniform(*recipe.device_height)
         room = Room(tuple(size), tuple(array), rt60, tuple(rng.uniform(0.5, 1.0, 6)))
         try:
             if max(room.absorption().values()) < 0.97:
@@ -96,13 +106,13 @@ def draw_room(rng):
             pass  # this box cannot be that dead
 
 
-def draw_position(rng, room, distances, heights):
+def draw_position(rng, room, distances, heights, margin):
     """Array-frame offset of a source inside the room; headings are uniform where the room allows."""
     while True:
         height = rng.uniform(*heights) - room.array[2]
         offset = array_geometry.offset(rng.uniform(0, 360), rng.uniform(*distances), height)
         place = room.place(offset)
-        if np.all(place > WALL_MARGIN) and np.all(place < np.array(room.size) - WALL_MARGIN):
+        if np.all(place > margin) and np.all(place < np.array(room.size) - margin):
             return offset
 
 
@@ -161,17 +171,19 @@ def tail(rng, room, band_rt60, taps):
     return result
 
 
-def simulate_room(seed, number):
+def simulate_room(seed, number, recipe=Recipe()):
     """The responses float32 [SOURCES, 3, TAPS] and the record of room `number`."""
     rng = np.random.default_rng([seed, number])
-    room = draw_room(rng)
-    microphones = array_geometry.mic_offsets() + rng.uniform(-MIC_TOLERANCE, MIC_TOLERANCE, (3, 3))
+    room = draw_room(rng, recipe)
+    tolerance, margin = recipe.mic_tolerance, recipe.wall_margin
+    microphones = array_geometry.mic_offsets() + rng.uniform(-tolerance, tolerance, (3, 3))
+    noise = recipe.noise_distance, recipe.noise_height, margin
     sources = np.stack(
         [
-            draw_position(rng, room, TALKER_DISTANCE, TALKER_HEIGHT),
-            [0.0, 0.0, -rng.uniform(*LOUDSPEAKER_DEPTH)],
-            draw_position(rng, room, NOISE_DISTANCE, NOISE_HEIGHT),
-            draw_position(rng, room, NOISE_DISTANCE, NOISE_HEIGHT),
+            draw_position(rng, room, recipe.talker_distance, recipe.talker_height, margin),
+            [0.0, 0.0, -rng.uniform(*recipe.loudspeaker_depth)],
+            draw_position(rng, room, *noise),
+            draw_position(rng, room, *noise),
         ]
     )
     # High frequencies die a little earlier; every room deviates from that in its own way.
@@ -218,6 +230,9 @@ class RoomBank:
         done = np.flatnonzero(self.rooms["done"])
         self._by_split = {s: [int(i) for i in done if split_of(i) == s] for s in SPLITS}
 
+    def __reduce__(self):
+        return RoomBank, (self.path,)  # worker processes map the files themselves
+
     def __len__(self):
         return sum(len(rooms) for rooms in self._by_split.values())
 
@@ -244,22 +259,18 @@ def _shape(rooms):
     return rooms, len(SOURCES), 3, TAPS
 
 
-def _recipe():
-    """What decides the content of a bank, next to seed and code."""
-    names = [n for n in sorted(globals()) if n.isupper() and n != "ROOM_DTYPE"]
-    return {n: globals()[n] for n in names}
-
-
 def _simulate(arguments):
     os.environ["OMP_NUM_THREADS"] = "1"
     return simulate_room(*arguments)
 
 
-def build_bank(path, rooms, seed, jobs=1, progress=lambda done, rooms: None):
+def build_bank(
+    path, rooms, seed, jobs=1, recipe=Recipe(), progress=lambda done, rooms: None
+):
     """Builds, or goes on building, a bank of `rooms` rooms; a bank grows when asked for more."""
     path = pathlib.Path(path)
     path.mkdir(parents=True, exist_ok=True)
-    description = {"seed": seed, "recipe": json.loads(json.dumps(_recipe()))}
+    description = {"seed": seed, "recipe": _listed(recipe)}
     file = path / "bank.json"
     if file.exists():
         before = json.loads(file.read_text(encoding="utf-8"))
@@ -276,7 +287,7 @@ def build_bank(path, rooms, seed, jobs=1, progress=lambda done, rooms: None):
     responses = np.memmap(path / "responses.f16", np.float16, "r+", shape=_shape(rooms))
 
     missing = [int(i) for i in np.flatnonzero(~records["done"])]
-    work = [(seed, i) for i in missing]
+    work = [(seed, i, recipe) for i in missing]
     with ProcessPoolExecutor(jobs) as pool:
         saved = time.monotonic()
         for i, (response, record) in zip(missing, pool.map(_simulate, work, chunksize=4)):
@@ -289,6 +300,11 @@ def build_bank(path, rooms, seed, jobs=1, progress=lambda done, rooms: None):
     responses.flush()
     _save(path, description, records)
     return RoomBank(path)
+
+
+def _listed(recipe):
+    """The recipe as it comes back from JSON."""
+    return json.loads(json.dumps(dataclasses.asdict(recipe)))
 
 
 def _save(path, description, records):
