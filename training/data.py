@@ -1,5 +1,8 @@
 """What the tasks draw from: corpus, rooms and cached canceller runs, or the stand-ins of stub_scenes.py."""
 import functools
+import os
+
+import tqdm
 
 from . import stub_scenes
 
@@ -60,12 +63,15 @@ class SceneData:
         """Builds what is missing: rooms, and for the echo suppressor the canceller's runs."""
         from .scenes import bank, simulate
         c = self.config["data"]
-        bank.build_bank(self.bank_path, c["rooms"], SEED, c["workers"])
+        with Progress("rooms") as progress:
+            bank.build_bank(self.bank_path, c["rooms"], SEED, c["workers"], progress=progress)
         if network == "naec":
-            from .library import Library
+            if self.library is None:
+                raise SystemExit("training: the canceller's runs need --library PATH of the built library")
             for split, clips in (("train", c["clips"]), ("valid", c["valid_clips"])):
-                simulate.aec_cache(self.corpus, self.bank, self.aec_path / split, clips, c["clip_seconds"],
-                                   self.config["seed"], split, Library(self.library))
+                with Progress(f"canceller, {split}") as progress:
+                    simulate.aec_cache(self.corpus, self.bank, self.aec_path / split, clips, c["clip_seconds"], SEED,
+                                       split, self.library, c["workers"], progress=progress)
 
     def ns_batch(self, rng, batch, seconds, split):
         from .scenes import simulate
@@ -75,6 +81,23 @@ class SceneData:
     def echo_clips(self, split):
         from .scenes import simulate
         return simulate.load_aec_cache(self.aec_path / split)
+
+
+class Progress:
+    """A bar for the makers of rooms and caches, which report (done, of)."""
+
+    def __init__(self, what):
+        self.bar = tqdm.tqdm(desc=what, mininterval=1 if os.isatty(2) else 60)
+
+    def __call__(self, done, of):
+        self.bar.total = of
+        self.bar.update(done - self.bar.n)
+
+    def __enter__(self):
+        return self
+
+    def __exit__(self, *_):
+        self.bar.close()
 
 
 def open_data(config, arguments):
