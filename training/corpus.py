@@ -144,13 +144,13 @@ class Corpus:
         return clip.path.startswith("synthetic/")
 
     def sources(self, roles=ROLES, splits=SPLITS):
-        """(licence, folder) -> hours of recordings with one of the roles in one of the splits."""
+        """(licence, set folder) -> hours of recordings with one of the roles in one of the splits."""
         hours = collections.Counter()
         for c in self._clips:
             if c.split in splits and set(c.roles) & set(roles) and not self._synthetic(c):
-                hours[c.licence or "not stated", str(pathlib.Path(c.path).parent)] += (
-                    c.seconds or self.length(c) / RATE
-                ) / 3600
+                folder = "/".join(pathlib.PurePath(c.path).parent.parts[:2])
+                seconds = c.seconds or self.length(c) / RATE
+                hours[c.licence or "not stated", folder] += seconds / 3600
         return hours
 
 

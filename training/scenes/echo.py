@@ -25,6 +25,7 @@ MATERIAL = {"speech": 0.6, "music": 0.3, "tones": 0.1}
 REFERENCE_LEVEL = (-32.0, -14.0)  # dBFS, active
 REFERENCE_PEAK = 0.98
 NONLINEARITIES = {"linear": 0.2, "clip": 0.25, "sigmoid": 0.25, "erf": 0.2, "tanh": 0.1}
+DRIVE = (0.8, 1.2)  # peak of the reference where the loudspeaker bends it
 ERF_BETA = (0.5, 1.0, 10.0, 999.0)
 LOW_HZ, HIGH_HZ = (150.0, 300.0), (6000.0, 7600.0)  # 2nd-order sections of small loudspeakers
 
@@ -88,7 +89,7 @@ def draw_path(rng, samples):
     late = rng.random() < LATE_SHARE
     path = Path(
         loudspeaker=draw_loudspeaker(rng),
-        drive=rng.uniform(0.5, 1.0),
+        drive=rng.uniform(*DRIVE),
         delay=round(rng.uniform(*(LATE_DELAY if late else DELAY)) * RATE),
     )
     middle = rng.integers(samples // 4, 3 * samples // 4, 2)

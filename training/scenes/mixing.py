@@ -9,9 +9,6 @@ import scipy.fft
 from training.scenes.audio import RATE
 from training.scenes.room import SIMULATOR_DELAY
 
-LEVEL_FRAME = 512
-ACTIVE_RANGE = 1e-3  # frames within 30 dB of the loudest one are active
-
 
 def fft_of(x):
     """The Fourier transforms for an array's kind."""
@@ -49,19 +46,9 @@ def power(x):
     return (x * x).mean(-1)
 
 
-def active_power(x):
-    """Mean power of the active frames of [..., n]: [...]."""
-    n = x.shape[-1] // LEVEL_FRAME * LEVEL_FRAME
-    frames = power(x[..., :n].reshape(*x.shape[:-1], -1, LEVEL_FRAME))
-    loudest = frames.max(-1)
-    loudest = getattr(loudest, "values", loudest)  # torch returns the places too
-    ones = frames**0  # of the array's own kind and precision
-    active = ones * (frames > loudest[..., None] * ACTIVE_RANGE)
-    return (frames * active).sum(-1) / (active.sum(-1) + 1e-9) + 1e-20
-
-
-def decibels(ratio):
-    return 10.0 ** (ratio / 10.0)
+def from_decibels(level):
+    """Power ratio of a level in dB."""
+    return 10.0 ** (level / 10.0)
 
 
 def early_part(responses, onset, seconds):

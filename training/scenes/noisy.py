@@ -9,7 +9,7 @@ import math
 import numpy as np
 
 from training.scenes import array_geometry, mixing, sources
-from training.scenes.audio import RATE, gain
+from training.scenes.audio import RATE, active_power, gain
 from training.scenes.bank import diffuse
 
 LEVEL = (-35.0, -15.0)  # dBFS of talker and noise together
@@ -55,7 +55,7 @@ def dry_noise(corpus, rng, split, samples):
     return point, field
 
 
-def _draw_ns(corpus, bank, rng, samples, split):
+def draw_scene(corpus, bank, rng, samples, split):
     """Everything random of one scene, dry."""
     room = bank.draw(rng, split)
     speech = bank.responses(room, "talker")
@@ -85,8 +85,8 @@ def _draw_ns(corpus, bank, rng, samples, split):
     }
 
 
-def _mix_ns(scenes, to_array):
-    """Scenes of _draw_ns(), as arrays of a kind: mics and target [B, 3, T]."""
+def mix(scenes, to_array):
+    """Scenes of draw_scene(), as arrays of a kind: mics and target [B, 3, T]."""
     taps = max(s["responses"].shape[-1] for s in scenes)
 
     def stack(name, extend=0):
@@ -105,12 +105,12 @@ def _mix_ns(scenes, to_array):
     noise = noise + stack("field")
 
     mic_gain = stack("mic_gain")
-    talker = mixing.active_power(speech[:, 0])
-    ratio = talker / (mixing.power(noise[:, 0]) + 1e-20) / mixing.decibels(stack("snr"))
-    noise = noise * (ratio**0.5)[:, None, None]
+    talker = active_power(speech[:, 0])
+    snr = mixing.from_decibels(stack("snr"))
+    noise = noise * ((talker / snr / (mixing.power(noise[:, 0]) + 1e-20)) ** 0.5)[:, None, None]
     # Gain of the whole scene: level asked for, but no clipping.
-    both = talker * (1.0 + 1.0 / mixing.decibels(stack("snr")))
-    scale = (mixing.decibels(stack("level")) / both) ** 0.5
+    both = talker * (1.0 + 1.0 / snr)
+    scale = (mixing.from_decibels(stack("level")) / both) ** 0.5
     mics = (speech + noise) * mic_gain * scale[:, None, None] + stack("self_noise")
     target = target * mic_gain * scale[:, None, None]
     peak = abs(mics).reshape(len(scenes), -1).max(-1)
@@ -127,14 +127,14 @@ def ns_batch(corpus, bank, rng, batch, seconds, split, device=None):
     with the reflections of the first EARLY s, later ones LATE_DB weaker than they are heard.
     """
     samples = round(seconds * RATE)
-    scenes = [_draw_ns(corpus, bank, rng, samples, split) for _ in range(batch)]
+    scenes = [draw_scene(corpus, bank, rng, samples, split) for _ in range(batch)]
     snr = np.array([s["snr"] for s in scenes], np.float32)
     if device is None:
         # One by one: a scene's spectra stay in the cache, and short rooms get short transforms.
-        mixed = [_mix_ns([s], lambda x: x) for s in scenes]
+        mixed = [mix([s], lambda x: x) for s in scenes]
         mics, target = (np.concatenate(parts) for parts in zip(*mixed))
         return {"mics": mics, "target": target, "snr": snr}
     import torch
 
-    mics, target = _mix_ns(scenes, lambda x: torch.from_numpy(x).to(device))
+    mics, target = mix(scenes, lambda x: torch.from_numpy(x).to(device))
     return {"mics": mics, "target": target, "snr": torch.from_numpy(snr).to(device)}

@@ -8,7 +8,7 @@ import math
 import numpy as np
 
 from training.scenes import echo, mixing, sources
-from training.scenes.audio import RATE, gain
+from training.scenes.audio import RATE, active_power, gain
 from training.scenes.noisy import LEVEL, MIC_GAIN, PEAK, SELF_NOISE, dry_noise
 
 SCENARIOS = {"double_talk": 0.75, "far_end": 0.15, "near_end": 0.1}
@@ -114,7 +114,7 @@ def aec_clip(corpus, bank, rng, seconds, split, scenario):
     # Talker at 0 dB, echo at -SER, noise at -SNR; the louder of the speech and the echo at LEVEL.
     parts = [near, echoes, noise]
     relative = [0.0, -ser, -snr]
-    powers = [*(mixing.active_power(x[0]) for x in (near, echoes)), mixing.power(noise[0])]
+    powers = [*(active_power(x[0]) for x in (near, echoes)), mixing.power(noise[0])]
     present = [ratio for x, ratio in ((near, 0.0), (echoes, -ser)) if x.any()]
     level = rng.uniform(*LEVEL) - max(present)
     mic_gain = gain(rng.uniform(-MIC_GAIN, MIC_GAIN, (3, 1)))

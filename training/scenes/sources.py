@@ -5,26 +5,19 @@ import math
 import numpy as np
 from scipy import signal
 
-from training.scenes.audio import RATE, active_dbfs, gain
+from training.scenes.audio import LEVEL_FRAME, RATE, active_dbfs, fade, gain
 
 PAUSE = (0.05, 0.7)  # s between utterances
 SPEEDS = ((8, 9), (9, 10), (10, 9), (9, 8))  # resampling: tempo, pitch and formants together
 BABBLE_TALKERS = (4, 9)
-EDGE = round(0.005 * RATE)  # faded ends of clips
-_RAMP = (0.5 - 0.5 * np.cos(np.pi * (np.arange(EDGE) + 0.5) / EDGE)).astype(np.float32)
-
-
-def faded(x):
-    x = x.copy()
-    if len(x) >= 2 * EDGE:
-        x[:EDGE] *= _RAMP
-        x[-EDGE:] *= _RAMP[::-1]
-    return x
+EDGE = 0.005  # s, faded ends of clips
 
 
 def levelled(x, dbfs=-26.0):
-    """x at an active level of `dbfs`."""
-    return x * np.float32(gain(dbfs - active_dbfs(x))) if np.any(x) else x
+    """x at an active level of `dbfs`; silence and clicks of less than a frame stay."""
+    if len(x) < LEVEL_FRAME or not np.any(x):
+        return x
+    return x * np.float32(gain(dbfs - active_dbfs(x)))
 
 
 def coloured(rng, x):
@@ -46,12 +39,12 @@ def talk(corpus, rng, role, split, samples, lead=0.3):
     up, down = SPEEDS[rng.integers(len(SPEEDS))] if rng.random() < 0.4 else (1, 1)
     track = np.zeros(samples, np.float32)
     at = int(rng.uniform(0, lead) * RATE)
-    while at < samples - EDGE:
+    while at < samples:
         clip = clips[rng.integers(len(clips))]
         x = corpus.read(clip, 0, 2 * samples)
         if up != down:
             x = signal.resample_poly(x, up, down).astype(np.float32)
-        x = levelled(faded(x), rng.normal(-26.0, 1.5))[: samples - at]
+        x = levelled(fade(x, EDGE), rng.normal(-26.0, 1.5))[: samples - at]
         track[at : at + len(x)] += x
         at += len(x) + int(rng.uniform(*PAUSE) * RATE)
     if rng.random() < 0.25:
@@ -83,6 +76,6 @@ def tones(rng, samples):
         t = np.arange(n) / RATE
         pitch = rng.uniform(300, 2500) * np.array([1.0, rng.choice((1.25, 1.5, 2.0))])
         x = np.sin(2 * np.pi * np.outer(pitch, t)).sum(0) * np.exp(-t / rng.uniform(0.05, 0.6))
-        track[at : at + n] += faded(x.astype(np.float32))
+        track[at : at + n] += fade(x.astype(np.float32), EDGE)
         at += n + int(rng.uniform(0.1, 1.5) * RATE)
     return levelled(track)
