@@ -4,7 +4,7 @@ import sys
 
 import pytest
 
-torch = pytest.importorskip("torch", reason="no PyTorch here; ./run check installs it and runs this")
+torch = pytest.importorskip("torch", reason="no PyTorch for this Python; ./run check installs it and runs this")
 
 SEEDS = (0, 1, 2)
 

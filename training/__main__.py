@@ -64,7 +64,7 @@ def export_trained(arguments, task, config, source, folder):
     results = train.validate(task, model, valid, "cpu")
     deploy(model)
     print("validation:", json.dumps(results))
-    metadata = export.describe(config, train.trained_steps(folder), source.digest(), results)
+    metadata = export.describe(arguments.network, config, train.trained_steps(folder), source.digest(), results)
     tables = export.fit(arguments.network, model.tables())
     path, digest = export.write(arguments.network, tables, metadata, arguments.params or folder)
     print(f"wrote {path}\nSHA-256 {digest}")

@@ -7,7 +7,7 @@ import subprocess
 import numpy as np
 import torch
 
-from .shared import PARAMS, ROOT, safetensors_file
+from .shared import PARAMS, ROOT, class_names, safetensors_file
 
 DTYPES = {"F32": np.float32, "I8": np.int8, "I16": np.int16, "I32": np.int32}
 
@@ -38,9 +38,10 @@ def write(network, tables, metadata, folder):
     return path, hashlib.sha256(path.read_bytes()).hexdigest()
 
 
-def describe(config, steps, digest, results):
+def describe(network, config, steps, digest, results):
     """Metadata of an exported file: enough to make it again."""
     revision = subprocess.run(["git", "describe", "--always", "--dirty", "--abbrev=12"], cwd=ROOT, text=True,
                               capture_output=True).stdout.strip()
-    return {"generator": "training", "trained": "yes", "steps": str(steps), "config": json.dumps(config),
-            "data": digest, "revision": revision, "results": json.dumps(results)}
+    metadata = {"generator": "training", "trained": "yes", "steps": str(steps), "config": json.dumps(config),
+                "data": digest, "revision": revision, "results": json.dumps(results)}
+    return metadata | ({"classes": class_names(PARAMS)} if network == "kws" else {})

@@ -8,3 +8,4 @@ sys.path.append(str(PARAMS))
 
 import mel_filters  # noqa: E402,F401
 import safetensors_file  # noqa: E402,F401
+from make_kws_untrained import class_names  # noqa: E402,F401

@@ -1,36 +1,31 @@
-"""The training loop and what it exports. Needs PyTorch; uses formulas instead of audio."""
+"""The training loop and what it exports, on signals from formulas."""
+
 import json
-import sys
 
+import numpy as np
 import pytest
+import torch
 
-torch = pytest.importorskip("torch", reason="no PyTorch here; ./run check installs it and runs this")
-pytest.importorskip("tqdm", reason="no tqdm here; ./run check installs it and runs this")
-np = pytest.importorskip("numpy")
+from training import __main__, data, export, losses, parity, tasks, train
+from training.models import spectrum
+from training.models.ns import NoiseSuppressor
+from training.shared import safetensors_file
 
-NETWORKS = ("ns", "naec", "doa", "kws")
-
-
-@pytest.fixture(autouse=True)
-def package(source):
-    sys.path.insert(0, str(source))
-    torch.set_num_threads(1)
+torch.set_num_threads(1)
 
 
-def task(network, source, **train):
-    from training import __main__, data, tasks
+def task(network, **schedule):
     config = __main__.configuration(network, None, smoke=True)
     config["data"] |= {"workers": 0, "batch": 2, "seconds": 1.024, "validation_batches": 1, "clips": 2, "valid_clips": 1,
                        "clip_seconds": 2.0}
-    config["train"] |= train
+    config["train"] |= schedule
     return tasks.create(network, config, data.StubData(config)), config
 
 
-def test_a_stopped_run_goes_on_as_if_it_had_not_been_stopped(source, tmp_path):
+def test_a_stopped_run_goes_on_as_if_it_had_not_been_stopped(tmp_path):
     """To the bit: the same batches, rates and optimiser states."""
-    from training import train
     schedule = {"steps": 4, "save_every": 2, "validate_every": 4, "average": 1, "freeze_norm": 0.75}
-    straight, config = task("ns", source, **schedule)
+    straight, config = task("ns", **schedule)
     whole = train.train(straight, config, tmp_path / "whole", "cpu")
 
     class Stop(Exception):
@@ -50,8 +45,7 @@ def test_a_stopped_run_goes_on_as_if_it_had_not_been_stopped(source, tmp_path):
         assert torch.equal(value, resumed.state_dict()[name]), name
 
 
-def test_the_average_is_that_of_the_last_checkpoints(source, tmp_path):
-    from training import train
+def test_the_average_is_that_of_the_last_checkpoints(tmp_path):
     for step, value in enumerate((100.0, 1.0, 3.0), 1):
         model = torch.nn.Linear(1, 1)
         torch.nn.init.constant_(model.weight, value)
@@ -60,16 +54,14 @@ def test_the_average_is_that_of_the_last_checkpoints(source, tmp_path):
     assert train.trained_steps(tmp_path) == 3
 
 
-@pytest.mark.parametrize("network", NETWORKS)
-def test_an_export_holds_the_library_s_tables_and_where_they_come_from(network, source, tmp_path):
+@pytest.mark.parametrize("network", tasks.NETWORKS)
+def test_an_export_holds_the_library_s_tables_and_where_they_come_from(network, tmp_path):
     """Every table of the manifest, finite, in its type and shape; configuration, data and revision beside them."""
-    from training import export, parity
-    from training.shared import safetensors_file
     _, make, kind, _ = parity.CHECKS[network]
-    _, config = task(network, source)
+    _, config = task(network)
     with torch.no_grad():
         tables = export.fit(network, make(kind, 0).tables())
-    path, _ = export.write(network, tables, export.describe(config, 7, "digest", {}), tmp_path)
+    path, _ = export.write(network, tables, export.describe(network, config, 7, "digest", {}), tmp_path)
     read, metadata = safetensors_file.read(path)
     entries = export.manifest(network)
     assert {name: (dtype, shape) for name, (dtype, shape, _) in read.items()} == {
@@ -79,10 +71,10 @@ def test_an_export_holds_the_library_s_tables_and_where_they_come_from(network, 
     assert json.loads(metadata["config"]) == config and metadata["revision"]
 
 
-@pytest.mark.parametrize("network", NETWORKS)
-def test_a_batch_can_be_learnt(network, source):
+@pytest.mark.parametrize("network", tasks.NETWORKS)
+def test_a_batch_can_be_learnt(network):
     """Twelve steps on one batch bring its loss down."""
-    t, config = task(network, source)
+    t, config = task(network)
     torch.manual_seed(1)
     model = t.model().train()
     batch = {name: torch.from_numpy(value) for name, value in t.sample(np.random.default_rng(2), "train").items()}
@@ -97,27 +89,23 @@ def test_a_batch_can_be_learnt(network, source):
     assert losses[-1] < 0.9 * losses[0], losses
 
 
-def test_an_open_mask_gives_the_signal_back(source):
+def test_an_open_mask_gives_the_signal_back():
     """Analysis, mask 1 and synthesis: within 1e-5 above the lowest bins, whose factor is switched off here."""
-    from training.models import spectrum
     wave = torch.randn(2, 8 * 1024, generator=torch.Generator().manual_seed(4)) * 0.1
     spectra = spectrum.analyse(wave)
     again = spectrum.synthesise(spectrum.apply_mask(torch.ones(2, 2, 16, 512), spectra, 0, 1.0, floor=1.0))
     assert torch.allclose(again[:, 512:], wave[:, :-512], atol=1e-5)
 
 
-def test_taking_speech_away_costs_more_than_leaving_noise(source):
-    from training import losses
+def test_taking_speech_away_costs_more_than_leaving_noise():
     target = torch.full((1, 4, 513), 10 + 0j)
     over, under = losses.spectral(0.5 * target, target, 0.3, 2.0), losses.spectral(1.6 * target, target, 0.3, 2.0)
     plain = losses.spectral(0.5 * target, target, 0.3, 1.0)
     assert over == pytest.approx(2 * plain) and over > under
 
 
-def test_the_suppressor_s_over_read_is_trained_to_nothing(source):
+def test_the_suppressor_s_over_read_is_trained_to_nothing():
     """The first two weights of every row, which the engine multiplies a second time, are zero in the export."""
-    from training import export, parity
-    from training.models.ns import NoiseSuppressor
     with torch.no_grad():
         table = export.fit("ns", parity.random_model(NoiseSuppressor, 0).tables())["denoise_inp_conv1_weight"]
     assert not table[:288].reshape(16, 18)[:, :2].any() and not table[288:].any()
