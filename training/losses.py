@@ -9,6 +9,8 @@ from .models.spectrum import synthesise
 
 COMPRESSION = 0.3
 POWER_FLOOR = 1e-5  # of a signal at 0 dBFS; keeps the compressed gradient finite
+AUDIBLE = 1e-2  # power of a target, relative to the microphone's, that has a signal-to-distortion ratio
+SI_SDR_ENOUGH = 20.0  # dB
 RESOLUTIONS = (256, 512, 2048)  # beside the network's own 1024
 
 
@@ -55,9 +57,15 @@ def suppression(estimate, target, level, config, low_factors, weight=None):
     estimate, target = estimate * gain, target * gain * low_factors
     first = int((low_factors < 1).sum())
     share, over = config["complex_share"], config["over_suppression"]
-    near = spectral(estimate[..., first:], target[..., first:], share, over,
+    loss = spectral(estimate[..., first:], target[..., first:], share, over,
                     None if weight is None else weight[..., first:])
-    return near + config["multi_resolution"] * multi_resolution(synthesise(estimate), synthesise(target), share, over)
+    estimate, target = synthesise(estimate), synthesise(target)
+    loss = loss + config["multi_resolution"] * multi_resolution(estimate, target, share, over)
+    audible = target.pow(2).mean(-1) > AUDIBLE
+    if audible.any():
+        ratio = si_sdr(estimate[audible], target[audible])
+        loss = loss - config["si_sdr"] * ratio.clamp_max(SI_SDR_ENOUGH).mean()
+    return loss
 
 
 def si_sdr(estimate, target):
