@@ -44,6 +44,9 @@ def run_training(arguments):
         quantise(task, config, folder, device)
     if "export" in stages:
         export_trained(arguments, task, config, source, folder)
+    if "evaluate" in stages:
+        model, folder = trained(task, config, folder)
+        print("test:", json.dumps(judge(task, model, config, "test", folder)))
 
 
 def quantise(task, config, folder, device):
@@ -54,16 +57,28 @@ def quantise(task, config, folder, device):
     train.train(task, config, folder / "quantised", device, model, "quantise")
 
 
-def export_trained(arguments, task, config, source, folder):
+def trained(task, config, folder):
+    """The averaged network in deployed form, and the folder of its last training."""
     model = task.model()
     if "quantise" in config:
         folder /= "quantised"
         set_mode(model, "codes")
     model.load_state_dict(train.averaged(folder))
-    valid = list(train.batches(task, config["seed"], "valid", 0, config["data"]["validation_batches"], 0))
-    results = train.validate(task, model, valid, "cpu")
-    deploy(model)
-    print("validation:", json.dumps(results))
+    return deploy(model), folder
+
+
+def judge(task, model, config, split, folder):
+    """Figures of a split's first batches; also written to the log."""
+    batches = train.batches(task, config["seed"], split, 0, config["data"]["validation_batches"], 0)
+    results = train.validate(task, model, batches, "cpu")
+    train.Log(folder).write(train.trained_steps(folder), split, results)
+    return results
+
+
+def export_trained(arguments, task, config, source, folder):
+    model, folder = trained(task, config, folder)
+    results = judge(task, model, config, "valid", folder)
+    print("valid:", json.dumps(results))
     metadata = export.describe(arguments.network, config, train.trained_steps(folder), source.digest(), results)
     tables = export.fit(arguments.network, model.tables())
     path, digest = export.write(arguments.network, tables, metadata, arguments.params or folder)

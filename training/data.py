@@ -68,7 +68,7 @@ class SceneData:
         if network == "naec":
             if self.library is None:
                 raise SystemExit("training: the canceller's runs need --library PATH of the built library")
-            for split, clips in (("train", c["clips"]), ("valid", c["valid_clips"])):
+            for split, clips in (("train", c["clips"]), ("valid", c["valid_clips"]), ("test", c["valid_clips"])):
                 with Progress(f"canceller, {split}") as progress:
                     simulate.aec_cache(self.corpus, self.bank, self.aec_path / split, clips, c["clip_seconds"], SEED,
                                        split, self.library, c["workers"], progress=progress)
