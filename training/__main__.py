@@ -82,6 +82,7 @@ def export_trained(arguments, task, config, source, folder):
     metadata = export.describe(arguments.network, config, train.trained_steps(folder), source.digest(), results)
     tables = export.fit(arguments.network, model.tables())
     path, digest = export.write(arguments.network, tables, metadata, arguments.params or folder)
+    path.with_suffix(".md").write_text(export.card(arguments.network, metadata, source.sources(), digest))
     print(f"wrote {path}\nSHA-256 {digest}")
     if arguments.library:
         check, _, _, unit = parity.CHECKS[arguments.network]

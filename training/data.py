@@ -21,6 +21,9 @@ class StubData:
     def digest(self):
         return "stub"
 
+    def sources(self):
+        return {("none", "signals from formulas"): 0.0}
+
     def ns_batch(self, rng, batch, seconds, split):
         return stub_scenes.ns_batch(None, None, rng, batch, seconds, split)
 
@@ -58,6 +61,9 @@ class SceneData:
 
     def digest(self):
         return self.corpus.digest()
+
+    def sources(self):
+        return self.corpus.sources(splits=("train",))
 
     def prepare(self, network):
         """Builds what is missing: rooms, and for the echo suppressor the canceller's runs."""

@@ -45,3 +45,25 @@ def describe(network, config, steps, digest, results):
     metadata = {"generator": "training", "trained": "yes", "steps": str(steps), "config": json.dumps(config),
                 "data": digest, "revision": revision, "results": json.dumps(results)}
     return metadata | ({"classes": class_names(PARAMS)} if network == "kws" else {})
+
+
+def card(network, metadata, sources, digest):
+    """Draft of the model card for params/README.md; figures of the full evaluation and known limits are to be added.
+
+    sources: {(licence, folder): hours} of the audio trained on.
+    """
+    rows = "\n".join(f"| {folder} | {licence} | {hours:.2f} |" for (licence, folder), hours in sorted(sources.items()))
+    results = "\n".join(f"- {name}: {value:.4g}" for name, value in json.loads(metadata["results"]).items())
+    return f"""### {network}.safetensors
+
+SHA-256 `{digest}`. {metadata["steps"]} steps of the recipe in the file's metadata, at revision {metadata["revision"]}, on
+corpus {metadata["data"]}.
+
+Validation, on rooms and speakers held out:
+
+{results}
+
+| trained on | licence | hours |
+|---|---|---|
+{rows}
+"""
