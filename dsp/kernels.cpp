@@ -4,7 +4,9 @@
 #include <stdlib.h>
 #include <string.h>
 
-#if defined(__aarch64__) && defined(__linux__)
+#if defined(__x86_64__)
+#include <cpuid.h>
+#elif defined(__aarch64__) && defined(__linux__)
 #include <asm/hwcap.h>
 #include <sys/auxv.h>
 #endif
@@ -37,8 +39,9 @@ bool has_avx2() {
 bool has_avx512() {
   return __builtin_cpu_supports("avx512f") && __builtin_cpu_supports("avx512bw");
 }
-bool has_avxvnni() {
-  return has_avx2() && __builtin_cpu_supports("avxvnni");
+bool has_avxvnni() {  // asked of the processor: not every compiler's builtin knows the name
+  unsigned eax, ebx, ecx, edx;
+  return has_avx2() && __get_cpuid_count(7, 1, &eax, &ebx, &ecx, &edx) && (eax >> 4 & 1);
 }
 bool has_avx512vnni() {
   return has_avx512() && __builtin_cpu_supports("avx512vnni");
