@@ -88,7 +88,7 @@ void normalise(const LAYER_DFSMN_CONV_INT8* layer, const uint8_t* in, uint8_t* o
   const float zero = static_cast<float>(layer->ln_zero_point);
   for (int i = 0; i < KWS_WIDTH; ++i) {
     const float y = x[i] * inverse * layer->ln_weight[i] + layer->ln_bias[i];
-    out[i] = nearest_code(y * to_code + zero);
+    out[i] = clamp_round(y * to_code + zero);
   }
 }
 
@@ -176,7 +176,7 @@ void gru1_forward_int8(EWordNet* net) {
     const float z = fast_sigmoid(real(input_z[i], layer->qoi2) + real(state_z[i], layer->qhi2));
     const float n = fast_tanh(real(input_n[i], layer->qoi3) + r * real(state_n[i], layer->qhi3));
     const float h = (1.0f - z) * n + z * real(state[i], layer->qo);
-    state[i] = nearest_code(h / layer->qo.scale + static_cast<float>(layer->qo.zero_point));
+    state[i] = clamp_round(h / layer->qo.scale + static_cast<float>(layer->qo.zero_point));
   }
   memcpy(data->out1, state, KWS_STATE);
 }
