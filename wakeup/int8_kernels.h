@@ -72,9 +72,10 @@ void int8_mat_mul(const uint8_t* in, int positions, const int8_t* weight, const 
                   int rows, int depth, int32_t* out) {
   int8_t grouped[kInt8MaxSmallWeights];
   const int groups = depth / V::kTaps;
-  for (int r = 0; r < rows; ++r) {
-    for (int g = 0; g < groups; ++g) {
-      memcpy(grouped + (g * rows + r) * V::kTaps, weight + r * depth + g * V::kTaps, V::kTaps);
+  int8_t* to = grouped;
+  for (int g = 0; g < groups; ++g) {
+    for (int r = 0; r < rows; ++r, to += V::kTaps) {
+      memcpy(to, weight + r * depth + g * V::kTaps, V::kTaps);
     }
   }
   for (int p = 0; p < positions; ++p) {

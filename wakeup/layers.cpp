@@ -192,13 +192,10 @@ void dfsmn_forward_int8(const LAYER_DFSMN_CONV_INT8* layer, const uint8_t* in, i
                       itempbuf);
   layer_normalize(itempbuf, KWS_CHANNELS, layer->left_conv_M0, layer->left_conv_M1,
                   layer->left_zero_point, remembered);
-  for (int c = 0; c < KWS_CHANNELS; ++c) {
-    uint8_t* steps = memory + c * KWS_MEMORY;
-    uint8_t moved[KWS_MEMORY];
-    memcpy(moved, steps + 1, KWS_MEMORY - 1);
-    moved[KWS_MEMORY - 1] = current[c];
-    memcpy(steps, moved, KWS_MEMORY);
-  }
+  // Every channel drops its oldest step: all bytes move down by one, and what comes over from the
+  // next channel is the place of the newest.
+  memmove(memory, memory + 1, KWS_CHANNELS * KWS_MEMORY - 1);
+  for (int c = 0; c < KWS_CHANNELS; ++c) memory[(c + 1) * KWS_MEMORY - 1] = current[c];
 
   kernels().int8.add_rescaled(current, layer->add_qi1_zero_point, remembered,
                               layer->add_qi2_zero_point,
