@@ -55,15 +55,15 @@ void advance_fifos(KTWakeup h) {
 }  // namespace
 
 int32_t Quibo_wakeup_init(KTWakeup* handle, int32_t lang) {
-  (void)lang;
   if (*handle) return -1;
-  // Zero-filled, so that the handles of modules that are not created are null.
   KTWakeup h = static_cast<KTWakeup>(calloc(1, sizeof(KTWakeupParams)));
   if (!h) return -2;
   if (!(h->handle1 = kesto_Laec_Post_init())) return -3;
   if (!(h->handle2 = kesto_Laec_Post_init())) return -4;
   if (!(h->handle3 = kesto_Laec_Post_init())) return -5;
   h->data_doa_len = 0;
+  if (kesto_customs_doa_init(&h->handle0) < 0) return -4;
+  if (QuibWakeupInit(&h->handle4, lang) < 0) return -5;
   if (QuibAncInit(&h->WAncHnadle, kWakeMinGain) < 0) return -6;
   if (QuibAncInit(&h->DAncHnadle0, kDirectionMinGain) < 0) return -7;
   if (QuibAncInit(&h->DAncHnadle1, kDirectionMinGain) < 0) return -8;
@@ -117,7 +117,27 @@ int32_t Quibo_doa_three_write_data(KTWakeup handle, int32_t* Iswakeup, const int
   handle->data_doa_len = pending + len;
 
   *Iswakeup = -1;
-  while (handle->data_doa_len >= QUIBO_BLOCK) advance_fifos(handle);
+  int32_t woken = 0;  // from the block of a wake to the end of the call
+  while (handle->data_doa_len >= QUIBO_BLOCK) {
+    const int32_t wake = QuibWakeupWriteData(handle->handle4, handle->WData);
+    if (wake > 0) {  // not with this engine; for one that tells keywords apart
+      clear_fifos(handle);
+      *Iswakeup = wake;
+      return -1;
+    }
+    if (wake == 0) {
+      *Iswakeup = 0;
+      woken = 1;
+    }
+    const int32_t angle =
+        kesto_customs_doa_write(handle->handle0, handle->mic1_doa_data, handle->mic2_doa_data,
+                                handle->mic3_doa_data, nullptr, woken);
+    advance_fifos(handle);
+    if (angle >= 0) {
+      clear_fifos(handle);
+      return (angle + kAngleOffset) % 360;
+    }
+  }
   return -1;
 }
 
@@ -125,7 +145,9 @@ int32_t Quibo_wakeup_unit(KTWakeup handle) {
   if (!handle) return -1;
   void* const cancellers[] = {handle->handle1, handle->handle2, handle->handle3};
   void* const suppressor = handle->DNAecHanle;
+  void* const engine = handle->handle4;
   handle->handle1 = nullptr;
+  kesto_customs_doa_unit(handle->handle0);
   QuibAncUnit(&handle->WAncHnadle);
   QuibAncUnit(&handle->DAncHnadle0);
   QuibAncUnit(&handle->DAncHnadle1);
@@ -133,6 +155,7 @@ int32_t Quibo_wakeup_unit(KTWakeup handle) {
   QuibNAecUnit(suppressor);
   free(handle);
   for (void* canceller : cancellers) kesto_Laec_Post_unit(canceller);
+  QuibWakeupUnit(engine);
   free_aec_denoise(suppressor);
   return 0;
 }

@@ -11,8 +11,6 @@
 
 enum { QUIBO_FIFO = 2048 /* samples per detection FIFO; at most 479 + 1024 are in use */ };
 
-typedef void* KTDHandle; /* direction estimator */
-
 struct KTWakeupParams {
   KTDHandle handle0;               /* direction estimator */
   void* handle1;                   /* linear echo canceller of microphone 1 */

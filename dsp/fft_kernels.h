@@ -242,24 +242,24 @@ struct RealFft {
     }
   }
 
-  // Runs body(register tag, k) over k = 1 .. n/4-1, in whole registers first.
+  // Runs body(k) on k .. k+kWidth-1 until it has covered 1 .. n/4-1. The last register overlaps the
+  // one before, so `body` must read and write different arrays.
   template <class Body>
   static void for_bin_pairs(const Body& body) {
-    int k = 1;
-    for (; k + V::kWidth <= kPoints / 2; k += V::kWidth) body(V{}, k);
-    for (; k < kPoints / 2; ++k) body(ScalarF32{}, k);
+    constexpr int last = kPoints / 2 - V::kWidth;
+    for (int k = 1; k < last; k += V::kWidth) body(k);
+    body(last);
   }
 
   // The step between the complex spectrum z of n/2 points and the bins of the real frame. It is its
   // own mirror image up to signs, so the same lines serve both directions: x = z[k] -
   // conj(z[points-k]), y = w*x, z[k] - y and z[points-k] + conj(y).
-  template <class W>
-  static void pair_step(int k, ComplexReg<W>& low, ComplexReg<W>& high) {
+  static void pair_step(int k, C& low, C& high) {
     constexpr const RealTwiddles<n>& w = kRealFftTables<n>.real;
-    const ComplexReg<W> x = {W::sub(low.re, high.re), W::add(low.im, high.im)};
-    const ComplexReg<W> y = ComplexReg<W>{W::load(w.wr + k), W::load(w.wi + k)} * x;
-    low = {W::sub(low.re, y.re), W::sub(y.im, low.im)};
-    high = {W::add(high.re, y.re), W::sub(y.im, high.im)};
+    const C x = {V::sub(low.re, high.re), V::add(low.im, high.im)};
+    const C y = load_complex<V>(w.wr + k, w.wi + k) * x;
+    low = {V::sub(low.re, y.re), V::sub(y.im, low.im)};
+    high = {V::add(high.re, y.re), V::sub(y.im, high.im)};
   }
 
   // n samples to n/2+1 interleaved bins of X[k] = sum x[j] e^(-2*pi*j*k/n), unscaled.
@@ -277,14 +277,13 @@ struct RealFft {
     bins[n + 1] = 0.0f;
     bins[kPoints] = z.re[kPoints / 2];
     bins[kPoints + 1] = -z.im[kPoints / 2];
-    for_bin_pairs([&](auto v, int k) {
-      using W = decltype(v);
-      const int mirror = kPoints - k - (W::kWidth - 1);
-      ComplexReg<W> low = load_complex<W>(z.re + k, z.im + k);
-      ComplexReg<W> high = {W::reverse(W::load(z.re + mirror)), W::reverse(W::load(z.im + mirror))};
+    for_bin_pairs([&](int k) {
+      const int mirror = kPoints - k - (V::kWidth - 1);
+      C low = load_complex<V>(z.re + k, z.im + k);
+      C high = {V::reverse(V::load(z.re + mirror)), V::reverse(V::load(z.im + mirror))};
       pair_step(k, low, high);
-      store_pairs<W>(bins + 2 * k, low);
-      store_pairs<W>(bins + 2 * mirror, {W::reverse(high.re), W::reverse(high.im)});
+      store_pairs<V>(bins + 2 * k, low);
+      store_pairs<V>(bins + 2 * mirror, {V::reverse(high.re), V::reverse(high.im)});
     });
   }
 
@@ -297,17 +296,16 @@ struct RealFft {
     z.im[0] = -half_difference;
     z.re[kPoints / 2] = bins[kPoints];
     z.im[kPoints / 2] = bins[kPoints + 1];
-    for_bin_pairs([&](auto v, int k) {  // rftbsub
-      using W = decltype(v);
-      const int mirror = kPoints - k - (W::kWidth - 1);
-      ComplexReg<W> low = load_pairs<W>(bins + 2 * k), high = load_pairs<W>(bins + 2 * mirror);
-      high = {W::reverse(high.re), W::reverse(high.im)};
+    for_bin_pairs([&](int k) {  // rftbsub
+      const int mirror = kPoints - k - (V::kWidth - 1);
+      C low = load_pairs<V>(bins + 2 * k), high = load_pairs<V>(bins + 2 * mirror);
+      high = {V::reverse(high.re), V::reverse(high.im)};
       pair_step(k, low, high);
       // pair_step() leaves y.im - z.im; the backward direction wants the opposite sign.
-      const typename W::Reg zero = W::splat(0.0f);
-      store_complex<W>(z.re + k, z.im + k, {low.re, W::sub(zero, low.im)});
-      store_complex<W>(z.re + mirror, z.im + mirror,
-                       {W::reverse(high.re), W::sub(zero, W::reverse(high.im))});
+      const typename V::Reg zero = V::splat(0.0f);
+      store_complex<V>(z.re + k, z.im + k, {low.re, V::sub(zero, low.im)});
+      store_complex<V>(z.re + mirror, z.im + mirror,
+                       {V::reverse(high.re), V::sub(zero, V::reverse(high.im))});
     });
     const Split& sorted = stages(SplitInput{z}, a, z);
     // cftbsub: the conjugate of the positive-exponent transform, interleaved back into samples.

@@ -4,13 +4,19 @@
 #include <stdlib.h>
 #include <string.h>
 
+#if defined(__aarch64__) && defined(__linux__)
+#include <asm/hwcap.h>
+#include <sys/auxv.h>
+#endif
+
 namespace quibo {
 
 extern const Kernels kernels_scalar;
 #if defined(__x86_64__)
-extern const Kernels kernels_sse2, kernels_avx2, kernels_avx512;
+extern const Kernels kernels_sse2, kernels_avx2, kernels_avxvnni, kernels_avx512,
+    kernels_avx512vnni;
 #elif defined(__aarch64__)
-extern const Kernels kernels_neon;
+extern const Kernels kernels_neon, kernels_neon_dotprod, kernels_neon_i8mm;
 #endif
 
 namespace {
@@ -24,15 +30,51 @@ bool always() {
   return true;
 }
 
-// Slowest first; the last one that runs here is the default.
+#if defined(__x86_64__)
+bool has_avx2() {
+  return __builtin_cpu_supports("avx2");
+}
+bool has_avx512() {
+  return __builtin_cpu_supports("avx512f") && __builtin_cpu_supports("avx512bw");
+}
+bool has_avxvnni() {
+  return has_avx2() && __builtin_cpu_supports("avxvnni");
+}
+bool has_avx512vnni() {
+  return has_avx512() && __builtin_cpu_supports("avx512vnni");
+}
+#elif defined(__aarch64__)
+#if defined(__linux__)
+bool has_dotprod() {
+  return getauxval(AT_HWCAP) & HWCAP_ASIMDDP;
+}
+bool has_i8mm() {
+  return has_dotprod() && (getauxval(AT_HWCAP2) & HWCAP2_I8MM);
+}
+#else  // no way to ask
+bool has_dotprod() {
+  return false;
+}
+bool has_i8mm() {
+  return false;
+}
+#endif
+#endif
+
+// Slowest first; the last one that runs here is the default. The vnni, dotprod and i8mm rows differ
+// from the row they extend in the integer kernels only.
 const Variant kVariants[] = {
     {&kernels_scalar, always},
 #if defined(__x86_64__)
     {&kernels_sse2, always},
-    {&kernels_avx2, [] { return __builtin_cpu_supports("avx2") != 0; }},
-    {&kernels_avx512, [] { return __builtin_cpu_supports("avx512f") != 0; }},
+    {&kernels_avx2, has_avx2},
+    {&kernels_avxvnni, has_avxvnni},
+    {&kernels_avx512, has_avx512},
+    {&kernels_avx512vnni, has_avx512vnni},
 #elif defined(__aarch64__)
     {&kernels_neon, always},
+    {&kernels_neon_dotprod, has_dotprod},
+    {&kernels_neon_i8mm, has_i8mm},
 #endif
 };
 

@@ -3,10 +3,11 @@
 // Each kernel is written once, as a template over a register (simd_*.h), and compiled once per
 // instruction set in kernels_*.cpp. All variants give the same bits; the scalar one is row 0 and
 // the truth. The best variant that the processor offers is chosen at the first use; the environment
-// variable QUIBO_KERNELS (scalar, sse2, avx2, avx512 or neon) overrides the choice. The choice is
+// variable QUIBO_KERNELS (a row's name, see kernels.cpp) overrides the choice. The choice is
 // process-wide and made once: nothing here is locked.
 #pragma once
 
+#include "dsp/complex.h"
 #include "quibo/quibo.h"
 
 namespace quibo {
@@ -92,11 +93,55 @@ struct FloatKernels {
   GruKernels denoise_gru, aec_gru;
 };
 
+struct DoaKernels {
+  void (*phase_transform)(const complex_t* a, const complex_t* b, complex_t* g);
+  void (*depthwise)(const float* const* inputs, const float* weights, int taps, int channels,
+                    float* out);
+};
+
+// Sums to codes: x = sum * multiplier + offset, limited to low..high (a NaN to low), rounded with
+// halves away from zero, plus zero_point. The caller chooses the limits so that a code lies in
+// 0..255.
+struct Requantiser {
+  float multiplier, offset, low, high;
+  int32_t zero_point;
+};
+
+constexpr int kInt8MinCount = 16;  // fewest rows, channels or values per call: one register
+constexpr int kInt8MinDepth = 64, kInt8MaxDepth = 256;
+constexpr int kInt8MaxSmallWeights = 64 * 48;
+constexpr int kInt8ChannelTaps = 8;
+
+// Quantised layers: uint8 codes, int8 weights, sums and biases of 32 bits that wrap. No zero point
+// is subtracted. Outputs must not overlap inputs.
+struct Int8Kernels {
+  // out[r] = bias[r] + sum over k < depth of in[k] * weight[r * depth + k]. rows >= kInt8MinCount,
+  // kInt8MinDepth <= depth <= kInt8MaxDepth.
+  void (*mat_vec)(const uint8_t* in, const int8_t* weight, const int32_t* bias, int rows, int depth,
+                  int32_t* out);
+  // The same for every row of in, [positions][depth] to [positions][rows]; for small layers: rows a
+  // multiple of 16, depth of 4, rows * depth <= kInt8MaxSmallWeights.
+  void (*mat_mul)(const uint8_t* in, int positions, const int8_t* weight, const int32_t* bias,
+                  int rows, int depth, int32_t* out);
+  // out[c] = bias[c] + sum over t < 8 of in[8 * c + t] * weight[8 * c + t]. channels >=
+  // kInt8MinCount.
+  void (*per_channel)(const uint8_t* in, const int8_t* weight, const int32_t* bias, int channels,
+                      int32_t* out);
+  // count >= kInt8MinCount.
+  void (*requantise)(const int32_t* sums, int count, const Requantiser& q, uint8_t* out);
+  // out[i] = first[i] - first_zero + round((second[i] - second_zero) * multiplier), the product
+  // limited to +-2^30 (a NaN to -2^30). count >= kInt8MinCount.
+  void (*add_rescaled)(const uint8_t* first, int32_t first_zero, const uint8_t* second,
+                       int32_t second_zero, float multiplier, int count, int32_t* out);
+};
+
 struct Kernels {
   const char* name;
   FftKernels fft512, fft1024, fft2048;
   LaecKernels laec;
   FloatKernels net;
+  DoaKernels doa;
+  Int8Kernels int8;
 };
 
 // The variant in use.

@@ -1,12 +1,14 @@
-// Fills one row of the kernel table for a register type. Included by one kernels_*.cpp per
-// instruction set.
+// Fills one row of the kernel table for a float and an integer register. Included by one
+// kernels_*.cpp per instruction set.
 #pragma once
 
 #include "aec/laec_kernels.h"
+#include "doa/doa_kernels.h"
 #include "dsp/fft_kernels.h"
 #include "dsp/float_kernels.h"
 #include "dsp/gru_kernels.h"
 #include "dsp/kernels.h"
+#include "wakeup/int8_kernels.h"
 
 namespace quibo {
 namespace {
@@ -16,7 +18,7 @@ constexpr FftKernels make_fft_kernels() {
   return {RealFft<V, n>::forward, RealFft<V, n>::inverse};
 }
 
-template <class V>
+template <class V, class I>
 constexpr Kernels make_kernels(const char* name) {
   return {name,
           make_fft_kernels<V, 512>(),
@@ -33,7 +35,10 @@ constexpr Kernels make_kernels(const char* name) {
            join_columns<V>,
            bin_groups<V>,
            {time_gru<V, FastGates, 32>, frequency_gru<V, FastGates, 32>},
-           {time_gru<V, ExactGates, 64>, frequency_gru<V, ExactGates, 64>}}};
+           {time_gru<V, ExactGates, 64>, frequency_gru<V, ExactGates, 64>}},
+          {doa_phase_transform<V>, doa_depthwise<V>},
+          {int8_mat_vec<I>, int8_mat_mul<I>, int8_per_channel<I>, int8_requantise<I>,
+           int8_add_rescaled<I>}};
 }
 
 }  // namespace

@@ -1,7 +1,7 @@
+#include "dsp/int8_neon.h"
 #include "dsp/kernels_body.h"
-#include "dsp/simd_neon.h"
 
 namespace quibo {
 extern const Kernels kernels_neon;
-constexpr Kernels kernels_neon = make_kernels<NeonF32>("neon");
+constexpr Kernels kernels_neon = make_kernels<NeonF32, NeonInt8>("neon");
 }  // namespace quibo

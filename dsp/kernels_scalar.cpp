@@ -1,7 +1,7 @@
+#include "dsp/int8_scalar.h"
 #include "dsp/kernels_body.h"
-#include "dsp/simd_scalar.h"
 
 namespace quibo {
 extern const Kernels kernels_scalar;
-constexpr Kernels kernels_scalar = make_kernels<ScalarF32>("scalar");
+constexpr Kernels kernels_scalar = make_kernels<ScalarF32, ScalarInt8>("scalar");
 }  // namespace quibo

@@ -1,7 +1,7 @@
+#include "dsp/int8_sse2.h"
 #include "dsp/kernels_body.h"
-#include "dsp/simd_sse2.h"
 
 namespace quibo {
 extern const Kernels kernels_sse2;
-constexpr Kernels kernels_sse2 = make_kernels<Sse2F32>("sse2");
+constexpr Kernels kernels_sse2 = make_kernels<Sse2F32, Sse2Int8>("sse2");
 }  // namespace quibo

@@ -55,6 +55,9 @@ def source(file_name, expected, found):
         dtype, _, data = found[name]
         _, c_type, write = ELEMENTS[dtype]
         values = [write(v) for v in values_of(dtype, data)]
+        # Declared first: a constant would otherwise be private to its unit. Tables that the header exports are
+        # declared there already.
+        lines.append(f"extern const {c_type} {name}[{len(values)}];")
         lines.append(f"const {c_type} {name}[{len(values)}] = {{")
         lines += ["    " + ", ".join(values[i:i + PER_LINE]) + "," for i in range(0, len(values), PER_LINE)]
         lines += ["};", ""]

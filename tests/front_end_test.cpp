@@ -28,6 +28,7 @@ using Samples = std::vector<int16_t>;
 constexpr unsigned kSeed = 20251103;
 constexpr int kFrame = 1024, kBlock = 480;
 constexpr int16_t kSuppressed = -77;
+constexpr int32_t kLang = 3;
 
 struct Stubs {
   Calls calls;
@@ -37,6 +38,11 @@ struct Stubs {
   std::array<float, kFrame> echo_free[3];  // what the cancellers return
   float canceller_frames[2];               // their addresses stand for a canceller's buffers
   int denoisers = 0;
+  Calls denoiser_runs;             // apart from the other calls: the same three in every frame
+  std::deque<int32_t> wakes;       // what the wake-up engine returns, then -1
+  std::vector<Samples> mixes;      // what it was given
+  std::deque<int32_t> angles;      // what the direction estimator returns, then -1
+  std::vector<Samples> blocks[3];  // what it was given
   stMPO* limiter = nullptr;
 };
 Stubs stubs;
@@ -103,7 +109,7 @@ int32_t QuibAncInit(void** handle, float min_scale) {
 
 // Returns a failure, which the front end ignores. The output is the complement of the input.
 int32_t QuibAncRun(void* handle, const int16_t* in, int16_t* out) {
-  log(name_of(handle) + " " + name_of(in) + " -> " + name_of(out));
+  stubs.denoiser_runs.push_back(name_of(handle));
   for (int i = 0; i < kFrame; ++i) out[i] = static_cast<int16_t>(~in[i]);
   return -1;
 }
@@ -147,6 +153,46 @@ int32_t kesto_Laec_Post_unit(void* handle) {
   return -1;
 }
 
+int32_t kesto_customs_doa_init(KTDHandle* handle) {
+  *handle = create("estimator");
+  return *handle ? 0 : -1;
+}
+
+int32_t kesto_customs_doa_write(KTDHandle handle, const int16_t* mic1, const int16_t* mic2,
+                                const int16_t* mic3, int16_t* outdata, int32_t rcg_ret) {
+  log(name_of(handle) + " " + name_of(outdata) + " " + std::to_string(rcg_ret));
+  const int16_t* mics[] = {mic1, mic2, mic3};
+  for (int m = 0; m < 3; ++m) stubs.blocks[m].emplace_back(mics[m], mics[m] + kBlock);
+  if (stubs.angles.empty()) return -1;
+  const int32_t angle = stubs.angles.front();
+  stubs.angles.pop_front();
+  return angle;
+}
+
+void kesto_customs_doa_unit(KTDHandle handle) {
+  release(handle);
+}
+
+int32_t QuibWakeupInit(void** handle, int32_t lang) {
+  *handle = create("engine");
+  EXPECT_EQ(lang, kLang);
+  return *handle ? 0 : -3;
+}
+
+int32_t QuibWakeupWriteData(void* handle, const int16_t* samples) {
+  log(name_of(handle));
+  stubs.mixes.emplace_back(samples, samples + kBlock);
+  if (stubs.wakes.empty()) return -1;
+  const int32_t wake = stubs.wakes.front();
+  stubs.wakes.pop_front();
+  return wake;
+}
+
+int32_t QuibWakeupUnit(void* handle) {
+  release(handle);
+  return 0;
+}
+
 int32_t zq_MPO_Init(stMPO* mpo, int32_t fs, int32_t increasedB, int32_t maxLev) {
   log("zq_MPO_Init " + std::to_string(fs) + " " + std::to_string(increasedB) + " " +
       std::to_string(maxLev));
@@ -165,12 +211,17 @@ Samples random_samples(std::mt19937& random) {
   return x;
 }
 
+// The single-precision third is just below 1/3: whole thirds lose one towards zero.
+int16_t mix_of(int sum) {
+  return static_cast<int16_t>(sum / 3 - (sum % 3 == 0) * ((sum > 0) - (sum < 0)));
+}
+
 class FrontEnd : public testing::Test {
  protected:
   FrontEnd() {
     stubs = Stubs{};
     testing::internal::CaptureStdout();
-    EXPECT_EQ(Quibo_wakeup_init(&h, 0), 0);
+    EXPECT_EQ(Quibo_wakeup_init(&h, kLang), 0);
     printed = testing::internal::GetCapturedStdout();
     creation = stubs.calls;
     stubs.calls.clear();
@@ -182,7 +233,7 @@ class FrontEnd : public testing::Test {
     if (h) Quibo_wakeup_unit(h);
   }
 
-  // One call of the detection path. No stub reports a wake, so the codes are always -1.
+  // One call of the detection path without a wake.
   void detect(const Samples& mic1, const Samples& mic2, const Samples& mic3, int32_t len = kFrame) {
     int32_t wake = 77;
     EXPECT_EQ(
@@ -197,11 +248,11 @@ class FrontEnd : public testing::Test {
 };
 
 TEST_F(FrontEnd, CreatesItsModulesInOrderAndPrintsTheVersion) {
-  EXPECT_EQ(creation,
-            (Calls{"create canceller1", "create canceller2", "create canceller3",
-                   "create denoiser1", "floor 0.100000", "create denoiser2", "floor 0.300000",
-                   "create denoiser3", "floor 0.300000", "create denoiser4", "floor 0.300000",
-                   "create suppressor", "zq_MPO_Init 16000 20 -3"}));
+  EXPECT_EQ(creation, (Calls{"create canceller1", "create canceller2", "create canceller3",
+                             "create estimator", "create engine", "create denoiser1",
+                             "floor 0.100000", "create denoiser2", "floor 0.300000",
+                             "create denoiser3", "floor 0.300000", "create denoiser4",
+                             "floor 0.300000", "create suppressor", "zq_MPO_Init 16000 20 -3"}));
   EXPECT_EQ(name_of(h->WAncHnadle), "denoiser1");
   EXPECT_EQ(name_of(h->DAncHnadle2), "denoiser4");
   EXPECT_EQ(name_of(h->DNAecHanle), "suppressor");
@@ -216,7 +267,7 @@ TEST_F(FrontEnd, CreatesItsModulesInOrderAndPrintsTheVersion) {
 
 TEST_F(FrontEnd, RefusesAHandleInUse) {
   const KTWakeup before = h;
-  EXPECT_EQ(Quibo_wakeup_init(&h, 0), -1);
+  EXPECT_EQ(Quibo_wakeup_init(&h, kLang), -1);
   EXPECT_EQ(h, before);
   EXPECT_EQ(stubs.calls, Calls{});
 }
@@ -225,9 +276,9 @@ TEST_F(FrontEnd, EachFailedCreationStopsThereWithItsCode) {
   const struct {
     const char* failing;
     int32_t code;
-  } kCases[] = {{"record", -2},     {"canceller1", -3}, {"canceller2", -4},
-                {"canceller3", -5}, {"denoiser1", -6},  {"denoiser2", -7},
-                {"denoiser3", -8},  {"denoiser4", -9},  {"suppressor", -10}};
+  } kCases[] = {{"record", -2},    {"canceller1", -3}, {"canceller2", -4}, {"canceller3", -5},
+                {"estimator", -4}, {"engine", -5},     {"denoiser1", -6},  {"denoiser2", -7},
+                {"denoiser3", -8}, {"denoiser4", -9},  {"suppressor", -10}};
   for (const auto& c : kCases) {
     stubs = Stubs{};
     stubs.failing = c.failing;
@@ -236,7 +287,7 @@ TEST_F(FrontEnd, EachFailedCreationStopsThereWithItsCode) {
     testing::internal::CaptureStdout();
     const quibo_test::HeldMemory held;
     const quibo_test::FailAllocation fail(no_record ? 0 : -1);
-    EXPECT_EQ(Quibo_wakeup_init(&none, 0), c.code) << c.failing;
+    EXPECT_EQ(Quibo_wakeup_init(&none, kLang), c.code) << c.failing;
     EXPECT_EQ(none, nullptr);
     EXPECT_EQ(testing::internal::GetCapturedStdout(), "");
     // The calls before the failure, and no release of what they made.
@@ -314,9 +365,7 @@ TEST_F(FrontEnd, DetectionFifosHoldTheRestOfEachBlockOf480) {
                   mic3 = random_samples(random);
     detect(mic1, mic2, mic3);
     for (int i = 0; i < kFrame; ++i) {
-      // The single-precision third is just below 1/3: whole thirds lose one towards zero.
-      const int sum = mic1[i] + mic2[i] + mic3[i];
-      pending[0].push_back(sum / 3 - (sum % 3 == 0) * ((sum > 0) - (sum < 0)));
+      pending[0].push_back(mix_of(mic1[i] + mic2[i] + mic3[i]));
       pending[1].push_back(~mic1[i]);  // through the noise suppressors; the mix is not
       pending[2].push_back(~mic2[i]);
       pending[3].push_back(~mic3[i]);
@@ -330,6 +379,86 @@ TEST_F(FrontEnd, DetectionFifosHoldTheRestOfEachBlockOf480) {
       const std::deque<int> held(fifos[i], fifos[i] + h->data_doa_len);
       ASSERT_EQ(held, pending[i]) << "frame " << frame << ", FIFO " << i << ", seed " << kSeed;
     }
+  }
+}
+
+TEST_F(FrontEnd, EngineHearsEveryBlockOfTheMixAndEstimatorThoseOfEachMicrophone) {
+  std::mt19937 random(kSeed);
+  Samples mixed, heard[3];
+  for (int frame = 0; frame < 15; ++frame) {  // 32 whole blocks
+    const Samples mics[3] = {random_samples(random), random_samples(random),
+                             random_samples(random)};
+    detect(mics[0], mics[1], mics[2]);
+    for (int m = 0; m < 3; ++m) {
+      for (int i = 0; i < kFrame; ++i) heard[m].push_back(static_cast<int16_t>(~mics[m][i]));
+    }
+    EXPECT_EQ(stubs.denoiser_runs, (Calls{"denoiser2", "denoiser3", "denoiser4"}));
+    stubs.denoiser_runs.clear();
+    for (int i = 0; i < kFrame; ++i) mixed.push_back(mix_of(mics[0][i] + mics[1][i] + mics[2][i]));
+  }
+  Calls expected;
+  for (int i = 0; i < 32; ++i) {
+    expected.push_back("engine");
+    expected.push_back("estimator NULL 0");
+  }
+  EXPECT_EQ(stubs.calls, expected);
+  Samples engine_given;
+  for (const Samples& block : stubs.mixes) {
+    engine_given.insert(engine_given.end(), block.begin(), block.end());
+  }
+  EXPECT_EQ(engine_given, mixed) << "seed " << kSeed;
+  for (int m = 0; m < 3; ++m) {
+    Samples given;
+    for (const Samples& block : stubs.blocks[m]) {
+      given.insert(given.end(), block.begin(), block.end());
+    }
+    EXPECT_EQ(given, heard[m]) << "microphone " << m + 1 << ", seed " << kSeed;
+  }
+}
+
+TEST_F(FrontEnd, AnAngleGainsThirtyDegreesAndEmptiesTheFifos) {
+  const Samples x(kFrame, 1000);
+  for (const auto& [angle, reported] :
+       {std::pair{0, 30}, {340, 10}, {329, 359}, {330, 0}, {360, 30}}) {
+    stubs.angles = {-1, angle};  // in the second block of the frame
+    int32_t wake = 77;
+    EXPECT_EQ(Quibo_doa_three_write_data(h, &wake, x.data(), x.data(), x.data(), nullptr, kFrame),
+              reported);
+    EXPECT_EQ(wake, -1);
+    EXPECT_EQ(h->data_doa_len, 0);
+    for (const auto& fifo : {h->WData, h->mic1_doa_data, h->mic2_doa_data, h->mic3_doa_data}) {
+      for (int i = 0; i < QUIBO_FIFO; ++i) ASSERT_EQ(fifo[i], 0) << i;
+    }
+  }
+}
+
+TEST_F(FrontEnd, AWakeIsReportedAndMarkedForTheRestOfItsCallOnly) {
+  const Samples x(kFrame, 1000);
+  int32_t wake = 77;
+  stubs.wakes = {-1, 0};  // in the second of three blocks
+  h->data_doa_len = 479;
+  EXPECT_EQ(Quibo_doa_three_write_data(h, &wake, x.data(), x.data(), x.data(), nullptr, kFrame),
+            -1);
+  EXPECT_EQ(wake, 0);
+  EXPECT_EQ(h->data_doa_len, 63);  // without an angle the FIFOs stay as they are
+  EXPECT_EQ(stubs.calls, (Calls{"engine", "estimator NULL 0", "engine", "estimator NULL 1",
+                                "engine", "estimator NULL 1"}));
+  stubs.calls.clear();
+  detect(x, x, x);
+  EXPECT_EQ(stubs.calls, (Calls{"engine", "estimator NULL 0", "engine", "estimator NULL 0"}));
+}
+
+TEST_F(FrontEnd, APositiveEngineResultEndsTheCallWithEmptyFifos) {
+  const Samples x(kFrame, 1000);
+  int32_t wake = 77;
+  stubs.wakes = {-1, 5};
+  EXPECT_EQ(Quibo_doa_three_write_data(h, &wake, x.data(), x.data(), x.data(), nullptr, kFrame),
+            -1);
+  EXPECT_EQ(wake, 5);
+  EXPECT_EQ(h->data_doa_len, 0);
+  EXPECT_EQ(stubs.calls, (Calls{"engine", "estimator NULL 0", "engine"}));
+  for (const auto& fifo : {h->WData, h->mic1_doa_data, h->mic2_doa_data, h->mic3_doa_data}) {
+    for (int i = 0; i < QUIBO_FIFO; ++i) ASSERT_EQ(fifo[i], 0) << i;
   }
 }
 
@@ -389,13 +518,14 @@ TEST_F(FrontEnd, ReleasesEveryModuleAndItsRecord) {
   const quibo_test::HeldMemory held;
   KTWakeup own = nullptr;
   stubs = Stubs{};
-  Quibo_wakeup_init(&own, 0);
+  Quibo_wakeup_init(&own, kLang);
   EXPECT_EQ(held.blocks(), 1);
   stubs.calls.clear();
   EXPECT_EQ(Quibo_wakeup_unit(own), 0);
-  EXPECT_EQ(stubs.calls, (Calls{"release denoiser1", "release denoiser2", "release denoiser3",
-                                "release denoiser4", "release suppressor", "release canceller1",
-                                "release canceller2", "release canceller3", "free suppressor"}));
+  EXPECT_EQ(stubs.calls, (Calls{"release estimator", "release denoiser1", "release denoiser2",
+                                "release denoiser3", "release denoiser4", "release suppressor",
+                                "release canceller1", "release canceller2", "release canceller3",
+                                "release engine", "free suppressor"}));
   EXPECT_EQ(held.blocks(), 0);
 }
 

@@ -32,7 +32,8 @@
  *
  * The records behind the pointers are defined in the modules' own headers (quibo/api/WakeupApi.h,
  * quibo/aec/Laec.h, quibo/aec/aecpostapi.h, quibo/aec/aec_denoise.h, quibo/denoise/denoise.h,
- * quibo/limiter/zq_MPO.h). C99 and C++17. */
+ * quibo/doa/ring_doa.h, quibo/doa/customs_doa_api.h, quibo/wakeup/ChineseConv.h,
+ * quibo/wakeup/QuibWakeupApi.h, quibo/limiter/zq_MPO.h). C99 and C++17. */
 #ifndef QUIBO_QUIBO_H_
 #define QUIBO_QUIBO_H_
 
@@ -67,7 +68,8 @@ typedef struct KTWakeupParams* KTWakeup;
  *
  * - -1: *handle is not NULL
  * - -2: no memory for the record
- * - -3, -4, -5: echo canceller of microphone 1, 2, 3
+ * - -3, -4, -5: echo canceller of microphone 1, 2, 3; -4 also the direction estimator, -5 also the
+ *   wake-up engine
  * - -6: noise suppressor of the wake-up path, which is created and not run
  * - -7, -8, -9: noise suppressor of microphone 1, 2, 3
  * - -10: neural echo suppressor */
@@ -338,6 +340,214 @@ QUIBO_API extern const float aec_pixel_conv3_weight[1536];
 QUIBO_API extern const float aec_pixel_conv3_bias[16];
 QUIBO_API extern const float aec_pixel_conv4_weight[192];
 QUIBO_API extern const float aec_pixel_conv4_bias[4];
+
+/* ---- Wake-up engine
+ * -------------------------------------------------------------------------------------------
+ * Spots the wake phrase "ling dang ling dang" in a 16 kHz stream, one block of 480 samples (30 ms)
+ * per call: log-mel features, a quantised streaming network, 146 syllable posteriors, a keyword
+ * decoder. Engines share module-level scratch: calls on different engines must not run at the same
+ * time. */
+
+typedef struct KTCWakeupParam KTCWakeupParam; /* quibo/wakeup/ChineseConv.h */
+
+/* Builds network and decoder in p, whatever p held before, with no history. p must come from
+ * malloc() or calloc(): KestoChineseWakeupUnit() frees it. Returns 0, or -1 after printing
+ * "Net init error!\n" when p is NULL, memory runs out, the parameter tables break a rule, or the
+ * keyword table is faulty (which prints its own line first); p then holds what was allocated, and
+ * may only be released. */
+QUIBO_API int32_t KestoChineseWakeupInit(KTCWakeupParam* p);
+
+/* Forgets the samples heard, the network's state and the keyword scores. The wake threshold and the
+ * time since the last wake are kept. Nothing happens when p is NULL. */
+QUIBO_API void KestoChineseWakeupclear(KTCWakeupParam* p);
+
+/* One block: exactly 480 samples, plain int16. Returns 0 when the phrase is heard at this block
+ * (all history is then cleared), -1 when not, -10 when p is NULL. */
+QUIBO_API int32_t KestoChineseWakeupWrite(KTCWakeupParam* p, const int16_t* samples);
+
+/* Releases the engine and p itself. Returns 0, or -10 when p is NULL. */
+QUIBO_API int32_t KestoChineseWakeupUnit(KTCWakeupParam* p);
+
+/* The engine behind a handle. */
+
+/* Sets *handle to NULL, creates an engine and stores it there. lang is accepted and ignored.
+ * Returns 0; -1 when there is no memory for the records, -3 when KestoChineseWakeupInit() failed.
+ * *handle stays NULL and nothing stays allocated on failure. */
+QUIBO_API int32_t QuibWakeupInit(void** handle, int32_t lang);
+
+/* One block of 480 samples. Returns 0 when the phrase is heard, -1 when not, -10 when handle is
+ * NULL. */
+QUIBO_API int32_t QuibWakeupWriteData(void* handle, const int16_t* samples);
+
+/* Releases the engine. Returns 0, or -10 when handle is NULL. */
+QUIBO_API int32_t QuibWakeupUnit(void* handle);
+
+/* Its parameters (params/kws.safetensors): int8 weights, one row per output channel, taps
+ * time-major (earlier frame first); int32 biases in units of input scale times weight scale, the
+ * input zero point absorbed. */
+
+/* Quantisation of all layers: input scale and zero points, multiplier/shift pairs, output scales,
+ * whole numbers stored as floats; the order is in docs/quantisation.md. */
+QUIBO_API extern const float chinese_fix_param[134];
+
+/* Convolutions, kernels of frames x frequency positions. The biases of the per-channel ones are all
+ * 0: their inputs' zero point is 0. */
+QUIBO_API extern const int8_t
+    chinese_conv1_weight[16 * 8]; /* [16][2 * 4]: 1 -> 16 channels, stride 2 in frequency */
+QUIBO_API extern const int32_t chinese_conv1_bias[16];
+QUIBO_API extern const int8_t
+    chinese_conv2_1_weight[16 * 8]; /* [16][2 * 4]: per channel, stride 2 in frequency */
+QUIBO_API extern const int32_t chinese_conv2_1_bias[16];
+QUIBO_API extern const int8_t chinese_conv2_2_weight[48 * 16]; /* [48][16]: pointwise */
+QUIBO_API extern const int32_t chinese_conv2_2_bias[48];
+QUIBO_API extern const int8_t
+    chinese_conv3_1_weight[48 * 8]; /* [48][2 * 4]: per channel, stride 2 in frequency */
+QUIBO_API extern const int32_t chinese_conv3_1_bias[48];
+QUIBO_API extern const int8_t chinese_conv3_2_weight[64 * 48]; /* [64][48]: pointwise */
+QUIBO_API extern const int32_t chinese_conv3_2_bias[64];
+QUIBO_API extern const int8_t
+    chinese_conv4_1_weight[64 * 9]; /* [64][3 * 3]: per channel, over the whole block */
+QUIBO_API extern const int32_t chinese_conv4_1_bias[64];
+QUIBO_API extern const int8_t chinese_conv4_2_weight[128 * 64]; /* [128][64]: pointwise */
+QUIBO_API extern const int32_t chinese_conv4_2_bias[128];
+
+/* Recurrent unit 128 -> 128, rows in the order r, z, n: input side and state side. */
+QUIBO_API extern const int8_t chinese_gru_weight_ih_l0[384 * 128];
+QUIBO_API extern const int8_t chinese_gru_weight_hh_l0[384 * 128];
+QUIBO_API extern const int32_t chinese_gru_bias_ih_l0[384];
+QUIBO_API extern const int32_t chinese_gru_bias_hh_l0[384];
+
+/* Four memory blocks: dense to 164 channels (from 128 in the first, 256 in the others), the filter
+ * over each channel's 8 previous steps (oldest first), dense to 256, layer normalisation. */
+QUIBO_API extern const int8_t chinese_d1_in_conv1_weight[164 * 128];
+QUIBO_API extern const int32_t chinese_d1_in_conv1_bias[164];
+QUIBO_API extern const int8_t chinese_d1_left_conv1_weight[164 * 8];
+QUIBO_API extern const int32_t chinese_d1_left_conv1_bias[164];
+QUIBO_API extern const int8_t chinese_d1_out_conv1_weight[256 * 164];
+QUIBO_API extern const int32_t chinese_d1_out_conv1_bias[256];
+QUIBO_API extern const float chinese_ln1_weight[256];
+QUIBO_API extern const float chinese_ln1_bias[256];
+QUIBO_API extern const int8_t chinese_d2_in_conv1_weight[164 * 256];
+QUIBO_API extern const int32_t chinese_d2_in_conv1_bias[164];
+QUIBO_API extern const int8_t chinese_d2_left_conv1_weight[164 * 8];
+QUIBO_API extern const int32_t chinese_d2_left_conv1_bias[164];
+QUIBO_API extern const int8_t chinese_d2_out_conv1_weight[256 * 164];
+QUIBO_API extern const int32_t chinese_d2_out_conv1_bias[256];
+QUIBO_API extern const float chinese_ln2_weight[256];
+QUIBO_API extern const float chinese_ln2_bias[256];
+QUIBO_API extern const int8_t chinese_d3_in_conv1_weight[164 * 256];
+QUIBO_API extern const int32_t chinese_d3_in_conv1_bias[164];
+QUIBO_API extern const int8_t chinese_d3_left_conv1_weight[164 * 8];
+QUIBO_API extern const int32_t chinese_d3_left_conv1_bias[164];
+QUIBO_API extern const int8_t chinese_d3_out_conv1_weight[256 * 164];
+QUIBO_API extern const int32_t chinese_d3_out_conv1_bias[256];
+QUIBO_API extern const float chinese_ln3_weight[256];
+QUIBO_API extern const float chinese_ln3_bias[256];
+QUIBO_API extern const int8_t chinese_d4_in_conv1_weight[164 * 256];
+QUIBO_API extern const int32_t chinese_d4_in_conv1_bias[164];
+QUIBO_API extern const int8_t chinese_d4_left_conv1_weight[164 * 8];
+QUIBO_API extern const int32_t chinese_d4_left_conv1_bias[164];
+QUIBO_API extern const int8_t chinese_d4_out_conv1_weight[256 * 164];
+QUIBO_API extern const int32_t chinese_d4_out_conv1_bias[256];
+QUIBO_API extern const float chinese_ln4_weight[256];
+QUIBO_API extern const float chinese_ln4_bias[256];
+
+/* Dense 256 -> 146 classes: 0 filler, 1..144 syllables (params/syllables.txt), 145 blank. */
+QUIBO_API extern const int8_t chinese_fc_weight[146 * 256];
+QUIBO_API extern const int32_t chinese_fc_bias[146];
+/* ---- Direction estimator ----------------------------------------------------------------------
+ *
+ * Steps of 480 samples (30 ms) of three microphones on a circle. A network turns each step into a
+ * vector whose heading points at the talker and whose length is its confidence; docs/direction.md
+ * has the conventions. */
+
+typedef void* KTDHandle;
+typedef struct DoaNet DoaNet; /* quibo/doa/ring_doa.h */
+
+/* Creates an estimator in *handle, which is set to NULL first. Returns 0, or -10 when its record
+ * cannot be allocated, or -1 after printing "初始化DOA模型失败！\n" when the network cannot; what
+ * was built of it then stays allocated. */
+QUIBO_API int32_t kesto_customs_doa_init(KTDHandle* handle);
+
+/* One block: mic1..mic3 hold 480 new samples each, read and not kept. outdata is not used and may
+ * be NULL. rcg_ret: non-zero when a wake was heard in this block. Returns -1 without a wake. With
+ * one, returns the talker's heading in degrees, 0..360, taken from the longest vector of the last
+ * 15 blocks, and forgets these blocks; or -1 when that heading is negative (exactly along -x).
+ * Returns -10 when handle is NULL. */
+QUIBO_API int32_t kesto_customs_doa_write(KTDHandle handle, const int16_t* mic1,
+                                          const int16_t* mic2, const int16_t* mic3,
+                                          int16_t* outdata, int32_t rcg_ret);
+
+/* Releases an estimator; nothing happens for NULL. */
+QUIBO_API void kesto_customs_doa_unit(KTDHandle handle);
+
+/* The layer below: a network record that the caller holds. */
+
+/* Builds the network in *net, whose content on entry does not matter. Returns 0, or 1 at the first
+ * allocation that fails; destroy_doa_net() then releases what was built. */
+QUIBO_API int32_t init_doa_net(DoaNet* net);
+
+/* Releases what init_doa_net() built; the record itself stays the caller's. */
+QUIBO_API void destroy_doa_net(DoaNet* net);
+
+/* One block, as kesto_customs_doa_write(), but a heading along -x is returned as it comes out:
+ * -89. */
+QUIBO_API int32_t proc_one_frame(DoaNet* doanet, const int16_t* mic1, const int16_t* mic2,
+                                 const int16_t* mic3, int32_t rcg_ret);
+
+/* Heading of the longest vector among the last 15 blocks, the earliest of equals, in whole degrees,
+ * -89..360; blocks whose vector is not a number are passed over, and with no vector left the answer
+ * is 0. Empties the window. */
+QUIBO_API int32_t doa_decision(DoaNet* doanet);
+
+/* The network's parameters (params/doa.safetensors), row-major. */
+
+/* First convolution: 4 input channels, 2 frames x 4 values, 16 output channels. */
+QUIBO_API extern const float ring_conv1_weight[512]; /* [16][4][2][4] */
+QUIBO_API extern const float ring_conv1_bias[16];
+/* Depth-wise-separable layers: taps per channel, then a pointwise matrix. */
+QUIBO_API extern const float ring_conv2_1_weight[128]; /* [16][2][4] */
+QUIBO_API extern const float ring_conv2_2_weight[448]; /* [28][16] */
+QUIBO_API extern const float ring_conv2_2_bias[28];
+QUIBO_API extern const float ring_conv3_1_weight[224];  /* [28][2][4] */
+QUIBO_API extern const float ring_conv3_2_weight[1008]; /* [36][28] */
+QUIBO_API extern const float ring_conv3_2_bias[36];
+QUIBO_API extern const float ring_conv4_1_weight[324];  /* [36][3][3] */
+QUIBO_API extern const float ring_conv4_2_weight[2304]; /* [64][36] */
+QUIBO_API extern const float ring_conv4_2_bias[64];
+/* GRU of 64 units; rows stacked reset, update, new. */
+QUIBO_API extern const float ring_gru_weight_ih_l0[12288]; /* [192][64] */
+QUIBO_API extern const float ring_gru_weight_hh_l0[12288]; /* [192][64] */
+QUIBO_API extern const float ring_gru_bias_ih_l0[192];
+QUIBO_API extern const float ring_gru_bias_hh_l0[192];
+/* DFSMN layers: projection to 108 units, taps over the past 6 blocks, output, layer norm. */
+QUIBO_API extern const float ring_d1_conv_in[6912];   /* [108][64] */
+QUIBO_API extern const float ring_d1_conv_left[648];  /* [108][6] */
+QUIBO_API extern const float ring_d1_conv_out[17712]; /* [164][108] */
+QUIBO_API extern const float ring_d1_out_bias[164];
+QUIBO_API extern const float ring_ln1_weight[164];
+QUIBO_API extern const float ring_ln1_bias[164];
+QUIBO_API extern const float ring_d2_conv_in[17712];  /* [108][164] */
+QUIBO_API extern const float ring_d2_conv_left[648];  /* [108][6] */
+QUIBO_API extern const float ring_d2_conv_out[17712]; /* [164][108] */
+QUIBO_API extern const float ring_d2_out_bias[164];
+QUIBO_API extern const float ring_ln2_weight[164];
+QUIBO_API extern const float ring_ln2_bias[164];
+QUIBO_API extern const float ring_d3_conv_in[17712];  /* [108][164] */
+QUIBO_API extern const float ring_d3_conv_left[648];  /* [108][6] */
+QUIBO_API extern const float ring_d3_conv_out[17712]; /* [164][108] */
+QUIBO_API extern const float ring_d3_out_bias[164];
+QUIBO_API extern const float ring_ln3_weight[164];
+QUIBO_API extern const float ring_ln3_bias[164];
+QUIBO_API extern const float ring_d4_conv_in[17712];  /* [108][164] */
+QUIBO_API extern const float ring_d4_conv_left[648];  /* [108][6] */
+QUIBO_API extern const float ring_d4_conv_out[17712]; /* [164][108] */
+QUIBO_API extern const float ring_d4_out_bias[164];
+QUIBO_API extern const float ring_ln4_weight[164];
+QUIBO_API extern const float ring_ln4_bias[164];
+/* Output layer: x, y. */
+QUIBO_API extern const float ring_fc_weight[328]; /* [2][164] */
+QUIBO_API extern const float ring_fc_bias[2];
 
 /* ---- Output limiter
  * ----------------------------------------------------------------------------------------- Make-up

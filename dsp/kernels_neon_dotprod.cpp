@@ -1,0 +1,7 @@
+#include "dsp/int8_neon.h"
+#include "dsp/kernels_body.h"
+
+namespace quibo {
+extern const Kernels kernels_neon_dotprod;
+constexpr Kernels kernels_neon_dotprod = make_kernels<NeonF32, NeonDotInt8>("neon_dotprod");
+}  // namespace quibo

@@ -1,0 +1,7 @@
+#include "dsp/int8_neon.h"
+#include "dsp/kernels_body.h"
+
+namespace quibo {
+extern const Kernels kernels_neon_i8mm;
+constexpr Kernels kernels_neon_i8mm = make_kernels<NeonF32, NeonI8mmInt8>("neon_i8mm");
+}  // namespace quibo
