@@ -157,17 +157,17 @@ void ns(benchmark::State& state) {
 
 void naec(benchmark::State& state) {
   const std::vector<float> mic = random_floats(kFrames * QUIBO_FRAME, 0.3f), yn = mic;
-  void* handle;
-  QuibNAecInit(&handle);
+  AEC_Denoise_Net net = {};  // without the handle, whose creation prints
+  init_aec_denoise_net(&net);
   int16_t out[QUIBO_FRAME];
   int f = 0;
   for (auto _ : state) {
-    QuibNAecRun(handle, &mic[f * QUIBO_FRAME], &yn[(kFrames - 1 - f) * QUIBO_FRAME], out);
+    nn_aec_denoise_forward_frame(&net, &mic[f * QUIBO_FRAME], &yn[(kFrames - 1 - f) * QUIBO_FRAME],
+                                 out);
     f = (f + 1) % kFrames;
     benchmark::ClobberMemory();
   }
-  QuibNAecUnit(handle);
-  free_aec_denoise(handle);
+  destroy_aec_denoise_net(&net);
 }
 
 // One convolution on its window (for stride 2 the split one), both steps of a frame.
