@@ -38,8 +38,12 @@ using Pixel4 = ConvInput<8, 256, 2, 1, 2>;
 constexpr int kLargestWindow = Input3::window_floats(kMaxSteps);
 static_assert(Input2::window_floats(kMaxSteps) <= kLargestWindow, "largest");
 static_assert(Inner::window_floats(kMaxSteps) <= kLargestWindow, "largest");
+constexpr int kLargestSplit = Input3::split_floats(kMaxSteps);
+static_assert(Input2::split_floats(kMaxSteps) <= kLargestSplit, "largest");
+static_assert(Input4::split_floats(kMaxSteps) <= kLargestSplit, "largest");
+static_assert(kLargestWindow % 16 == 0, "the split form starts on a cache line");
 constexpr int kScratch = quibo::gru_scratch(kHidden);
-static_assert(2 * kLargestWindow <= kScratch, "a layer's window and its split form");
+static_assert(kLargestWindow + kLargestSplit <= kScratch, "a layer's window and its split form");
 alignas(64) float sfilter[kScratch];
 alignas(64) float sh_out1[kMaxSteps * kMap];
 alignas(64) float sh_out2[kMaxSteps * kMap];  // before a shuffle: 64 x 32, 32 x 64 or 16 x 128

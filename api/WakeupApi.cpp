@@ -62,7 +62,6 @@ void advance_fifos(KTWakeup h) {
 
 int32_t Quibo_wakeup_init(KTWakeup* handle, int32_t lang) {
   if (*handle) return -1;
-  // Zero-filled, so that the handles of modules that are not created are null.
   KTWakeup h = static_cast<KTWakeup>(calloc(1, sizeof(KTWakeupParams)));
   if (!h) return -2;
   if (!(h->handle1 = kesto_Laec_Post_init())) return -3;

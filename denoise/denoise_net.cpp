@@ -33,14 +33,17 @@ using Decoder4 = ConvInput<8, 256, 3, 1, 2>;
 
 // Scratch, rewritten at each call and shared by all instances.
 constexpr int kLargestWindow = Encoder3::window_floats(kMaxSteps);
+constexpr int kLargestSplit = Encoder3::split_floats(kMaxSteps);
 static_assert(Encoder2::window_floats(kMaxSteps) <= kLargestWindow, "largest");
-alignas(64) float sh_tempbuf[2 * kLargestWindow];  // a layer's window, then its split form
+static_assert(Encoder2::split_floats(kMaxSteps) <= kLargestSplit, "largest");
+static_assert(kLargestWindow % 16 == 0, "the split form starts on a cache line");
+alignas(64) float sh_tempbuf[kLargestWindow + kLargestSplit];  // a layer's window, its split form
 alignas(64) float sh_out1[kMaxSteps * 2 * kHop];
 alignas(64) float sh_out2[kMaxSteps * 32 * 64];  // before a shuffle: at most 32 x 64 or 16 x 128
 
 float* const window = sh_tempbuf;
 float* const split = sh_tempbuf + kLargestWindow;
-static_assert(quibo::gru_scratch(kHidden) <= 2 * kLargestWindow, "recurrent blocks use it too");
+static_assert(quibo::gru_scratch(kHidden) <= kLargestWindow + kLargestSplit, "as their scratch");
 
 // ---- First layer -----------------------------------------------------------------------------
 // Its products run over 20 columns although a row has 18. Rows of patches and of weights lie 18
@@ -49,7 +52,7 @@ static_assert(quibo::gru_scratch(kHidden) <= 2 * kLargestWindow, "recurrent bloc
 // trained with that. What the last position and the last channel meet there is two zeros and the
 // two floats at the end of the table.
 constexpr int kFirstTaps = Encoder1::kTaps + 2;
-constexpr int kFirstSplitFrame = Encoder1::kFrame + Encoder1::kHalfRow;
+constexpr int kFirstSplitFrame = Encoder1::kSplitFrame + Encoder1::kOutputs;
 
 struct FirstTaps {
   int32_t at[kFirstTaps];
@@ -58,12 +61,12 @@ struct FirstTaps {
     for (int c = 0; c < Encoder1::kChannels; ++c) {
       for (int t = 0; t < 3; ++t) {
         for (int f = 0; f < 3; ++f, ++j) {
-          at[j] = t * kFirstSplitFrame + c * Encoder1::kRow + Encoder1::column(f);
+          at[j] = Encoder1::tap(c, t, f, kFirstSplitFrame);
         }
       }
     }
-    at[j] = Encoder1::kFrame;            // column 2(p+1), kept apart for its end
-    at[j + 1] = Encoder1::kHalfRow + 1;  // column 2(p+1) + 1, which ends with the row's own zero
+    at[j] = Encoder1::kSplitFrame;         // column 2(p+1), kept apart for its end
+    at[j + 1] = Encoder1::kSplitHalf + 1;  // column 2(p+1) + 1, which ends with the row's own zero
   }
 };
 
@@ -73,7 +76,7 @@ ConvJob first_layer_job(int steps) {
   Encoder1::split(split, window, steps, kFirstSplitFrame);
   for (int f = 0; f < Encoder1::kKept + steps; ++f) {
     float* frame = split + f * kFirstSplitFrame;
-    float* next_patch = frame + Encoder1::kFrame;
+    float* next_patch = frame + Encoder1::kSplitFrame;
     memcpy(next_patch, frame + 1, (Encoder1::kOutputs - 1) * sizeof(float));
     next_patch[Encoder1::kOutputs - 1] = 0.0f;
   }

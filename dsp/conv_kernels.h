@@ -15,8 +15,10 @@
 namespace quibo {
 namespace {
 
+// Blocks of sums: as many as leave registers for the operands, and at least as many as hide the
+// latency of the additions.
 template <class V>
-constexpr int kConvBlockChannels = V::kRegisters >= 32 ? 4 : 2;
+constexpr bool kManyRegisters = V::kRegisters >= 32;
 
 // The four lanes of C x P sums: C rows of splatted values (a) times P registers (at x).
 template <class V, int C, int P>
@@ -37,8 +39,8 @@ struct LaneSums {
         Reg value[P];
         for (int p = 0; p < P; ++p) value[p] = V::load(x[p] + offset);
         for (int c = 0; c < C; ++c) {
-          const Reg weight = V::splat(a[c * row_stride + j * tap_stride]);
-          for (int p = 0; p < P; ++p) sum[c][p] = V::add(sum[c][p], V::mul(weight, value[p]));
+          const float* factor = a + c * row_stride + j * tap_stride;
+          for (int p = 0; p < P; ++p) sum[c][p] = V::add(sum[c][p], V::mul_splat(value[p], factor));
         }
       }
       for (int c = 0; c < C; ++c) {
@@ -83,14 +85,24 @@ void conv_block(const ConvJob& job, int channel, int first_register) {
   }
 }
 
+template <class V, int C, int P>
+void conv_blocks(const ConvJob& job, int registers) {
+  for (int channel = 0; channel < job.out_channels; channel += C) {
+    for (int r = 0; r < registers; r += P) conv_block<V, C, P>(job, channel, r);
+  }
+}
+
 template <class V>
 void conv(const ConvJob& job) {
-  constexpr int C = kConvBlockChannels<V>;
   const int registers = job.steps * job.positions / V::kWidth;
-  for (int channel = 0; channel < job.out_channels; channel += C) {
-    int r = 0;
-    for (; r + 4 <= registers; r += 4) conv_block<V, C, 4>(job, channel, r);
-    for (; r < registers; r += 2) conv_block<V, C, 2>(job, channel, r);
+  if (!kManyRegisters<V>) {
+    conv_blocks<V, 4, 2>(job, registers);
+  } else if (registers % 4 == 0) {
+    conv_blocks<V, 4, 4>(job, registers);
+  } else if (job.out_channels % 8 == 0) {
+    conv_blocks<V, 8, 2>(job, registers);  // one step of 32 positions in registers of 16
+  } else {
+    conv_blocks<V, 4, 2>(job, registers);
   }
 }
 

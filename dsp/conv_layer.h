@@ -28,8 +28,14 @@ struct ConvInput {
   static constexpr int kTaps = channels * times * 3;
   static constexpr int kOutputs = inputs / stride;
   static constexpr int kHalfRow = kRow / 2;
+  // Stride 2 reads a split form of the window: of each row the even columns, then the odd ones,
+  // each from a cache line on, so that consecutive outputs read consecutive values.
+  static constexpr int kSplitHalf = (kHalfRow + 15) / 16 * 16;
+  static constexpr int kSplitRow = 2 * kSplitHalf;
+  static constexpr int kSplitFrame = channels * kSplitRow;
 
   static constexpr int window_floats(int steps) { return (kKept + steps) * kFrame; }
+  static constexpr int split_floats(int steps) { return (kKept + steps) * kSplitFrame; }
 
   // Where the frame of the call's first step goes in the window; the others follow.
   static float* fresh(float* window) { return window + kKept * kFrame; }
@@ -54,13 +60,12 @@ struct ConvInput {
     memcpy(history, window + (kKept + steps - stored) * kFrame, kHistory * sizeof(float));
   }
 
-  // The window of a layer of stride 2 with the even columns of each row before its odd ones, so
-  // that consecutive outputs read consecutive values.
-  static void split(float* to, const float* window, int steps, int to_frame = kFrame) {
+  // Frames of the split form lie to_frame apart.
+  static void split(float* to, const float* window, int steps, int to_frame = kSplitFrame) {
     for (int f = 0; f < kKept + steps; ++f) {
       for (int c = 0; c < channels; ++c) {
-        float* even = to + f * to_frame + c * kRow;
-        kernels().net.split_columns(even, even + kHalfRow, window + f * kFrame + c * kRow,
+        float* even = to + f * to_frame + c * kSplitRow;
+        kernels().net.split_columns(even, even + kSplitHalf, window + f * kFrame + c * kRow,
                                     kHalfRow);
       }
     }
@@ -72,13 +77,17 @@ struct ConvInput {
       int j = 0;
       for (int c = 0; c < channels; ++c) {
         for (int t = 0; t < times; ++t) {
-          for (int f = 0; f < 3; ++f, ++j) at[j] = t * kFrame + c * kRow + column(f);
+          for (int f = 0; f < 3; ++f, ++j) at[j] = tap(c, t, f);
         }
       }
     }
   };
 
-  static constexpr int column(int f) { return stride == 1 ? f : f == 1 ? kHalfRow : f / 2; }
+  // Where a job's input has the value of channel c, frame t, column f for output 0.
+  static constexpr int tap(int c, int t, int f, int split_frame = kSplitFrame) {
+    return stride == 1 ? t * kFrame + c * kRow + f
+                       : t * split_frame + c * kSplitRow + (f == 1 ? kSplitHalf : f / 2);
+  }
 
   // A job that reads `input`: the window, or its split form for stride 2.
   static ConvJob job(const float* input, int steps) {
@@ -90,7 +99,7 @@ struct ConvInput {
     j.positions = kOutputs;
     j.steps = steps;
     j.input = input;
-    j.input_step = kFrame;
+    j.input_step = stride == 1 ? kFrame : kSplitFrame;
     return j;
   }
 };

@@ -160,99 +160,122 @@ struct FrequencyGru {
   static constexpr int kRows = 3 * H;  // r, z, n
   static constexpr int kBlock = 8;     // positions whose x half is computed ahead
   static constexpr int kLanes = 4 * kRows;
+  static constexpr int kStripeRegisters = kManyRegisters<V> ? 6 : V::kWidth == 1 ? 4 : 2;
+  static constexpr int kStripe = kStripeRegisters * V::kWidth;
+  static_assert(2 * H * kRows + kSteps * (kBlock * (kLanes + H) + kMap) <= gru_scratch(H), "fits");
+  static_assert(kMap <= kBlock * kLanes, "the transposed output takes the place of `ahead`");
 
-  float*
-      columns;   // 2H x 3H: the weights of x_0.., then of h_0..; n has its x half, then its h half
-  float* ahead;  // kSteps x kBlock x 4 lanes x 3H: sums of the x half
-  float* rectified;  // kSteps x N x H
+  float *columns_x, *columns_h;  // H x 3H each: transposed weights
+  float* ahead;                  // kSteps x kBlock x 4 lanes x 3H: sums of the x half
+  float* ahead_n;                // kSteps x kBlock x H: those of n, complete
+  float* rectified;              // kSteps x N x H
 
-  static void transpose_weights(const GruJob& job, float* columns) {
-    transpose<V>(columns, kRows, job.weight_ir, 2 * H, H, 2 * H);
-    transpose<V>(columns + H, kRows, job.weight_iz, 2 * H, H, 2 * H);
-    transpose<V>(columns + 2 * H, kRows, job.weight_in_x, job.weight_in_stride, H, H);
-    transpose<V>(columns + H * kRows + 2 * H, kRows, job.weight_in_h, job.weight_in_stride, H, H);
+  // Where a row begins in a transposed half: stripes of kStripe rows, column by column, so that the
+  // recurrence reads straight through.
+  static constexpr int stripe_at(int row) { return row / kStripe * (H * kStripe) + row % kStripe; }
+
+  static void transpose_rows(float* half, int first_row, const float* weight, int stride) {
+    for (int r = 0; r < H; r += 4) {
+      transpose<V>(half + stripe_at(first_row + r), kStripe, weight + r * stride, stride, 4, H);
+    }
   }
 
-  // The x half for positions first .. first+kBlock-1.
-  template <int P>
-  void x_half(const float* input, int first, int row) {
-    constexpr int C = kConvBlockChannels<V>;
-    const float* weights[P];
-    for (int p = 0; p < P; ++p) weights[p] = columns + row + p * V::kWidth;
-    for (int s = 0; s < kSteps; ++s) {
-      for (int g = 0; g < kBlock; g += C) {
-        LaneSums<V, C, P> sums;
-        sums.compute(input + s * kMap + first + g, 1, N, weights, kRowTaps<H, kRows>.at, H);
-        for (int c = 0; c < C; ++c) {
-          float* to = ahead + (s * kBlock + g + c) * kLanes + row;
-          for (int l = 0; l < 4; ++l) {
-            for (int p = 0; p < P; ++p)
-              V::store(to + l * kRows + p * V::kWidth, sums.lane[l][c][p]);
+  void transpose_weights(const GruJob& job) {
+    const struct {
+      const float *x, *h;
+      int stride;
+    } gates[] = {{job.weight_ir, job.weight_ir + H, 2 * H},
+                 {job.weight_iz, job.weight_iz + H, 2 * H},
+                 {job.weight_in_x, job.weight_in_h, job.weight_in_stride}};
+    for (int g = 0; g < 3; ++g) {
+      transpose_rows(columns_x, g * H, gates[g].x, gates[g].stride);
+      transpose_rows(columns_h, g * H, gates[g].h, gates[g].stride);
+    }
+  }
+
+  // The x half for positions first .. first+kBlock-1. That of n is a sum of its own: it is folded,
+  // and its h half starts from zero.
+  void x_half(const float* input, int first) {
+    constexpr int C = 4, P = kStripeRegisters;
+    for (int row = 0; row < kRows; row += P * V::kWidth) {
+      const float* weights[P];
+      for (int p = 0; p < P; ++p) weights[p] = columns_x + stripe_at(row + p * V::kWidth);
+      for (int s = 0; s < kSteps; ++s) {
+        for (int g = 0; g < kBlock; g += C) {
+          LaneSums<V, C, P> sums;
+          sums.compute(input + s * kMap + first + g, 1, N, weights, kRowTaps<H, kStripe>.at, H);
+          for (int c = 0; c < C; ++c) {
+            for (int p = 0; p < P; ++p) {
+              const int r = row + p * V::kWidth, at = s * kBlock + g + c;
+              const bool is_n = r >= 2 * H;
+              if (is_n) V::store(ahead_n + at * H + r - 2 * H, sums.fold(c, p));
+              for (int l = 0; l < 4; ++l) {
+                V::store(ahead + at * kLanes + l * kRows + r,
+                         is_n ? V::splat(0.0f) : sums.lane[l][c][p]);
+              }
+            }
           }
         }
       }
     }
   }
 
-  void x_half(const float* input, int first) {
-    constexpr int kRegisters = kRows / V::kWidth;
-    int r = 0;
-    for (; r + 4 <= kRegisters; r += 4) x_half<4>(input, first, r * V::kWidth);
-    for (; r < kRegisters; r += 2) x_half<2>(input, first, r * V::kWidth);
-  }
-
-  // The h half of P registers of rows for one position of all steps: continues from `start` (null:
-  // from zero) and folds into sums[s][row ..].
-  template <int P>
-  static void h_half(const float* columns, const float (&h)[kSteps][H], const float* start, int row,
-                     float (&sums)[kSteps][kRows]) {
-    Reg lane[4][kSteps][P];
-    for (int l = 0; l < 4; ++l) {
+  // The h half of a stripe of rows for one position of all steps: continues from `start` and folds
+  // into sums[s][row ..]. Lanes 0 and 2, then 1 and 3, as the fold wants them.
+  void h_half(const float (&h)[kSteps][H], const float* start, int row,
+              float (&sums)[kSteps][kRows]) const {
+    constexpr int P = kStripeRegisters;
+    Reg pair_sum[2][kSteps][P];
+#pragma GCC unroll 1
+    for (int pair = 0; pair < 2; ++pair) {
+      Reg low[kSteps][P], high[kSteps][P];
       for (int s = 0; s < kSteps; ++s) {
         for (int p = 0; p < P; ++p) {
-          lane[l][s][p] =
-              start ? V::load(start + s * kBlock * kLanes + l * kRows + row + p * V::kWidth)
-                    : V::splat(0.0f);
+          const float* from = start + s * kBlock * kLanes + pair * kRows + row + p * V::kWidth;
+          low[s][p] = V::load(from);
+          high[s][p] = V::load(from + 2 * kRows);
         }
       }
-    }
-    const float* w = columns + H * kRows + row;
-    for (int j = 0; j < H; j += 4) {
-      for (int l = 0; l < 4; ++l) {
-        for (int p = 0; p < P; ++p) {
-          const Reg weight = V::load(w + (j + l) * kRows + p * V::kWidth);
-          for (int s = 0; s < kSteps; ++s) {
-            lane[l][s][p] = V::add(lane[l][s][p], V::mul(weight, V::splat(h[s][j + l])));
+      const float* w = columns_h + stripe_at(row) + pair * kStripe;
+      for (int j = pair; j < H; j += 4, w += 4 * kStripe) {
+        auto add_column = [&](Reg(&lane)[kSteps][P], const float* column, int at) {
+          Reg value[kSteps];
+          for (int s = 0; s < kSteps; ++s) value[s] = V::splat(h[s][at]);
+          for (int p = 0; p < P; ++p) {
+            const Reg weight = V::load(column + p * V::kWidth);
+            for (int s = 0; s < kSteps; ++s) {
+              lane[s][p] = V::add(lane[s][p], V::mul(weight, value[s]));
+            }
           }
-        }
+        };
+        add_column(low, w, j);
+        add_column(high, w + 2 * kStripe, j + 2);
+      }
+      for (int s = 0; s < kSteps; ++s) {
+        for (int p = 0; p < P; ++p) pair_sum[pair][s][p] = V::add(low[s][p], high[s][p]);
       }
     }
     for (int s = 0; s < kSteps; ++s) {
       for (int p = 0; p < P; ++p) {
-        V::store(&sums[s][row + p * V::kWidth], V::add(V::add(lane[0][s][p], lane[2][s][p]),
-                                                       V::add(lane[1][s][p], lane[3][s][p])));
+        V::store(&sums[s][row + p * V::kWidth], V::add(pair_sum[0][s][p], pair_sum[1][s][p]));
       }
     }
   }
 
-  // One position: `x` the sums of its x half (of step 0; step s lies s*kBlock positions further).
-  void position(const GruJob& job, const float* x, int g, float (&h)[kSteps][H]) {
-    constexpr int P = V::kRegisters >= 32 && V::kWidth < 32 ? 2 : 1;
+  // Position g of the map, `ahead_at` of the block.
+  void position(const GruJob& job, int g, int ahead_at, float (&h)[kSteps][H]) {
     float sums[kSteps][kRows];
-    for (int row = 0; row < 2 * H; row += P * V::kWidth) h_half<P>(columns, h, x, row, sums);
-    for (int row = 2 * H; row < kRows; row += P * V::kWidth) {
-      h_half<P>(columns, h, nullptr, row, sums);
+    for (int row = 0; row < kRows; row += kStripe) {
+      h_half(h, ahead + ahead_at * kLanes, row, sums);
     }
     for (int i = 0; i < H; i += V::kWidth) {
       for (int s = 0; s < kSteps; ++s) {
-        const float* n = x + s * kBlock * kLanes + 2 * H + i;
-        const Reg n_x = V::add(V::add(V::load(n), V::load(n + 2 * kRows)),
-                               V::add(V::load(n + kRows), V::load(n + 3 * kRows)));
         auto biased = [&](int gate, const float* bias) {
           return V::add(V::load(&sums[s][gate * H + i]), V::load(bias + i));
         };
-        const Reg next = next_state<V, Gates>(biased(0, job.bias_ir), biased(1, job.bias_iz),
-                                              V::add(n_x, V::load(job.bias_in1 + i)),
+        const Reg n_x =
+            V::add(V::load(ahead_n + (s * kBlock + ahead_at) * H + i), V::load(job.bias_in1 + i));
+        const Reg next = next_state<V, Gates>(biased(0, job.bias_ir), biased(1, job.bias_iz), n_x,
                                               biased(2, job.bias_in2), V::load(&h[s][i]));
         V::store(&h[s][i], next);
         V::store(rectified + (s * N + g) * H + i, relu<V>(next));
@@ -262,15 +285,17 @@ struct FrequencyGru {
 
   static void run(const GruJob& job) {
     FrequencyGru gru;
-    gru.columns = job.scratch;
-    gru.ahead = gru.columns + 2 * H * kRows;
-    gru.rectified = gru.ahead + kSteps * kBlock * kLanes;
+    gru.columns_x = job.scratch;
+    gru.columns_h = gru.columns_x + H * kRows;
+    gru.ahead = gru.columns_h + H * kRows;
+    gru.ahead_n = gru.ahead + kSteps * kBlock * kLanes;
+    gru.rectified = gru.ahead_n + kSteps * kBlock * H;
     float* channel_major = gru.ahead;  // free again by then
-    transpose_weights(job, gru.columns);
+    gru.transpose_weights(job);
     float h[kSteps][H] = {};
     for (int first = 0; first < N; first += kBlock) {
       gru.x_half(job.input, first);
-      for (int g = 0; g < kBlock; ++g) gru.position(job, gru.ahead + g * kLanes, first + g, h);
+      for (int g = 0; g < kBlock; ++g) gru.position(job, first + g, g, h);
     }
     if (job.state) memcpy(job.state, h[kSteps - 1], sizeof h[0]);
     for (int s = 0; s < kSteps; ++s) {

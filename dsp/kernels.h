@@ -57,7 +57,7 @@ struct ConvJob {
 constexpr int kGruPositions = 32;
 
 constexpr int gru_scratch(int H) {
-  return 6 * H * H + 256 * H;  // floats
+  return 6 * H * H + 272 * H;  // floats
 }
 
 struct GruJob {
