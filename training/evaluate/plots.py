@@ -163,6 +163,7 @@ def det(summary, operating_point):
             clip_on=False,
         )
     axis.set_xscale("symlog", linthresh=1.0)
+    axis.xaxis.set_major_formatter(lambda x, _: f"{x:g}")
     axis.set(
         xlabel="false accepts per hour",
         ylabel="phrases missed, %",

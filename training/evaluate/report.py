@@ -68,7 +68,7 @@ def write(results, path):
         "<h1>Quibo: evaluation</h1>",
         f"<p class=lead>Revision {html.escape(about['revision'])}, {about['set']} set, seed {about['seed']}. "
         "Simulated scenes; no training has seen their speakers, noises and rooms. Small figures are "
-        "95&nbsp;% intervals over scenes; bold is the best that something was done for.</p>",
+        "95&nbsp;% intervals over scenes; bold marks the best system of a column.</p>",
         _warnings(about),
     ]
     for name, section in (("noise", _noise), ("echo", _echo), ("wake", _wake)):

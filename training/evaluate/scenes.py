@@ -1,5 +1,5 @@
-"""The fixed scenes: test speakers, test noises, test rooms. Scene i is a function of seed, section
-and i, so a longer set begins with the shorter one's.
+"""The fixed scenes: test speakers, test noises, test rooms. Scene i is a function of seed, section,
+i and the number of rooms.
 """
 
 import dataclasses
@@ -122,6 +122,7 @@ class WakeScene:
     begin: float  # s, the phrase as microphone 1 hears it
     end: float
     heading: float  # degrees
+    rt60: float  # s
     speaker: str
 
 
@@ -171,6 +172,7 @@ def spoken_phrase(corpus, others, rooms, number):
             (start + way + first) / RATE,
             (start + way + last) / RATE,
             float(rooms.rooms["heading"][room][0]),
+            rooms.rt60(room),
             clip.speaker,
         )
 

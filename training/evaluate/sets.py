@@ -5,7 +5,7 @@ import dataclasses
 
 @dataclasses.dataclass(frozen=True)
 class Sizes:
-    """Numbers of scenes, each heard in every condition of its section; scene i is the same in both."""
+    """Numbers of scenes, each heard in every condition of its section."""
 
     noise: int
     echo: int
@@ -16,7 +16,7 @@ class Sizes:
 
 SEED = 20260101
 SHORT = Sizes(noise=8, echo=5, wake=8, silence_minutes=4.0, rooms=300)
-LONG = Sizes(noise=120, echo=60, wake=200, silence_minutes=600.0, rooms=300)
+LONG = Sizes(noise=120, echo=60, wake=200, silence_minutes=600.0, rooms=3000)
 
 SNRS = (0.0, 5.0, 10.0, 15.0)  # dB
 SERS = (0.0, -10.0, -20.0)

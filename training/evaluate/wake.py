@@ -65,6 +65,7 @@ def measure(device, scene):
     return {
         "speaker": scene.speaker,
         "heading": scene.heading,
+        "rt60": scene.rt60,
         "heard": bool(heard),
         "latency": heard[0][0] - scene.end if heard else None,
         "angle": heard[0][1] if heard else None,
