@@ -8,6 +8,7 @@ import tomllib
 import torch
 
 from . import data, export, parity, tasks, train
+from .evaluate import cli as evaluate
 from .models.layers import deploy
 from .models.quantise import set_mode
 from .shared import ROOT
@@ -117,6 +118,9 @@ def main():
     p.add_argument("--library", type=pathlib.Path, required=True)
     p.add_argument("--seeds", type=int, default=5)
     p.set_defaults(run=run_parity)
+    p = commands.add_parser("evaluate", help="the built library on simulated scenes, beside its peers")
+    evaluate.add_options(p)
+    p.set_defaults(run=evaluate.run)
     arguments = parser.parse_args()
     arguments.run(arguments)
 

@@ -70,6 +70,10 @@ class Corpus:
             ]
         return self._pools[role, split]
 
+    def where(self, keep):
+        """The corpus of the clips that `keep` accepts."""
+        return Corpus(self._root, self._cache, [c for c in self._clips if keep(c)])
+
     def draw_speaker(self, rng, role, split):
         """All clips of one speaker: a set by its share, then one of its speakers."""
         if (role, split) not in self._draws:

@@ -1,0 +1,83 @@
+"""Section 2: the echo path of microphone 1."""
+
+import numpy as np
+
+from training.evaluate import intervals, metrics, peers, scenes
+from training.scenes.audio import RATE
+
+END = 2.0  # s: the last part of the far-end-only stretch
+MEASURES = (
+    "erle_end",
+    "echo_far_end",
+    "si_sdr",
+    "estoi",
+    "echo_double_talk",
+    "deg_double_talk",
+    "near_si_sdr",
+    "near_estoi",
+    "deg_near_end",
+)
+
+
+def systems(device, speech):
+    """[(names, function of (mic, ref) giving an output [n] per name)]; the peers' delays; lines about absent ones."""
+    table = [
+        (("unprocessed",), lambda mic, ref: (mic,)),
+        (("Quibo, linear canceller", "Quibo, with neural suppressor"), device.cancel_echo),
+    ]
+    installed, absent = peers.echo_cancellers()
+    delays = {}
+    for peer in installed:
+        process = peers.Aligned(peer.cancel_echo, speech)
+        delays[peer.name] = process.delay
+        table.append(((peer.name,), lambda mic, ref, process=process: (process(mic, ref),)))
+    return table, delays, absent
+
+
+def measure(scene, output):
+    far, both, near = scene.far_end, scene.double_talk, scene.near_end
+    end = slice(far.stop - round(END * RATE), far.stop)
+
+    def opinion(kind, part):
+        return metrics.aecmos(kind, scene.ref[part], scene.mic[part], output[part])
+
+    echo_far, _ = opinion("far_end", far)
+    echo_both, deg_both = opinion("double_talk", both)
+    _, deg_near = opinion("near_end", near)
+    return {
+        "erle_end": metrics.erle(scene.mic[end], output[end]),
+        "erle_over_time": metrics.erle_over_time(scene.mic[far], output[far]),
+        "echo_far_end": echo_far,
+        "si_sdr": metrics.si_sdr(output[both], scene.near[both]),
+        "estoi": metrics.estoi(output[both], scene.near[both]),
+        "echo_double_talk": echo_both,
+        "deg_double_talk": deg_both,
+        "near_si_sdr": metrics.si_sdr(output[near], scene.near[near]),
+        "near_estoi": metrics.estoi(output[near], scene.near[near]),
+        "deg_near_end": deg_near,
+    }
+
+
+def run(device, corpus, rooms, sizes, speech, progress):
+    table, delays, absent = systems(device, speech)
+    rows = []
+    for number in range(sizes.echo):
+        for condition, scene in scenes.playback(corpus, rooms, number):
+            for names, process in table:
+                for name, output in zip(names, process(scene.mic, scene.ref)):
+                    values = measure(scene, output)
+                    rows.append({"scene": number, "condition": condition, "system": name, **values})
+        progress()
+    return {"rows": rows, "summary": summarise(rows), "delays": delays, "absent": absent}
+
+
+def summarise(rows):
+    """condition -> system -> measure -> figure; erle_over_time: the mean curve."""
+    summary = {}
+    for condition in dict.fromkeys(r["condition"] for r in rows):
+        for system in dict.fromkeys(r["system"] for r in rows):
+            chosen = [r for r in rows if (r["condition"], r["system"]) == (condition, system)]
+            figures = {m: intervals.bootstrap([r[m] for r in chosen]) for m in MEASURES}
+            figures["erle_over_time"] = np.mean([r["erle_over_time"] for r in chosen], 0).tolist()
+            summary.setdefault(condition, {})[system] = figures
+    return summary

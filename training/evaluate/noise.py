@@ -1,0 +1,57 @@
+"""Section 1: the noise suppressor. Microphone 1 is judged."""
+
+from training.evaluate import intervals, metrics, peers, scenes, sets
+
+MEASURES = ("si_sdr", "estoi", "ovrl", "sig", "bak")
+
+
+def systems(device, speech):
+    """name -> function of mics [3, n] giving microphone 1 [n]; the peers' delays; lines about absent ones."""
+    ours = {
+        "Quibo, floor 0.1": lambda mics: device.suppress_noise(mics[:1], 0.1)[0],
+        "Quibo, floor 0.3": lambda mics: device.suppress_noise(mics[:1], 0.3)[0],
+        "Quibo, floor 0.1, three microphones": lambda mics: device.suppress_noise(mics, 0.1)[0],
+        "Quibo, floor 0.3, three microphones": lambda mics: device.suppress_noise(mics, 0.3)[0],
+    }
+    installed, absent = peers.noise_suppressors()
+    theirs, delays = {}, {}
+    for peer in installed:
+        process = peers.Aligned(peer.suppress_noise, speech)
+        delays[peer.name] = process.delay
+        theirs[peer.name] = lambda mics, process=process: process(mics[0])
+    return {"noisy": lambda mics: mics[0], **ours, **theirs}, delays, absent
+
+
+def measure(output, target):
+    return {
+        "si_sdr": metrics.si_sdr(output, target),
+        "estoi": metrics.estoi(output, target),
+        **metrics.dnsmos(output),
+    }
+
+
+def run(device, corpus, rooms, sizes, speech, progress):
+    """{rows: one per scene, condition and system; summary; absent}."""
+    table, delays, absent = systems(device, speech)
+    rows = []
+    for number in range(sizes.noise):
+        for snr, mics, target in scenes.noisy_speech(corpus, rooms, number):
+            for name, process in table.items():
+                values = measure(process(mics), target[0])
+                rows.append({"scene": number, "condition": f"{snr:g} dB", "system": name, **values})
+        progress()
+    return {"rows": rows, "summary": summarise(rows), "delays": delays, "absent": absent}
+
+
+def summarise(rows):
+    """condition -> system -> measure -> figure; also the improvement of SI-SDR over the noisy one."""
+    noisy = {(r["scene"], r["condition"]): r["si_sdr"] for r in rows if r["system"] == "noisy"}
+    summary = {}
+    for condition in (f"{snr:g} dB" for snr in sets.SNRS):
+        for system in dict.fromkeys(r["system"] for r in rows):
+            chosen = [r for r in rows if (r["condition"], r["system"]) == (condition, system)]
+            figures = {m: intervals.bootstrap([r[m] for r in chosen]) for m in MEASURES}
+            gained = [r["si_sdr"] - noisy[r["scene"], condition] for r in chosen]
+            figures["si_sdr_gain"] = intervals.bootstrap(gained)
+            summary.setdefault(condition, {})[system] = figures
+    return summary

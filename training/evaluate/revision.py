@@ -1,0 +1,45 @@
+"""What was measured: hashes of library and parameters, and whether they belong together."""
+
+import ctypes
+import hashlib
+import platform
+import subprocess
+
+from training.shared import ROOT, safetensors_file
+
+
+def sha256(path):
+    return hashlib.sha256(path.read_bytes()).hexdigest()
+
+
+def describe(library, params):
+    so = ctypes.CDLL(str(library.resolve()))
+    files = {}
+    for path in sorted(params.glob("*.safetensors")):
+        tensors, metadata = safetensors_file.read(path)
+        files[path.name] = {
+            "sha256": sha256(path),
+            "compiled_in": _compiled_in(so, tensors),
+            "trained": metadata.get("trained", "no"),
+            "steps": metadata.get("steps"),
+        }
+    return {
+        "revision": _revision(),
+        "library": {"sha256": sha256(library.resolve()), "machine": platform.machine()},
+        "parameters": files,
+    }
+
+
+def _compiled_in(so, tensors):
+    """Whether the library's tables are these; those it does not export cannot be told."""
+    exported = {name: data for name, (_, _, data) in tensors.items() if hasattr(so, name)}
+    return bool(exported) and all(
+        bytes((ctypes.c_char * len(data)).in_dll(so, name)) == data
+        for name, data in exported.items()
+    )
+
+
+def _revision():
+    command = ["git", "describe", "--always", "--dirty", "--abbrev=12"]
+    run = subprocess.run(command, cwd=ROOT, capture_output=True, text=True, check=False)
+    return run.stdout.strip() or "not a git checkout"

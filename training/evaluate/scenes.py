@@ -1,0 +1,225 @@
+"""The fixed scenes: test speakers, test noises, test rooms. Scene i is a function of seed, section,
+i and the number of rooms.
+"""
+
+import dataclasses
+
+import numpy as np
+
+from training.evaluate import sets
+from training.scenes import echo, mixing, noisy, sources
+from training.scenes.audio import LEVEL_FRAME, RATE, active_power, gain
+from training.scenes.room import SIMULATOR_DELAY
+
+FRAME = 1024
+SPLIT = "test"
+PHRASE = "ling dang ling dang"
+
+NOISY_FRAMES = 144  # 9.2 s: what DNSMOS listens to at once
+FAR_FRAMES, DOUBLE_FRAMES, NEAR_FRAMES = 125, 125, 94  # 8 s, 8 s, 6 s
+CHANGE_FRAME = 62  # of the change of path: 4 s
+LEAD_FRAMES = 94  # 6 s before the wake phrase
+AFTER = 2.0  # s behind it
+ECHO_LEVEL = (-30.0, -18.0)  # dBFS of the louder of talker and echo
+QUIET_ROOM = 40.0  # dB between echo and noise: what limits the echo reduction that can be seen
+SELF_NOISE = -80.0  # dBFS
+PEAK = 0.98
+
+SECTIONS = ("noise", "echo", "wake", "talk", "playback")
+
+
+def generator(section, number):
+    return np.random.default_rng([sets.SEED, SECTIONS.index(section), number])
+
+
+class TestRooms:
+    """The first test rooms of a bank, however many rooms it has grown to."""
+
+    __test__ = False  # not a test case
+
+    def __init__(self, bank, rooms):
+        self._bank, self._numbers = bank, [n for n in bank.numbers(SPLIT) if n < rooms]
+        self.rooms = bank.rooms
+
+    def draw(self, rng, split):
+        return self._numbers[rng.integers(len(self._numbers))]
+
+    def responses(self, room, source):
+        return self._bank.responses(room, source)
+
+    def rt60(self, room):
+        return float(self.rooms["rt60"][room])
+
+
+def noisy_speech(corpus, rooms, number):
+    """Yields (SNR, mics [3, n], target [3, n]) of one scene."""
+    scene = noisy.draw_scene(corpus, rooms, generator("noise", number), NOISY_FRAMES * FRAME, SPLIT)
+    for snr in sets.SNRS:
+        mics, target = noisy.mix([{**scene, "snr": snr}], lambda x: x)
+        yield snr, mics[0], target[0]
+
+
+@dataclasses.dataclass(frozen=True)
+class EchoScene:
+    mic: np.ndarray  # [n], microphone 1
+    ref: np.ndarray
+    near: np.ndarray  # the talker in it
+    far_end: slice  # playback alone
+    double_talk: slice
+    near_end: slice  # the talker alone, once playback has rung out
+
+
+def playback(corpus, rooms, number):
+    """Yields (condition, EchoScene) of one scene: the device plays, somebody talks over it, the
+    device stops. The loudspeaker bends the signal, nothing drifts or is lost."""
+    rng = generator("echo", number)
+    samples = (FAR_FRAMES + DOUBLE_FRAMES + NEAR_FRAMES) * FRAME
+    talk_at, stop_at = FAR_FRAMES * FRAME, (FAR_FRAMES + DOUBLE_FRAMES) * FRAME
+    room, other = rooms.draw(rng, SPLIT), rooms.draw(rng, SPLIT)
+    path = _still_path(rng)
+    ref = echo.far_end(corpus, rng, SPLIT, samples)
+    ref[stop_at:] = 0.0
+    responses = [rooms.responses(r, "loudspeaker")[:1] for r in (room, other)]
+    echoes = {
+        False: echo.echo(path, ref, *responses)[0],
+        True: echo.echo(dataclasses.replace(path, change_at=CHANGE_FRAME * FRAME), ref, *responses)[
+            0
+        ],
+    }
+    near = np.zeros(samples, np.float32)
+    dry = sources.talk(corpus, rng, "near", SPLIT, samples - talk_at)
+    near[talk_at:] = mixing.convolve(dry, rooms.responses(room, "talker")[:1])[0]
+    noise = _ambience(corpus, rng, rooms, room, samples)[0]
+    hiss = gain(SELF_NOISE) * rng.standard_normal(samples, np.float32)
+    level = rng.uniform(*ECHO_LEVEL)
+
+    conditions = [(f"{ser:g} dB", ser, False) for ser in sets.SERS]
+    conditions.append((f"{sets.CHANGED_SER:g} dB, path changes", sets.CHANGED_SER, True))
+    for name, ser, changes in conditions:
+        y = echoes[changes]
+        louder = level - max(0.0, -ser)
+        parts = [
+            at_power(near, active_power(near), louder),
+            at_power(y, active_power(y[:stop_at]), louder - ser),
+            at_power(noise, mixing.power(noise), louder - ser - QUIET_ROOM),
+        ]
+        mic = sum(parts) + hiss
+        down = np.float32(min(1.0, PEAK / np.abs(mic).max()))
+        yield name, EchoScene(
+            echo.quantised(mic * down),
+            ref,
+            parts[0] * down,
+            slice(0, talk_at),
+            slice(talk_at, stop_at),
+            slice(stop_at + RATE // 2, samples),
+        )
+
+
+@dataclasses.dataclass(frozen=True)
+class WakeScene:
+    mics: np.ndarray  # [3, n], whole frames
+    ref: np.ndarray
+    begin: float  # s, the phrase as microphone 1 hears it
+    end: float
+    heading: float  # degrees
+    rt60: float  # s
+    speaker: str
+
+
+def phrases(corpus):
+    """The wake phrase's clips by test speakers."""
+    return [c for c in corpus.clips("mandarin", SPLIT) if c.pinyin == PHRASE]
+
+
+def without_phrases(corpus):
+    return corpus.where(lambda clip: clip.pinyin != PHRASE)
+
+
+def spoken_phrase(corpus, others, rooms, number):
+    """Yields (condition, WakeScene) of one phrase said after LEAD_FRAMES of whatever else is heard.
+
+    others: the corpus for everything but the phrase.
+    """
+    rng = generator("wake", number)
+    clips = phrases(corpus)
+    clip = clips[rng.integers(len(clips))]
+    room = rooms.draw(rng, SPLIT)
+    start = LEAD_FRAMES * FRAME
+    phrase = sources.levelled(corpus.read(clip))
+    samples = -(-(start + len(phrase) + round(AFTER * RATE)) // FRAME) * FRAME
+    dry = np.zeros(samples, np.float32)
+    dry[start : start + len(phrase)] = phrase
+    near = mixing.convolve(dry, rooms.responses(room, "talker"))
+    way = int(rooms.rooms["onset"][room][0][0]) - SIMULATOR_DELAY
+    first, last = _active(phrase)
+
+    ref = echo.far_end(others, rng, SPLIT, samples)
+    responses = rooms.responses(room, "loudspeaker")
+    echoes = echo.echo(_still_path(rng), ref, responses, responses)
+    noise = _ambience(others, rng, rooms, room, samples)
+    hiss = gain(SELF_NOISE) * rng.standard_normal((3, samples), np.float32)
+    level = rng.uniform(*ECHO_LEVEL)
+    for name, (snr, ser) in sets.WAKE_CONDITIONS.items():
+        louder = level - max(0.0, -(ser or 0.0))
+        mics = at_power(near, active_power(near[0]), louder) + hiss
+        mics = mics + at_power(noise, mixing.power(noise[0]), louder - snr)
+        if ser is not None:
+            mics = mics + at_power(echoes, active_power(echoes[0]), louder - ser)
+        mics = mics * np.float32(min(1.0, PEAK / np.abs(mics).max()))
+        yield name, WakeScene(
+            mics,
+            np.zeros_like(ref) if ser is None else ref,
+            (start + way + first) / RATE,
+            (start + way + last) / RATE,
+            float(rooms.rooms["heading"][room][0]),
+            rooms.rt60(room),
+            clip.speaker,
+        )
+
+
+def noisy_talk(corpus, rooms, number, seconds):
+    """[3, n] of talk, noise and music without the phrase."""
+    samples = round(seconds * RATE) // FRAME * FRAME
+    scene = noisy.draw_scene(corpus, rooms, generator("talk", number), samples, SPLIT)
+    return noisy.mix([scene], lambda x: x)[0][0]
+
+
+def playback_alone(corpus, rooms, number, seconds):
+    """(mics [3, n], ref [n]): the device plays, nobody talks."""
+    rng = generator("playback", number)
+    samples = round(seconds * RATE) // FRAME * FRAME
+    room = rooms.draw(rng, SPLIT)
+    ref = echo.far_end(corpus, rng, SPLIT, samples)
+    responses = rooms.responses(room, "loudspeaker")
+    y = echo.echo(_still_path(rng), ref, responses, responses)
+    level = rng.uniform(*ECHO_LEVEL)
+    noise = _ambience(corpus, rng, rooms, room, samples)
+    mics = at_power(y, active_power(y[0]), level)
+    mics = mics + at_power(noise, mixing.power(noise[0]), level - QUIET_ROOM)
+    return mics * np.float32(min(1.0, PEAK / np.abs(mics).max())), ref
+
+
+def at_power(x, power, level):
+    """x, of which `power` is the power that counts, at `level` dBFS."""
+    return x * np.float32(gain(level) / np.sqrt(power + 1e-20))
+
+
+def _still_path(rng):
+    loudspeaker = echo.draw_loudspeaker(rng)
+    return echo.Path(loudspeaker, rng.uniform(*echo.DRIVE), round(rng.uniform(*echo.DELAY) * RATE))
+
+
+def _ambience(corpus, rng, rooms, room, samples):
+    point, field = noisy.dry_noise(corpus, rng, SPLIT, samples)
+    noise = sum(
+        mixing.convolve(x, rooms.responses(room, place))
+        for x, place in zip(point, ("noise 1", "noise 2"))
+    )
+    return noise if field is None else noise + field
+
+
+def _active(x):
+    """First and last sample of the frames within 30 dB of the loudest."""
+    frames = (x[: len(x) // LEVEL_FRAME * LEVEL_FRAME].reshape(-1, LEVEL_FRAME) ** 2).mean(1)
+    loud = np.flatnonzero(frames > frames.max() * 1e-3)
+    return int(loud[0]) * LEVEL_FRAME, int(loud[-1] + 1) * LEVEL_FRAME

@@ -1,0 +1,143 @@
+"""Section 3: said, heard, pointed.
+
+Each phrase goes through the whole front end: that gives recall, latency and the reported angle as
+the device has them. Beside it, on the same cancelled microphones:
+- the wake-up engine's cost of every step, for recall and false accepts at any threshold (DET);
+- the direction asked for at the end of every phrase, heard or not, and SRP-PHAT's.
+"""
+
+import numpy as np
+
+from training.evaluate import device as devices
+from training.evaluate import intervals, metrics, scenes, sets
+from training.evaluate.peers import srp_phat
+from training.scenes.audio import RATE
+
+LATE = 1.5  # s: a wake later than this after the phrase is not counted as hearing it
+ASKED = 0.1  # s after the phrase, when the direction is asked for
+LOOK_BACK = 0.45  # s of the estimator's decision
+POINTED = 15.0  # degrees within which the device has pointed at the talker
+OPERATING_POINT = 1.2  # the decoder's threshold
+THRESHOLDS = np.round(np.arange(0.05, 4.61, 0.05), 2)
+STRETCH = 60.0  # s of one scene without the phrase
+REFRACTORY = 1.0  # s in which a second false accept is not counted
+STEP = devices.BLOCK / RATE
+NO_STEP = 99.0  # the lowest cost where no step could have woken the device
+
+
+def run(device, corpus, rooms, sizes, progress):
+    if not scenes.phrases(corpus):
+        return {"left_out": f"no test speaker in the data says {scenes.PHRASE!r}"}
+    others = scenes.without_phrases(corpus)
+    rows = []
+    for number in range(sizes.wake):
+        for condition, scene in scenes.spoken_phrase(corpus, others, rooms, number):
+            rows.append({"scene": number, "condition": condition, **measure(device, scene)})
+        progress()
+    silence = []
+    for number in range(round(sizes.silence_minutes)):
+        silence.append(without_phrase(device, others, rooms, number))
+        progress()
+    return {
+        "rows": rows,
+        "summary": summarise(rows, silence),
+        "voices": sorted({r["speaker"] for r in rows}),
+        "clips": len(scenes.phrases(corpus)),
+    }
+
+
+def measure(device, scene):
+    cancelled, events = device.front_end(scene.mics, scene.ref)
+    heard = [e for e in events if scene.begin <= e[0] <= scene.end + LATE]
+    costs = device.wake_costs(cancelled)
+    part = slice(int(scene.begin / STEP), int((scene.end + LATE) / STEP))
+    asked = scene.end + ASKED
+    stop = round(asked * RATE) - devices.SUPPRESSOR_DELAY  # what the estimator looks back from
+    window = slice(stop - round(LOOK_BACK * RATE), stop)
+    phrase = slice(round(scene.begin * RATE), round(scene.end * RATE))
+
+    headings = {
+        "Quibo": device.heading(cancelled, asked),
+        "SRP-PHAT, same 0.45 s": srp_phat.heading(devices.to_float(cancelled[:, window])),
+        "SRP-PHAT, whole phrase": srp_phat.heading(devices.to_float(cancelled[:, phrase])),
+    }
+    lowest = float(costs[part].min())
+    return {
+        "speaker": scene.speaker,
+        "heading": scene.heading,
+        "rt60": scene.rt60,
+        "heard": bool(heard),
+        "latency": heard[0][0] - scene.end if heard else None,
+        "angle": heard[0][1] if heard else None,
+        "also_heard": len(events) - bool(heard),
+        "lowest_cost": lowest if np.isfinite(lowest) else NO_STEP,
+        "pointed": headings,
+    }
+
+
+def without_phrase(device, corpus, rooms, number):
+    """Costs of a stretch in which nobody says the phrase: talk in noise and playback in turns."""
+    if number % 2 == 0:
+        mics = devices.to_int16(scenes.noisy_talk(corpus, rooms, number, STRETCH))
+        return {"kind": "talk", "costs": device.wake_costs(mics)}
+    mics, ref = scenes.playback_alone(corpus, rooms, number, STRETCH)
+    cancelled = np.stack([devices.to_int16(device.cancel(mic, ref)) for mic in mics])
+    return {"kind": "playback", "costs": device.wake_costs(cancelled)}
+
+
+def accepts(costs, threshold):
+    """Wakes in a run of costs, at most one per REFRACTORY."""
+    count, next_step = 0, 0
+    for step in np.flatnonzero(costs < threshold):
+        if step >= next_step:
+            count, next_step = count + 1, step + REFRACTORY / STEP
+    return count
+
+
+def summarise(rows, silence):
+    conditions = {
+        name: [r for r in rows if r["condition"] == name] for name in sets.WAKE_CONDITIONS
+    }
+    hours = sum(len(s["costs"]) for s in silence) * STEP / 3600
+    false = [sum(accepts(s["costs"], t) for s in silence) for t in THRESHOLDS]
+    at_work = sum(accepts(s["costs"], OPERATING_POINT) for s in silence)
+    return {
+        "conditions": {name: _condition(chosen) for name, chosen in conditions.items()},
+        "false_accepts": intervals.rate(at_work, hours),
+        "hours": hours,
+        "det": {
+            "threshold": THRESHOLDS.tolist(),
+            "false_per_hour": [f / hours for f in false] if hours else [],
+            "missed": {
+                name: [float(np.mean([r["lowest_cost"] >= t for r in chosen])) for t in THRESHOLDS]
+                for name, chosen in conditions.items()
+            },
+        },
+    }
+
+
+def _condition(rows):
+    heard = [r for r in rows if r["heard"]]
+    pointed = [r for r in heard if _off(r["angle"], r["heading"]) <= POINTED]
+
+    def directions(name):
+        errors = [_off(r["pointed"][name], r["heading"]) for r in rows]
+        return {
+            "median": intervals.bootstrap(errors, np.median),
+            "p90": intervals.bootstrap(errors, intervals.percentile(90)),
+            "within": intervals.share(sum(e <= POINTED for e in errors), len(errors)),
+        }
+
+    return {
+        "said": len(rows),
+        "heard": intervals.share(len(heard), len(rows)),
+        "pointed": intervals.share(len(pointed), len(rows)),
+        "also_heard": sum(r["also_heard"] for r in rows),
+        "latency": intervals.bootstrap([r["latency"] for r in heard], np.median),
+        "direction": {name: directions(name) for name in rows[0]["pointed"]} if rows else {},
+    }
+
+
+def _off(heading, truth):
+    """Degrees from the talker; a device that points nowhere is as wrong as can be."""
+    return 180.0 if heading is None else metrics.angle_error(heading, truth)
