@@ -4,63 +4,33 @@
 #include <stdlib.h>
 #include <string.h>
 
+#include "dsp/net_layers.h"
+
 namespace {
+
+using quibo::allocate;
+using quibo::create_conv;
 
 // Recurrent states: 32 positions x 64. Static, so a second instance would disturb the first.
 float sh_time_gru1_hidden[2048], sh_time_gru2_hidden[2048], sh_time_gru3_hidden[2048];
 
-template <class Record>
-Record* allocate() {
-  return static_cast<Record*>(calloc(1, sizeof(Record)));
-}
-
-bool create_conv(LAYER_CONV_NNAEC** slot, const float* weight, const float* bias,
-                 const float* prelu) {
-  LAYER_CONV_NNAEC* layer = *slot = allocate<LAYER_CONV_NNAEC>();
-  if (!layer) return false;
-  layer->weight = weight;
-  layer->bias = bias;
-  layer->prelu = prelu;
-  return true;
-}
-
-struct GruTables {
-  const float *weight, *bias, *linear_weight, *linear_bias;
-};
-
-bool create_gru(LAYER_GRU_NNAEC** slot, const GruTables& tables, float* state) {
-  constexpr int kHidden = 64, kGate = kHidden * 2 * kHidden;
-  LAYER_GRU_NNAEC* layer = *slot = allocate<LAYER_GRU_NNAEC>();
-  if (!layer) return false;
-  layer->weight_ir = tables.weight;
-  layer->weight_iz = tables.weight + kGate;
-  layer->weight_in = tables.weight + 2 * kGate;
-  layer->bias_ir = tables.bias;
-  layer->bias_iz = tables.bias + kHidden;
-  layer->bias_in1 = tables.bias + 2 * kHidden;
-  layer->bias_in2 = tables.bias + 3 * kHidden;
-  layer->linear_weight = tables.linear_weight;
-  layer->linear_bias = tables.linear_bias;
-  layer->prev_stat = state;
-  return true;
-}
-
-bool create_time_gru(LAYER_GRU_NNAEC** slot, const GruTables& tables, float (&state)[2048]) {
-  memset(state, 0, sizeof state);
-  return create_gru(slot, tables, state);
+bool create_gru(LAYER_GRU_NNAEC** slot, const float* weight, const float* bias,
+                const float* linear_weight, const float* linear_bias, float* state) {
+  return quibo::create_gru<64>(slot, weight, bias, linear_weight, linear_bias, state);
 }
 
 }  // namespace
 
 #define CONV(kind, n) aec_##kind##_conv##n##_weight, aec_##kind##_conv##n##_bias
 #define PRELU(kind, n) aec_##kind##_prelu##n##_weight
-#define GRU(axis, n)                                                                           \
-  {                                                                                            \
-    aec_##axis##_gru##n##_weight, aec_##axis##_gru##n##_bias, aec_##axis##_linear##n##_weight, \
-        aec_##axis##_linear##n##_bias                                                          \
-  }
+#define GRU(axis, n)                                                                         \
+  aec_##axis##_gru##n##_weight, aec_##axis##_gru##n##_bias, aec_##axis##_linear##n##_weight, \
+      aec_##axis##_linear##n##_bias
 
 int32_t init_aec_denoise_net(AEC_Denoise_Net* net) {
+  memset(sh_time_gru1_hidden, 0, sizeof sh_time_gru1_hidden);
+  memset(sh_time_gru2_hidden, 0, sizeof sh_time_gru2_hidden);
+  memset(sh_time_gru3_hidden, 0, sizeof sh_time_gru3_hidden);
   const bool layers =
       create_conv(&net->sys_real_conv, aec_sys_real_conv_weight, aec_sys_real_conv_bias, nullptr) &&
       create_conv(&net->sys_imag_conv, aec_sys_imag_conv_weight, aec_sys_imag_conv_bias, nullptr) &&
@@ -75,9 +45,9 @@ int32_t init_aec_denoise_net(AEC_Denoise_Net* net) {
       create_gru(&net->f_gru1, GRU(freq, 1), nullptr) &&
       create_gru(&net->f_gru2, GRU(freq, 2), nullptr) &&
       create_gru(&net->f_gru3, GRU(freq, 3), nullptr) &&
-      create_time_gru(&net->t_gru1, GRU(time, 1), sh_time_gru1_hidden) &&
-      create_time_gru(&net->t_gru2, GRU(time, 2), sh_time_gru2_hidden) &&
-      create_time_gru(&net->t_gru3, GRU(time, 3), sh_time_gru3_hidden) &&
+      create_gru(&net->t_gru1, GRU(time, 1), sh_time_gru1_hidden) &&
+      create_gru(&net->t_gru2, GRU(time, 2), sh_time_gru2_hidden) &&
+      create_gru(&net->t_gru3, GRU(time, 3), sh_time_gru3_hidden) &&
       create_conv(&net->dec_conv1, CONV(dec, 1), PRELU(dec, 1)) &&
       create_conv(&net->dec_conv2, CONV(dec, 2), PRELU(dec, 2)) &&
       create_conv(&net->dec_conv3, CONV(dec, 3), PRELU(dec, 3)) &&

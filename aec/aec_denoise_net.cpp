@@ -6,6 +6,7 @@
 #include "dsp/conv_layer.h"
 #include "dsp/convert.h"
 #include "dsp/kernels.h"
+#include "dsp/net_layers.h"
 #include "dsp/stft.h"
 
 namespace {
@@ -14,6 +15,7 @@ using quibo::ConvInput;
 using quibo::ConvJob;
 using quibo::kBins;
 using quibo::kHop;
+using quibo::run_conv;
 using quibo::Spectrum;
 
 constexpr int kMaxSteps = 2;
@@ -54,18 +56,6 @@ void copy(float* to, const float* from, int count) {
 }
 
 // ---- Layers ----------------------------------------------------------------------------------
-
-void run_conv(ConvJob job, const LAYER_CONV_NNAEC& layer, int channels, float* output,
-              int output_row, int output_step) {
-  job.weight = layer.weight;
-  job.bias = layer.bias;
-  job.prelu = layer.prelu;
-  job.out_channels = channels;
-  job.output = output;
-  job.output_stride = output_row;
-  job.output_step = output_step;
-  quibo::kernels().net.conv(job);
-}
 
 template <class Input>
 ConvJob input_job(float* history, int steps) {
@@ -113,44 +103,7 @@ void decoder_stage(float* history, const LAYER_CONV_NNAEC& layer, const float* e
 }
 
 void gru_block(const LAYER_GRU_NNAEC& layer, void (*kernel)(const quibo::GruJob&), int steps) {
-  quibo::GruJob job;
-  job.weight_ir = layer.weight_ir;
-  job.weight_iz = layer.weight_iz;
-  job.weight_in_x = layer.weight_in;
-  job.weight_in_h = layer.weight_in + kHidden;
-  job.weight_in_stride = 2 * kHidden;
-  job.bias_ir = layer.bias_ir;
-  job.bias_iz = layer.bias_iz;
-  job.bias_in1 = layer.bias_in1;
-  job.bias_in2 = layer.bias_in2;
-  job.linear_weight = layer.linear_weight;
-  job.linear_bias = layer.linear_bias;
-  job.norm_weight = nullptr;
-  job.norm_bias = nullptr;
-  job.state = layer.prev_stat;
-  job.input = sh_out1;
-  job.output = sh_out1;
-  job.steps = steps;
-  job.scratch = sfilter;
-  kernel(job);
-}
-
-// An upsampling layer on the window's fresh frames; its shuffled output goes to `to`.
-template <class Input, int channels>
-void upsample(float* history, const LAYER_CONV_NNAEC& layer, int steps, float* to, int to_row,
-              int to_step) {
-  constexpr int kConvStep = channels * Input::kOutputs;
-  static_assert(kConvStep <= kMap, "fits");
-  Input::clear_guards(window, steps);
-  Input::exchange_history(history, window, steps);
-  run_conv(Input::job(window, steps), layer, channels, sh_out2, Input::kOutputs, kConvStep);
-  quibo::shuffle_up(to, to_row, to_step, sh_out2, channels, Input::kOutputs, steps);
-}
-
-template <class Input, int channels, class Next>
-void upsample_into(float* history, const LAYER_CONV_NNAEC& layer, int steps) {
-  upsample<Input, channels>(history, layer, steps, Next::fresh(window) + 1, Next::kRow,
-                            Next::kFrame);
+  kernel(quibo::gru_job(layer, kHidden, 2 * kHidden, sh_out1, sh_out1, steps, sfilter));
 }
 
 // ---- Spectra ---------------------------------------------------------------------------------
@@ -249,10 +202,14 @@ void forward(AEC_Denoise_Net* net, const float* mic, const float* yn, int16_t* o
   decoder_stage(d->dec4_input, *net->dec_conv4, d->enc2_input, steps);
 
   Pixel1::pad(window, sh_out1, steps);
-  upsample_into<Pixel1, 64, Pixel2>(d->sub1_input, *net->sub_pix_conv1, steps);
-  upsample_into<Pixel2, 32, Pixel3>(d->sub2_input, *net->sub_pix_conv2, steps);
-  upsample_into<Pixel3, 16, Pixel4>(d->sub3_input, *net->sub_pix_conv3, steps);
-  upsample<Pixel4, 4>(d->sub4_input, *net->sub_pix_conv4, steps, sh_out1, kHop, 2 * kHop);
+  quibo::upsample_into<Pixel1, 64, Pixel2>(window, d->sub1_input, *net->sub_pix_conv1, steps,
+                                           sh_out2);
+  quibo::upsample_into<Pixel2, 32, Pixel3>(window, d->sub2_input, *net->sub_pix_conv2, steps,
+                                           sh_out2);
+  quibo::upsample_into<Pixel3, 16, Pixel4>(window, d->sub3_input, *net->sub_pix_conv3, steps,
+                                           sh_out2);
+  quibo::upsample<Pixel4, 4>(window, d->sub4_input, *net->sub_pix_conv4, steps, sh_out2, sh_out1,
+                             kHop, 2 * kHop);
 
   for (int s = 0; s < steps; ++s) {
     make_mask(d, *net, sh_out1 + s * 2 * kHop);

@@ -34,6 +34,12 @@ void mix(int16_t* to, const int16_t* mic1, const int16_t* mic2, const int16_t* m
   }
 }
 
+// The fill level after `len` more samples, kept within the FIFOs whatever the caller says.
+int32_t advanced(int32_t pending, int32_t len) {
+  if (len > QUIBO_FIFO - pending) return QUIBO_FIFO;
+  return len < -pending ? 0 : pending + len;
+}
+
 void clear_fifos(KTWakeup h) {
   memset(h->mic1_doa_data, 0, sizeof h->mic1_doa_data);
   memset(h->mic2_doa_data, 0, sizeof h->mic2_doa_data);
@@ -114,7 +120,7 @@ int32_t Quibo_doa_three_write_data(KTWakeup handle, int32_t* Iswakeup, const int
   QuibAncRun(handle->DAncHnadle0, mic1_data, handle->mic1_doa_data + pending);
   QuibAncRun(handle->DAncHnadle1, mic2_data, handle->mic2_doa_data + pending);
   QuibAncRun(handle->DAncHnadle2, mic3_data, handle->mic3_doa_data + pending);
-  handle->data_doa_len = pending + len;
+  handle->data_doa_len = advanced(pending, len);
 
   *Iswakeup = -1;
   int32_t woken = 0;  // from the block of a wake to the end of the call

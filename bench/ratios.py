@@ -1,14 +1,17 @@
 #!/usr/bin/env python3
-"""Reads a benchmark's JSON and prints, per row, the smallest time and its ratio to ours.
+"""Reads the JSON files of one or several runs of a benchmark and prints, per row, the smallest time and its ratio to ours.
 
-    fft_bench --benchmark_repetitions=10 --benchmark_format=json | bench/ratios.py
+    bench/ratios.py fft1.json fft2.json ...
 """
 import collections
 import json
 import sys
 
 rows = collections.defaultdict(dict)  # "forward/512" -> {"quibo": smallest time, ...}
-runs = [run for run in json.load(sys.stdin)["benchmarks"] if run["run_type"] == "iteration"]
+runs = []
+for path in sys.argv[1:]:
+    with open(path) as file:
+        runs += [run for run in json.load(file)["benchmarks"] if run["run_type"] == "iteration"]
 for run in sorted(runs, key=lambda run: run["family_index"]):  # repetitions may be interleaved
     row, library = run["run_name"].rsplit("/", 1)
     rows[row][library] = min(run["cpu_time"], rows[row].get(library, float("inf")))

@@ -10,11 +10,11 @@ install(TARGETS quibo_demo RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
 install(FILES include/quibo/quibo.h DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/quibo)
 # The records, for callers that hold one themselves.
 install(FILES api/WakeupApi.h DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/quibo/api)
-install(FILES aec/Laec.h aec/aecpostapi.h aec/aec_denoise.h DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/quibo/aec)
-install(FILES denoise/denoise.h DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/quibo/denoise)
 install(FILES wakeup/ChineseConv.h wakeup/QuibWakeupApi.h DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/quibo/wakeup)
 install(FILES doa/ring_doa.h doa/customs_doa_api.h DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/quibo/doa)
 install(FILES dsp/complex.h DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/quibo/dsp)
+install(FILES aec/Laec.h aec/aecpostapi.h aec/aec_denoise.h DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/quibo/aec)
+install(FILES denoise/denoise.h DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/quibo/denoise)
 install(FILES limiter/zq_MPO.h DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/quibo/limiter)
 
 set(package_dir ${CMAKE_INSTALL_LIBDIR}/cmake/quibo)

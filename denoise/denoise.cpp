@@ -3,8 +3,12 @@
 #include <stdlib.h>
 
 #include "dsp/convert.h"
+#include "dsp/net_layers.h"
 
 namespace {
+
+using quibo::allocate;
+using quibo::create_conv;
 
 // Recurrent states, zero when the program starts and never reset. Deliberately one set for all
 // instances: the three microphones hear the same scene, and the network is trained with their steps
@@ -12,41 +16,12 @@ namespace {
 float gru_time1_hidden[1024], gru_time2_hidden[1024], gru_time3_hidden[1024];  // 32 positions x 32
 float gru_freq1_hidden[48], gru_freq2_hidden[48], gru_freq3_hidden[48];        // 32 in use
 
-template <class Record>
-Record* allocate() {
-  return static_cast<Record*>(calloc(1, sizeof(Record)));
-}
-
-bool create_conv(LAYER_CONV_COMMON** slot, const float* weight, const float* bias,
-                 const float* prelu) {
-  LAYER_CONV_COMMON* layer = *slot = allocate<LAYER_CONV_COMMON>();
-  if (!layer) return false;
-  layer->weight = weight;
-  layer->bias = bias;
-  layer->prelu = prelu;
-  return true;
-}
-
-struct GruTables {
-  const float *weight, *bias, *linear_weight, *linear_bias, *norm_weight, *norm_bias;
-};
-
-bool create_gru(LAYER_GRU_COMMON** slot, const GruTables& tables, float* state) {
-  constexpr int kHidden = 32, kGate = kHidden * 2 * kHidden;
-  LAYER_GRU_COMMON* layer = *slot = allocate<LAYER_GRU_COMMON>();
-  if (!layer) return false;
-  layer->weight_ir = tables.weight;
-  layer->weight_iz = tables.weight + kGate;
-  layer->weight_in = tables.weight + 2 * kGate;
-  layer->bias_ir = tables.bias;
-  layer->bias_iz = tables.bias + kHidden;
-  layer->bias_in1 = tables.bias + 2 * kHidden;
-  layer->bias_in2 = tables.bias + 3 * kHidden;
-  layer->linear_weight = tables.linear_weight;
-  layer->linear_bias = tables.linear_bias;
-  layer->norm_weight = tables.norm_weight;
-  layer->norm_bias = tables.norm_bias;
-  layer->prev_stat = state;
+bool create_gru(LAYER_GRU_COMMON** slot, const float* weight, const float* bias,
+                const float* linear_weight, const float* linear_bias, const float* norm_weight,
+                const float* norm_bias, float* state) {
+  if (!quibo::create_gru<32>(slot, weight, bias, linear_weight, linear_bias, state)) return false;
+  (*slot)->norm_weight = norm_weight;
+  (*slot)->norm_bias = norm_bias;
   return true;
 }
 
@@ -54,12 +29,10 @@ bool create_gru(LAYER_GRU_COMMON** slot, const GruTables& tables, float* state) 
 
 #define CONV(kind, n) denoise_##kind##_conv##n##_weight, denoise_##kind##_conv##n##_bias
 #define PRELU(n) denoise_inp_prelu##n##_weight
-#define GRU(axis, n)                                                            \
-  {                                                                             \
-    denoise_##axis##_gru##n##_weight, denoise_##axis##_gru##n##_bias,           \
-        denoise_##axis##_linear##n##_weight, denoise_##axis##_linear##n##_bias, \
-        denoise_##axis##_norm##n##_weight, denoise_##axis##_norm##n##_bias      \
-  }
+#define GRU(axis, n)                                                          \
+  denoise_##axis##_gru##n##_weight, denoise_##axis##_gru##n##_bias,           \
+      denoise_##axis##_linear##n##_weight, denoise_##axis##_linear##n##_bias, \
+      denoise_##axis##_norm##n##_weight, denoise_##axis##_norm##n##_bias
 
 void init_denoise_net(DenoiseNet* net, float min_scale) {
   const bool layers = create_conv(&net->inp_conv1, CONV(inp, 1), PRELU(1)) &&

@@ -5,6 +5,7 @@
 #include "denoise/denoise.h"
 #include "dsp/conv_layer.h"
 #include "dsp/kernels.h"
+#include "dsp/net_layers.h"
 #include "dsp/stft.h"
 
 namespace {
@@ -13,7 +14,7 @@ using quibo::ConvInput;
 using quibo::ConvJob;
 using quibo::kBins;
 using quibo::kHop;
-using quibo::kSpectra;
+using quibo::run_conv;
 using quibo::Spectrum;
 
 constexpr int kMaxSteps = 2;
@@ -94,18 +95,6 @@ ConvJob layer_job(int steps) {
   return Input::job(split, steps);
 }
 
-void run_conv(ConvJob job, const LAYER_CONV_COMMON& layer, int channels, float* output,
-              int output_row, int output_step) {
-  job.weight = layer.weight;
-  job.bias = layer.bias;
-  job.prelu = layer.prelu;
-  job.out_channels = channels;
-  job.output = output;
-  job.output_stride = output_row;
-  job.output_step = output_step;
-  quibo::kernels().net.conv(job);
-}
-
 // An encoder layer whose output is the next layer's fresh frames.
 template <class Next>
 void encode(const ConvJob& job, const LAYER_CONV_COMMON& layer) {
@@ -121,44 +110,11 @@ bool warmed_up(int32_t* count, int steps) {
 
 void gru_block(const LAYER_GRU_COMMON& layer, void (*kernel)(const quibo::GruJob&),
                const float* input, float* output, int steps) {
-  quibo::GruJob job;
-  job.weight_ir = layer.weight_ir;
-  job.weight_iz = layer.weight_iz;
-  job.weight_in_x = layer.weight_in;
-  job.weight_in_h = layer.weight_in + kHidden * kHidden;
-  job.weight_in_stride = kHidden;
-  job.bias_ir = layer.bias_ir;
-  job.bias_iz = layer.bias_iz;
-  job.bias_in1 = layer.bias_in1;
-  job.bias_in2 = layer.bias_in2;
-  job.linear_weight = layer.linear_weight;
-  job.linear_bias = layer.linear_bias;
+  quibo::GruJob job =
+      quibo::gru_job(layer, kHidden * kHidden, kHidden, input, output, steps, sh_tempbuf);
   job.norm_weight = layer.norm_weight;
   job.norm_bias = layer.norm_bias;
-  job.state = layer.prev_stat;
-  job.input = input;
-  job.output = output;
-  job.steps = steps;
-  job.scratch = sh_tempbuf;
   kernel(job);
-}
-
-// A decoder layer on the window's fresh frames; its shuffled output goes to `to`.
-template <class Input, int channels>
-void decode(float* history, const LAYER_CONV_COMMON& layer, int steps, float* to, int to_row,
-            int to_step) {
-  constexpr int kConvStep = channels * Input::kOutputs;
-  static_assert(kMaxSteps * kConvStep <= sizeof sh_out2 / sizeof sh_out2[0], "fits");
-  Input::clear_guards(window, steps);
-  Input::exchange_history(history, window, steps);
-  ConvJob job = Input::job(window, steps);
-  run_conv(job, layer, channels, sh_out2, Input::kOutputs, kConvStep);
-  quibo::shuffle_up(to, to_row, to_step, sh_out2, channels, Input::kOutputs, steps);
-}
-
-template <class Input, int channels, class Next>
-void decode_into(float* history, const LAYER_CONV_COMMON& layer, int steps) {
-  decode<Input, channels>(history, layer, steps, Next::fresh(window) + 1, Next::kRow, Next::kFrame);
 }
 
 // ---- Spectra ---------------------------------------------------------------------------------
@@ -231,10 +187,14 @@ int32_t forward(DenoiseNet* net, const float* in, float* out, int steps) {
   gru_block(*net->f_gru3, gru.frequency, sh_out2, sh_out1, steps);
 
   Decoder1::pad(window, sh_out1, steps);
-  decode_into<Decoder1, 32, Decoder2>(d->sub1_input, *net->sub_pix_conv1, steps);
-  decode_into<Decoder2, 32, Decoder3>(d->sub2_input, *net->sub_pix_conv2, steps);
-  decode_into<Decoder3, 16, Decoder4>(d->sub3_input, *net->sub_pix_conv3, steps);
-  decode<Decoder4, 4>(d->sub4_input, *net->sub_pix_conv4, steps, sh_out1, kHop, 2 * kHop);
+  quibo::upsample_into<Decoder1, 32, Decoder2>(window, d->sub1_input, *net->sub_pix_conv1, steps,
+                                               sh_out2);
+  quibo::upsample_into<Decoder2, 32, Decoder3>(window, d->sub2_input, *net->sub_pix_conv2, steps,
+                                               sh_out2);
+  quibo::upsample_into<Decoder3, 16, Decoder4>(window, d->sub3_input, *net->sub_pix_conv3, steps,
+                                               sh_out2);
+  quibo::upsample<Decoder4, 4>(window, d->sub4_input, *net->sub_pix_conv4, steps, sh_out2, sh_out1,
+                               kHop, 2 * kHop);
 
   for (int s = 0; s < steps; ++s) {
     apply_mask(&delayed[s], sh_out1 + s * 2 * kHop, d->min_scale);

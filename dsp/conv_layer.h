@@ -119,4 +119,38 @@ inline void shuffle_up(float* to, int to_row, int to_step, const float* maps, in
   }
 }
 
+// Runs a job with the tables of a layer record (its fields weight, bias and prelu). Rows of the
+// output lie output_row apart, steps output_step.
+template <class Layer>
+void run_conv(ConvJob job, const Layer& layer, int channels, float* output, int output_row,
+              int output_step) {
+  job.weight = layer.weight;
+  job.bias = layer.bias;
+  job.prelu = layer.prelu;
+  job.out_channels = channels;
+  job.output = output;
+  job.output_stride = output_row;
+  job.output_step = output_step;
+  kernels().net.conv(job);
+}
+
+// An upsampling layer on the window's fresh frames: the convolution goes to `maps`, channels x
+// kOutputs per step, and from there shuffled to `to`.
+template <class Input, int channels, class Layer>
+void upsample(float* window, float* history, const Layer& layer, int steps, float* maps, float* to,
+              int to_row, int to_step) {
+  Input::clear_guards(window, steps);
+  Input::exchange_history(history, window, steps);
+  run_conv(Input::job(window, steps), layer, channels, maps, Input::kOutputs,
+           channels * Input::kOutputs);
+  shuffle_up(to, to_row, to_step, maps, channels, Input::kOutputs, steps);
+}
+
+// The same into the fresh frames of the next layer, in the same window.
+template <class Input, int channels, class Next, class Layer>
+void upsample_into(float* window, float* history, const Layer& layer, int steps, float* maps) {
+  upsample<Input, channels>(window, history, layer, steps, maps, Next::fresh(window) + 1,
+                            Next::kRow, Next::kFrame);
+}
+
 }  // namespace quibo

@@ -68,64 +68,70 @@ struct Butterfly {
 
 constexpr float kCosQuarterPi = round6(cos_turn(1, 8));
 
+// The first two stages hold several butterflies of different twiddles in one register, and two of
+// them have a form of their own: the first one and the one half-way. Runs body(i, butterfly) on
+// i = 0, kWidth, ... below `length`, with a butterfly that gives entries 0 .. lanes-1 and
+// length/2 .. length/2+lanes-1 their special forms.
+template <class V, int lanes, int length, class Body>
+void for_mixed_butterflies(const Body& body) {
+  static_assert(length / 2 % V::kWidth == 0, "the half-way entry starts a register");
+  using C = ComplexReg<V>;
+  auto mix = [](const Quad<V>& special, const Quad<V>& general) {
+    auto lead = [](C a, C b) {
+      return C{V::template lead<lanes>(a.re, b.re), V::template lead<lanes>(a.im, b.im)};
+    };
+    return Quad<V>{lead(special.y0, general.y0), lead(special.y1, general.y1),
+                   lead(special.y2, general.y2), lead(special.y3, general.y3)};
+  };
+  auto first = [&](C x0, C x1, C x2, C x3, C w1, C w2, C w3) {
+    return mix(Butterfly<V>::plain(x0, x1, x2, x3),
+               Butterfly<V>::twiddled(x0, x1, x2, x3, w1, w2, w3));
+  };
+  auto half_way = [&](C x0, C x1, C x2, C x3, C w1, C w2, C w3) {
+    return mix(Butterfly<V>::half_way(x0, x1, x2, x3, V::splat(kCosQuarterPi)),
+               Butterfly<V>::twiddled(x0, x1, x2, x3, w1, w2, w3));
+  };
+  auto half = [&](int begin, auto special) {
+    int i = begin;
+    for (; i < begin + lanes; i += V::kWidth) body(i, special);
+    for (; i < begin + length / 2; i += V::kWidth) body(i, Butterfly<V>::twiddled);
+  };
+  half(0, first);
+  half(length / 2, half_way);
+}
+
 // First stage (cft1st), positions = 1: the lanes hold consecutive i, each with twiddles of its own.
-// `Load` reads the complex input at an index, so that the stage serves interleaved samples and
-// split arrays alike.
+// load(i) reads the complex input, interleaved samples or split arrays.
 template <class V, int count, class Load>
-void first_stage(const Load& load, const StageTwiddles<count>& tw, float* re, float* im) {
-  static_assert(count % V::kWidth == 0, "rows fill whole registers");
-  for (int i = 0; i < count; i += V::kWidth) {
-    const Quad<V> q = Butterfly<V>::twiddled(
-        load.template at<V>(i), load.template at<V>(i + count), load.template at<V>(i + 2 * count),
-        load.template at<V>(i + 3 * count), load_complex<V>(tw.w1r + i, tw.w1i + i),
-        load_complex<V>(tw.w2r + i, tw.w2i + i), load_complex<V>(tw.w3r + i, tw.w3i + i));
+[[gnu::flatten]] void first_stage(const Load& load, const StageTwiddles<count>& tw, float* re,
+                                  float* im) {
+  for_mixed_butterflies<V, 1, count>([&](int i, auto butterfly) {
+    const Quad<V> q =
+        butterfly(load(i), load(i + count), load(i + 2 * count), load(i + 3 * count),
+                  load_complex<V>(tw.w1r + i, tw.w1i + i), load_complex<V>(tw.w2r + i, tw.w2i + i),
+                  load_complex<V>(tw.w3r + i, tw.w3i + i));
     V::store_columns(re + 4 * i, q.y0.re, q.y1.re, q.y2.re, q.y3.re);
     V::store_columns(im + 4 * i, q.y0.im, q.y1.im, q.y2.im, q.y3.im);
-  }
-  // The two entries that have a form of their own, computed again.
-  using S = ScalarF32;
-  auto redo = [&](int i, const Quad<S>& q) {
-    S::store_columns(re + 4 * i, q.y0.re, q.y1.re, q.y2.re, q.y3.re);
-    S::store_columns(im + 4 * i, q.y0.im, q.y1.im, q.y2.im, q.y3.im);
-  };
-  auto in = [&](int i) { return load.template at<S>(i); };
-  constexpr int h = count / 2;
-  redo(0, Butterfly<S>::plain(in(0), in(count), in(2 * count), in(3 * count)));
-  redo(h, Butterfly<S>::half_way(in(h), in(h + count), in(h + 2 * count), in(h + 3 * count),
-                                 kCosQuarterPi));
+  });
 }
 
 // Second stage (cftmdl), positions = 4: a register holds all four positions of kWidth/4 consecutive
 // i.
 template <class V, int count>
-void second_stage(const float* xr, const float* xi, const StageTwiddles<count>& tw, float* yr,
-                  float* yi) {
+[[gnu::flatten]] void second_stage(const float* xr, const float* xi, const StageTwiddles<count>& tw,
+                                   float* yr, float* yi) {
   constexpr int step = 4 * count;
-  auto in = [&](auto v, int at) { return load_complex<decltype(v)>(xr + at, xi + at); };
-  for (int f = 0; f < step; f += V::kWidth) {
+  auto in = [&](int at) { return load_complex<V>(xr + at, xi + at); };
+  for_mixed_butterflies<V, 4, step>([&](int f, auto butterfly) {
     const int i = f / 4;
-    const Quad<V> q = Butterfly<V>::twiddled(
-        in(V{}, f), in(V{}, f + step), in(V{}, f + 2 * step), in(V{}, f + 3 * step),
-        {V::load_repeat4(tw.w1r + i), V::load_repeat4(tw.w1i + i)},
-        {V::load_repeat4(tw.w2r + i), V::load_repeat4(tw.w2i + i)},
-        {V::load_repeat4(tw.w3r + i), V::load_repeat4(tw.w3i + i)});
+    const Quad<V> q = butterfly(in(f), in(f + step), in(f + 2 * step), in(f + 3 * step),
+                                {V::load_repeat4(tw.w1r + i), V::load_repeat4(tw.w1i + i)},
+                                {V::load_repeat4(tw.w2r + i), V::load_repeat4(tw.w2i + i)},
+                                {V::load_repeat4(tw.w3r + i), V::load_repeat4(tw.w3i + i)});
     const int at = 16 * i + f % 4;
     V::store_quads(yr + at, q.y0.re, q.y1.re, q.y2.re, q.y3.re);
     V::store_quads(yi + at, q.y0.im, q.y1.im, q.y2.im, q.y3.im);
-  }
-  using S = ScalarF32;
-  auto redo = [&](int at, const Quad<S>& q) {
-    S::store_quads(yr + at, q.y0.re, q.y1.re, q.y2.re, q.y3.re);
-    S::store_quads(yi + at, q.y0.im, q.y1.im, q.y2.im, q.y3.im);
-  };
-  for (int p = 0; p < 4; ++p) {
-    const int h = step / 2 + p;
-    redo(p, Butterfly<S>::plain(in(S{}, p), in(S{}, p + step), in(S{}, p + 2 * step),
-                                in(S{}, p + 3 * step)));
-    redo(4 * (step / 2) + p,
-         Butterfly<S>::half_way(in(S{}, h), in(S{}, h + step), in(S{}, h + 2 * step),
-                                in(S{}, h + 3 * step), kCosQuarterPi));
-  }
+  });
 }
 
 // Later stages (cftmdl), positions >= 16: the lanes hold consecutive positions, which share their
@@ -185,28 +191,12 @@ struct RealFft {
   using Split = SplitComplex<kPoints>;
   using C = ComplexReg<V>;
 
-  struct InterleavedInput {
-    const float* x;
-    template <class W>
-    ComplexReg<W> at(int i) const {
-      return load_pairs<W>(x + 2 * i);
-    }
-  };
-
-  struct SplitInput {
-    const Split& x;
-    template <class W>
-    ComplexReg<W> at(int i) const {
-      return load_complex<W>(x.re + i, x.im + i);
-    }
-  };
-
   // All stages but the last, through the two buffers in turn; returns the one that holds the
-  // result. `in` may read from `b`, which is written only once the input has been consumed.
-  template <class Input>
-  static const Split& stages(const Input& in, Split& a, Split& b) {
+  // result. `load` may read from `b`, which is written only once the input has been consumed.
+  template <class Load>
+  static const Split& stages(const Load& load, Split& a, Split& b) {
     constexpr const RealFftTables<n>& t = kRealFftTables<n>;
-    first_stage<V, kPoints / 4>(in, t.stage1, a.re, a.im);
+    first_stage<V, kPoints / 4>(load, t.stage1, a.re, a.im);
     second_stage<V, kPoints / 16>(a.re, a.im, t.stage2, b.re, b.im);
     later_stage<V, kPoints / 64, 16>(b.re, b.im, t.stage3, a.re, a.im);
     if constexpr (n == 512) {
@@ -218,42 +208,36 @@ struct RealFft {
   }
 
   // The last stage has no twiddles: radix 4 where the number of complex points is a power of four,
-  // else radix 2. `emit(p, y)` receives output p of the positive-exponent transform.
-  template <class Emit>
-  static void last_stage(const Split& x, const Emit& emit) {
-    auto in = [&](int at) { return load_complex<V>(x.re + at, x.im + at); };
-    if constexpr (n == 1024) {
-      constexpr int half = kPoints / 2;
-      for (int p = 0; p < half; p += V::kWidth) {
-        const C x0 = in(p), x1 = in(p + half);
-        emit(p, x0 + x1);
-        emit(p + half, x0 - x1);
-      }
+  // else radix 2. Output r of the butterfly at p is output r*kPart + p of the transform.
+  static constexpr int kRadix = n == 1024 ? 2 : 4;
+  static constexpr int kPart = kPoints / kRadix;
+  struct Outputs {
+    C y[kRadix];
+  };
+
+  static Outputs last_butterfly(const Split& x, int p) {
+    auto in = [&](int r) { return load_complex<V>(x.re + r * kPart + p, x.im + r * kPart + p); };
+    if constexpr (kRadix == 2) {
+      return {{in(0) + in(1), in(0) - in(1)}};
     } else {
-      constexpr int quarter = kPoints / 4;
-      for (int p = 0; p < quarter; p += V::kWidth) {
-        const Quad<V> q =
-            Butterfly<V>::plain(in(p), in(p + quarter), in(p + 2 * quarter), in(p + 3 * quarter));
-        emit(p, q.y0);
-        emit(p + quarter, q.y1);
-        emit(p + 2 * quarter, q.y2);
-        emit(p + 3 * quarter, q.y3);
-      }
+      const Quad<V> q = Butterfly<V>::plain(in(0), in(1), in(2), in(3));
+      return {{q.y0, q.y1, q.y2, q.y3}};
     }
   }
 
-  // Runs body(k) on k .. k+kWidth-1 until it has covered 1 .. n/4-1. The last register overlaps the
+  // Runs body(k) on k .. k+kWidth-1 until it has covered 1 .. count. The last register overlaps the
   // one before, so `body` must read and write different arrays.
-  template <class Body>
-  static void for_bin_pairs(const Body& body) {
-    constexpr int last = kPoints / 2 - V::kWidth;
+  template <int count, class Body>
+  static void for_registers(const Body& body) {
+    constexpr int last = count + 1 - V::kWidth;
     for (int k = 1; k < last; k += V::kWidth) body(k);
     body(last);
   }
 
   // The step between the complex spectrum z of n/2 points and the bins of the real frame. It is its
   // own mirror image up to signs, so the same lines serve both directions: x = z[k] -
-  // conj(z[points-k]), y = w*x, z[k] - y and z[points-k] + conj(y).
+  // conj(z[points-k]), y = w*x, z[k] - y and z[points-k] + conj(y). `high` holds its lanes in
+  // reverse.
   static void pair_step(int k, C& low, C& high) {
     constexpr const RealTwiddles<n>& w = kRealFftTables<n>.real;
     const C x = {V::sub(low.re, high.re), V::add(low.im, high.im)};
@@ -262,29 +246,43 @@ struct RealFft {
     high = {V::add(high.re, y.re), V::sub(y.im, high.im)};
   }
 
+  // Where the mirror image of k .. k+kWidth-1 among `count` begins.
+  static constexpr int mirror(int count, int k) { return count - k - (V::kWidth - 1); }
+
+  static C reverse(C x) { return {V::reverse(x.re), V::reverse(x.im)}; }
+
+  // Bins k and their mirror images from the outputs of the last stage (rftfsub). The stages
+  // computed positive exponents; pair_step() conjugates.
+  static void store_bins(float* bins, int k, C low, C high) {
+    high = reverse(high);
+    pair_step(k, low, high);
+    store_pairs<V>(bins + 2 * k, low);
+    store_pairs<V>(bins + 2 * mirror(kPoints, k), reverse(high));
+  }
+
   // n samples to n/2+1 interleaved bins of X[k] = sum x[j] e^(-2*pi*j*k/n), unscaled.
   static void forward(const float* samples, float* bins) {
     Split a, b;
-    const Split& sorted = stages(InterleavedInput{samples}, a, b);
-    Split& z = &sorted == &a ? b : a;
-    last_stage(sorted, [&](int p, C y) { store_complex<V>(z.re + p, z.im + p, y); });
-
-    // The stages computed positive exponents; pair_step() conjugates (rftfsub and the sign change
-    // in one).
-    bins[0] = z.re[0] + z.im[0];
-    bins[1] = 0.0f;
-    bins[n] = z.re[0] - z.im[0];
-    bins[n + 1] = 0.0f;
-    bins[kPoints] = z.re[kPoints / 2];
-    bins[kPoints + 1] = -z.im[kPoints / 2];
-    for_bin_pairs([&](int k) {
-      const int mirror = kPoints - k - (V::kWidth - 1);
-      C low = load_complex<V>(z.re + k, z.im + k);
-      C high = {V::reverse(V::load(z.re + mirror)), V::reverse(V::load(z.im + mirror))};
-      pair_step(k, low, high);
-      store_pairs<V>(bins + 2 * k, low);
-      store_pairs<V>(bins + 2 * mirror, {V::reverse(high.re), V::reverse(high.im)});
+    const Split& sorted = stages([&](int i) { return load_pairs<V>(samples + 2 * i); }, a, b);
+    // The outputs of two butterflies that lie opposite each other are the images of one another.
+    for_registers<kPart / 2>([&](int p) {
+      const int opposite = mirror(kPart, p);
+      const Outputs here = last_butterfly(sorted, p), there = last_butterfly(sorted, opposite);
+      for (int r = 0; r < kRadix / 2; ++r) {
+        store_bins(bins, r * kPart + p, here.y[r], there.y[kRadix - 1 - r]);
+        store_bins(bins, r * kPart + opposite, there.y[r], here.y[kRadix - 1 - r]);
+      }
     });
+    // The first butterfly lies opposite itself.
+    using Scalar = RealFft<ScalarF32, n>;
+    const auto first = Scalar::last_butterfly(sorted, 0);
+    bins[0] = first.y[0].re + first.y[0].im;
+    bins[1] = 0.0f;
+    bins[n] = first.y[0].re - first.y[0].im;
+    bins[n + 1] = 0.0f;
+    bins[kPoints] = first.y[kRadix / 2].re;
+    bins[kPoints + 1] = -first.y[kRadix / 2].im;
+    if constexpr (kRadix == 4) Scalar::store_bins(bins, kPart, first.y[1], first.y[3]);
   }
 
   // n/2+1 interleaved bins to n samples, scaled by 2/n: the exact inverse of forward(). The
@@ -296,23 +294,25 @@ struct RealFft {
     z.im[0] = -half_difference;
     z.re[kPoints / 2] = bins[kPoints];
     z.im[kPoints / 2] = bins[kPoints + 1];
-    for_bin_pairs([&](int k) {  // rftbsub
-      const int mirror = kPoints - k - (V::kWidth - 1);
-      C low = load_pairs<V>(bins + 2 * k), high = load_pairs<V>(bins + 2 * mirror);
-      high = {V::reverse(high.re), V::reverse(high.im)};
+    for_registers<kPoints / 2 - 1>([&](int k) {  // rftbsub
+      const int image = mirror(kPoints, k);
+      C low = load_pairs<V>(bins + 2 * k), high = reverse(load_pairs<V>(bins + 2 * image));
       pair_step(k, low, high);
       // pair_step() leaves y.im - z.im; the backward direction wants the opposite sign.
       const typename V::Reg zero = V::splat(0.0f);
       store_complex<V>(z.re + k, z.im + k, {low.re, V::sub(zero, low.im)});
-      store_complex<V>(z.re + mirror, z.im + mirror,
-                       {V::reverse(high.re), V::sub(zero, V::reverse(high.im))});
+      store_complex<V>(z.re + image, z.im + image, reverse({high.re, V::sub(zero, high.im)}));
     });
-    const Split& sorted = stages(SplitInput{z}, a, z);
+    const Split& sorted = stages([&](int i) { return load_complex<V>(z.re + i, z.im + i); }, a, z);
     // cftbsub: the conjugate of the positive-exponent transform, interleaved back into samples.
     const typename V::Reg scale = V::splat(2.0f / n), minus_scale = V::splat(-2.0f / n);
-    last_stage(sorted, [&](int p, C y) {
-      V::store_pairs(samples + 2 * p, V::mul(y.re, scale), V::mul(y.im, minus_scale));
-    });
+    for (int p = 0; p < kPart; p += V::kWidth) {
+      const Outputs out = last_butterfly(sorted, p);
+      for (int r = 0; r < kRadix; ++r) {
+        V::store_pairs(samples + 2 * (r * kPart + p), V::mul(out.y[r].re, scale),
+                       V::mul(out.y[r].im, minus_scale));
+      }
+    }
   }
 };
 

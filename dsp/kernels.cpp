@@ -4,7 +4,9 @@
 #include <stdlib.h>
 #include <string.h>
 
-#if defined(__aarch64__) && defined(__linux__)
+#if defined(__x86_64__)
+#include <cpuid.h>
+#elif defined(__aarch64__) && defined(__linux__)
 #include <asm/hwcap.h>
 #include <sys/auxv.h>
 #endif
@@ -37,8 +39,12 @@ bool has_avx2() {
 bool has_avx512() {
   return __builtin_cpu_supports("avx512f") && __builtin_cpu_supports("avx512bw");
 }
+// Asked of the processor itself: not every compiler's __builtin_cpu_supports() knows it.
 bool has_avxvnni() {
-  return has_avx2() && __builtin_cpu_supports("avxvnni");
+  constexpr unsigned kExtendedFeatures = 7, kSubleaf = 1, kAvxVnni = 1u << 4;  // in eax
+  unsigned eax, ebx, ecx, edx;
+  return has_avx2() && __get_cpuid_count(kExtendedFeatures, kSubleaf, &eax, &ebx, &ecx, &edx) &&
+         (eax & kAvxVnni);
 }
 bool has_avx512vnni() {
   return has_avx512() && __builtin_cpu_supports("avx512vnni");

@@ -119,8 +119,8 @@ struct Int8Kernels {
   // kInt8MinDepth <= depth <= kInt8MaxDepth.
   void (*mat_vec)(const uint8_t* in, const int8_t* weight, const int32_t* bias, int rows, int depth,
                   int32_t* out);
-  // The same for every row of in, [positions][depth] to [positions][rows]; for small layers: rows a
-  // multiple of 16, depth of 4, rows * depth <= kInt8MaxSmallWeights.
+  // The same for every row of in, [positions][depth] to [positions][rows]; for small layers:
+  // positions a multiple of 3, rows of 16, depth of 4, rows * depth <= kInt8MaxSmallWeights.
   void (*mat_mul)(const uint8_t* in, int positions, const int8_t* weight, const int32_t* bias,
                   int rows, int depth, int32_t* out);
   // out[c] = bias[c] + sum over t < 8 of in[8 * c + t] * weight[8 * c + t]. channels >=

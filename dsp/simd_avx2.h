@@ -46,6 +46,10 @@ struct Avx2F32 {
   static Reg reverse(Reg v) {
     return _mm256_permutevar8x32_ps(v, _mm256_setr_epi32(7, 6, 5, 4, 3, 2, 1, 0));
   }
+  template <int count>
+  static Reg lead(Reg a, Reg b) {
+    return _mm256_blend_ps(b, a, (1 << count) - 1);
+  }
   static Reg load_repeat4(const float* p) {
     return _mm256_set_m128(_mm_set1_ps(p[1]), _mm_set1_ps(p[0]));
   }

@@ -54,6 +54,10 @@ struct Avx512F32 {
     return _mm512_permutexvar_ps(
         _mm512_setr_epi32(15, 14, 13, 12, 11, 10, 9, 8, 7, 6, 5, 4, 3, 2, 1, 0), v);
   }
+  template <int count>
+  static Reg lead(Reg a, Reg b) {
+    return _mm512_mask_blend_ps((1 << count) - 1, b, a);
+  }
   static Reg load_repeat4(const float* p) {
     const __m512i each = _mm512_setr_epi32(0, 0, 0, 0, 1, 1, 1, 1, 2, 2, 2, 2, 3, 3, 3, 3);
     return _mm512_permutexvar_ps(each, _mm512_castps128_ps512(_mm_loadu_ps(p)));

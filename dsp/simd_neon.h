@@ -52,6 +52,10 @@ struct NeonF32 {
     const Reg swapped = vrev64q_f32(v);
     return vextq_f32(swapped, swapped, 2);
   }
+  template <int count>
+  static Reg lead(Reg a, Reg b) {
+    return count == 1 ? vcopyq_laneq_f32(b, 0, a, 0) : a;
+  }
   static Reg load_repeat4(const float* p) { return vdupq_n_f32(*p); }
   static void store_columns(float* p, Reg y0, Reg y1, Reg y2, Reg y3) {
     vst4q_f32(p, float32x4x4_t{{y0, y1, y2, y3}});

@@ -11,6 +11,8 @@
 // - shift_to_exponent(a): the bits of each lane moved up to where a float keeps its exponent
 // - load_pairs: W (real, imaginary) pairs into two registers; store_pairs is its inverse
 // - reverse: lane i to lane W-1-i
+// - lead<count>(a, b): the first `count` (1 or 4) lanes of a, then those of b; all of a where
+//   W <= count
 // - load_repeat4(p): p[0] four times, p[1] four times, ... (one value for W = 1)
 // - store_columns: p[4*i + r] = lane i of y_r, four registers written as rows of four
 // - store_quads: p[16*g + 4*r + i] = lane 4*g+i of y_r (p[4*r] = y_r for W = 1)
@@ -89,6 +91,10 @@ struct ScalarF32 {
     p[1] = im;
   }
   static Reg reverse(Reg v) { return v; }
+  template <int count>
+  static Reg lead(Reg a, Reg) {
+    return a;
+  }
   static Reg load_repeat4(const float* p) { return *p; }
   static void store_columns(float* p, Reg y0, Reg y1, Reg y2, Reg y3) {
     p[0] = y0;

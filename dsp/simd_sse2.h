@@ -47,6 +47,10 @@ struct Sse2F32 {
     store(p + 4, _mm_unpackhi_ps(re, im));
   }
   static Reg reverse(Reg v) { return _mm_shuffle_ps(v, v, _MM_SHUFFLE(0, 1, 2, 3)); }
+  template <int count>
+  static Reg lead(Reg a, Reg b) {
+    return count == 1 ? _mm_move_ss(b, a) : a;
+  }
   static Reg load_repeat4(const float* p) { return _mm_set1_ps(*p); }
   static void store_columns(float* p, Reg y0, Reg y1, Reg y2, Reg y3) {
     _MM_TRANSPOSE4_PS(y0, y1, y2, y3);

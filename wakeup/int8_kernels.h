@@ -72,19 +72,27 @@ void int8_mat_mul(const uint8_t* in, int positions, const int8_t* weight, const 
                   int rows, int depth, int32_t* out) {
   int8_t grouped[kInt8MaxSmallWeights];
   const int groups = depth / V::kTaps;
-  for (int r = 0; r < rows; ++r) {
-    for (int g = 0; g < groups; ++g) {
-      memcpy(grouped + (g * rows + r) * V::kTaps, weight + r * depth + g * V::kTaps, V::kTaps);
+  int8_t* to = grouped;
+  for (int g = 0; g < groups; ++g) {
+    for (int r = 0; r < rows; ++r, to += V::kTaps) {
+      memcpy(to, weight + r * depth + g * V::kTaps, V::kTaps);
     }
   }
-  for (int p = 0; p < positions; ++p) {
-    for (int r = 0; r < rows; r += V::kLanes) {
-      typename V::Reg s = V::splat(0);
-      for (int g = 0; g < groups; ++g) {
-        s = V::multiply_add(s, V::repeat_codes(in + p * depth + g * V::kTaps),
-                            grouped + (g * rows + r) * V::kTaps);
+  // Three positions share each load of the weights.
+  for (int r = 0; r < rows; r += V::kLanes) {
+    const typename V::Reg start = V::load(bias + r);
+    for (int p = 0; p < positions; p += 3) {
+      const uint8_t* codes = in + p * depth;
+      typename V::Reg s0 = V::splat(0), s1 = s0, s2 = s0;
+      for (int k = 0; k < depth; k += V::kTaps) {
+        const int8_t* w = grouped + k * rows + r * V::kTaps;
+        s0 = V::multiply_add(s0, V::repeat_codes(codes + k), w);
+        s1 = V::multiply_add(s1, V::repeat_codes(codes + depth + k), w);
+        s2 = V::multiply_add(s2, V::repeat_codes(codes + 2 * depth + k), w);
       }
-      V::store(out + p * rows + r, V::add(s, V::load(bias + r)));
+      V::store(out + p * rows + r, V::add(s0, start));
+      V::store(out + (p + 1) * rows + r, V::add(s1, start));
+      V::store(out + (p + 2) * rows + r, V::add(s2, start));
     }
   }
 }

@@ -88,7 +88,7 @@ void normalise(const LAYER_DFSMN_CONV_INT8* layer, const uint8_t* in, uint8_t* o
   const float zero = static_cast<float>(layer->ln_zero_point);
   for (int i = 0; i < KWS_WIDTH; ++i) {
     const float y = x[i] * inverse * layer->ln_weight[i] + layer->ln_bias[i];
-    out[i] = nearest_code(y * to_code + zero);
+    out[i] = clamp_round(y * to_code + zero);
   }
 }
 
@@ -176,7 +176,7 @@ void gru1_forward_int8(EWordNet* net) {
     const float z = fast_sigmoid(real(input_z[i], layer->qoi2) + real(state_z[i], layer->qhi2));
     const float n = fast_tanh(real(input_n[i], layer->qoi3) + r * real(state_n[i], layer->qhi3));
     const float h = (1.0f - z) * n + z * real(state[i], layer->qo);
-    state[i] = nearest_code(h / layer->qo.scale + static_cast<float>(layer->qo.zero_point));
+    state[i] = clamp_round(h / layer->qo.scale + static_cast<float>(layer->qo.zero_point));
   }
   memcpy(data->out1, state, KWS_STATE);
 }
@@ -192,13 +192,10 @@ void dfsmn_forward_int8(const LAYER_DFSMN_CONV_INT8* layer, const uint8_t* in, i
                       itempbuf);
   layer_normalize(itempbuf, KWS_CHANNELS, layer->left_conv_M0, layer->left_conv_M1,
                   layer->left_zero_point, remembered);
-  for (int c = 0; c < KWS_CHANNELS; ++c) {
-    uint8_t* steps = memory + c * KWS_MEMORY;
-    uint8_t moved[KWS_MEMORY];
-    memcpy(moved, steps + 1, KWS_MEMORY - 1);
-    moved[KWS_MEMORY - 1] = current[c];
-    memcpy(steps, moved, KWS_MEMORY);
-  }
+  // Every channel drops its oldest step: all bytes move down by one, and what comes over from the
+  // next channel is the place of the newest.
+  memmove(memory, memory + 1, KWS_CHANNELS * KWS_MEMORY - 1);
+  for (int c = 0; c < KWS_CHANNELS; ++c) memory[(c + 1) * KWS_MEMORY - 1] = current[c];
 
   kernels().int8.add_rescaled(current, layer->add_qi1_zero_point, remembered,
                               layer->add_qi2_zero_point,

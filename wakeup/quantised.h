@@ -40,14 +40,8 @@ void layer_normalize(const int32_t* sums, int count, int32_t M0, int32_t M1, int
 void gate_normalize(const int32_t* sums, int count, int32_t M0, int32_t M1, int32_t zero_point,
                     uint8_t* codes);
 
-// Feature to code.
-inline uint8_t clamp_round(float x) {
-  if (x > 255.0f) return 255;
-  return x >= 0.0f ? static_cast<uint8_t>(static_cast<double>(x) + 0.5) : uint8_t{0};
-}
-
 // The nearest code, halves upward; a NaN gives 0.
-inline uint8_t nearest_code(float x) {
+inline uint8_t clamp_round(float x) {
   x = x > 0.0f ? x : 0.0f;
   x = x < 255.0f ? x : 255.0f;
   return static_cast<uint8_t>(static_cast<int32_t>(x + kBelowHalf));

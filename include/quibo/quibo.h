@@ -9,26 +9,28 @@
  *     int32_t wake;
  *     capture(mic1, mic2, mic3, ref);
  *     Quibo_wakeup_three_write_data(front_end, mic1, mic2, mic3, ref, out1, out2, out3, clean);
- *     int32_t angle = Quibo_doa_three_write_data(front_end, &wake, out1, out2, out3, clean,
- * QUIBO_FRAME); if (wake >= 0) heard(); if (angle >= 0) point_to(angle);                // degrees,
- * 0..359
+ *     int32_t angle =
+ *         Quibo_doa_three_write_data(front_end, &wake, out1, out2, out3, clean, QUIBO_FRAME);
+ *     if (wake >= 0) heard();
+ *     if (angle >= 0) point_to(angle);                // degrees, 0..359
  *   }
  *   Quibo_wakeup_unit(front_end);
  *
  * AUDIO
- *   16 kHz, one channel per buffer, signed 16 bit at the interface; a frame is 1024 samples (64
- * ms). Floats are int16 x 2^-15 (full scale 1.0). Float to int16 truncates toward zero at 32 bits
- * (saturating there) and keeps the low 16 bits: 1.0 becomes -32768. This wrap is deliberate.
+ *   16 kHz, one channel per buffer, signed 16 bit at the interface; a frame is 1024 samples
+ *   (64 ms). Floats are int16 x 2^-15 (full scale 1.0). Float to int16 truncates toward zero at
+ *   32 bits (saturating there) and keeps the low 16 bits: 1.0 becomes -32768. This wrap is
+ *   deliberate.
  *
  * CONVENTIONS
  *   Functions return a signed 32-bit status, 0 (or a non-negative result) on success, negative on
- * failure. Buffers belong to the caller and are not kept. Handles are created by an init call and
- * released by the matching unit call. Memory comes from malloc/calloc at init only; the per-frame
- * calls allocate nothing. Diagnostics are the lines quoted below, on standard output.
+ *   failure. Buffers belong to the caller and are not kept. Handles are created by an init call
+ *   and released by the matching unit call. Memory comes from malloc/calloc at init only; the
+ *   per-frame calls allocate nothing. Diagnostics are the lines quoted below, on standard output.
  *
  * THREADS
  *   None are started and nothing is locked. Modules share module-level work areas: one front end
- * per process, driven from one thread at a time.
+ *   per process, driven from one thread at a time.
  *
  * The records behind the pointers are defined in the modules' own headers (quibo/api/WakeupApi.h,
  * quibo/aec/Laec.h, quibo/aec/aecpostapi.h, quibo/aec/aec_denoise.h, quibo/denoise/denoise.h,
@@ -55,9 +57,7 @@ enum {
   QUIBO_BLOCK = 480   /* step of the wake-up engine and the direction estimator, 30 ms */
 };
 
-/* ---- Front end
- * -----------------------------------------------------------------------------------------------
- */
+/* ---- Front end ---- */
 
 typedef struct KTWakeupParams* KTWakeup;
 
@@ -68,8 +68,9 @@ typedef struct KTWakeupParams* KTWakeup;
  *
  * - -1: *handle is not NULL
  * - -2: no memory for the record
- * - -3, -4, -5: echo canceller of microphone 1, 2, 3; -4 also the direction estimator, -5 also the
- *   wake-up engine
+ * - -3: echo canceller of microphone 1
+ * - -4: echo canceller of microphone 2, or direction estimator
+ * - -5: echo canceller of microphone 3, or wake-up engine
  * - -6: noise suppressor of the wake-up path, which is created and not run
  * - -7, -8, -9: noise suppressor of microphone 1, 2, 3
  * - -10: neural echo suppressor */
@@ -89,7 +90,8 @@ QUIBO_API int32_t Quibo_wakeup_three_write_data(KTWakeup handle, int16_t* mic1_d
 
 /* Detection path, one frame, after the echo path. mic1_data..mic3_data: 1024 samples each, plain:
  * outdata1..outdata3 of the echo path. naec_data: accepted and ignored. len: the number of new
- * samples to account for; pass 1024 (the call always reads 1024 samples of each microphone).
+ * samples to account for; pass 1024 (the call always reads 1024 samples of each microphone; the fill
+ * is kept within the FIFOs).
  * *Iswakeup receives -1 when no wake was heard in this call, 0 when the wake phrase was heard.
  * Returns the talker's direction in degrees, 0..359, when a wake gave one; else -1; or -10 after
  * printing "kesto_doa_three_write_data error\n", with *Iswakeup untouched, when handle is NULL. */
@@ -101,8 +103,8 @@ QUIBO_API int32_t Quibo_doa_three_write_data(KTWakeup handle, int32_t* Iswakeup,
 /* Releases a front end and all it created. Returns 0, or -1 when handle is NULL. */
 QUIBO_API int32_t Quibo_wakeup_unit(KTWakeup handle);
 
-/* ---- Sample codec
- * --------------------------------------------------------------------------------------------
+/* ---- Sample codec ----
+ *
  * Microphone samples reach the library scrambled: a sample of magnitude m in 1..4800 is replaced by
  * table[m] with its sign; 0 and larger magnitudes pass as they are. Entry 0 of the tables is never
  * read. */
@@ -114,9 +116,9 @@ QUIBO_API extern const int16_t dec_table[4801];
 QUIBO_API void enc_data(int16_t* indata, int32_t len);
 QUIBO_API void dec_data(int16_t* indata, int32_t len);
 
-/* ---- Linear echo canceller
- * ---------------------------------------------------------------------------------- Adaptive
- * filter of 3 x 1024 taps (192 ms) with a residual-echo gain; 1024-sample frames. */
+/* ---- Linear echo canceller ----
+ *
+ * Adaptive filter of 3 x 1024 taps (192 ms) with a residual-echo gain; 1024-sample frames. */
 
 typedef struct LAEC LAEC; /* quibo/aec/Laec.h; the caller allocates it */
 
@@ -152,7 +154,8 @@ QUIBO_API float* kesto_laec_yn(void* handle);
 /* Releases a canceller. Returns 0, or -1 when handle is NULL. */
 QUIBO_API int32_t kesto_Laec_Post_unit(void* handle);
 
-/* ---- Noise suppressor
+/* ---- Noise suppressor ----
+ *
  * A convolutional-recurrent mask network on the short-time spectrum (1024-point Hann frames, hop
  * 512); separate masks for the real and the imaginary part, applied to the spectrum of four hops
  * earlier. Delay: 2048 samples (128 ms) plus the framing of one hop. All instances share one set of
@@ -239,7 +242,8 @@ QUIBO_API extern const float denoise_pixel_conv3_bias[16];
 QUIBO_API extern const float denoise_pixel_conv4_weight[288];
 QUIBO_API extern const float denoise_pixel_conv4_bias[4];
 
-/* ---- Neural echo suppressor
+/* ---- Neural echo suppressor ----
+ *
  * Removes the echo that the linear canceller leaves: a convolutional-recurrent mask network on the
  * spectra of the microphone D and of the residual E = D - Y (1024-point Hann frames, hop 512),
  * separate masks for the real and the imaginary part, applied to E of four hops earlier. Delay:
@@ -341,8 +345,8 @@ QUIBO_API extern const float aec_pixel_conv3_bias[16];
 QUIBO_API extern const float aec_pixel_conv4_weight[192];
 QUIBO_API extern const float aec_pixel_conv4_bias[4];
 
-/* ---- Wake-up engine
- * -------------------------------------------------------------------------------------------
+/* ---- Wake-up engine ----
+ *
  * Spots the wake phrase "ling dang ling dang" in a 16 kHz stream, one block of 480 samples (30 ms)
  * per call: log-mel features, a quantised streaming network, 146 syllable posteriors, a keyword
  * decoder. Engines share module-level scratch: calls on different engines must not run at the same
@@ -455,7 +459,7 @@ QUIBO_API extern const float chinese_ln4_bias[256];
 /* Dense 256 -> 146 classes: 0 filler, 1..144 syllables (params/syllables.txt), 145 blank. */
 QUIBO_API extern const int8_t chinese_fc_weight[146 * 256];
 QUIBO_API extern const int32_t chinese_fc_bias[146];
-/* ---- Direction estimator ----------------------------------------------------------------------
+/* ---- Direction estimator ----
  *
  * Steps of 480 samples (30 ms) of three microphones on a circle. A network turns each step into a
  * vector whose heading points at the talker and whose length is its confidence; docs/direction.md
@@ -549,9 +553,9 @@ QUIBO_API extern const float ring_ln4_bias[164];
 QUIBO_API extern const float ring_fc_weight[328]; /* [2][164] */
 QUIBO_API extern const float ring_fc_bias[2];
 
-/* ---- Output limiter
- * ----------------------------------------------------------------------------------------- Make-up
- * gain with a look-ahead of 15 samples. The front end initialises one and does not run it. */
+/* ---- Output limiter ----
+ *
+ * Make-up gain with a look-ahead of 15 samples. The front end initialises one and does not run it. */
 
 typedef struct stMPO stMPO; /* quibo/limiter/zq_MPO.h; the caller allocates it */
 

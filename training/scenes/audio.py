@@ -8,9 +8,11 @@ import soundfile
 
 RATE = 16000
 FULL_SCALE = 32768.0
+LEVEL_FRAME = 512
+ACTIVE_RANGE = 1e-3  # of power: 30 dB
 
 
-class Library:
+class Recordings:
     """A folder of 16 kHz mono WAV files, each top folder with a manifest.csv (path, licence, origin)."""
 
     def __init__(self, root):
@@ -43,10 +45,20 @@ def dbfs(x):
     return 10.0 * np.log10(np.mean(np.square(x)) + 1e-20)
 
 
-def active_dbfs(x, frame=512, threshold_db=30.0):
-    """Level of the frames within `threshold_db` of the loudest one: speech without its pauses."""
-    power = np.mean(np.square(x[: len(x) // frame * frame].reshape(-1, frame)), axis=1)
-    return 10.0 * np.log10(np.mean(power[power > power.max() * 10 ** (-threshold_db / 10)]))
+def active_power(x):
+    """Mean power of the frames of [..., n] within ACTIVE_RANGE of the loudest one: speech without
+    its pauses. numpy arrays or torch tensors."""
+    n = x.shape[-1] // LEVEL_FRAME * LEVEL_FRAME
+    frames = (x * x)[..., :n].reshape(*x.shape[:-1], -1, LEVEL_FRAME).mean(-1)
+    loudest = frames.max(-1)
+    loudest = getattr(loudest, "values", loudest)  # torch returns the places too
+    ones = frames**0  # of the array's own kind and precision
+    active = ones * (frames > loudest[..., None] * ACTIVE_RANGE)
+    return (frames * active).sum(-1) / (active.sum(-1) + 1e-9) + 1e-20
+
+
+def active_dbfs(x):
+    return 10.0 * np.log10(active_power(x))
 
 
 def gain(db):
@@ -54,8 +66,10 @@ def gain(db):
 
 
 def fade(x, seconds):
-    """x with raised-cosine ends of `seconds`."""
-    n = round(seconds * RATE)
+    """x with raised-cosine ends of `seconds`, shorter ones where x is too short for them."""
+    n = min(round(seconds * RATE), len(x) // 2)
+    if n == 0:
+        return x
     ramp = 0.5 - 0.5 * np.cos(np.pi * (np.arange(n) + 0.5) / n)
     y = x.copy()
     y[:n] *= ramp

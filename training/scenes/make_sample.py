@@ -1,4 +1,3 @@
-#!/usr/bin/env python3
 """Builds samples/living_room.flac and samples/living_room.json: one six-channel capture.
 
 Real speech, music and rain are played into a simulated living room around the device; the scene
@@ -12,11 +11,10 @@ import pathlib
 import numpy as np
 import soundfile
 
-import array_geometry
-import codec
-from audio import RATE, Library, active_dbfs, dbfs, fade, gain, to_int16
-from loudspeaker import Loudspeaker
-from room import Room, hear, measured_rt60
+from training.scenes import array_geometry, codec
+from training.scenes.audio import RATE, Recordings, active_dbfs, dbfs, fade, gain, to_int16
+from training.scenes.loudspeaker import AsymmetricTanh, Loudspeaker
+from training.scenes.room import Room, hear, measured_rt60
 
 SEED = 20251107
 FRAME = 1024
@@ -28,7 +26,7 @@ ROOM = Room(
     rt60=0.29,  # by Eyring's formula; the responses of this box measure 0.38 s
     weights=(0.8, 0.5, 1.0, 0.7, 1.0, 0.6),
 )
-LOUDSPEAKER = Loudspeaker()
+LOUDSPEAKER = Loudspeaker(AsymmetricTanh(full_drive=0.45, asymmetry=0.1), 170.0, 7000.0)
 PLAYBACK_DELAY = 240  # samples from the reference to the loudspeaker: 15 ms of output buffer
 MIC_GAIN_DB = (0.0, 0.6, -0.5)  # sensitivity spread of the three microphones
 
@@ -139,21 +137,21 @@ def at(start, x):
     return track
 
 
-def reference(library):
+def reference(recordings):
     """Loudspeaker signal, every piece at REFERENCE_LEVEL; also the gain of each piece in dB."""
     track, gains = np.zeros(SAMPLES), []
     for play in PLAYS:
-        x = library.clip(play["file"], play["from"], play["end"] - play["start"])
+        x = recordings.clip(play["file"], play["from"], play["end"] - play["start"])
         gains.append(REFERENCE_LEVEL - active_dbfs(x))
         track += at(play["start"], fade(x * gain(gains[-1]), 0.01))
     return track, gains
 
 
-def near_end(library, responses):
+def near_end(recordings, responses):
     """Talkers at the microphones [3, SAMPLES], each at TALKER_LEVEL; gains in dB, lengths in s."""
     track, gains, lengths = np.zeros((3, SAMPLES)), [], []
     for k, talker in enumerate(TALKERS):
-        x = fade(library.clip(talker["file"]), 0.01)
+        x = fade(recordings.clip(talker["file"]), 0.01)
         heard = hear(responses[f"talker {k}"], at(talker["start"], x))
         gains.append(TALKER_LEVEL - active_dbfs(heard[0]))
         lengths.append(len(x) / RATE)
@@ -161,7 +159,7 @@ def near_end(library, responses):
     return track, gains, lengths
 
 
-def build(library):
+def build(recordings):
     """Channels int16 [6, SAMPLES] and the scene's description."""
     random = np.random.default_rng(SEED)
     offsets = {
@@ -173,7 +171,7 @@ def build(library):
     offsets |= {"loudspeaker": array_geometry.loudspeaker_offset(), "rain": RAIN_OFFSET}
     responses = ROOM.impulse_responses(offsets)
 
-    ref, play_gains = reference(library)
+    ref, play_gains = reference(recordings)
     ref_int16 = to_int16(ref)
     played = LOUDSPEAKER.play(ref_int16 / 32768.0)
     echo = hear(responses["loudspeaker"], played, PLAYBACK_DELAY)
@@ -181,9 +179,9 @@ def build(library):
     volume = ECHO_LEVEL - dbfs(echo[0, sounding])
     echo *= gain(volume)
 
-    near, talker_gains, lengths = near_end(library, responses)
+    near, talker_gains, lengths = near_end(recordings, responses)
 
-    rain = hear(responses["rain"], library.clip(RAIN["file"], RAIN["from"], SAMPLES / RATE))
+    rain = hear(responses["rain"], recordings.clip(RAIN["file"], RAIN["from"], SAMPLES / RATE))
     rain_gain = RAIN_LEVEL - dbfs(rain[0])
     self_noise = random.standard_normal((3, SAMPLES)) * gain(SELF_NOISE_LEVEL)
 
@@ -195,7 +193,7 @@ def build(library):
     )
 
     def source(entry, gain_db):
-        row = library.row(entry["file"])
+        row = recordings.row(entry["file"])
         return {
             "file": entry["file"],
             "from_s": entry.get("from", 0.0),
@@ -275,7 +273,9 @@ def build(library):
             "rain_m": np.round(RAIN_OFFSET, 3).tolist(),
         },
         "loudspeaker": {
-            **vars(LOUDSPEAKER),
+            **vars(LOUDSPEAKER.nonlinearity),
+            "low_hz": LOUDSPEAKER.low_hz,
+            "high_hz": LOUDSPEAKER.high_hz,
             "distortion_db": round(float(LOUDSPEAKER.distortion_db(ref_int16 / 32768.0)), 1),
             "playback_delay_samples": PLAYBACK_DELAY,
             "volume_db": round(float(volume), 2),
@@ -304,7 +304,7 @@ def main():
     parser.add_argument("--output", default="samples", help="folder to write to")
     args = parser.parse_args()
 
-    channels, scene = build(Library(args.data))
+    channels, scene = build(Recordings(args.data))
     output = pathlib.Path(args.output)
     flac = output / scene["file"]
     soundfile.write(flac, channels.T, RATE, subtype="PCM_16", compression_level=1.0)

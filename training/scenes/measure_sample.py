@@ -1,4 +1,3 @@
-#!/usr/bin/env python3
 """Runs the library's linear echo canceller on the sample and prints what it achieves.
 
 Echo return loss enhancement (ERLE), far-end-only stretches after --converge seconds, per microphone:
@@ -16,41 +15,13 @@ Double talk, microphone 1: SI-SDR of d and of e against the talkers alone.
 """
 
 import argparse
-import ctypes
 import json
 import pathlib
 
 import numpy as np
 import soundfile
 
-import codec
-
-FRAME = 1024
-MIC_DELAY = 20
-
-
-class Canceller:
-    """One microphone's linear echo canceller, from the shared library."""
-
-    def __init__(self, path):
-        self._lib = ctypes.CDLL(str(path))
-        self._lib.kesto_Laec_Post_init.restype = ctypes.c_void_p
-        self._lib.kesto_Laec_Post_write.argtypes = [ctypes.c_void_p] * 4
-        self._lib.kesto_Laec_Post_unit.argtypes = [ctypes.c_void_p]
-
-    def run(self, mic, ref):
-        """int16 [n], int16 [n] -> float32 [n], n a multiple of FRAME, from a fresh state."""
-        handle = self._lib.kesto_Laec_Post_init()
-        if not handle:
-            raise MemoryError("kesto_Laec_Post_init")
-        out = np.empty(len(mic), np.float32)
-        for n in range(0, len(mic), FRAME):
-            frames = [np.ascontiguousarray(x[n : n + FRAME]) for x in (mic, ref)]
-            pointers = [x.ctypes.data for x in (*frames, out[n : n + FRAME])]
-            if self._lib.kesto_Laec_Post_write(handle, *pointers) != FRAME:
-                raise RuntimeError("kesto_Laec_Post_write")
-        self._lib.kesto_Laec_Post_unit(handle)
-        return out
+from training.library import FRAME, MIC_DELAY, Library
 
 
 def late(x):
@@ -73,7 +44,7 @@ def main():
         description=__doc__, formatter_class=argparse.RawDescriptionHelpFormatter
     )
     parser.add_argument("--scene", default="samples/living_room.json")
-    parser.add_argument("--library", default="build/libquibo.so")
+    parser.add_argument("--library", default="build-release/libquibo.so")
     parser.add_argument("--converge", type=float, default=5.0, help="seconds left out at the start")
     args = parser.parse_args()
 
@@ -82,10 +53,10 @@ def main():
     channels, rate = soundfile.read(scene_path.with_name(scene["file"]), dtype="int16")
     channels = channels[: len(channels) // FRAME * FRAME].T
     ref, talkers = channels[4], late(channels[3])
-    canceller = Canceller(pathlib.Path(args.library).resolve())
+    library = Library(args.library)
 
-    mics = [codec.unscramble(channels[m]) for m in range(3)]
-    outputs = [canceller.run(mic, ref).astype(np.float64) for mic in mics]
+    mics = [library.unscramble(channels[m]) for m in range(3)]
+    outputs = [library.cancel(mic, ref)["out"].astype(np.float64) for mic in mics]
     for stretch in scene["stretches"]:
         start, end = stretch["start"], stretch["end"]
         if stretch["kind"] == "far_end":

@@ -6,8 +6,8 @@ import numpy as np
 import pyroomacoustics as pra
 from scipy import signal
 
-import array_geometry
-from audio import RATE
+from training.scenes import array_geometry
+from training.scenes.audio import RATE
 
 WALLS = ("west", "east", "south", "north", "floor", "ceiling")
 # Every impulse response of the simulator starts with half of its fractional-delay filter.

@@ -1,0 +1,125 @@
+"""python -m training COMMAND: see --help. Commands run from the repository root."""
+import argparse
+import json
+import pathlib
+import sys
+import tomllib
+
+import torch
+
+from . import data, export, parity, tasks, train
+from .models.layers import deploy
+from .models.quantise import set_mode
+from .shared import ROOT
+
+STAGES = ("scenes", "train", "quantise", "export", "evaluate")
+
+
+def configuration(network, path, smoke):
+    """The network's TOML; the tables under [smoke] replace the others' values in smoke runs."""
+    config = tomllib.loads((path or ROOT / f"training/configs/{network}.toml").read_text())
+    reduced = config.pop("smoke", {})
+    if smoke:
+        for section, values in reduced.items():
+            config[section] |= values
+    return config
+
+
+def run_training(arguments):
+    config = configuration(arguments.network, arguments.config, arguments.smoke)
+    if arguments.steps:
+        config["train"]["steps"] = arguments.steps
+    folder = arguments.out / f"train-{arguments.network}{'-smoke' if arguments.smoke else ''}"
+    folder.mkdir(parents=True, exist_ok=True)
+    device = "cuda" if torch.cuda.is_available() else "cpu"
+    source = data.open_data(config, arguments)
+    task = tasks.create(arguments.network, config, source)
+    stages = arguments.stages.split(",")
+    if "scenes" in stages:
+        source.prepare(arguments.network)
+    if "train" in stages:
+        (folder / "config.json").write_text(json.dumps(config, indent=1))
+        train.train(task, config, folder, device)
+    if "quantise" in stages and "quantise" in config:
+        quantise(task, config, folder, device)
+    if "export" in stages:
+        export_trained(arguments, task, config, source, folder)
+    if "evaluate" in stages:
+        model, folder = trained(task, config, folder)
+        print("test:", json.dumps(judge(task, model, config, "test", folder)))
+
+
+def quantise(task, config, folder, device):
+    model = task.model().to(device)
+    model.load_state_dict(train.averaged(folder))
+    calibration = train.batches(task, config["seed"] + 1, "train", 0, config["quantise"]["calibration_batches"], 0)
+    task.calibrate(model, ({name: value.to(device) for name, value in batch.items()} for batch in calibration))
+    train.train(task, config, folder / "quantised", device, model, "quantise")
+
+
+def trained(task, config, folder):
+    """The averaged network in deployed form, and the folder of its last training."""
+    model = task.model()
+    if "quantise" in config:
+        folder /= "quantised"
+        set_mode(model, "codes")
+    model.load_state_dict(train.averaged(folder))
+    return deploy(model), folder
+
+
+def judge(task, model, config, split, folder):
+    """Figures of a split's first batches; also written to the log."""
+    batches = train.batches(task, config["seed"], split, 0, config["data"]["validation_batches"], 0)
+    results = train.validate(task, model, batches, "cpu")
+    train.Log(folder).write(train.trained_steps(folder), split, results)
+    return results
+
+
+def export_trained(arguments, task, config, source, folder):
+    model, folder = trained(task, config, folder)
+    results = judge(task, model, config, "valid", folder)
+    print("valid:", json.dumps(results))
+    metadata = export.describe(arguments.network, config, train.trained_steps(folder), source.digest(), results)
+    tables = export.fit(arguments.network, model.tables())
+    path, digest = export.write(arguments.network, tables, metadata, arguments.params or folder)
+    path.with_suffix(".md").write_text(export.card(arguments.network, metadata, source.sources(), digest))
+    print(f"wrote {path}\nSHA-256 {digest}")
+    if arguments.library:
+        check, _, _, unit = parity.CHECKS[arguments.network]
+        print(f"parity: {check(arguments.library, model):.3g} {unit}")
+
+
+def run_parity(arguments):
+    for network in arguments.networks or parity.CHECKS:
+        worst = max(parity.random_tables(network, arguments.library, seed) for seed in range(arguments.seeds))
+        print(f"{network}: {worst:.3g} {parity.CHECKS[network][3]}, {arguments.seeds} random networks")
+
+
+def main():
+    parser = argparse.ArgumentParser(prog="training", description=__doc__)
+    commands = parser.add_subparsers(required=True)
+    p = commands.add_parser("train", help="from audio to a parameter file")
+    p.add_argument("network", choices=tasks.NETWORKS)
+    p.add_argument("--smoke", action="store_true", help="minutes instead of hours: synthetic speech, few rooms and steps")
+    p.add_argument("--stub", action="store_true", help="signals from formulas instead of the scene simulator")
+    p.add_argument("--data", type=pathlib.Path, help="folder of audio; without it synthetic speech only")
+    p.add_argument("--stages", default=",".join(STAGES), help=f"which of {','.join(STAGES)} to run (default: all)")
+    p.add_argument("--steps", type=int, help="length of the training instead of the configuration's; a run that is "
+                   "resumed with fewer steps comes to its end sooner")
+    p.add_argument("--config", type=pathlib.Path, help="TOML instead of training/configs/NETWORK.toml")
+    p.add_argument("--out", type=pathlib.Path, default=ROOT / "build-training",
+                   help="rooms, cached audio, checkpoints, logs, exported files")
+    p.add_argument("--params", type=pathlib.Path, help="folder to export to (default: the run's own)")
+    p.add_argument("--library", type=pathlib.Path, help="built libquibo.so: canceller for the scenes, parity at export")
+    p.set_defaults(run=run_training)
+    p = commands.add_parser("parity", help="training graphs against the built library, random tables")
+    p.add_argument("networks", nargs="*")
+    p.add_argument("--library", type=pathlib.Path, required=True)
+    p.add_argument("--seeds", type=int, default=5)
+    p.set_defaults(run=run_parity)
+    arguments = parser.parse_args()
+    arguments.run(arguments)
+
+
+if __name__ == "__main__":
+    sys.exit(main())

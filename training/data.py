@@ -1,0 +1,112 @@
+"""What the tasks draw from: corpus, rooms and cached canceller runs, or the stand-ins of stub_scenes.py."""
+import functools
+import os
+
+import tqdm
+
+from . import stub_scenes
+
+SEED = 1  # of splits and rooms, which all networks share
+
+
+class StubData:
+    """Needs nothing but numpy."""
+
+    def __init__(self, config):
+        self.config = config
+
+    def prepare(self, network):
+        pass
+
+    def digest(self):
+        return "stub"
+
+    def sources(self):
+        return {("none", "signals from formulas"): 0.0}
+
+    def ns_batch(self, rng, batch, seconds, split):
+        return stub_scenes.ns_batch(None, None, rng, batch, seconds, split)
+
+    def doa_batch(self, rng, batch, seconds, split):
+        return stub_scenes.doa_batch(None, None, rng, batch, seconds, split)
+
+    def kws_batch(self, rng, batch, seconds, split):
+        return stub_scenes.kws_batch(None, None, rng, batch, seconds, split)
+
+    @functools.cache
+    def echo_clips(self, split):
+        c = self.config["data"]
+        clips = c["clips"] if split == "train" else c["valid_clips"]
+        return stub_scenes.EchoClips(clips, c["clip_seconds"], seed=["train", "valid", "test"].index(split))
+
+
+class SceneData:
+    """Everything is opened on first use, so that worker processes open their own."""
+
+    def __init__(self, config, audio, folder, library, smoke):
+        self.config, self.audio, self.folder, self.library = config, audio, folder, library
+        suffix = "-smoke" if smoke else ""
+        self.bank_path = folder / f"bank{suffix}"
+        self.aec_path = folder / f"aec{suffix}"
+
+    @functools.cached_property
+    def corpus(self):
+        from .corpus import open_corpus
+        return open_corpus(self.audio, self.folder / "corpus", SEED)
+
+    @functools.cached_property
+    def bank(self):
+        from .scenes import bank
+        return bank.load_bank(self.bank_path)
+
+    def digest(self):
+        return self.corpus.digest()
+
+    def sources(self):
+        return self.corpus.sources(splits=("train",))
+
+    def prepare(self, network):
+        """Builds what is missing: rooms, and for the echo suppressor the canceller's runs."""
+        from .scenes import bank, simulate
+        c = self.config["data"]
+        with Progress("rooms") as progress:
+            bank.build_bank(self.bank_path, c["rooms"], SEED, c["workers"], progress=progress)
+        if network == "naec":
+            if self.library is None:
+                raise SystemExit("training: the canceller's runs need --library PATH of the built library")
+            for split, clips in (("train", c["clips"]), ("valid", c["valid_clips"]), ("test", c["valid_clips"])):
+                with Progress(f"canceller, {split}") as progress:
+                    simulate.aec_cache(self.corpus, self.bank, self.aec_path / split, clips, c["clip_seconds"], SEED,
+                                       split, self.library, c["workers"], progress=progress)
+
+    def ns_batch(self, rng, batch, seconds, split):
+        from .scenes import simulate
+        return simulate.ns_batch(self.corpus, self.bank, rng, batch, seconds, split)
+
+    @functools.cache
+    def echo_clips(self, split):
+        from .scenes import simulate
+        return simulate.load_aec_cache(self.aec_path / split)
+
+
+class Progress:
+    """A bar for the makers of rooms and caches, which report (done, of)."""
+
+    def __init__(self, what):
+        self.bar = tqdm.tqdm(desc=what, mininterval=1 if os.isatty(2) else 60)
+
+    def __call__(self, done, of):
+        self.bar.total = of
+        self.bar.update(done - self.bar.n)
+
+    def __enter__(self):
+        return self
+
+    def __exit__(self, *_):
+        self.bar.close()
+
+
+def open_data(config, arguments):
+    if arguments.stub:
+        return StubData(config)
+    return SceneData(config, arguments.data, arguments.out, arguments.library, arguments.smoke)

@@ -1,0 +1,1 @@
+"""The networks as training graphs; each mirrors one engine of the library, table for table."""

@@ -1,0 +1,88 @@
+"""The trained wake-up network as the library's integers."""
+import numpy as np
+import torch
+
+from ..shared import mel_filters
+from .quantise import LARGEST_WEIGHT, multiplier, round_away, weight_scale
+
+
+class Writer:
+    def __init__(self):
+        self.tables, self.packed = {}, []
+
+    def layer(self, name, weight, bias, into, *outputs, suffix=""):
+        """Adds one table of weights with its biases. into: (scale, zero point) of the input codes; outputs: the
+        Quantiser of each equal part of the rows, with its own weight scale. Returns their multiplier pairs.
+
+        The engine subtracts no input zero point; the biases absorb it."""
+        scale_in, zero_in = into
+        parts, biases, pairs = [], [], []
+        rows = weight.shape[0] // len(outputs)
+        for i, out in enumerate(outputs):
+            part = weight[i * rows:(i + 1) * rows].flatten(1)
+            scale = float(weight_scale(part))
+            codes = round_away(part / scale).clamp(-LARGEST_WEIGHT, LARGEST_WEIGHT)
+            unit = scale_in * scale
+            real = torch.zeros(rows) if bias is None else bias[i * rows:(i + 1) * rows]
+            parts.append(codes)
+            biases.append(torch.round(real.double() / unit) - zero_in * codes.sum(1).double())
+            pairs.append(multiplier(unit / float(out.scale)))
+        self.tables[f"chinese_{name}weight{suffix}"] = torch.cat(parts).numpy().astype(np.int8)
+        self.tables[f"chinese_{name}bias{suffix}"] = torch.cat(biases).numpy().astype(np.int32)
+        return pairs
+
+
+def codes_of(quantiser):
+    return float(quantiser.scale), int(quantiser.zero_point)
+
+
+@torch.no_grad()
+def tables(model):
+    """model: SyllableNetwork with calibrated quantisers."""
+    w = Writer()
+    into = codes_of(model.features)
+    w.packed += into
+
+    def conv(layer, name, into):
+        (pair,) = w.layer(f"{name}_", layer.conv.weight, layer.conv.bias, into, layer.out)
+        w.packed.extend([*pair, codes_of(layer.out)[1]])
+        return codes_of(layer.out)
+
+    into = conv(model.conv1, "conv1", into)
+    for i, pair in enumerate((model.conv2, model.conv3, model.conv4), 2):
+        for j, layer in enumerate(pair, 1):
+            into = conv(layer, f"conv{i}_{j}", into)
+
+    gru, state = model.gru, codes_of(model.gru.out)
+    w.packed += state
+    sides = (("ih", gru.gru.weight_ih_l0, gru.gru.bias_ih_l0, into, gru.input_gates),
+             ("hh", gru.gru.weight_hh_l0, gru.gru.bias_hh_l0, state, gru.state_gates))
+    for side, weight, bias, codes, gates in sides:
+        pairs = w.layer("gru_", weight, bias, codes, *gates, suffix=f"_{side}_l0")
+        for pair, gate in zip(pairs, gates):
+            scale, zero = codes_of(gate)
+            w.packed += [*pair, zero, scale]
+
+    into = state
+    for i, block in enumerate(model.memory, 1):
+        into = memory_block(w, block, i, into)
+    out = codes_of(model.output.out)
+    (pair,) = w.layer("fc_", model.output.linear.weight, model.output.linear.bias, into, model.output.out)
+    w.packed += [*pair, out[1], *out]
+    w.tables["chinese_fix_param"] = np.float32(w.packed)
+    w.tables["fbank_filter1"] = np.float32(mel_filters.weights())
+    return w.tables
+
+
+def memory_block(w, block, i, into):
+    p, left, total = codes_of(block.into.out), codes_of(block.left), codes_of(block.sum)
+    before, after = codes_of(block.outof.out), codes_of(block.out)
+    (pair,) = w.layer(f"d{i}_in_conv1_", block.into.linear.weight, block.into.linear.bias, into, block.into.out)
+    w.packed += [*pair, p[1]]
+    (pair,) = w.layer(f"d{i}_left_conv1_", block.taps, None, p, block.left)
+    w.packed += [*pair, left[1], p[1], left[1], total[1], *multiplier(p[0] / total[0]), *multiplier(left[0] / p[0])]
+    (pair,) = w.layer(f"d{i}_out_conv1_", block.outof.linear.weight, block.outof.linear.bias, total, block.outof.out)
+    w.packed += [*pair, before[1], before[0], before[1], *after]
+    w.tables[f"chinese_ln{i}_weight"] = block.norm.weight.numpy().astype(np.float32)
+    w.tables[f"chinese_ln{i}_bias"] = block.norm.bias.numpy().astype(np.float32)
+    return after

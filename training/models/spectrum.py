@@ -1,0 +1,53 @@
+"""The short-time transform of both suppressors: 1024-point frames, 512-sample hops, perfect reconstruction."""
+import math
+
+import torch
+
+FRAME, HOP, BINS = 1024, 512, 513
+LOOKAHEAD = 4  # hops: the mask of step t is applied to the spectrum of step t - 4
+
+
+def _windows():
+    n = torch.arange(FRAME, dtype=torch.float64)
+    hann = 0.5 - 0.5 * torch.cos(2 * math.pi * n / FRAME)
+    inverse = hann / (hann**2 + hann.roll(-HOP)**2)
+    # The library's windows are these, rounded to six decimals.
+    return [(w * 1e6).round().div(1e6).float() for w in (hann, inverse)]
+
+
+ANALYSIS, SYNTHESIS = _windows()
+
+
+def analyse(x):
+    """x [..., steps * HOP] -> complex [..., steps, BINS]. Step t sees hops t - 1 and t; before the start is silence."""
+    frames = torch.nn.functional.pad(x, (HOP, 0)).unfold(-1, FRAME, HOP)
+    return torch.fft.rfft(frames * ANALYSIS.to(x.device))
+
+
+def synthesise(spectrum):
+    """Complex [..., frames, BINS] -> [..., frames * HOP], one hop later than what analyse() was given."""
+    frames = torch.fft.irfft(spectrum, n=FRAME) * SYNTHESIS.to(spectrum.device)
+    first, second = frames[..., :HOP], frames[..., HOP:]
+    return (first + torch.nn.functional.pad(second, (0, 0, 1, 0))[..., :-1, :]).flatten(-2)
+
+
+def as_channels(spectrum):
+    """Complex [B, steps, BINS] -> [B, 2, steps, 512]: real and imaginary parts as channels, the last bin dropped."""
+    return torch.stack([spectrum.real, spectrum.imag], 1)[..., :BINS - 1]
+
+
+def apply_mask(mask, spectrum, low_bins, low_factor, floor=0.0):
+    """Scales real and imaginary parts separately, as the engines do.
+
+    mask [B, 2, frames, 512] in [0, 1], spectrum complex [B, frames, BINS] -> complex [B, frames, BINS]. The last bin's
+    mask is sigmoid(0). The lowest bins are attenuated by a fixed factor on top of mask and floor.
+    """
+    mask = torch.nn.functional.pad(mask, (0, 1), value=0.5).clamp_min(floor)
+    return torch.complex(mask[:, 0] * spectrum.real, mask[:, 1] * spectrum.imag) * low_bin_factors(
+        low_bins, low_factor, spectrum.device)
+
+
+def low_bin_factors(low_bins, low_factor, device=None):
+    factors = torch.ones(BINS, device=device)
+    factors[:low_bins] = low_factor
+    return factors

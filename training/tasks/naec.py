@@ -1,0 +1,64 @@
+"""Echo suppressor: what the library's canceller leaves in, near-end speech with a little noise out."""
+import numpy as np
+import torch
+
+from .. import losses
+from ..models import spectrum
+from ..models.naec import LOW_BINS, LOW_FACTOR, EchoSuppressor
+
+RATE = 16000
+
+
+class Task:
+    def __init__(self, config, data):
+        self.config, self.data = config, data
+        self.low_factors = spectrum.low_bin_factors(LOW_BINS, LOW_FACTOR)
+
+    def model(self):
+        return EchoSuppressor(**self.config["model"])
+
+    def sample(self, rng, split):
+        """Pieces of cached clips; a share of them starts with the clip, when the canceller has not converged."""
+        c = self.config["data"]
+        clips, length = self.data.echo_clips(split), round(c["seconds"] * RATE) // spectrum.HOP * spectrum.HOP
+        batch = {"mic": [], "echo": [], "target": []}
+        for _ in range(c["batch"]):
+            clip = clips[int(rng.integers(len(clips)))]
+            room = len(clip["mic"]) - length
+            start = 0 if rng.random() < c["from_start"] else int(rng.integers(room + 1))
+            gain = 10**(rng.uniform(*c["gain_db"]) / 20)
+            for name, pieces in batch.items():
+                pieces.append(np.float32(clip[name][start:start + length] * gain))
+        return {name: np.stack(pieces) for name, pieces in batch.items()}
+
+    def outputs(self, model, batch):
+        estimate = model(batch["mic"], batch["echo"])
+        target, error, mic = (spectrum.analyse(x)[:, :estimate.shape[1]]
+                              for x in (batch["target"], batch["mic"] - batch["echo"], batch["mic"]))
+        return estimate, target, error, mic
+
+    def suppression(self, batch, estimate, target, error):
+        c = self.config["loss"]
+        # Bins where echo is left count more: there the network earns its keep.
+        left, speech = (error - target).abs(), target.abs()
+        weight = 1 + c["echo_weight"] * left / (left + speech + 1e-6)
+        level = batch["mic"].pow(2).mean(-1).sqrt()
+        return losses.suppression(estimate, target, level, c, self.low_factors.to(level.device), weight)
+
+    def loss(self, model, batch, rng):
+        estimate, target, error, _ = self.outputs(model, batch)
+        return self.suppression(batch, estimate, target, error), {}
+
+    def validate(self, model, batch):
+        estimate, target, error, mic = self.outputs(model, batch)
+        loss = self.suppression(batch, estimate, target, error).item()
+        estimate, target, error, mic = map(spectrum.synthesise, (estimate, target, error, mic))
+        near = target.pow(2).mean(-1) > 1e-2 * mic.pow(2).mean(-1)  # else only echo: reduction is what counts
+        metrics = {"loss": loss}
+        if near.any():
+            after, before = (losses.si_sdr(x[near], target[near]) for x in (estimate, error))
+            metrics |= {"si_sdr": after.mean().item(), "si_sdr_improvement": (after - before).mean().item()}
+        if (~near).any():
+            ratio = mic[~near].pow(2).mean(-1) / estimate[~near].pow(2).mean(-1).clamp_min(1e-12)
+            metrics["echo_reduction"] = (10 * torch.log10(ratio)).mean().item()
+        return metrics

@@ -1,0 +1,41 @@
+"""Noise suppressor: three microphones of noisy rooms in, speech with its early reflections out."""
+from .. import losses
+from ..models import spectrum
+from ..models.ns import LOW_BINS, LOW_FACTOR, NoiseSuppressor
+
+MICROPHONES = 3
+VALIDATION_FLOOR = 0.1
+
+
+class Task:
+    def __init__(self, config, data):
+        self.config, self.data = config, data
+        self.low_factors = spectrum.low_bin_factors(LOW_BINS, LOW_FACTOR)
+
+    def model(self):
+        return NoiseSuppressor(**self.config["model"])
+
+    def sample(self, rng, split):
+        c = self.config["data"]
+        batch = self.data.ns_batch(rng, c["batch"], c["seconds"], split)
+        return {name: batch[name].reshape(-1, batch[name].shape[-1]) for name in ("mics", "target")}
+
+    def loss(self, model, batch, rng):
+        c = self.config["loss"]
+        floor = float(rng.choice(c["floors"]))
+        microphones = MICROPHONES if rng.random() < c["interleaved"] else 1
+        estimate = model(batch["mics"], microphones, floor)
+        target = spectrum.analyse(batch["target"])[:, :estimate.shape[1]]
+        level = batch["mics"].pow(2).mean(-1).sqrt()
+        return losses.suppression(estimate, target, level, c, self.low_factors.to(level.device)), {}
+
+    def validate(self, model, batch):
+        estimate = model(batch["mics"], MICROPHONES, VALIDATION_FLOOR)
+        frames = estimate.shape[1]
+        target, noisy = (spectrum.analyse(batch[name])[:, :frames] for name in ("target", "mics"))
+        level = batch["mics"].pow(2).mean(-1).sqrt()
+        loss = losses.suppression(estimate, target, level, self.config["loss"], self.low_factors.to(level.device))
+        estimate, target, noisy = map(spectrum.synthesise, (estimate, target, noisy))
+        before, after = losses.si_sdr(noisy, target), losses.si_sdr(estimate, target)
+        return {"loss": loss.item(), "si_sdr": after.mean().item(),
+                "si_sdr_improvement": (after - before).mean().item()}

@@ -1,0 +1,112 @@
+"""The training loop and what it exports, on signals from formulas."""
+
+import json
+
+import numpy as np
+import pytest
+import torch
+
+from training import __main__, data, export, losses, parity, tasks, train
+from training.models import spectrum
+from training.models.ns import NoiseSuppressor
+from training.shared import safetensors_file
+
+torch.set_num_threads(1)
+
+
+def task(network, **schedule):
+    config = __main__.configuration(network, None, smoke=True)
+    config["data"] |= {"workers": 0, "batch": 2, "seconds": 1.024, "validation_batches": 1, "clips": 2, "valid_clips": 1,
+                       "clip_seconds": 2.0}
+    config["train"] |= schedule
+    return tasks.create(network, config, data.StubData(config)), config
+
+
+def test_a_stopped_run_goes_on_as_if_it_had_not_been_stopped(tmp_path):
+    """To the bit: the same batches, rates and optimiser states."""
+    schedule = {"steps": 4, "save_every": 2, "validate_every": 4, "average": 1, "freeze_norm": 0.75}
+    straight, config = task("ns", **schedule)
+    whole = train.train(straight, config, tmp_path / "whole", "cpu")
+
+    class Stop(Exception):
+        pass
+
+    class Stopping(type(straight)):
+        def loss(self, model, batch, rng):
+            self.calls = getattr(self, "calls", 0) + 1
+            if self.calls > 2:
+                raise Stop
+            return super().loss(model, batch, rng)
+
+    with pytest.raises(Stop):
+        train.train(Stopping(config, straight.data), config, tmp_path / "parts", "cpu")
+    resumed = train.train(straight, config, tmp_path / "parts", "cpu")
+    for name, value in whole.state_dict().items():
+        assert torch.equal(value, resumed.state_dict()[name]), name
+
+
+def test_the_average_is_that_of_the_last_checkpoints(tmp_path):
+    for step, value in enumerate((100.0, 1.0, 3.0), 1):
+        model = torch.nn.Linear(1, 1)
+        torch.nn.init.constant_(model.weight, value)
+        train.save(tmp_path, model, torch.optim.AdamW(model.parameters()), step, keep=2)
+    assert train.averaged(tmp_path)["weight"].item() == 2.0
+    assert train.trained_steps(tmp_path) == 3
+
+
+@pytest.mark.parametrize("network", tasks.NETWORKS)
+def test_an_export_holds_the_library_s_tables_and_where_they_come_from(network, tmp_path):
+    """Every table of the manifest, finite, in its type and shape; configuration, data and revision beside them."""
+    _, make, kind, _ = parity.CHECKS[network]
+    _, config = task(network)
+    with torch.no_grad():
+        tables = export.fit(network, make(kind, 0).tables())
+    path, _ = export.write(network, tables, export.describe(network, config, 7, "digest", {}), tmp_path)
+    read, metadata = safetensors_file.read(path)
+    entries = export.manifest(network)
+    assert {name: (dtype, shape) for name, (dtype, shape, _) in read.items()} == {
+        name: (entry["dtype"], entry["shape"]) for name, entry in entries.items()}
+    assert all(np.isfinite(a).all() for a in tables.values())
+    assert (metadata["steps"], metadata["data"], metadata["trained"]) == ("7", "digest", "yes")
+    assert json.loads(metadata["config"]) == config and metadata["revision"]
+
+
+@pytest.mark.parametrize("network", tasks.NETWORKS)
+def test_a_batch_can_be_learnt(network):
+    """Twelve steps on one batch bring its loss down."""
+    t, config = task(network)
+    torch.manual_seed(1)
+    model = t.model().train()
+    batch = {name: torch.from_numpy(value) for name, value in t.sample(np.random.default_rng(2), "train").items()}
+    optimizer = torch.optim.AdamW(model.parameters(), 1e-3)
+    losses = []
+    for _ in range(12):
+        loss, _ = t.loss(model, batch, np.random.default_rng(3))
+        optimizer.zero_grad()
+        loss.backward()
+        optimizer.step()
+        losses.append(loss.item())
+    assert losses[-1] < 0.9 * losses[0], losses
+
+
+def test_an_open_mask_gives_the_signal_back():
+    """Analysis, mask 1 and synthesis: within 1e-5 above the lowest bins, whose factor is switched off here."""
+    wave = torch.randn(2, 8 * 1024, generator=torch.Generator().manual_seed(4)) * 0.1
+    spectra = spectrum.analyse(wave)
+    again = spectrum.synthesise(spectrum.apply_mask(torch.ones(2, 2, 16, 512), spectra, 0, 1.0, floor=1.0))
+    assert torch.allclose(again[:, 512:], wave[:, :-512], atol=1e-5)
+
+
+def test_taking_speech_away_costs_more_than_leaving_noise():
+    target = torch.full((1, 4, 513), 10 + 0j)
+    over, under = losses.spectral(0.5 * target, target, 0.3, 2.0), losses.spectral(1.6 * target, target, 0.3, 2.0)
+    plain = losses.spectral(0.5 * target, target, 0.3, 1.0)
+    assert over == pytest.approx(2 * plain) and over > under
+
+
+def test_the_suppressor_s_over_read_is_trained_to_nothing():
+    """The first two weights of every row, which the engine multiplies a second time, are zero in the export."""
+    with torch.no_grad():
+        table = export.fit("ns", parity.random_model(NoiseSuppressor, 0).tables())["denoise_inp_conv1_weight"]
+    assert not table[:288].reshape(16, 18)[:, :2].any() and not table[288:].any()
+    assert (table[:288].reshape(16, 18)[:, 2:] != 0).all()

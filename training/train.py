@@ -1,0 +1,169 @@
+"""The training loop: AdamW under a cosine, gradient clipping, checkpoints to resume from and to average.
+
+Batch i is drawn from a generator seeded with (seed, i), so a run that was stopped goes on as if it had not been.
+"""
+import contextlib
+import csv
+import math
+import os
+import pathlib
+import time
+
+import numpy as np
+import torch
+import tqdm
+
+SPLITS = ("train", "valid", "test")
+
+
+class Batches(torch.utils.data.Dataset):
+    """Batch number -> batch. Worker processes mix while the network learns."""
+
+    def __init__(self, task, seed, split, count):
+        self.task, self.seed, self.split, self.count = task, seed, split, count
+
+    def __len__(self):
+        return self.count
+
+    def __getitem__(self, i):
+        batch = self.task.sample(np.random.default_rng([self.seed, SPLITS.index(self.split), i]), self.split)
+        return {name: torch.from_numpy(value) for name, value in batch.items()}
+
+
+def batches(task, seed, split, first, last, workers):
+    return torch.utils.data.DataLoader(
+        Batches(task, seed, split, last), batch_size=None, sampler=range(first, last), num_workers=workers,
+        prefetch_factor=4 if workers else None, worker_init_fn=lambda _: torch.set_num_threads(1)
+    ) if workers else torch.utils.data.DataLoader(Batches(task, seed, split, last), batch_size=None,
+                                                  sampler=range(first, last))
+
+
+class Log:
+    """log.csv with one row per report, and TensorBoard events where TensorBoard is installed."""
+
+    def __init__(self, folder):
+        self.path = folder / "log.csv"
+        self.board = None
+        with contextlib.suppress(ImportError):
+            from torch.utils.tensorboard import SummaryWriter
+            self.board = SummaryWriter(folder)
+
+    def write(self, step, split, values):
+        new = not self.path.exists()
+        with open(self.path, "a", newline="") as f:
+            out = csv.writer(f)
+            if new:
+                out.writerow(["time", "step", "split", "name", "value"])
+            for name, value in values.items():
+                out.writerow([int(time.time()), step, split, name, f"{value:.6g}"])
+                if self.board:
+                    self.board.add_scalar(f"{split}/{name}", value, step)
+
+
+def learning_rate(config, step):
+    """Linear rise, then half a cosine down to the final rate."""
+    warm, steps = config["warm_up"] * config["steps"], config["steps"]
+    high, low = config["learning_rate"], config["final_learning_rate"]
+    if step < warm:
+        return high * (step + 1) / warm
+    return low + (high - low) * 0.5 * (1 + math.cos(math.pi * (step - warm) / max(1, steps - warm)))
+
+
+def freeze_norm(model):
+    for module in model.modules():
+        if isinstance(module, torch.nn.modules.batchnorm._BatchNorm):
+            module.eval()
+
+
+def train(task, config, folder, device, model=None, section="train"):
+    """Runs or resumes; returns the model averaged over the last checkpoints, in training form. model: where to start,
+    else a new one; section: the part of the configuration with the schedule."""
+    c, seed = config[section], config["seed"]
+    folder.mkdir(parents=True, exist_ok=True)
+    torch.manual_seed(seed)
+    model = (model or task.model()).to(device)
+    optimizer = torch.optim.AdamW(model.parameters(), weight_decay=c["weight_decay"], betas=(0.9, 0.99))
+    step = resume(folder, model, optimizer)
+    log, seen = Log(folder), {}
+    valid = list(batches(task, seed, "valid", 0, config["data"]["validation_batches"], 0)) if step < c["steps"] else []
+    progress = tqdm.tqdm(total=c["steps"], initial=step, unit="step", mininterval=1 if os.isatty(2) else 60)
+    for batch in batches(task, seed, "train", step, c["steps"], config["data"]["workers"]):
+        model.train()
+        if step >= c.get("freeze_norm", 1) * c["steps"]:
+            freeze_norm(model)
+        for group in optimizer.param_groups:
+            group["lr"] = learning_rate(c, step)
+        batch = {name: value.to(device) for name, value in batch.items()}
+        loss, values = task.loss(model, batch, np.random.default_rng([seed, 9, step]))
+        optimizer.zero_grad()
+        loss.backward()
+        norm = torch.nn.utils.clip_grad_norm_(model.parameters(), c["clip"])
+        if torch.isfinite(norm):
+            optimizer.step()
+        for name, value in {"loss": loss.item(), "gradient": norm.item(), **values}.items():
+            seen.setdefault(name, []).append(value)
+        step += 1
+        progress.update()
+        if step % c["save_every"] == 0 or step == c["steps"]:
+            log.write(step, "train", {name: float(np.mean(values)) for name, values in seen.items()})
+            progress.set_postfix(loss=f"{np.mean(seen['loss']):.4f}")
+            seen = {}
+            save(folder, model, optimizer, step, c["average"])
+        if step % c["validate_every"] == 0 or step == c["steps"]:
+            log.write(step, "valid", validate(task, model, valid, device))
+    progress.close()
+    model.load_state_dict(averaged(folder))
+    if valid:
+        log.write(step, "averaged", validate(task, model, valid, device))
+    return model
+
+
+@torch.no_grad()
+def validate(task, model, valid, device):
+    model.eval()
+    results = [task.validate(model, {name: value.to(device) for name, value in batch.items()}) for batch in valid]
+    names = sorted({name for r in results for name in r})
+    return {name: float(np.mean([r[name] for r in results if name in r])) for name in names}
+
+
+# ---- checkpoints ----------------------------------------------------------------------------------------------------
+
+
+def save(folder, model, optimizer, step, keep):
+    """checkpoint.pt to resume from, weights-STEP.pt to average; the newest `keep` of these stay."""
+    write(folder / "checkpoint.pt", {"model": model.state_dict(), "optimizer": optimizer.state_dict(), "step": step})
+    write(folder / f"weights-{step:07}.pt", model.state_dict())
+    for old in weights(folder)[:-keep]:
+        old.unlink()
+
+
+def write(path, value):
+    """Atomically: a run may be stopped at any moment."""
+    temporary = path.with_suffix(".new")
+    torch.save(value, temporary)
+    temporary.replace(path)
+
+
+def weights(folder):
+    return sorted(folder.glob("weights-*.pt"))
+
+
+def resume(folder, model, optimizer):
+    path = folder / "checkpoint.pt"
+    if not path.exists():
+        return 0
+    checkpoint = torch.load(path, map_location="cpu")
+    model.load_state_dict(checkpoint["model"])
+    optimizer.load_state_dict(checkpoint["optimizer"])
+    return checkpoint["step"]
+
+
+def averaged(folder):
+    """Mean of the kept weights; counters, which have no mean, are the newest ones."""
+    states = [torch.load(path, map_location="cpu") for path in weights(folder)]
+    return {name: torch.stack([s[name] for s in states]).mean(0) if value.is_floating_point() else value
+            for name, value in states[-1].items()}
+
+
+def trained_steps(folder):
+    return int(weights(folder)[-1].stem.split("-")[1])
