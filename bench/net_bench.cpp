@@ -101,10 +101,6 @@ double smallest(const std::vector<double>& values) {
   return *std::min_element(values.begin(), values.end());
 }
 
-double largest(const std::vector<double>& values) {
-  return *std::max_element(values.begin(), values.end());
-}
-
 // A row "what/quibo..." whose body runs `macs` multiply-adds per iteration.
 template <class Body>
 void add_row(const std::string& what, const Variant& variant, double macs, const Body& body) {
@@ -120,8 +116,7 @@ void add_row(const std::string& what, const Variant& variant, double macs, const
                                  }
                                })
       ->Unit(benchmark::kMicrosecond)
-      ->ComputeStatistics("min", smallest)
-      ->ComputeStatistics("max", largest);
+      ->ComputeStatistics("min", smallest);
 }
 
 std::vector<float> random_floats(size_t count, float limit) {

@@ -76,8 +76,10 @@ typedef struct {
 
 /* One step: 512 samples in, 512 samples out, full scale 1.0, delayed by four hops (2048 samples).
  * Returns 0, or -1, with `out` untouched, during the first four steps of an instance and always
- * when the instance is only half built. The layers' tables are read at every step; `net` and its
- * layers may be pointed at other tables of the same shape between steps. */
+ * when the instance is only half built. A NaN or an infinity in `in` stays in the recurrent states
+ * of all instances for good: `out` is NaN, int16 output 0. Frames made from int16 never hold one.
+ * The layers' tables are read at every step; `net` and its layers may be pointed at other tables of
+ * the same shape between steps. */
 int32_t nn_denoise_forward(DenoiseNet* net, const float* in, float* out);
 
 /* Two steps at once, 1024 samples: the bits of two calls of nn_denoise_forward, but every weight is
