@@ -1,6 +1,10 @@
 #!/usr/bin/env python3
 """Writes ns.safetensors and naec.safetensors: the two suppressors' tables before any training.
 
+    make_suppressors_untrained.py OUT_DIR
+
+The folder must be named: trained files may stand beside this script.
+
 Every table is drawn from a generator seeded with the table's name, uniformly and with the variance that keeps
 activations in range. Two choices make the untrained chain harmless: the first layer takes spectra of full scale (bins of
 up to 256) down to the order of 1, and the last stage is small with a bias of OPEN. The masks then stay near
@@ -52,9 +56,10 @@ def table(name, shape):
 
 
 def main():
-    here = pathlib.Path(__file__).parent
-    out = pathlib.Path(sys.argv[1] if len(sys.argv) > 1 else here)
-    manifest = json.loads((here / "manifest.json").read_text())
+    if len(sys.argv) != 2:
+        sys.exit("usage: make_suppressors_untrained.py OUT_DIR")
+    out = pathlib.Path(sys.argv[1])
+    manifest = json.loads((pathlib.Path(__file__).parent / "manifest.json").read_text())
     for file_name in FILES:
         shapes = {name: entry["shape"] for name, entry in manifest[file_name].items()}
         safetensors_file.write(out / file_name,
