@@ -1,5 +1,6 @@
 """python -m training COMMAND: see --help. Commands run from the repository root."""
 import argparse
+import hashlib
 import json
 import pathlib
 import sys
@@ -9,7 +10,7 @@ import torch
 
 from . import data, export, parity, tasks, train
 from .evaluate import cli as evaluate
-from .models.layers import deploy
+from .models.layers import deploy, load_tables
 from .models.quantise import set_mode
 from .shared import ROOT
 
@@ -30,6 +31,11 @@ def run_training(arguments):
     config = configuration(arguments.network, arguments.config, arguments.smoke)
     if arguments.steps:
         config["train"]["steps"] = arguments.steps
+    if arguments.start:
+        # Folded tables have no normalisation left whose statistics could be learnt.
+        config["start"] = hashlib.sha256(arguments.start.read_bytes()).hexdigest()
+        config["model"]["norm"] = False
+        config["train"]["freeze_norm"] = 0
     folder = arguments.out / f"train-{arguments.network}{'-smoke' if arguments.smoke else ''}"
     folder.mkdir(parents=True, exist_ok=True)
     device = "cuda" if torch.cuda.is_available() else "cpu"
@@ -40,7 +46,7 @@ def run_training(arguments):
         source.prepare(arguments.network)
     if "train" in stages:
         (folder / "config.json").write_text(json.dumps(config, indent=1))
-        train.train(task, config, folder, device)
+        train.train(task, config, folder, device, model=started(task, config, arguments))
     if "quantise" in stages and "quantise" in config:
         quantise(task, config, folder, device)
     if "export" in stages:
@@ -48,6 +54,15 @@ def run_training(arguments):
     if "evaluate" in stages:
         model, folder = trained(task, config, folder)
         print("test:", json.dumps(judge(task, model, config, "test", folder)))
+
+
+def started(task, config, arguments):
+    """The network to begin with: new, or from an exported file."""
+    if not arguments.start:
+        return None
+    model = task.model()
+    load_tables(model, export.read(arguments.start))
+    return model
 
 
 def quantise(task, config, folder, device):
@@ -107,6 +122,7 @@ def main():
     p.add_argument("--stages", default=",".join(STAGES), help=f"which of {','.join(STAGES)} to run (default: all)")
     p.add_argument("--steps", type=int, help="length of the training instead of the configuration's; a run that is "
                    "resumed with fewer steps comes to its end sooner")
+    p.add_argument("--start", type=pathlib.Path, help="ns, naec: parameter file to go on from, instead of a new network")
     p.add_argument("--config", type=pathlib.Path, help="TOML instead of training/configs/NETWORK.toml")
     p.add_argument("--out", type=pathlib.Path, default=ROOT / "build-training",
                    help="rooms, cached audio, checkpoints, logs, exported files")

@@ -38,6 +38,12 @@ def write(network, tables, metadata, folder):
     return path, hashlib.sha256(path.read_bytes()).hexdigest()
 
 
+def read(path):
+    """Tables of an exported file: {name: array}."""
+    entries, _ = safetensors_file.read(path)
+    return {name: np.frombuffer(data, DTYPES[dtype]).reshape(shape).copy() for name, (dtype, shape, data) in entries.items()}
+
+
 def describe(network, config, steps, digest, results):
     """Metadata of an exported file: enough to make it again."""
     revision = subprocess.run(["git", "describe", "--always", "--dirty", "--abbrev=12"], cwd=ROOT, text=True,

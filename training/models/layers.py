@@ -114,6 +114,15 @@ def folded(norm):
     return scale, norm.bias - norm.running_mean * scale
 
 
+@torch.no_grad()
+def set_affine(norm, scale, shift):
+    """The inverse of folded(): statistics of a standard normal input, which training must leave as they are."""
+    norm.running_mean.zero_()
+    norm.running_var.fill_(1 - norm.eps)
+    norm.weight.copy_(scale.view(-1))
+    norm.bias.copy_(shift.view(-1))
+
+
 def shuffle(y):
     """[B, 2C, T, F] -> [B, C, T, 2F]: the first half of the channels gives even positions, the second half odd ones."""
     b, c, t, f = y.shape
@@ -150,3 +159,23 @@ def gru_gates(gru):
     w_i, w_h = gru.weight_ih_l0.chunk(3), gru.weight_hh_l0.chunk(3)
     b_i, b_h = gru.bias_ih_l0.chunk(3), gru.bias_hh_l0.chunk(3)
     return w_i, w_h, torch.cat([b_i[0] + b_h[0], b_i[1] + b_h[1], b_i[2], b_h[2]])
+
+
+@torch.no_grad()
+def load_gru(gru, w_i, w_h, bias):
+    """The inverse of gru_gates(): w_i and w_h [3 H, H]."""
+    h = gru.hidden_size
+    gru.weight_ih_l0.copy_(w_i)
+    gru.weight_hh_l0.copy_(w_h)
+    gru.bias_ih_l0.copy_(bias[:3 * h])
+    gru.bias_hh_l0.copy_(torch.cat([torch.zeros(2 * h), bias[3 * h:]]))
+
+
+@torch.no_grad()
+def load_tables(model, tables):
+    """Starts a model without normalisation from exported tables: the inverse of its tables()."""
+    tables = {name: torch.from_numpy(values) for name, values in tables.items()}
+    for name, own in model.tables().items():
+        if isinstance(own, nn.Parameter):
+            own.copy_(tables[name].view_as(own))
+    model.load_blocks(tables)

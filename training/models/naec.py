@@ -6,7 +6,7 @@ import torch
 from torch import nn
 
 from . import spectrum
-from .layers import CausalConv, GruBlock, conv_tables, fast_sigmoid, gru_gates, limited_sigmoid, limited_tanh, shuffle
+from .layers import CausalConv, GruBlock, conv_tables, fast_sigmoid, gru_gates, limited_sigmoid, limited_tanh, load_gru, shuffle
 
 LOW_BINS, LOW_FACTOR = 4, 0.2
 INPUT = [(4, 16), (16, 32), (32, 48), (48, 64)]
@@ -102,3 +102,9 @@ class EchoSuppressor(nn.Module):
         for name, layer in (("real", self.real), ("imag", self.imag)):
             tables[f"aec_sys_{name}_conv_weight"], tables[f"aec_sys_{name}_conv_bias"] = layer.weight, layer.bias
         return tables
+
+    def load_blocks(self, tables):
+        for i, block in enumerate(self.blocks):
+            p, n = f"aec_{block.axis}_gru{i // 2 + 1}", CHANNELS
+            rows = tables[p + "_weight"].view(3 * n, 2 * n)
+            load_gru(block.gru, rows[:, :n], rows[:, n:], tables[p + "_bias"].view(-1))

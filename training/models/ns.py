@@ -8,7 +8,7 @@ from torch import nn
 from torch.nn import functional as F
 
 from . import spectrum
-from .layers import CausalConv, GruBlock, conv_tables, fast_sigmoid, fast_tanh, gru_gates, shuffle
+from .layers import CausalConv, GruBlock, conv_tables, fast_sigmoid, fast_tanh, gru_gates, load_gru, set_affine, shuffle
 
 LOW_BINS, LOW_FACTOR = 8, 0.15
 STEPS_PER_FRAME = 2
@@ -87,6 +87,19 @@ class NoiseSuppressor(nn.Module):
             tables[f"{p}linear{n}_weight"], tables[f"{p}linear{n}_bias"] = block.linear.weight, block.linear.bias
             tables[f"{p}norm{n}_weight"], tables[f"{p}norm{n}_bias"] = block.affine()
         return tables
+
+    @torch.no_grad()
+    def load_blocks(self, tables):
+        first = self.encoder[0].conv.weight
+        first.copy_(tables["denoise_inp_conv1_weight"].view(-1)[:first.numel()].view_as(first))
+        n = CHANNELS
+        for i, block in enumerate(self.blocks):
+            p, k = f"denoise_{block.axis}_", i // 2 + 1
+            gates, new = tables[f"{p}gru{k}_weight"].view(-1).split([4 * n * n, 2 * n * n])
+            gates, new = gates.view(2 * n, 2 * n), new.view(2, n, n)
+            load_gru(block.gru, torch.cat([gates[:, :n], new[0]]), torch.cat([gates[:, n:], new[1]]),
+                     tables[f"{p}gru{k}_bias"].view(-1))
+            set_affine(block.norm, tables[f"{p}norm{k}_weight"], tables[f"{p}norm{k}_bias"])
 
 
 def interleave(x, microphones):
