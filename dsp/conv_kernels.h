@@ -95,9 +95,12 @@ void conv_blocks(const ConvJob& job, int registers) {
 template <class V>
 void conv(const ConvJob& job) {
   const int registers = job.steps * job.positions / V::kWidth;
-  if (kManyRegisters<V> && registers % 4 == 0) {
+  if constexpr (!kManyRegisters<V>) {
+    static_assert(V::kWidth <= 8, "positions come in multiples of 32, so registers in fours");
+    conv_blocks<V, 2, 4>(job, registers);
+  } else if (registers % 4 == 0) {
     conv_blocks<V, 4, 4>(job, registers);
-  } else if (kManyRegisters<V> && job.out_channels % 8 == 0) {
+  } else if (job.out_channels % 8 == 0) {
     conv_blocks<V, 8, 2>(job, registers);  // one step of 32 positions in registers of 16
   } else {
     conv_blocks<V, 4, 2>(job, registers);
