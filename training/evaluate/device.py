@@ -161,18 +161,21 @@ class Device:
             so.QuibWakeupUnit(handle)
         return np.array(costs)
 
-    def heading(self, mics, seconds):
+    def heading(self, mics, seconds, suppress=True):
         """What the direction path says when asked `seconds` into int16 [3, n] cancelled microphones
-        (a wake at that moment): degrees, or None."""
+        (a wake at that moment): degrees, or None. suppress: with the noise suppressors."""
+        whole = -(-mics.shape[1] // FRAME) * FRAME
+        mics = np.pad(mics, ((0, 0), (0, whole - mics.shape[1])))
         with self._fresh() as (_, so):
-            quiet_mics = engine.suppress_noise(so, mics, engine.DIRECTION_FLOOR)
+            if suppress:
+                mics = engine.suppress_noise(so, mics, engine.DIRECTION_FLOOR)
             handle = ctypes.c_void_p()
             if so.kesto_customs_doa_init(ctypes.byref(handle)) != 0:
                 raise MemoryError("kesto_customs_doa_init")
             last = round(seconds * RATE) // BLOCK
             for block in range(last + 1):
                 part = slice(block * BLOCK, (block + 1) * BLOCK)
-                inputs = [np.ascontiguousarray(m[part]) for m in quiet_mics]
+                inputs = [np.ascontiguousarray(m[part]) for m in mics]
                 angle = so.kesto_customs_doa_write(
                     handle, *map(engine.pointer, inputs), None, int(block == last)
                 )
