@@ -28,7 +28,11 @@ class StubData:
         return stub_scenes.ns_batch(None, None, rng, batch, seconds, split)
 
     def doa_batch(self, rng, batch, seconds, split):
-        return stub_scenes.doa_batch(None, None, rng, batch, seconds, split)
+        import torch
+
+        from .models import doa
+        scenes = stub_scenes.doa_batch(None, None, rng, batch, seconds, split)
+        return scenes | {"features": doa.inputs(torch.from_numpy(scenes.pop("mics"))).numpy()}
 
     def kws_batch(self, rng, batch, seconds, split):
         return stub_scenes.kws_batch(None, None, rng, batch, seconds, split)

@@ -1,13 +1,19 @@
 """Somebody calling the device from a known heading: what the direction network learns from.
 
 A clip is 3.2 s of three microphones as they leave the echo cancellers. Mostly it holds an
-utterance as long as a wake phrase after a second or two of whatever else is heard. Two stores per
-split, see clip_store.py; a maker of one goes on where it stopped:
+utterance as long as a wake phrase after a second or two of whatever else is heard. Stores per
+split, see clip_store.py; making goes on where it stopped:
 
-  mics.i16        [clips, 3, SAMPLES] int16
-  active.u8       [clips, HOPS] whether the talker speaks, per 10 ms, as microphone 1 hears him
-  suppressed-ID/  the same microphones through the noise suppressors, ID from their parameters' hash:
-    mics.i16      the library's own, taking turns as in the front end, their delay taken off
+  mics.i16      [clips, 3, SAMPLES] int16
+  active.u8     [clips, HOPS] whether the talker speaks, per 10 ms, as microphone 1 hears him
+  heard-raw/, heard-ID/
+                the clips' features: as they are, and behind the library's own noise suppressors,
+                which take turns as in the front end; ID from the suppressors' parameters
+    features.f16  [runs, RUN, HOPS, 3, VALUES] per hop: of each microphone pair the cross-correlation,
+                  one lag more than the network takes; of each microphone the log-mel energies
+
+From these the features of the turned and of the mirrored array follow by rearranging (arranged()):
+the correlation of a pair the other way round is the same, backwards.
 
 Levels as in noisy.py.
 """
@@ -47,6 +53,9 @@ LEARNING = 48 * FRAME  # of playback before the clip, in which the cancellers le
 CLIP_NOISES = {kind: share for kind, share in NOISES.items() if kind != "talker"}
 ACTIVE_RANGE = 1e-3  # of power: 30 dB below the loudest 30 ms
 RUN = 20  # clips that one device hears, one after the other
+LAGS, BANDS = 41, 40
+VALUES = LAGS + BANDS
+PAIRS = ((0, 1), (0, 2), (1, 2))
 TURN = 120.0  # degrees from one microphone to the next
 
 
@@ -57,8 +66,8 @@ def fields(samples):
     }
 
 
-def suppressed_fields(samples):
-    return {"mics": ("mics.i16", np.int16, (RUN, 3, samples))}
+def heard_fields(samples):
+    return {"features": ("features.f16", np.float16, (RUN, samples // HOP, 3, VALUES))}
 
 
 def phrase(corpus, rng, split, samples):
@@ -155,8 +164,9 @@ class Maker:
         return make_clip(*self._scenes, number)
 
 
-class Suppressor:
-    """Runs of clips through the noise suppressors."""
+class Listener:
+    """Features of runs of clips, see clip_store.fill(). tables: the noise suppressors', or None to
+    hear the microphones as they are."""
 
     def __init__(self, path, library, tables):
         self._mics = clip_store.ClipStore(path, fields).signals["mics"]
@@ -164,11 +174,13 @@ class Suppressor:
 
     def __call__(self, number):
         clips = self._mics[number * RUN : (number + 1) * RUN]
-        return {"mics": suppressed(clips, self._library, self._tables)}, {}
+        if self._tables is not None:
+            clips = suppressed(clips, self._library, self._tables)
+        return {"features": features_of(clips)}, {}
 
 
 def suppressed(clips, library, tables):
-    """int16 [clips, 3, samples] as one device hears them one after the other, aligned."""
+    """int16 [clips, 3, samples] as one device hears them one after the other, the delay taken off."""
     count, _, samples = clips.shape
     recording = np.pad(clips.transpose(1, 0, 2).reshape(3, -1), ((0, 0), (0, 3 * FRAME)))
     with engine.loaded(library, tables) as so:
@@ -178,31 +190,69 @@ def suppressed(clips, library, tables):
     return out.reshape(3, count, samples).transpose(1, 0, 2)
 
 
+def features_of(clips):
+    """int16 [clips, 3, samples] -> [clips, hops, 3, VALUES]."""
+    import torch  # the evaluation draws its phrases here and does without
+
+    from training.models import doa, features
+
+    torch.set_num_threads(1)
+    waves = torch.from_numpy(clips.astype(np.float32))
+    gcc, mel = features.gcc_phat(waves, LAGS), features.log_mel(waves, doa.MEL_HISTORY)
+    return torch.cat([gcc, mel], -1).transpose(1, 2).numpy()
+
+
+def turned(heading, places, mirrored):
+    """An array turned by `places` microphones, or seen in a mirror, in the same sound: which
+    microphones its own are, and the heading it hears."""
+    order = [0, 1, 2]
+    if mirrored:  # left and right change sides; microphone 1 is in the middle
+        order, heading = [0, 2, 1], -heading
+    return np.roll(order, -places), (heading - places * TURN) % 360.0
+
+
+def arranged(features, order):
+    """[hops, 3, VALUES] of one array -> the network's [4, hops, 40] for the array whose microphone
+    m is the first one's order[m]."""
+    gcc, mel = features[..., :LAGS], features[..., LAGS:]
+    pairs = []
+    for a, b in PAIRS:
+        a, b = order[a], order[b]
+        c = gcc[:, PAIRS.index((min(a, b), max(a, b)))]
+        pairs.append((c if a < b else c[:, ::-1])[:, : LAGS - 1])
+    return np.stack([*pairs, mel[:, order[0]]])
+
+
 def parameters_id(path):
     return hashlib.sha256(pathlib.Path(path).read_bytes()).hexdigest()[:16]
 
 
 class DirectionClips:
-    """List of clips, microphones as they are and suppressed."""
+    """List of clips, heard as they are and behind the noise suppressors."""
 
     def __init__(self, path, suppressor):
-        path = pathlib.Path(path)
+        self.path = path = pathlib.Path(path)
         self._store = clip_store.ClipStore(path, fields)
-        folder = path / f"suppressed-{parameters_id(suppressor)}"
-        runs = clip_store.ClipStore(folder, suppressed_fields).signals["mics"]
-        self._mics = {False: self._store.signals["mics"], True: runs.reshape(-1, 3, SAMPLES)}
+        self._heard = {
+            suppressed: clip_store.ClipStore(path / folder, heard_fields).signals["features"]
+            for suppressed, folder in _folders(suppressor).items()
+        }
         self.about = self._store.made
 
     def __len__(self):
         return len(self._store)
 
     def excerpt(self, clip, first_hop, blocks, suppressed):
-        """int16 [3, blocks of samples] from a hop on, and whether the talker speaks in each block:
-        in two of its three hops."""
+        """Features [hops, 3, VALUES] from a hop on, and whether the talker speaks in each block: in
+        two of its three hops."""
         hops = slice(first_hop, first_hop + blocks * HOPS_PER_BLOCK)
         active = self._store.signals["active"][clip, hops].reshape(blocks, HOPS_PER_BLOCK)
-        mics = self._mics[suppressed][clip, :, hops.start * HOP : hops.stop * HOP]
-        return mics, active.sum(1) >= 2
+        return self._heard[suppressed][clip // RUN, clip % RUN, hops], active.sum(1) >= 2
+
+
+def _folders(suppressor):
+    """Whether suppressed -> folder of the features."""
+    return {False: "heard-raw", True: f"heard-{parameters_id(suppressor)}"}
 
 
 def direction_clips(
@@ -219,7 +269,7 @@ def direction_clips(
 ):
     """Makes, or goes on making, the clips of a split, whole runs of them. library: path of the
     shared library; suppressor: parameter file of its noise suppressor. Returns the clips."""
-    from training import export  # PyTorch, without which the rest of this does
+    from training import export  # PyTorch, see features_of()
 
     path = pathlib.Path(path)
     runs = -(-clips // RUN)
@@ -232,36 +282,28 @@ def direction_clips(
     }
     scenes = corpus, bank, library, seed, split
     clip_store.fill(path, fields, wanted, runs * RUN, Maker, scenes, jobs, progress)
-    wanted = {**wanted, "suppressor": parameters_id(suppressor)}
-    folder = path / f"suppressed-{wanted['suppressor']}"
-    device = path, library, export.read(suppressor)
-    clip_store.fill(folder, suppressed_fields, wanted, runs, Suppressor, device, jobs)
+    for through, folder in _folders(suppressor).items():
+        heard = {**wanted, "suppressor": parameters_id(suppressor) if through else None}
+        arguments = path, library, export.read(suppressor) if through else None
+        clip_store.fill(path / folder, heard_fields, heard, runs, Listener, arguments, jobs, progress)
     return DirectionClips(path, suppressor)
 
 
-def turned(mics, heading, places, mirrored):
-    """What an array turned by `places` microphones, or seen in a mirror, hears of the same sound:
-    microphones [3, n] and heading."""
-    if mirrored:  # left and right change sides; microphone 1 is in the middle
-        mics, heading = mics[[0, 2, 1]], -heading
-    return np.roll(mics, -places, axis=0), (heading - places * TURN) % 360.0
-
-
 def batch(clips, rng, size, seconds, raw, gain_db):
-    """mics: int16 values [size, 3, T]; heading [size] in degrees; active [size, blocks].
+    """features [size, 4, frames, 40]; heading [size] in degrees; active [size, blocks].
 
     Arrays are turned and mirrored at random. raw: share of excerpts without noise suppressor;
     gain_db: range of level changes.
     """
     blocks = round(seconds * RATE) // engine.BLOCK
-    mics = np.empty((size, 3, blocks * engine.BLOCK), np.float32)
+    features = np.empty((size, 4, blocks * HOPS_PER_BLOCK, BANDS), np.float32)
     headings, active = np.empty(size, np.float32), np.empty((size, blocks), np.float32)
     for i in range(size):
         clip = int(rng.integers(len(clips)))
         first = int(rng.integers(HOPS - blocks * HOPS_PER_BLOCK + 1))
-        x, active[i] = clips.excerpt(clip, first, blocks, rng.random() >= raw)
+        heard, active[i] = clips.excerpt(clip, first, blocks, rng.random() >= raw)
         heading = clips.about[clip]["heading"]
-        x, headings[i] = turned(x, heading, int(rng.integers(3)), rng.random() < 0.5)
-        peak = np.abs(x.astype(np.int32)).max() + 1
-        mics[i] = np.round(x * np.float32(min(gain(rng.uniform(*gain_db)), 32767 / peak)))
-    return {"mics": mics, "heading": headings, "active": active}
+        order, headings[i] = turned(heading, int(rng.integers(3)), rng.random() < 0.5)
+        features[i] = arranged(heard, order)
+        features[i, 3] += 2.0 * np.log(gain(rng.uniform(*gain_db)))  # energies, natural logarithm
+    return {"features": features, "heading": headings, "active": active}

@@ -20,11 +20,9 @@ class Task:
         return self.data.doa_batch(rng, c["batch"], c["seconds"], split)
 
     def vectors(self, model, batch):
-        with torch.no_grad():
-            features = doa.inputs(batch["mics"])
         angle = torch.deg2rad(batch["heading"] - FRONT_END_DEGREES)
         target = LENGTH * torch.stack([angle.sin(), angle.cos()], -1)[:, None] * batch["active"][..., None]
-        return model(features), target
+        return model(batch["features"]), target
 
     def loss(self, model, batch, rng):
         estimate, target = self.vectors(model, batch)

@@ -2,13 +2,15 @@
 
 import numpy as np
 import pytest
+import torch
 from conftest import SEED, plane_wave
 
-from training import engine
+from training import engine, export
 from training.evaluate.alignment import find_delay
 from training.evaluate.metrics import angle_error
 from training.evaluate.peers import srp_phat
-from training.scenes import direction, mixing
+from training.models import doa
+from training.scenes import clip_store, direction, mixing
 from training.scenes.audio import RATE
 from training.shared import PARAMS
 
@@ -20,13 +22,27 @@ def clips(corpus, bank, library_path, tmp_path_factory):
     return direction.direction_clips(*arguments)
 
 
-@pytest.mark.parametrize("mirrored", [False, True])
-@pytest.mark.parametrize("places", [0, 1, 2])
+ARRAYS = [(places, mirrored) for places in (0, 1, 2) for mirrored in (False, True)]
+
+
+@pytest.mark.parametrize("places, mirrored", ARRAYS)
 @pytest.mark.parametrize("heading", [20.0, 165.0, 290.0])
 def test_a_turned_array_hears_what_a_source_at_the_new_heading_would_give(heading, places, mirrored):
     """Microphone by microphone, within 1e-9: one sign or one order wrong makes another wave."""
-    mics, new = direction.turned(plane_wave(heading, SEED), heading, places, mirrored)
-    assert np.abs(mics - plane_wave(new, SEED)).max() < 1e-9
+    order, new = direction.turned(heading, places, mirrored)
+    assert np.abs(plane_wave(heading, SEED)[order] - plane_wave(new, SEED)).max() < 1e-9
+
+
+@pytest.mark.parametrize("places, mirrored", ARRAYS)
+def test_features_of_a_turned_array_are_those_of_its_own_recording(places, mirrored):
+    """Rearranged features against the network's input made from rearranged microphones, within 1e-4, lag -20 and every
+    microphone's energies included."""
+    mics = np.int16(2000 * np.random.default_rng(SEED).standard_normal((3, 10 * engine.BLOCK)))
+    mics[1, 20:] = mics[0, :-20]  # as far apart as the lags reach
+    order, _ = direction.turned(0.0, places, mirrored)
+    rearranged = direction.arranged(direction.features_of(mics[None])[0], order)
+    recorded = doa.inputs(torch.from_numpy(mics[order].astype(np.float32))[None])[0].numpy()
+    assert np.abs(rearranged - recorded).max() < 1e-4
 
 
 def test_labels_are_where_the_sound_comes_from(bank):
@@ -40,30 +56,24 @@ def test_labels_are_where_the_sound_comes_from(bank):
     assert np.median(errors) < 5, errors
 
 
-def test_activity_and_suppressed_microphones_stand_beside_the_clip(clips):
+def test_activity_and_suppressed_microphones_stand_beside_the_clip(clips, library_path):
     """The talker is louder where he is said to speak; the suppressors' delay is taken off, in a run's first clip as in
     its last."""
+    mics = clip_store.ClipStore(clips.path, direction.fields).signals["mics"]
     blocks = direction.HOPS // direction.HOPS_PER_BLOCK
     louder = []
-    for i in range(len(clips)):
-        mics, active = clips.excerpt(i, 0, blocks, False)
-        about = clips.about[i]
+    for i, about in enumerate(clips.about):
+        _, active = clips.excerpt(i, 0, blocks, False)
         assert active.any() == (about["kind"] != "nobody")
         if about["kind"] == "phrase" and about["snr"] > 15 and about["ser"] is None:
-            power = (mics[0].astype(float).reshape(blocks, -1) ** 2).mean(1)
+            mic = mics[i, 0, : blocks * engine.BLOCK].astype(float)
+            power = (mic.reshape(blocks, -1) ** 2).mean(1)
             louder.append(10 * np.log10(power[active].mean() / power[~active].mean()))
     assert len(louder) > 3 and min(louder) > 3, louder
+    run = mics[: direction.RUN]
+    cleaned = direction.suppressed(run, library_path, export.read(PARAMS / "ns.safetensors"))
     for i in (0, direction.RUN - 1):
-        (mic, *_), _ = clips.excerpt(i, 0, blocks, False)
-        (clean, *_), _ = clips.excerpt(i, 0, blocks, True)
-        assert find_delay(mic.astype(float), clean.astype(float), 4096) == 0
-
-
-def test_a_batch_holds_both_kinds_in_the_network_s_units(clips):
-    batch = direction.batch(clips, np.random.default_rng(SEED), 16, 1.2, raw=0.5, gain_db=(-8, 8))
-    assert batch["mics"].shape == (16, 3, 40 * engine.BLOCK) and batch["active"].shape == (16, 40)
-    assert np.array_equal(batch["mics"], np.round(batch["mics"])) and np.abs(batch["mics"]).max() <= 32767
-    assert ((batch["heading"] >= 0) & (batch["heading"] < 360)).all()
+        assert find_delay(run[i, 0].astype(float), cleaned[i, 0].astype(float), 4096) == 0
 
 
 def test_clips_go_on_where_they_stopped_and_another_suppressor_gets_its_own(
