@@ -34,8 +34,9 @@ def run_training(arguments):
     if arguments.start:
         # Folded tables have no normalisation left whose statistics could be learnt.
         config["start"] = hashlib.sha256(arguments.start.read_bytes()).hexdigest()
-        config["model"]["norm"] = False
-        config["train"]["freeze_norm"] = 0
+        if "norm" in config["model"]:
+            config["model"]["norm"] = False
+            config["train"]["freeze_norm"] = 0
     if arguments.network == "doa":
         config["suppressor"] = hashlib.sha256(arguments.suppressor.read_bytes()).hexdigest()
     folder = arguments.out / f"train-{arguments.network}{'-smoke' if arguments.smoke else ''}"
@@ -124,7 +125,7 @@ def main():
     p.add_argument("--stages", default=",".join(STAGES), help=f"which of {','.join(STAGES)} to run (default: all)")
     p.add_argument("--steps", type=int, help="length of the training instead of the configuration's; a run that is "
                    "resumed with fewer steps comes to its end sooner")
-    p.add_argument("--start", type=pathlib.Path, help="ns, naec: parameter file to go on from, instead of a new network")
+    p.add_argument("--start", type=pathlib.Path, help="ns, naec, doa: parameter file to go on from, instead of a new network")
     p.add_argument("--config", type=pathlib.Path, help="TOML instead of training/configs/NETWORK.toml")
     p.add_argument("--out", type=pathlib.Path, default=ROOT / "build-training",
                    help="rooms, cached audio, checkpoints, logs, exported files")

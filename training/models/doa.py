@@ -79,3 +79,9 @@ class DirectionNetwork(nn.Module):
                        f"ring_d{i}_conv_out": layer.output.weight, f"ring_d{i}_out_bias": layer.output.bias,
                        f"ring_ln{i}_weight": layer.norm.weight, f"ring_ln{i}_bias": layer.norm.bias}
         return tables | {"ring_fc_weight": self.output.weight, "ring_fc_bias": self.output.bias}
+
+    def load_blocks(self, tables):
+        """What of tables() is not a parameter as it stands: the first layer, normalisation taken out again."""
+        scaled = tables["ring_conv1_weight"].view_as(self.conv1.weight)
+        self.conv1.weight.copy_(scaled * self.deviation)
+        self.conv1.bias.copy_(tables["ring_conv1_bias"] + (scaled * self.mean).sum((1, 2, 3)))
