@@ -108,7 +108,9 @@ class SceneData:
     @functools.cache
     def direction_clips(self, split):
         from .scenes import direction
-        return direction.DirectionClips(self.direction_path / split, self.suppressor)
+        c = self.config["data"]
+        clips = c["clips"] if split == "train" else c["valid_clips"]
+        return direction.DirectionClips(self.direction_path / split, self.suppressor, clips)
 
     @functools.cache
     def echo_clips(self, split):

@@ -18,6 +18,7 @@ the correlation of a pair the other way round is the same, backwards.
 Levels as in noisy.py.
 """
 
+import functools
 import hashlib
 import pathlib
 
@@ -228,26 +229,28 @@ def parameters_id(path):
 
 
 class DirectionClips:
-    """List of clips, heard as they are and behind the noise suppressors."""
+    """List of the first `clips` clips of a folder, heard as they are or behind the suppressors."""
 
-    def __init__(self, path, suppressor):
-        self.path = path = pathlib.Path(path)
-        self._store = clip_store.ClipStore(path, fields)
-        self._heard = {
-            suppressed: clip_store.ClipStore(path / folder, heard_fields).signals["features"]
-            for suppressed, folder in _folders(suppressor).items()
-        }
-        self.about = self._store.made
+    def __init__(self, path, suppressor, clips):
+        self.path = pathlib.Path(path)
+        self._suppressor = suppressor
+        self._store = clip_store.ClipStore(self.path, fields)
+        self.about = self._store.made[:clips]
 
     def __len__(self):
-        return len(self._store)
+        return len(self.about)
+
+    @functools.cache
+    def _heard(self, suppressed):
+        folder = self.path / _folders(self._suppressor)[suppressed]
+        return clip_store.ClipStore(folder, heard_fields).signals["features"]
 
     def excerpt(self, clip, first_hop, blocks, suppressed):
         """Features [hops, 3, VALUES] from a hop on, and whether the talker speaks in each block: in
         two of its three hops."""
         hops = slice(first_hop, first_hop + blocks * HOPS_PER_BLOCK)
         active = self._store.signals["active"][clip, hops].reshape(blocks, HOPS_PER_BLOCK)
-        return self._heard[suppressed][clip // RUN, clip % RUN, hops], active.sum(1) >= 2
+        return self._heard(suppressed)[clip // RUN, clip % RUN, hops], active.sum(1) >= 2
 
 
 def _folders(suppressor):
@@ -286,7 +289,7 @@ def direction_clips(
         heard = {**wanted, "suppressor": parameters_id(suppressor) if through else None}
         arguments = path, library, export.read(suppressor) if through else None
         clip_store.fill(path / folder, heard_fields, heard, runs, Listener, arguments, jobs, progress)
-    return DirectionClips(path, suppressor)
+    return DirectionClips(path, suppressor, clips)
 
 
 def batch(clips, rng, size, seconds, raw, gain_db):
