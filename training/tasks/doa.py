@@ -5,6 +5,7 @@ from ..models import doa
 
 FRONT_END_DEGREES = 30  # the front end adds this to the network's heading
 LENGTH = 0.9            # of a speaking talker's vector: the tangent need not saturate
+CHORD_ROUNDING = 0.03   # of the heading's loss near zero, radians
 DECISION_BLOCKS = 15    # the decision looks back
 
 
@@ -30,7 +31,9 @@ class Task:
         weight = active + self.config["loss"]["silence"] * (1 - active)
         distance = (weight * (estimate - target).pow(2).sum(-1)).mean()
         cosine = torch.nn.functional.cosine_similarity(estimate, target, -1, 1e-4)
-        return distance + (active * (1 - cosine)).mean(), {}
+        # The chord between the headings, not its square: many small errors weigh as much as few large ones.
+        chord = (2 - 2 * cosine + CHORD_ROUNDING**2).sqrt()
+        return distance + self.config["loss"]["heading"] * (active * chord).mean(), {}
 
     def validate(self, model, batch):
         """Error of the decision on clips in which somebody speaks: the longest vector of the blocks up to the last
