@@ -1,15 +1,16 @@
 """The direction path with its own parameters: where it points on the sample recording, whose talkers' headings are known.
 
 One talker at a time, two of them over the device's own music, heard through cancellers and noise suppressors; the
-direction is asked for as at a wake, a moment after each has spoken. The bar tells parameters that work, and headings that
-mean the same in training and in the library, from ones that do not; ./run evaluate measures how well.
+direction is asked for as at a wake, a moment after each has spoken. It rains at a window at 100 degrees all the while,
+which SRP-PHAT takes for the first talker. The bar tells parameters that work, and headings that mean the same in training
+and in the library, from ones that do not; ./run evaluate measures how well.
 """
 import array
 import ctypes
 import json
 import subprocess
 
-BAR_DEGREES = 20
+BAR_DEGREES = 30
 ASKED_SECONDS = 0.1  # after the talker's last sound
 FRAME, BLOCK, RATE = 1024, 480, 16000
 FLOOR, OFFSET_DEGREES = 0.3, 30  # the front end's
