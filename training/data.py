@@ -5,6 +5,7 @@ import os
 import tqdm
 
 from . import stub_scenes
+from .train import SPLITS
 
 SEED = 1  # of splits and rooms, which all networks share
 
@@ -30,8 +31,8 @@ class StubData:
     def doa_batch(self, rng, batch, seconds, split):
         return stub_scenes.doa_batch(None, None, rng, batch, seconds, split)
 
-    def kws_batch(self, rng, batch, seconds, split):
-        return stub_scenes.kws_batch(None, None, rng, batch, seconds, split)
+    def kws_batch(self, rng, batch, seconds, split, progress):
+        return stub_scenes.kws_batch(None, None, rng, batch, seconds, split, progress)
 
     @functools.cache
     def echo_clips(self, split):
@@ -48,6 +49,7 @@ class SceneData:
         suffix = "-smoke" if smoke else ""
         self.bank_path = folder / f"bank{suffix}"
         self.aec_path = folder / f"aec{suffix}"
+        self.syllables_path = folder / f"syllables{suffix}"
 
     @functools.cached_property
     def corpus(self):
@@ -66,18 +68,48 @@ class SceneData:
         return self.corpus.sources(splits=("train",))
 
     def prepare(self, network):
-        """Builds what is missing: rooms, and for the echo suppressor the canceller's runs."""
+        """Builds what is missing: rooms, for the echo suppressor and the wake-up network the canceller's runs, for the
+        latter voices and backgrounds."""
         from .scenes import bank, simulate
         c = self.config["data"]
         with Progress("rooms") as progress:
             bank.build_bank(self.bank_path, c["rooms"], SEED, c["workers"], progress=progress)
-        if network == "naec":
-            if self.library is None:
-                raise SystemExit("training: the canceller's runs need --library PATH of the built library")
-            for split, clips in (("train", c["clips"]), ("valid", c["valid_clips"]), ("test", c["valid_clips"])):
-                with Progress(f"canceller, {split}") as progress:
-                    simulate.aec_cache(self.corpus, self.bank, self.aec_path / split, clips, c["clip_seconds"], SEED,
-                                       split, self.library, c["workers"], progress=progress)
+        if network == "naec" or network == "kws" and self.library:
+            self.cancel()
+        if network == "kws":
+            self.prepare_syllables()
+
+    def cancel(self):
+        from .scenes import simulate
+        c = self.config["data"]
+        if self.library is None:
+            raise SystemExit("training: the canceller's runs need --library PATH of the built library")
+        for split, clips in (("train", c["clips"]), ("valid", c["valid_clips"]), ("test", c["valid_clips"])):
+            with Progress(f"canceller, {split}") as progress:
+                simulate.aec_cache(self.corpus, self.bank, self.aec_path / split, clips, c["clip_seconds"], SEED,
+                                   split, self.library, c["workers"], progress=progress)
+
+    def prepare_syllables(self):
+        from .syllables import backgrounds, voices
+        c = self.config["data"]
+        for split in SPLITS:
+            with Progress(f"voices, {split}") as progress:
+                voices.build(self.corpus, self.syllables_path / "voices" / split, split, SEED, c["synthetic_voices"],
+                             progress)
+            with Progress(f"backgrounds, {split}") as progress:
+                clips = self.echo_clips(split) if (self.aec_path / split).exists() else None
+                backgrounds.build(self.corpus, self.bank, clips, self.syllables_path / "backgrounds" / split, split,
+                                  progress)
+
+    @functools.cache
+    def syllables(self, split):
+        from .syllables import backgrounds, voices
+        return (voices.Voices(self.syllables_path / "voices" / split),
+                backgrounds.Backgrounds(self.syllables_path / "backgrounds" / split))
+
+    def kws_batch(self, rng, batch, seconds, split, progress):
+        from .syllables import batch as batches
+        return batches.batch(*self.syllables(split), rng, batch, seconds, progress)
 
     def ns_batch(self, rng, batch, seconds, split):
         from .scenes import simulate
