@@ -179,4 +179,4 @@ def batch(bank, backgrounds, rng, size, seconds, progress):
             "last": np.stack([pad(row[3]) for row in rows]),
             "certain": np.float32([row[4] for row in rows]),
             "kind": np.float32([row[5] for row in rows]),
-            "progress": np.float32(progress)}
+            "progress": np.array(progress, np.float32)}

@@ -3,6 +3,8 @@
 Three losses, one after the other: cross-entropy on the known places of the syllables; CTC within a window around each
 syllable's end, so that nothing is said before it has been heard; beside it, in the last part, the decoder's own score.
 """
+import math
+
 import torch
 
 from ..models import kws
@@ -29,6 +31,7 @@ class Task:
     def log_posteriors(self, model, batch, chained=1):
         """As the decoder has them. chained: so many utterances follow each other without a reset of the network."""
         x = batch["features"]
+        chained = math.gcd(chained, len(x))
         y = model(x.reshape(len(x) // chained, -1, x.shape[-1]))
         return decoder.merged(kws.posteriors(y).reshape(len(x), -1, y.shape[-1]))
 
