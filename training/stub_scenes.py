@@ -104,7 +104,7 @@ def kws_batch(corpus, bank, rng, batch, seconds, split, progress):
     labels[0, :4], kind = PHRASE, np.full(batch, KINDS.index("string"))
     kind[0] = KINDS.index("phrase")
     t = np.arange(round(0.25 * RATE)) / RATE
-    starts = np.round((0.4 * np.arange(count) + 0.2) * RATE).astype(int)
+    starts = np.round(np.linspace(0.1, blocks * BLOCK / RATE - 0.4, count) * RATE).astype(int)
     for wave, row in zip(waves, labels):
         for start, label in zip(starts, row):
             tones = np.sin(2 * np.pi * (300 + 60 * (label % 12)) * t) + np.sin(2 * np.pi * (1300 + 200 * (label // 12)) * t)
