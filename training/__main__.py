@@ -10,6 +10,7 @@ import torch
 
 from . import data, export, parity, tasks, train
 from .evaluate import cli as evaluate
+from .evaluate import listening
 from .models.layers import deploy, load_tables
 from .models.quantise import set_mode
 from .shared import ROOT
@@ -137,6 +138,9 @@ def main():
     p = commands.add_parser("evaluate", help="the built library on simulated scenes, beside its peers")
     evaluate.add_options(p)
     p.set_defaults(run=evaluate.run)
+    p = commands.add_parser("listen", help="the wake-up engine alone: recall, near misses, false accepts of held-out speakers")
+    listening.add_options(p)
+    p.set_defaults(run=listening.run)
     arguments = parser.parse_args()
     arguments.run(arguments)
 
