@@ -11,6 +11,7 @@ from .texts import FRAMES_PER_SECOND
 BLOCK_FRAMES = 3
 FORMANTS, PITCH = (0.80, 1.22), (0.5, 1.6)  # factors
 VOICING = (0.6, 1.1)
+LOUDEST = 40.0  # log power, active speech being at about 30: a limit to what a warp can make
 LEVEL = (-56.0, -14.0)  # dBFS, active speech: the features are not normalised
 SELF_NOISE = (-90.0, -72.0)  # dBFS of the mean of three microphones
 ROOM_SHARE = 0.75
@@ -62,7 +63,7 @@ def speak(rng, bank, pieces, frames):
         ramp = np.clip(np.minimum(at - begin, end - at) / JOINT + 0.5, 0, 1)
         weights.append(ramp * 10**(piece.decibels / 10))
     log_power = np.concatenate(rows) @ warp[:, used]
-    energy = np.exp(np.minimum(log_power, 12.0)) @ mel[used] * np.float32(np.concatenate(weights))[:, None]
+    energy = np.exp(np.minimum(log_power, LOUDEST)) @ mel[used] * np.float32(np.concatenate(weights))[:, None]
     heard = np.zeros((frames, 40), np.float32)
     np.add.at(heard, np.concatenate(places), energy)
     return heard
