@@ -32,13 +32,13 @@ def room_decay(responses):
 
 
 def recordings(corpus, split):
-    """Yields (role, log mel) in pieces of at most PIECE s."""
-    for role in ("noise", "music", "far"):
-        for clip in corpus.clips(role, split):
-            if role == "far" and ("mandarin" in clip.roles or clip.path.startswith("synthetic")):
-                continue
-            length = corpus.length(clip)
-            for start in range(0, length, int(PIECE * RATE)):
+    """Yields (role, log mel) in pieces of at most PIECE s. Other languages come from recordings, if there are any."""
+    clips = {role: corpus.clips(role, split) for role in ("noise", "music", "far")}
+    foreign = [c for c in clips["far"] if "mandarin" not in c.roles]
+    clips["far"] = [c for c in foreign if not c.path.startswith("synthetic/")] or foreign
+    for role, chosen in clips.items():
+        for clip in chosen:
+            for start in range(0, corpus.length(clip), int(PIECE * RATE)):
                 x = corpus.read(clip, start, int(PIECE * RATE))
                 if len(x) > RATE // 4:
                     yield role, log_mel(x)
