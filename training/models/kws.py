@@ -99,9 +99,9 @@ class MemoryBlock(nn.Module):
     def forward(self, x):
         p = self.into(x)
         codes = self.out.mode == "codes"
-        past = F.pad(p, (0, 0, MEMORY, 0), value=self.into.out.cleared() if codes else 0.0)[:, :-1]
+        past = F.pad(p.transpose(1, 2), (MEMORY, 0), value=self.into.out.cleared() if codes else 0.0)[..., :-1]
         taps = fake_weight(self.taps) if codes else self.taps
-        memory = self.left(torch.einsum("btck,ck->btc", past.unfold(1, MEMORY, 1), taps))
+        memory = self.left(F.conv1d(past, taps[:, None], groups=CHANNELS).transpose(1, 2))
         if codes:  # the engine brings the second summand to the first one's scale, in whole steps
             scale = self.into.out.scale
             memory = memory + (torch.round(memory / scale) * scale - memory).detach()
