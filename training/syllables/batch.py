@@ -20,8 +20,9 @@ SNR, TALKER_SNR, SER = (-5.0, 20.0), (2.0, 20.0), (-15.0, 5.0)  # dB
 INAUDIBLE = 1e-4  # -40 dB: where a room's decay ends
 MASK_SHARE, MASK_FRAMES, MASK_BANDS = 0.25, 9, 7
 JOINT = 2.0  # frames over which syllables fade into each other
-# Steps around a syllable's end in which the network may say it: not before it has been heard.
-EARLY, LATE = 1, 4
+# Steps around a syllable's end in which the network may say it: not before it has been heard. A slow one may also be said
+# for half of what it takes longer than SLOW steps: the decoder takes a long silence for the end of the phrase.
+EARLY, LATE, SLOW = 1, 4, 10
 BLANK = 145
 
 # Shares of the kinds of utterances, at the beginning and in the last third.
@@ -143,9 +144,10 @@ def alignment(pieces, steps):
             end = (piece.begin + piece.frames * (i + 1) / len(piece.said)) / BLOCK_FRAMES
             inside = len(piece.said) > 1 and (i + 1 < len(piece.said) or len(piece.said) > 4)
             doubt = (0.4 if len(piece.said) <= 4 else 1.0) * length + 1 if inside else 0.0
+            slow = max(0, int(length - SLOW) // 2)
             certain &= len(piece.said) == 1
             labels.append(c)
-            first.append(max(0, int(end - doubt) - EARLY))
+            first.append(max(0, int(end - doubt) - slow - EARLY))
             last.append(min(steps - 1, int(end + doubt) + LATE))
     return labels, first, last, certain
 

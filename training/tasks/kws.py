@@ -40,9 +40,8 @@ class Task:
         p = self.log_posteriors(model, batch, c["chained"] if rng.random() < c["chained_share"] else 1)
         ramp = lambda begin, end: min(1.0, max(0.0, (progress - begin) / (end - begin)))
         share, values, total = ramp(*c["ctc_from"]), {}, 0.0
-        if share < 1:
-            values["cross_entropy"] = cross_entropy(p, batch)
-            total = total + (1 - share) * c["cross_entropy"] * values["cross_entropy"]
+        values["cross_entropy"] = cross_entropy(p, batch)
+        total = total + (c["cross_entropy"] + share * (c["cross_entropy_last"] - c["cross_entropy"])) * values["cross_entropy"]
         values["ctc"] = ctc(p, batch)
         total = total + (c["ctc_first"] + (1 - c["ctc_first"]) * share) * values["ctc"]
         share = ramp(*c["hinge_from"])
@@ -111,13 +110,14 @@ def ctc(p, batch):
 
 
 def cross_entropy(p, batch):
-    """Of the utterances joined from single syllables: each class for some steps from its syllable's end on, else blank."""
+    """Of the utterances joined from single syllables: each class for some steps from its syllable's end on (a slow one's
+    from a little before), else blank."""
     steps = p.shape[1]
     t = torch.arange(steps, device=p.device)
-    end = batch["first"] + batches.EARLY
+    begin, end = batch["first"] + batches.EARLY, batch["last"] - batches.LATE + SAID
     wanted = torch.full(p.shape[:2], kws.BLANK, device=p.device)
-    for label, at in zip(batch["labels"].long().unbind(1), end.unbind(1)):
-        here = (t >= at[:, None]) & (t < at[:, None] + SAID) & (label[:, None] > 0)
+    for label, a, b in zip(batch["labels"].long().unbind(1), begin.unbind(1), end.unbind(1)):
+        here = (t >= a[:, None]) & (t < b[:, None]) & (label[:, None] > 0)
         wanted = torch.where(here, label[:, None], wanted)
     nats = torch.nn.functional.nll_loss(p.transpose(1, 2), wanted, reduction="none")
     weight = torch.where(wanted == kws.BLANK, 0.25, 1.0) * batch["certain"][:, None]
