@@ -25,6 +25,8 @@ JOINT = 2.0  # frames over which syllables fade into each other
 EARLY, LATE, SLOW = 1, 4, 10
 BLANK = 145
 
+EASY_UNTIL = 0.2  # of the training: rooms, noise and masks come in little by little
+
 # Shares of the kinds of utterances, at the beginning and in the last third.
 KINDS = ("phrase", "near miss", "string", "words", "far", "noise", "music", "residual")
 FIRST = np.array([0.12, 0.08, 0.46, 0.26, 0.03, 0.03, 0.02, 0.00])
@@ -85,13 +87,13 @@ def active_level(energies):
     return loud[loud > 1e-3 * loud.max()].mean() + 1e-12
 
 
-def noise(rng, backgrounds, frames):
+def noise(rng, backgrounds, frames, present):
     """Mel energies of unit power, or for playback of the canceller's remainder at a playback of unit power; decibels
-    below speech."""
+    below speech. present: share of the utterances that have any."""
     kinds = [k for k in NOISES if k in ("none", "babble") or k in backgrounds.pieces]
     p = np.array([NOISES[k] for k in kinds])
     kind = kinds[rng.choice(len(kinds), p=p / p.sum())]
-    if kind == "none" or kind == "babble" and "far" not in backgrounds.pieces:
+    if kind == "none" or rng.random() >= present or kind == "babble" and "far" not in backgrounds.pieces:
         return None, 0.0
     if kind == "residual":
         return backgrounds.energies(rng, kind, frames), rng.uniform(*SER)
@@ -106,26 +108,26 @@ def unit(energies):
     return energies / np.float32((energies @ spectra.level_weights()).mean() + 1e-12)
 
 
-def features(rng, bank, backgrounds, kind, pieces, frames):
-    """Log mel energies [frames, 40] as the engine computes them."""
+def features(rng, bank, backgrounds, kind, pieces, frames, hard=1.0):
+    """Log mel energies [frames, 40] as the engine computes them. hard: factor of the shares of rooms, noise and masks."""
     if pieces is None:
         x = backgrounds.energies(rng, kind, frames)
         if kind == "far" and rng.random() < 0.5:
             x = reverberant(x, backgrounds.rooms[rng.integers(len(backgrounds.rooms))])
     else:
         x = speak(rng, bank, pieces, frames)
-        if rng.random() < ROOM_SHARE:
+        if rng.random() < ROOM_SHARE * hard:
             x = reverberant(x, backgrounds.rooms[rng.integers(len(backgrounds.rooms))])
     x = x * colour(rng)
     x = x / np.float32(active_level(x))
     if pieces is not None or kind == "far" and rng.random() < 0.5:
-        other, decibels = noise(rng, backgrounds, frames)
+        other, decibels = noise(rng, backgrounds, frames, hard)
         if other is not None:
             x = x + other * np.float32(10**(-decibels / 10))
     x = x * np.float32(10**(rng.uniform(*LEVEL) / 10))
     hiss = unit(backgrounds.energies(rng, "hiss", frames))
     y = np.log(x + hiss * np.float32(10**(rng.uniform(*SELF_NOISE) / 10)))
-    if rng.random() < MASK_SHARE:
+    if rng.random() < MASK_SHARE * hard:
         start, band = rng.integers(frames - MASK_FRAMES), rng.integers(40 - MASK_BANDS)
         low = y.min()
         y[start:start + rng.integers(1, MASK_FRAMES)] = low
@@ -134,8 +136,9 @@ def features(rng, bank, backgrounds, kind, pieces, frames):
 
 
 def alignment(pieces, steps):
-    """Classes of the syllables that have one, the steps in which they may be said, whether these are certain."""
-    labels, first, last, certain = [], [], [], True
+    """Classes of the syllables that have one, the steps in which they may be said, the steps of their middles, whether
+    all that is certain."""
+    labels, first, last, middle, certain = [], [], [], [], True
     for piece in pieces or ():
         length = piece.frames / len(piece.said) / BLOCK_FRAMES
         for i, c in enumerate(piece.said):
@@ -149,7 +152,8 @@ def alignment(pieces, steps):
             labels.append(c)
             first.append(max(0, int(end - doubt) - slow - EARLY))
             last.append(min(steps - 1, int(end + doubt) + LATE))
-    return labels, first, last, certain
+            middle.append(int(end - length / 2))
+    return labels, first, last, middle, certain
 
 
 def draw(rng, bank, backgrounds, kind, frames):
@@ -166,13 +170,13 @@ def draw(rng, bank, backgrounds, kind, frames):
 
 
 def batch(bank, backgrounds, rng, size, seconds, progress):
-    """features [B, frames, 40]; labels [B, L] with 0 behind the last, first and last step of each; certain [B]; phrase
-    [B]: 1 the wake phrase, 0 anything else; speech [B]: 0 where no class is to be heard; near [B]: near misses."""
+    """features [B, frames, 40]; labels [B, L] with 0 behind the last, first, last and middle step of each (alignment());
+    certain [B]; kind [B] of KINDS; progress."""
     frames = round(seconds * FRAMES_PER_SECOND) // BLOCK_FRAMES * BLOCK_FRAMES
     rows = []
     for _ in range(size):
         kind, pieces = draw(rng, bank, backgrounds, KINDS[rng.choice(len(KINDS), p=shares(progress))], frames)
-        x = features(rng, bank, backgrounds, kind, pieces, frames)
+        x = features(rng, bank, backgrounds, kind, pieces, frames, min(1.0, progress / EASY_UNTIL))
         rows.append((x, *alignment(pieces, frames // BLOCK_FRAMES), KINDS.index(kind)))
     longest = max(1, max(len(row[1]) for row in rows))
     pad = lambda values: np.pad(np.float32(values), (0, longest - len(values)))
@@ -180,6 +184,7 @@ def batch(bank, backgrounds, rng, size, seconds, progress):
             "labels": np.stack([pad(row[1]) for row in rows]),
             "first": np.stack([pad(row[2]) for row in rows]),
             "last": np.stack([pad(row[3]) for row in rows]),
-            "certain": np.float32([row[4] for row in rows]),
-            "kind": np.float32([row[5] for row in rows]),
+            "middle": np.stack([pad(row[4]) for row in rows]),
+            "certain": np.float32([row[5] for row in rows]),
+            "kind": np.float32([row[6] for row in rows]),
             "progress": np.array(progress, np.float32)}

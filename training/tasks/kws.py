@@ -40,7 +40,7 @@ class Task:
         p = self.log_posteriors(model, batch, c["chained"] if rng.random() < c["chained_share"] else 1)
         ramp = lambda begin, end: min(1.0, max(0.0, (progress - begin) / (end - begin)))
         share, values, total = ramp(*c["ctc_from"]), {}, 0.0
-        values["cross_entropy"] = cross_entropy(p, batch)
+        values["cross_entropy"] = cross_entropy(p, batch, whole=share < 1)
         total = total + (c["cross_entropy"] + share * (c["cross_entropy_last"] - c["cross_entropy"])) * values["cross_entropy"]
         values["ctc"] = ctc(p, batch)
         total = total + (c["ctc_first"] + (1 - c["ctc_first"]) * share) * values["ctc"]
@@ -109,12 +109,13 @@ def ctc(p, batch):
     return (weight * nats / (lengths + PER_TEXT)).mean()
 
 
-def cross_entropy(p, batch):
+def cross_entropy(p, batch, whole=False):
     """Of the utterances joined from single syllables: each class for some steps from its syllable's end on (a slow one's
-    from a little before), else blank."""
+    from a little before), else blank. whole: from the middle of each syllable on, which is learnt sooner."""
     steps = p.shape[1]
     t = torch.arange(steps, device=p.device)
-    begin, end = batch["first"] + batches.EARLY, batch["last"] - batches.LATE + SAID
+    begin = batch["middle"] if whole else batch["first"] + batches.EARLY
+    end = batch["last"] - batches.LATE + SAID
     wanted = torch.full(p.shape[:2], kws.BLANK, device=p.device)
     for label, a, b in zip(batch["labels"].long().unbind(1), begin.unbind(1), end.unbind(1)):
         here = (t >= a[:, None]) & (t < b[:, None]) & (label[:, None] > 0)

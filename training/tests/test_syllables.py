@@ -68,7 +68,7 @@ def test_syllables_may_be_said_once_they_have_been_heard():
         pieces = None
         while pieces is None:
             pieces = texts.joined(rng, Bank(), "s", list(texts.PHRASE), 345)
-        labels, first, last, certain = batch.alignment(pieces, 120)
+        labels, first, last, _, certain = batch.alignment(pieces, 120)
         ends = [(p.begin + p.frames) / batch.BLOCK_FRAMES for p in pieces]
         assert labels == list(texts.PHRASE) and certain
         assert all(l - batch.LATE == int(e) for l, e in zip(last, ends))
