@@ -35,7 +35,7 @@ WITHOUT_SPEECH = KINDS[4:]
 
 
 def shares(progress):
-    later = np.clip((progress - 0.35) / 0.25, 0, 1)
+    later = np.clip((progress - 0.45) / 0.15, 0, 1)
     return (1 - later) * FIRST + later * LAST
 
 

@@ -12,6 +12,7 @@ FRAMES_PER_SECOND = 100
 SYLLABLE = (0.13, 0.6)  # s, limits of the mean length of an utterance's syllables
 TYPICAL, SPREAD = 0.24, 0.42  # s; standard deviation of its logarithm
 OUTSIDE_SHARE = 0.15  # of the syllables of a string, those the network has no class for
+LONGEST = 20  # syllables of a string
 NEUTRAL_SHARE = 0.12  # syllables said short and weak
 TOO_LONG = (0.95, 1.5)  # s between the halves of what is no longer the phrase
 FASTEST = 1.35  # by which a sentence is sped up to fit
@@ -79,8 +80,9 @@ def gap(rng):
     return rng.uniform(low, high)
 
 
-def joined(rng, bank, speaker, said, frames, pause=None, length=None):
-    """Isolated syllables of one speaker joined to an utterance that ends within `frames`; None if it does not fit."""
+def joined(rng, bank, speaker, said, frames, pause=None, length=None, cut=False):
+    """Isolated syllables of one speaker joined to an utterance that ends within `frames`; None if it does not fit. cut:
+    what does not fit is left away. length: mean s per syllable."""
     mine = bank.syllables[speaker]
     mean = length or tempo(rng)
     lengths = mean * np.exp(rng.normal(0, 0.15, len(said)))
@@ -90,8 +92,10 @@ def joined(rng, bank, speaker, said, frames, pause=None, length=None):
     if pause is not None:
         gaps[pause] = rng.uniform(*TOO_LONG)
     fits = frames / FRAMES_PER_SECOND
-    pieces, at = [], 0.0
+    pieces, at, end = [], 0.0, 0.0
     for c, seconds, space, quiet in zip(said, lengths, gaps, weak):
+        if cut and at + seconds > fits:
+            break
         level = rng.normal(0, 1.5) - 5.0 * quiet
         pieces.append(Piece(int(rng.choice(mine[c])), at * FRAMES_PER_SECOND, seconds * FRAMES_PER_SECOND, (c,), level))
         end = at + seconds
@@ -157,7 +161,8 @@ def utterance(rng, bank, kind, frames):
             if kind == "phrase" or pause is not None or not holds_phrase(longer):
                 said, pause = longer, None if pause is None else pause + len(before)
     else:
-        said = some(rng, bank, speaker, int(rng.integers(3, 11)))
+        # Most strings fill their time: there are many classes to learn.
+        said = some(rng, bank, speaker, LONGEST if rng.random() < 0.75 else int(rng.integers(3, 9)))
         if holds_phrase(said):
             return None
-    return joined(rng, bank, speaker, said, frames, pause)
+    return joined(rng, bank, speaker, said, frames, pause, cut=kind == "string")
