@@ -6,6 +6,7 @@
 
 #include "doa/doa_network.h"
 #include "dsp/convert.h"
+#include "dsp/elementary.h"
 
 namespace {
 
@@ -17,7 +18,7 @@ constexpr float kEmptyRow[4] = {0.0f, 0.0f, 0.0f, -1.0f};
 // atan(x / y) in degrees, -90 .. 90.
 float half_plane_angle(float x, float y) {
   const float ratio = x / (y + kAxisGuard);
-  return static_cast<float>(atan(static_cast<double>(ratio)) / kPi * 180);
+  return static_cast<float>(quibo::elementary::atan(ratio) / kPi * 180);
 }
 
 bool behind(float x, float y) {

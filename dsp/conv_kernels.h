@@ -39,8 +39,8 @@ struct LaneSums {
         Reg value[P];
         for (int p = 0; p < P; ++p) value[p] = V::load(x[p] + offset);
         for (int c = 0; c < C; ++c) {
-          const float* factor = a + c * row_stride + j * tap_stride;
-          for (int p = 0; p < P; ++p) sum[c][p] = V::add(sum[c][p], V::mul_splat(value[p], factor));
+          const Reg factor = V::splat(a[c * row_stride + j * tap_stride]);
+          for (int p = 0; p < P; ++p) sum[c][p] = V::add(sum[c][p], V::mul(value[p], factor));
         }
       }
       for (int c = 0; c < C; ++c) {

@@ -29,26 +29,29 @@ float arr_mul_arr_float(const float* in1, const float* in2, int len) {
   return F::fold(sum);
 }
 
-// out[r] = dot(row r of mat, vec) for a row-major M x N matrix, M and N multiples of 4. Four rows
-// at a time share each load of the vector.
+// out[r] = dot(row r of mat, vec) for kRows consecutive rows, which share each load of the vector.
+template <class F, int kRows>
+void dot_rows(float* out, const float* mat, const float* vec, int N) {
+  typename F::Reg sum[kRows];
+#pragma GCC unroll 8
+  for (int r = 0; r < kRows; ++r) sum[r] = F::splat(0.0f);
+  for (int j = 0; j < N; j += 4) {
+    const typename F::Reg x = F::load(vec + j);
+#pragma GCC unroll 8
+    for (int r = 0; r < kRows; ++r) sum[r] = F::add(sum[r], F::mul(x, F::load(mat + r * N + j)));
+  }
+#pragma GCC unroll 8
+  for (int r = 0; r < kRows; ++r) out[r] = F::fold(sum[r]);
+}
+
+// out[r] = dot(row r of mat, vec) for a row-major M x N matrix, M and N multiples of 4. Eight rows
+// at a time hide the latency of the additions.
 template <class V>
 void mat_mul_vec_float(float* out, const float* mat, const float* vec, int M, int N) {
   using F = typename V::Four;
-  for (int r = 0; r < M; r += 4) {
-    const float* row = mat + static_cast<ptrdiff_t>(r) * N;
-    typename F::Reg sum0 = F::splat(0.0f), sum1 = sum0, sum2 = sum0, sum3 = sum0;
-    for (int j = 0; j < N; j += 4) {
-      const typename F::Reg x = F::load(vec + j);
-      sum0 = F::add(sum0, F::mul(x, F::load(row + j)));
-      sum1 = F::add(sum1, F::mul(x, F::load(row + N + j)));
-      sum2 = F::add(sum2, F::mul(x, F::load(row + 2 * N + j)));
-      sum3 = F::add(sum3, F::mul(x, F::load(row + 3 * N + j)));
-    }
-    out[r] = F::fold(sum0);
-    out[r + 1] = F::fold(sum1);
-    out[r + 2] = F::fold(sum2);
-    out[r + 3] = F::fold(sum3);
-  }
+  int r = 0;
+  for (; r + 8 <= M; r += 8) dot_rows<F, 8>(out + r, mat + r * N, vec, N);
+  if (r < M) dot_rows<F, 4>(out + r, mat + r * N, vec, N);
 }
 
 // ---- Exponentials --------------------------------------------------------------------------

@@ -4,6 +4,8 @@
 #include <stdlib.h>
 #include <string.h>
 
+#include "dsp/checked_kernels.h"
+
 #if defined(__x86_64__)
 #include <cpuid.h>
 #elif defined(__aarch64__) && defined(__linux__)
@@ -100,7 +102,11 @@ void choose_kernels() {
 
 const Kernels& kernels() {
   if (!in_use) choose_kernels();
+#ifdef QUIBO_CHECK_KERNELS
+  return checked_kernels(*in_use);
+#else
   return *in_use;
+#endif
 }
 
 const Kernels* available_kernels(int i) {

@@ -1,9 +1,9 @@
 #include "dsp/log_mel.h"
 
-#include <math.h>
 #include <stdint.h>
 #include <string.h>
 
+#include "dsp/elementary.h"
 #include "dsp/fft.h"
 #include "dsp/fft_tables.h"
 
@@ -81,7 +81,7 @@ void log_mel(float* frame, float* work, float* features) {
   }
   for (int m = 0; m < kMelBands; ++m) {
     const float energy = band_energy(power, m);
-    features[m] = energy != 0.0f ? logf(energy) : kSilence;
+    features[m] = energy != 0.0f ? elementary::log(energy) : kSilence;
   }
 }
 

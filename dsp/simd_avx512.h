@@ -20,14 +20,6 @@ struct Avx512F32 {
   static Reg add(Reg a, Reg b) { return _mm512_add_ps(a, b); }
   static Reg sub(Reg a, Reg b) { return _mm512_sub_ps(a, b); }
   static Reg mul(Reg a, Reg b) { return _mm512_mul_ps(a, b); }
-  // The multiplication's own broadcast of a memory operand. Left to itself the compiler shares one
-  // broadcast among several products, and that instruction takes a turn of the arithmetic units:
-  // inner loops run at 46 instead of 55 GMAC/s on Zen 4, of 58 at most.
-  static Reg mul_splat(Reg a, const float* p) {
-    Reg product;
-    __asm__("vmulps %2%{1to16%}, %1, %0" : "=v"(product) : "v"(a), "m"(*p));
-    return product;
-  }
   static Reg div(Reg a, Reg b) { return _mm512_div_ps(a, b); }
   static Reg sqrt(Reg a) { return _mm512_sqrt_ps(a); }
   static Reg larger(Reg a, Reg b) { return _mm512_max_ps(a, b); }

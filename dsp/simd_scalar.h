@@ -4,7 +4,6 @@
 // serves every instruction set. All arithmetic is the IEEE single-precision operation, rounded
 // once; nothing is fused. A register of W lanes holds W independent positions:
 //
-// - mul_splat(a, p): a * p[0] in every lane
 // - larger(a, b): a > b ? a : b per lane, so b when either is a NaN
 // - smaller(a, b): a < b ? a : b per lane, likewise
 // - where_greater(a, b, x, y): a > b ? x : y per lane, so y when a or b is a NaN
@@ -69,7 +68,6 @@ struct ScalarF32 {
   static Reg add(Reg a, Reg b) { return a + b; }
   static Reg sub(Reg a, Reg b) { return a - b; }
   static Reg mul(Reg a, Reg b) { return a * b; }
-  static Reg mul_splat(Reg a, const float* p) { return a * *p; }
   static Reg div(Reg a, Reg b) { return a / b; }
   static Reg sqrt(Reg a) { return sqrtf(a); }
   static Reg larger(Reg a, Reg b) { return a > b ? a : b; }

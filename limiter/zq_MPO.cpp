@@ -4,13 +4,16 @@
 #include <string.h>
 
 #include "dsp/convert.h"
+#include "dsp/elementary.h"
 
 namespace {
+
+namespace elementary = quibo::elementary;
 
 constexpr float kFullReductiondB = 20.0f;  // covered within one attack time
 
 float db_to_linear(float db) {
-  return powf(10.0f, db / 20.0f);
+  return elementary::exp10(db / 20.0f);
 }
 
 // Moves the line by one in two runs of eight, the second after the first: slot 9 receives what slot
@@ -35,7 +38,7 @@ int32_t zq_MPO_Init(stMPO* mpo, int32_t fs, int32_t increasedB, int32_t maxLev) 
   mpo->mpo_rel = 0.1f;
   const float rate = static_cast<float>(fs);
   mpo->mpo_att_stepdB = -kFullReductiondB / (rate * mpo->mpo_att);
-  mpo->mpo_rel_alpha = expf(-1.0f / (rate * mpo->mpo_rel));
+  mpo->mpo_rel_alpha = elementary::exp(-1.0f / (rate * mpo->mpo_rel));
   mpo->af[0] = 1.0f;
   mpo->af[1] = -1.648302674293518f;
   mpo->af[2] = 0.6872448921203613f;
@@ -50,7 +53,7 @@ int32_t zq_MPO_process(stMPO* mpo, const float* input, float* output, int16_t* S
   const float limit = static_cast<float>(mpo->levdB);
   for (int32_t n = 0; n < len; ++n) {
     // A zero sample has the level -infinity and releases.
-    const float level = makeup + 20.0f * log10f(fabsf(input[n])) + mpo->mpo_gaindB;
+    const float level = makeup + 20.0f * elementary::log10(fabsf(input[n])) + mpo->mpo_gaindB;
     if (limit < level) {
       const float excess = limit - level;
       mpo->mpo_gaindB += mpo->mpo_att_stepdB < excess ? excess : mpo->mpo_att_stepdB;

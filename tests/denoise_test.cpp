@@ -320,21 +320,6 @@ TEST(Denoise, SilenceStaysSilentAndExtremesStayFiniteAndUnderTheLimit) {
   }
 }
 
-TEST(Denoise, UntrainedTablesPassTheSignal) {
-  constexpr int kDelay = 5 * kHop, kFrames = 30;
-  for (double gain : {1.0, 0.01}) {
-    std::vector<int16_t> input = tones({20, 50, 100, 200, 300, 400}, kFrames);
-    for (int16_t& v : input) v = static_cast<int16_t>(v * gain);
-    const std::vector<int16_t> output = run_all(input, nullptr, 0.3f);
-    double signal = 0, difference = 0;
-    for (int n = 4 * QUIBO_FRAME; n < kFrames * QUIBO_FRAME; ++n) {
-      signal += std::pow(input[n - kDelay], 2);
-      difference += std::pow(output[n] - input[n - kDelay], 2);
-    }
-    EXPECT_LT(10 * std::log10(difference / signal), -20) << "gain " << gain;
-  }
-}
-
 TEST(Denoise, StatesAreSharedByAllInstances) {
   Instance a, b;
   for (size_t i = 0; i < 6; ++i) {

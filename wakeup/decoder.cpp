@@ -1,10 +1,10 @@
 #include "wakeup/decoder.h"
 
-#include <math.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
 
+#include "dsp/elementary.h"
 #include "wakeup/features.h"
 #include "wakeup/quantised.h"
 
@@ -48,7 +48,7 @@ void decay(WORD_ITEM* word, float factor) {
 // The last syllable's, not the trailing blank's.
 float cost(const WORD_ITEM* word) {
   const float score = word->seqLen >= 2 ? word->dp[word->seqLen - 2] : 0.0f;
-  return -logf(score + kScoreFloor) / word->div;
+  return -elementary::log(score + kScoreFloor) / word->div;
 }
 
 int32_t wake(EWordNet* net) {

@@ -54,7 +54,7 @@ void softmax(float* x, int n) {
   for (int i = 0; i < n; ++i) largest = x[i] > largest ? x[i] : largest;
   float sum = 0.0f;
   for (int i = 0; i < n; ++i) {
-    x[i] = expf(x[i] - largest);
+    x[i] = elementary::exp(x[i] - largest);
     sum += x[i];
   }
   for (int i = 0; i < n; ++i) x[i] /= sum;

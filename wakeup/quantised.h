@@ -1,9 +1,9 @@
 // Arithmetic that the quantised layers share: products, requantisation, activations.
 #pragma once
 
-#include <math.h>
 #include <stdint.h>
 
+#include "dsp/elementary.h"
 #include "dsp/rounding.h"
 #include "wakeup/ChineseConv.h"
 
@@ -27,7 +27,7 @@ void m2_vec_mul_mat_int8(const uint8_t* patches, const int8_t* weight, const int
 
 // A pair's value, in single precision.
 inline float multiplier(int32_t M0, int32_t M1) {
-  return static_cast<float>(M0) * powf(2.0f, -static_cast<float>(M1));
+  return static_cast<float>(M0) * elementary::power_of_two(-int64_t{M1});
 }
 
 // Sums to codes: scaled, rounded with halves away from zero, zero point added, limited to 0..255.
@@ -55,13 +55,13 @@ inline float dequantise(uint8_t code, int32_t zero_point, float scale) {
 inline float fast_sigmoid(float x) {
   if (x > 10.0f) return 1.0f;
   if (x < -10.0f) return 0.0f;
-  return 1.0f / (1.0f + expf(-x));
+  return 1.0f / (1.0f + elementary::exp(-x));
 }
 
 inline float fast_tanh(float x) {
   if (x > 8.0f) return 1.0f;
   if (x < -8.0f) return -1.0f;
-  const float e = expf(2.0f * x);
+  const float e = elementary::exp(2.0f * x);
   return (e - 1.0f) / (e + 1.0f);
 }
 

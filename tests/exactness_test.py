@@ -1,0 +1,76 @@
+"""The same bits everywhere: the sample recording through the whole front end on every instruction set of this machine, on
+ARM under emulation, and with every kernel call held against the scalar one.
+
+The second and third need builds that ./run check makes; it names their folders in QUIBO_CROSS_BUILDS and
+QUIBO_CHECKED_BUILD.
+"""
+import os
+import pathlib
+import subprocess
+
+import pytest
+
+SHORT = 40  # frames of 64 ms: two wakes; for builds that run slowly
+
+# Processors of the emulator and the variants each must offer.
+EMULATED = {
+    "build-aarch64": [("qemu-aarch64", "max", ["scalar", "neon", "neon_dotprod", "neon_i8mm"]),
+                      ("qemu-aarch64", "cortex-a76", ["scalar", "neon", "neon_dotprod"]),
+                      ("qemu-aarch64", "cortex-a53", ["scalar", "neon"])],
+    # NEON of 32-bit ARM flushes denormals to zero, so it cannot give the same bits.
+    "build-armhf": [("qemu-arm", "max", ["scalar"])],
+}
+
+
+@pytest.fixture(scope="module")
+def capture(source, tmp_path_factory):
+    path = tmp_path_factory.mktemp("sample") / "capture.raw"
+    subprocess.run(["flac", "-d", "-s", "--force-raw-format", "--endian=little", "--sign=signed", "-o", path,
+                    source / "samples/living_room.flac"], check=True)
+    return path
+
+
+def digest(build, capture, variant, frames, emulator=()):
+    command = [*emulator, build / "quibo_digest", capture, str(frames)]
+    return subprocess.run(command, check=True, capture_output=True, text=True,
+                          env={**os.environ, "QUIBO_KERNELS": variant}).stdout
+
+
+def variants(build, emulator=()):
+    command = [*emulator, build / "quibo_digest", "--variants"]
+    return subprocess.run(command, check=True, capture_output=True, text=True).stdout.split()
+
+
+def expect_equal(build, capture, expected, names, frames, emulator=()):
+    for name in names:
+        assert digest(build, capture, name, frames, emulator) == expected, name
+
+
+def test_every_instruction_set_gives_the_scalar_digests(build, capture):
+    frames = SHORT if os.environ.get("QUIBO_SANITIZE") == "ON" else 10**6
+    scalar, *others = variants(build)
+    expected = digest(build, capture, scalar, frames)
+    assert expected.count("wake 0 at frame") >= 2
+    expect_equal(build, capture, expected, others, frames)
+
+
+@pytest.mark.parametrize("name", EMULATED)
+def test_arm_gives_the_digests_of_this_machine(name, build, capture):
+    folders = {pathlib.Path(folder).name: pathlib.Path(folder) for folder in os.environ.get("QUIBO_CROSS_BUILDS", "").split()}
+    if name not in folders:
+        pytest.skip("./run check builds it")
+    expected = digest(build, capture, "scalar", SHORT)
+    tried = set()
+    for program, processor, offered in EMULATED[name]:
+        emulator = (program, "-cpu", processor)
+        assert variants(folders[name], emulator) == offered
+        expect_equal(folders[name], capture, expected, [v for v in offered if v not in tried], SHORT, emulator)
+        tried.update(offered)
+
+
+def test_no_kernel_call_differs_from_its_scalar_twin(build, capture):
+    checked = os.environ.get("QUIBO_CHECKED_BUILD")
+    if not checked:
+        pytest.skip("./run check builds it")
+    checked = pathlib.Path(checked)
+    expect_equal(checked, capture, digest(build, capture, "scalar", SHORT), variants(checked), SHORT)
