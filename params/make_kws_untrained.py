@@ -1,7 +1,9 @@
 #!/usr/bin/env python3
 """Writes kws.safetensors with untrained values: the shapes, scales and zero points of a trained set, random weights.
 
-    make_kws_untrained.py [OUT_DIR]
+    make_kws_untrained.py OUT_DIR
+
+The folder must be named: a trained file may stand beside this script.
 
 Everything that a trained set must fulfil holds here too (docs/quantisation.md): multipliers below 2^24, biases that
 absorb the input zero point, zero point 0 where the clamp is the rectifier. The spread of every layer's codes is set from
@@ -121,8 +123,9 @@ def class_names(folder):
 
 
 def main():
-    here = pathlib.Path(__file__).parent
-    out = pathlib.Path(sys.argv[1]) if len(sys.argv) > 1 else here
+    if len(sys.argv) != 2:
+        sys.exit("usage: make_kws_untrained.py OUT_DIR")
+    here, out = pathlib.Path(__file__).parent, pathlib.Path(sys.argv[1])
     net = Net()
     packed = make(net)
     net.add("chinese_fix_param", "F32", [len(packed)], packed)

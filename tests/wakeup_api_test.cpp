@@ -253,11 +253,15 @@ std::string metadata() {
   content << file.rdbuf();
   const std::string text = content.str();
   const size_t start = text.find("\"__metadata__\"");
-  return start == std::string::npos ? "" : text.substr(start, text.find('}', start) - start);
+  return start == std::string::npos ? "" : text.substr(start, text.find("\"dtype\"", start) - start);
 }
 
-TEST(WakeupParameters, AreUntrainedAndSaySo) {
-  EXPECT_NE(std::string::npos, metadata().find("\"trained\":\"no\"")) << metadata();
+TEST(WakeupParameters, SayThatTheyAreTrainedAndOnWhat) {
+  const std::string text = metadata();
+  EXPECT_NE(std::string::npos, text.find("\"trained\":\"yes\"")) << text;
+  for (const char* key : {"config", "data", "revision", "results"}) {
+    EXPECT_NE(std::string::npos, text.find("\"" + std::string(key) + "\":\"")) << key;
+  }
 }
 
 TEST(WakeupParameters, NameTheClassesOfTheWakePhrase) {

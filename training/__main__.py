@@ -10,6 +10,7 @@ import torch
 
 from . import data, export, parity, tasks, train
 from .evaluate import cli as evaluate
+from .evaluate import listening
 from .models.layers import deploy, load_tables
 from .models.quantise import set_mode
 from .shared import PARAMS, ROOT
@@ -109,6 +110,10 @@ def export_trained(arguments, task, config, source, folder):
 
 
 def run_parity(arguments):
+    if arguments.exported:
+        steps = parity.wake_up_tables(arguments.library, export.read(arguments.exported), arguments.steps)
+        print(f"{arguments.exported}: {steps} steps equal to the bit")
+        return
     for network in arguments.networks or parity.CHECKS:
         worst = max(parity.random_tables(network, arguments.library, seed) for seed in range(arguments.seeds))
         print(f"{network}: {worst:.3g} {parity.CHECKS[network][3]}, {arguments.seeds} random networks")
@@ -139,10 +144,15 @@ def main():
     p.add_argument("networks", nargs="*")
     p.add_argument("--library", type=pathlib.Path, required=True)
     p.add_argument("--seeds", type=int, default=5)
+    p.add_argument("--exported", type=pathlib.Path, help="a kws.safetensors instead of random networks")
+    p.add_argument("--steps", type=int, default=100000, help="of the exported network")
     p.set_defaults(run=run_parity)
     p = commands.add_parser("evaluate", help="the built library on simulated scenes, beside its peers")
     evaluate.add_options(p)
     p.set_defaults(run=evaluate.run)
+    p = commands.add_parser("listen", help="the wake-up engine alone: recall, near misses, false accepts of held-out speakers")
+    listening.add_options(p)
+    p.set_defaults(run=listening.run)
     arguments = parser.parse_args()
     arguments.run(arguments)
 

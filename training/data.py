@@ -5,6 +5,7 @@ import os
 import tqdm
 
 from . import stub_scenes
+from .train import SPLITS
 
 SEED = 1  # of splits and rooms, which all networks share
 
@@ -34,8 +35,8 @@ class StubData:
         scenes = stub_scenes.doa_batch(None, None, rng, batch, seconds, split)
         return scenes | {"features": doa.inputs(torch.from_numpy(scenes.pop("mics"))).numpy()}
 
-    def kws_batch(self, rng, batch, seconds, split):
-        return stub_scenes.kws_batch(None, None, rng, batch, seconds, split)
+    def kws_batch(self, rng, batch, seconds, split, progress):
+        return stub_scenes.kws_batch(None, None, rng, batch, seconds, split, progress)
 
     @functools.cache
     def echo_clips(self, split):
@@ -54,6 +55,7 @@ class SceneData:
         self.bank_path = folder / f"bank{suffix}"
         self.aec_path = folder / f"aec{suffix}"
         self.direction_path = folder / f"direction{suffix}"
+        self.syllables_path = folder / f"syllables{suffix}"
 
     @functools.cached_property
     def corpus(self):
@@ -77,14 +79,15 @@ class SceneData:
         c = self.config["data"]
         with Progress("rooms") as progress:
             bank.build_bank(self.bank_path, c["rooms"], SEED, c["workers"], progress=progress)
-        make = {"naec": self.make_echo_clips, "doa": self.make_direction_clips}.get(network)
-        if make is None:
-            return
-        if self.library is None:
+        make = {"naec": self.make_echo_clips, "doa": self.make_direction_clips, "kws": self.make_echo_clips}.get(network)
+        if self.library is not None and make:
+            for split, clips in (("train", c["clips"]), ("valid", c["valid_clips"]), ("test", c["valid_clips"])):
+                with Progress(f"{network} clips, {split}") as progress:
+                    make(split, clips, c["workers"], progress)
+        elif network in ("naec", "doa"):
             raise SystemExit("training: these scenes go through the built library: --library PATH")
-        for split, clips in (("train", c["clips"]), ("valid", c["valid_clips"]), ("test", c["valid_clips"])):
-            with Progress(f"{network} clips, {split}") as progress:
-                make(split, clips, c["workers"], progress)
+        if network == "kws":
+            self.prepare_syllables()
 
     def make_echo_clips(self, split, clips, workers, progress):
         from .scenes import simulate
@@ -95,6 +98,28 @@ class SceneData:
         from .scenes import direction
         direction.direction_clips(self.corpus, self.bank, self.direction_path / split, clips, SEED, split, self.library,
                                   self.suppressor, workers, progress=progress)
+
+    def prepare_syllables(self):
+        from .syllables import backgrounds, voices
+        c = self.config["data"]
+        for split in SPLITS:
+            with Progress(f"voices, {split}") as progress:
+                voices.build(self.corpus, self.syllables_path / "voices" / split, split, SEED, c["synthetic_voices"],
+                             progress)
+            with Progress(f"backgrounds, {split}") as progress:
+                clips = self.echo_clips(split) if (self.aec_path / split).exists() else None
+                backgrounds.build(self.corpus, self.bank, clips, self.syllables_path / "backgrounds" / split, split,
+                                  progress)
+
+    @functools.cache
+    def syllables(self, split):
+        from .syllables import backgrounds, voices
+        return (voices.Voices(self.syllables_path / "voices" / split),
+                backgrounds.Backgrounds(self.syllables_path / "backgrounds" / split))
+
+    def kws_batch(self, rng, batch, seconds, split, progress):
+        from .syllables import batch as batches
+        return batches.batch(*self.syllables(split), rng, batch, seconds, progress)
 
     def ns_batch(self, rng, batch, seconds, split):
         from .scenes import simulate

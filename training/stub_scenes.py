@@ -1,8 +1,12 @@
 """Stand-ins with the scene simulator's shapes, from formulas alone: harmonic "speech", coloured noise, a short echo
 path. For the tests and the smoke runs of a machine that has neither corpus nor speech synthesiser."""
 import numpy as np
+import torch
 
+from .models import kws
 from .scenes import array_geometry
+from .syllables.batch import EARLY, KINDS, LATE
+from .syllables.texts import PHRASE
 
 RATE, BLOCK = 16000, 480
 ECHO_DELAY = 20  # samples, as the canceller delays its microphone
@@ -92,15 +96,21 @@ def doa_batch(corpus, bank, rng, batch, seconds, split):
             "active": np.float32(active)}
 
 
-def kws_batch(corpus, bank, rng, batch, seconds, split):
-    """Strings of "syllables", one pair of tones per class. wave: int16 values [B, T]; labels [B, L], 0 = no more."""
+def kws_batch(corpus, bank, rng, batch, seconds, split, progress):
+    """Strings of "syllables", one pair of tones per class, the wake phrase among them, as syllables/batch.py has them."""
     blocks = round(seconds * RATE) // BLOCK
-    count = max(1, int(seconds / 0.4) - 1)
+    count = max(4, int(seconds / 0.4) - 1)
     waves, labels = 0.003 * rng.standard_normal((batch, blocks * BLOCK)), rng.integers(1, 145, (batch, count))
+    labels[0, :4], kind = PHRASE, np.full(batch, KINDS.index("string"))
+    kind[0] = KINDS.index("phrase")
     t = np.arange(round(0.25 * RATE)) / RATE
+    starts = np.round(np.linspace(0.1, blocks * BLOCK / RATE - 0.4, count) * RATE).astype(int)
     for wave, row in zip(waves, labels):
-        for i, label in enumerate(row):
-            start = round((0.4 * i + 0.2) * RATE)
+        for start, label in zip(starts, row):
             tones = np.sin(2 * np.pi * (300 + 60 * (label % 12)) * t) + np.sin(2 * np.pi * (1300 + 200 * (label // 12)) * t)
             wave[start:start + len(t)] += 0.05 * tones * np.hanning(len(t)) * 10**rng.uniform(-0.5, 0.5)
-    return {"wave": np.float32(np.round(32768 * np.clip(waves, -0.99, 0.99))), "labels": np.float32(labels)}
+    end = np.tile((starts + len(t)) // BLOCK, (batch, 1))
+    waves = torch.from_numpy(np.float32(np.round(32768 * np.clip(waves, -0.99, 0.99))))
+    return {"features": kws.inputs(waves).numpy(), "labels": np.float32(labels), "first": np.float32(end - EARLY),
+            "last": np.float32(end + LATE), "middle": np.float32(end - 4), "certain": np.ones(batch, np.float32), "kind": np.float32(kind),
+            "progress": np.array(progress, np.float32)}

@@ -104,10 +104,18 @@ def speech_row(number):
 
 def speech(number):
     row = speech_row(number)
+    return spoken(f"{row['language']}+{row['variant']}", row["text"], row["speed"], row["pitch"])
+
+
+def syllable(variant, pinyin, speed, pitch):
+    """One Mandarin syllable with its tone's number, such as "dang1"."""
+    return spoken(f"{MANDARIN}+{variant}", pinyin, speed, pitch)
+
+
+def spoken(voice, text, speed, pitch):
     with tempfile.NamedTemporaryFile(suffix=".wav") as f:
-        voice = f"{row['language']}+{row['variant']}"
-        command = ["espeak-ng", "-v", voice, "-s", row["speed"], "-p", row["pitch"], "-w", f.name]
-        subprocess.run([*map(str, command), row["text"]], check=True, stderr=subprocess.DEVNULL)
+        command = ["espeak-ng", "-v", voice, "-s", speed, "-p", pitch, "-w", f.name]
+        subprocess.run([*map(str, command), text], check=True, stderr=subprocess.DEVNULL)
         x, rate = soundfile.read(f.name)
     return normalised(to_rate(x, rate))
 

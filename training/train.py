@@ -17,24 +17,26 @@ SPLITS = ("train", "valid", "test")
 
 
 class Batches(torch.utils.data.Dataset):
-    """Batch number -> batch. Worker processes mix while the network learns."""
+    """Batch number -> batch. Worker processes mix while the network learns. of: the number of batches of a training that
+    goes from the beginning of a recipe to its end; without it all batches are those of its end."""
 
-    def __init__(self, task, seed, split, count):
-        self.task, self.seed, self.split, self.count = task, seed, split, count
+    def __init__(self, task, seed, split, count, of=None):
+        self.task, self.seed, self.split, self.count, self.of = task, seed, split, count, of
 
     def __len__(self):
         return self.count
 
     def __getitem__(self, i):
-        batch = self.task.sample(np.random.default_rng([self.seed, SPLITS.index(self.split), i]), self.split)
+        progress = i / self.of if self.of else 1.0
+        batch = self.task.sample(np.random.default_rng([self.seed, SPLITS.index(self.split), i]), self.split, progress)
         return {name: torch.from_numpy(value) for name, value in batch.items()}
 
 
-def batches(task, seed, split, first, last, workers):
+def batches(task, seed, split, first, last, workers, of=None):
     return torch.utils.data.DataLoader(
-        Batches(task, seed, split, last), batch_size=None, sampler=range(first, last), num_workers=workers,
+        Batches(task, seed, split, last, of), batch_size=None, sampler=range(first, last), num_workers=workers,
         prefetch_factor=4 if workers else None, worker_init_fn=lambda _: torch.set_num_threads(1)
-    ) if workers else torch.utils.data.DataLoader(Batches(task, seed, split, last), batch_size=None,
+    ) if workers else torch.utils.data.DataLoader(Batches(task, seed, split, last, of), batch_size=None,
                                                   sampler=range(first, last))
 
 
@@ -87,7 +89,8 @@ def train(task, config, folder, device, model=None, section="train"):
     log, seen = Log(folder), {}
     valid = list(batches(task, seed, "valid", 0, config["data"]["validation_batches"], 0)) if step < c["steps"] else []
     progress = tqdm.tqdm(total=c["steps"], initial=step, unit="step", mininterval=1 if os.isatty(2) else 60)
-    for batch in batches(task, seed, "train", step, c["steps"], config["data"]["workers"]):
+    of = c["steps"] if section == "train" else None
+    for batch in batches(task, seed, "train", step, c["steps"], config["data"]["workers"], of):
         model.train()
         if step >= c.get("freeze_norm", 1) * c["steps"]:
             freeze_norm(model)

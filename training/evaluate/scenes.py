@@ -81,7 +81,7 @@ def playback(corpus, rooms, number):
     samples = (FAR_FRAMES + DOUBLE_FRAMES + NEAR_FRAMES) * FRAME
     talk_at, stop_at = FAR_FRAMES * FRAME, (FAR_FRAMES + DOUBLE_FRAMES) * FRAME
     room, other = rooms.draw(rng, SPLIT), rooms.draw(rng, SPLIT)
-    path = _still_path(rng)
+    path = still_path(rng)
     ref = echo.far_end(corpus, rng, SPLIT, samples)
     ref[stop_at:] = 0.0
     responses = [rooms.responses(r, "loudspeaker")[:1] for r in (room, other)]
@@ -94,7 +94,7 @@ def playback(corpus, rooms, number):
     near = np.zeros(samples, np.float32)
     dry = sources.talk(corpus, rng, "near", SPLIT, samples - talk_at)
     near[talk_at:] = mixing.convolve(dry, rooms.responses(room, "talker")[:1])[0]
-    noise = _ambience(corpus, rng, rooms, room, samples)[0]
+    noise = ambience(corpus, rng, rooms, room, samples)[0]
     hiss = gain(SELF_NOISE) * rng.standard_normal(samples, np.float32)
     level = rng.uniform(*ECHO_LEVEL)
 
@@ -160,8 +160,8 @@ def spoken_phrase(corpus, others, rooms, number):
 
     ref = echo.far_end(others, rng, SPLIT, samples)
     responses = rooms.responses(room, "loudspeaker")
-    echoes = echo.echo(_still_path(rng), ref, responses, responses)
-    noise = _ambience(others, rng, rooms, room, samples)
+    echoes = echo.echo(still_path(rng), ref, responses, responses)
+    noise = ambience(others, rng, rooms, room, samples)
     hiss = gain(SELF_NOISE) * rng.standard_normal((3, samples), np.float32)
     level = rng.uniform(*ECHO_LEVEL)
     for name, (snr, ser) in sets.WAKE_CONDITIONS.items():
@@ -252,9 +252,9 @@ def playback_alone(corpus, rooms, number, seconds):
     room = rooms.draw(rng, SPLIT)
     ref = echo.far_end(corpus, rng, SPLIT, samples)
     responses = rooms.responses(room, "loudspeaker")
-    y = echo.echo(_still_path(rng), ref, responses, responses)
+    y = echo.echo(still_path(rng), ref, responses, responses)
     level = rng.uniform(*ECHO_LEVEL)
-    noise = _ambience(corpus, rng, rooms, room, samples)
+    noise = ambience(corpus, rng, rooms, room, samples)
     mics = at_power(y, active_power(y[0]), level)
     mics = mics + at_power(noise, mixing.power(noise[0]), level - QUIET_ROOM)
     return mics * np.float32(min(1.0, PEAK / np.abs(mics).max())), ref
@@ -265,12 +265,12 @@ def at_power(x, power, level):
     return x * np.float32(gain(level) / np.sqrt(power + 1e-20))
 
 
-def _still_path(rng):
+def still_path(rng):
     loudspeaker = echo.draw_loudspeaker(rng)
     return echo.Path(loudspeaker, rng.uniform(*echo.DRIVE), round(rng.uniform(*echo.DELAY) * RATE))
 
 
-def _ambience(corpus, rng, rooms, room, samples):
+def ambience(corpus, rng, rooms, room, samples):
     point, field = noisy.dry_noise(corpus, rng, SPLIT, samples)
     places = {place: rooms.responses(room, place) for place in ("noise 1", "noise 2")}
     return _noise_in(point, field, places)

@@ -9,6 +9,7 @@ from .quantise import Quantiser, fake_bias, fake_weight
 MEL_HISTORY = 240
 CLASSES, BLANK, FILLER = 146, 145, 0
 STATE, CHANNELS, MEMORY, WIDTH, LAYERS = 128, 164, 8, 256, 4
+FEATURE_MEAN, FEATURE_SPREAD = 10.0, 4.0  # nats, of speech at usual levels
 FEATURE_CODES = (0.1, 20)  # -2..23.5 nats; silence lies below and becomes code 0
 STATE_CODES = (2 / 255, 128)
 NORM_GUARD = 1e-7
@@ -99,9 +100,9 @@ class MemoryBlock(nn.Module):
     def forward(self, x):
         p = self.into(x)
         codes = self.out.mode == "codes"
-        past = F.pad(p, (0, 0, MEMORY, 0), value=self.into.out.cleared() if codes else 0.0)[:, :-1]
+        past = F.pad(p.transpose(1, 2), (MEMORY, 0), value=self.into.out.cleared() if codes else 0.0)[..., :-1]
         taps = fake_weight(self.taps) if codes else self.taps
-        memory = self.left(torch.einsum("btck,ck->btc", past.unfold(1, MEMORY, 1), taps))
+        memory = self.left(F.conv1d(past, taps[:, None], groups=CHANNELS).transpose(1, 2))
         if codes:  # the engine brings the second summand to the first one's scale, in whole steps
             scale = self.into.out.scale
             memory = memory + (torch.round(memory / scale) * scale - memory).detach()
@@ -121,6 +122,17 @@ class SyllableNetwork(nn.Module):
         for i in range(LAYERS):
             self.memory.append(MemoryBlock(self.memory[-1].out, WIDTH) if i else MemoryBlock(self.gru.out, STATE))
         self.output = Dense(self.memory[-1].out, WIDTH, CLASSES)
+        self.spread()
+
+    @torch.no_grad()
+    def spread(self):
+        """Starts with activations of about unit spread: the framework's convolutions would leave a hundredth of it."""
+        for module in self.modules():
+            if isinstance(module, nn.Conv2d):
+                nn.init.kaiming_normal_(module.weight, nonlinearity="relu")
+        first = self.conv1.conv
+        first.weight /= FEATURE_SPREAD
+        first.bias.copy_(-FEATURE_MEAN * first.weight.sum((1, 2, 3)))
 
     def forward(self, x):
         """Features [B, frames, 40] -> scores [B, frames / 3, 146]."""

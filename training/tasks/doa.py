@@ -16,7 +16,7 @@ class Task:
     def model(self):
         return doa.DirectionNetwork(**self.config["model"])
 
-    def sample(self, rng, split):
+    def sample(self, rng, split, progress=1.0):
         c = self.config["data"]
         return self.data.doa_batch(rng, c["batch"], c["seconds"], split)
 

@@ -1,8 +1,20 @@
-"""Wake-up network: syllables of Mandarin speech by connectionist temporal classification (Graves et al. 2006)."""
+"""Wake-up network: syllables of Mandarin speech by connectionist temporal classification (Graves et al. 2006).
+
+Three losses, one after the other: cross-entropy on the known places of the syllables; CTC within a window around each
+syllable's end, so that nothing is said before it has been heard; beside it, in the last part, the decoder's own score.
+"""
+import math
+
 import torch
 
 from ..models import kws
 from ..models.quantise import set_mode
+from ..syllables import batch as batches
+from ..syllables import decoder
+
+NOT_NOW = -20.0  # log probability taken from a class outside its windows
+SAID = 3  # steps from a syllable's end in which cross-entropy wants its class
+PER_TEXT = 4.0  # weighs texts of different length: nats per (syllables + this)
 
 
 class Task:
@@ -12,31 +24,48 @@ class Task:
     def model(self):
         return kws.SyllableNetwork()
 
-    def sample(self, rng, split):
+    def sample(self, rng, split, progress=1.0):
         c = self.config["data"]
-        return self.data.kws_batch(rng, c["batch"], c["seconds"], split)
+        return self.data.kws_batch(rng, c["batch"], c["seconds"], split, progress)
 
-    def log_posteriors(self, model, batch):
-        with torch.no_grad():
-            features = kws.inputs(batch["wave"])
-        return kws.posteriors(model(features))
+    def log_posteriors(self, model, batch, chained=1):
+        """As the decoder has them. chained: so many utterances follow each other without a reset of the network."""
+        x = batch["features"]
+        chained = math.gcd(chained, len(x))
+        y = model(x.reshape(len(x) // chained, -1, x.shape[-1]))
+        return decoder.merged(kws.posteriors(y).reshape(len(x), -1, y.shape[-1]))
 
     def loss(self, model, batch, rng):
-        p = self.log_posteriors(model, batch)
-        labels = batch["labels"].long()
-        lengths = (labels > 0).sum(1)
-        steps = torch.full_like(lengths, p.shape[1])
-        return torch.nn.functional.ctc_loss(p.transpose(0, 1), labels, steps, lengths, blank=kws.BLANK,
-                                            zero_infinity=True), {}
+        c, progress = self.config["loss"], float(batch["progress"])
+        p = self.log_posteriors(model, batch, c["chained"] if rng.random() < c["chained_share"] else 1)
+        ramp = lambda begin, end: min(1.0, max(0.0, (progress - begin) / (end - begin)))
+        share, values, total = ramp(*c["ctc_from"]), {}, 0.0
+        values["cross_entropy"] = cross_entropy(p, batch, whole=share < 1)
+        total = total + (c["cross_entropy"] + share * (c["cross_entropy_last"] - c["cross_entropy"])) * values["cross_entropy"]
+        values["ctc"] = ctc(p, batch)
+        total = total + (c["ctc_first"] + (1 - c["ctc_first"]) * share) * values["ctc"]
+        share = ramp(*c["hinge_from"])
+        if share > 0:
+            values["missed"], values["false"] = hinge(p, batch, c["enough"], c["too_much"])
+            total = total + share * (c["missed"] * values["missed"] + c["false"] * values["false"])
+        return total, {name: value.item() for name, value in values.items()}
 
     def validate(self, model, batch):
-        best = self.log_posteriors(model, batch).argmax(-1)
+        p = self.log_posteriors(model, batch)
         wrong = total = 0
-        for path, row in zip(best, batch["labels"].long()):
-            heard = [int(c) for c in torch.unique_consecutive(path) if c not in (kws.BLANK, kws.FILLER)]
-            said = [int(c) for c in row if c > 0]
-            wrong, total = wrong + edit_distance(heard, said), total + len(said)
-        return {"loss": self.loss(model, batch, None)[0].item(), "syllable_error": wrong / total}
+        for path, row, kind in zip(p.argmax(-1), batch["labels"].long(), batch["kind"].long()):
+            if batches.KINDS[kind] in ("string", "words"):
+                heard = [int(c) for c in torch.unique_consecutive(path) if c not in (kws.BLANK, kws.FILLER)]
+                said = [int(c) for c in row if c > 0]
+                wrong, total = wrong + edit_distance(heard, said), total + len(said)
+        score, may_wake = decoder.scores(p)
+        wakes = (torch.where(may_wake, decoder.cost(score), torch.inf).amin(1) < decoder.THRESHOLD).float()
+        results = {"ctc": ctc(p, batch).item(), "syllable_error": wrong / max(1, total)}
+        for i, kind in enumerate(batches.KINDS):
+            of_kind = batch["kind"] == i
+            if of_kind.any():
+                results[f"wakes on {kind}"] = wakes[of_kind].mean().item()
+        return results
 
     @torch.no_grad()
     def calibrate(self, model, batches):
@@ -55,3 +84,55 @@ def edit_distance(a, b):
         for j, y in enumerate(b, 1):
             diagonal, row[j] = row[j], min(row[j] + 1, row[j - 1] + 1, diagonal + (x != y))
     return row[-1]
+
+
+def windows(batch, steps):
+    """[B, T, 146]: where each class may be said."""
+    t = torch.arange(steps, device=batch["labels"].device)
+    inside = (t >= batch["first"][..., None]) & (t <= batch["last"][..., None]) & (batch["labels"][..., None] > 0)
+    classes = torch.nn.functional.one_hot(batch["labels"].long(), kws.CLASSES).float()
+    allowed = torch.bmm(inside.float().transpose(1, 2), classes) > 0
+    allowed[..., kws.BLANK] = True
+    return allowed
+
+
+def ctc(p, batch):
+    """Nats per syllable. Syllables without a class are part of the blank, as they are for the decoder. Speech in other
+    languages may sound like syllables and is left to the hinge."""
+    labels = batch["labels"].long()
+    lengths = (labels > 0).sum(1)
+    steps = torch.full_like(lengths, p.shape[1])
+    p = torch.where(windows(batch, p.shape[1]), p, p + NOT_NOW)
+    nats = torch.nn.functional.ctc_loss(p.transpose(0, 1), labels, steps, lengths, blank=kws.BLANK, reduction="none",
+                                        zero_infinity=True)
+    weight = (batch["kind"] != batches.KINDS.index("far")).float()
+    return (weight * nats / (lengths + PER_TEXT)).mean()
+
+
+def cross_entropy(p, batch, whole=False):
+    """Of the utterances joined from single syllables: each class for some steps from its syllable's end on (a slow one's
+    from a little before), else blank. whole: from the middle of each syllable on, which is learnt sooner."""
+    steps = p.shape[1]
+    t = torch.arange(steps, device=p.device)
+    begin = batch["middle"] if whole else batch["first"] + batches.EARLY
+    end = batch["last"] - batches.LATE + SAID
+    wanted = torch.full(p.shape[:2], kws.BLANK, device=p.device)
+    for label, a, b in zip(batch["labels"].long().unbind(1), begin.unbind(1), end.unbind(1)):
+        here = (t >= a[:, None]) & (t < b[:, None]) & (label[:, None] > 0)
+        wanted = torch.where(here, label[:, None], wanted)
+    nats = torch.nn.functional.nll_loss(p.transpose(1, 2), wanted, reduction="none")
+    weight = torch.where(wanted == kws.BLANK, 0.25, 1.0) * batch["certain"][:, None]
+    weight = weight * (batch["kind"] != batches.KINDS.index("far")).float()[:, None]
+    return (weight * nats).sum() / (weight.sum() + 1e-6)
+
+
+def hinge(p, batch, enough, too_much):
+    """How far the phrase's cost is above `enough`; how far, in nats per syllable, anything else scores above `too_much`."""
+    score, may_wake = decoder.scores(p)
+    phrase = (batch["kind"] == batches.KINDS.index("phrase")).float()
+    best = torch.where(may_wake, score, score * 0).amax(1)
+    missed = torch.relu(decoder.cost(best) - enough)
+    worst = score.amax(1)
+    false = torch.relu(decoder.cost(worst.new_tensor(too_much)) - decoder.cost(worst))
+    return ((phrase * missed).sum() / (phrase.sum() + 1e-6),
+            ((1 - phrase) * false).sum() / ((1 - phrase).sum() + 1e-6))

@@ -17,7 +17,7 @@ class Task:
     def model(self):
         return EchoSuppressor(**self.config["model"])
 
-    def sample(self, rng, split):
+    def sample(self, rng, split, progress=1.0):
         """Pieces of cached clips; a share of them starts with the clip, when the canceller has not converged."""
         c = self.config["data"]
         clips, length = self.data.echo_clips(split), round(c["seconds"] * RATE) // spectrum.HOP * spectrum.HOP

@@ -15,7 +15,7 @@ class Task:
     def model(self):
         return NoiseSuppressor(**self.config["model"])
 
-    def sample(self, rng, split):
+    def sample(self, rng, split, progress=1.0):
         c = self.config["data"]
         batch = self.data.ns_batch(rng, c["batch"], c["seconds"], split)
         return {name: batch[name].reshape(-1, batch[name].shape[-1]) for name in ("mics", "target")}

@@ -1,0 +1,280 @@
+"""The wake-up engine alone, on what the front end feeds it: the wake phrase, what is nearly it and hours of anything
+else, by speakers, in rooms and among noises it was not trained with.
+
+Phrases are joined from isolated syllables of test speakers, each with a length and a place of its own; every utterance is
+heard in every condition of its set. What the engine hears is made once and kept (mixes are a function of seed and number).
+The microphones' mean goes to the engine; where the device plays, each microphone goes through the canceller first.
+"""
+import ctypes
+import hashlib
+import json
+import pathlib
+
+import numpy as np
+import torch
+import tqdm
+
+from training import engine, export, train
+from training.corpus import open_corpus
+from training.data import SEED as SEED_OF_SPLITS
+from training.evaluate import device as devices
+from training.evaluate import intervals, scenes
+from training.scenes import echo, mixing, noisy, sources
+from training.models import kws
+from training.scenes.audio import RATE, active_power, gain
+from training.scenes.bank import load_bank
+from training.shared import ROOT
+from training.syllables import decoder, texts, waves
+
+SEED = 20260102
+LEAD, AFTER = 2.0, 1.2  # s before and behind an utterance
+LEARNING = 6.0  # s of playback before it
+LENGTH, SLOW = (0.17, 0.36), 0.6  # s per syllable
+LEVEL = (-40.0, -20.0)  # dBFS of the talker
+QUIET = 30.0  # dB
+LONGEST = 6.0  # s
+PAUSED = 0.25  # of the "other orders", those that are the phrase with a pause in its middle
+STRETCH = 60.0  # s of one scene without the phrase
+STEP = devices.BLOCK / RATE
+SOONEST = 1.0  # s before an utterance's end; what wakes earlier was not it
+REFRACTORY = 1.0  # s in which a second wake is not counted
+THIRD = np.float32(0.3333333)
+
+# Set -> (utterances, conditions as (name, SNR, SER or None)).
+CONDITIONS = (("quiet", QUIET, None), ("noise 10 dB", 10.0, None), ("noise 5 dB", 5.0, None),
+              ("music played, -10 dB", QUIET, -10.0))
+SETS = {"phrase": (200, CONDITIONS), "slow phrase": (100, CONDITIONS[:2]), "one syllable off": (300, CONDITIONS[:2]),
+        "other order": (150, CONDITIONS[:1])}
+PHRASES = ("phrase", "slow phrase")
+
+
+def speakers(corpus):
+    """Test speakers who say both syllables by themselves."""
+    said = {}
+    for clip in corpus.clips("mandarin", scenes.SPLIT):
+        said.setdefault(clip.speaker, set()).add(clip.pinyin)
+    return sorted(s for s, names in said.items() if {"ling", "dang"} <= names)
+
+
+def utterance(rng, clips, speaker, what):
+    """The wave of an utterance and its syllables' classes."""
+    known, said, pause = list(clips.syllables[speaker]), list(texts.PHRASE), None
+    length = SLOW if what == "slow phrase" else rng.uniform(*LENGTH)
+    if what == "one syllable off":
+        said = texts.one_off(rng, known)
+    elif what == "other order":
+        said, pause = (said, 1) if rng.random() < PAUSED else (texts.disordered(rng, known), None)
+    if what not in PHRASES and pause is None and texts.holds_phrase(said):
+        return utterance(rng, clips, speaker, what)
+    pieces = texts.joined(rng, clips, speaker, said, LONGEST * texts.FRAMES_PER_SECOND, pause, length)
+    if pieces is None:
+        return utterance(rng, clips, speaker, what)
+    silence = pieces[0].begin
+    for piece in pieces:
+        piece.begin -= silence
+    return waves.say(clips, pieces, round((pieces[-1].begin + pieces[-1].frames) / texts.FRAMES_PER_SECOND * RATE)), said
+
+
+def mix(microphones):
+    """int16 [3, n] -> what the engine hears."""
+    return (microphones.astype(np.float32).sum(0) * THIRD).astype(np.int16)
+
+
+def heard(device, corpus, rooms, clips, speaker, what, number, conditions):
+    """Yields (condition, int16 wave, s at which the utterance ends, classes)."""
+    rng = np.random.default_rng([SEED, list(SETS).index(what), number])
+    dry, said = utterance(rng, clips, speaker, what)
+    end = len(dry)
+    room = rooms.draw(rng, scenes.SPLIT)
+    way = int(rooms.rooms["onset"][room][0][0]) - scenes.SIMULATOR_DELAY
+    level, mic_gain = rng.uniform(*LEVEL), gain(rng.uniform(-noisy.MIC_GAIN, noisy.MIC_GAIN, (3, 1))).astype(np.float32)
+    for name, snr, ser in conditions:
+        own = np.random.default_rng([SEED, 9, number])  # the same surroundings in every condition
+        lead = LEARNING if ser is not None else LEAD
+        start = round(lead * RATE)
+        samples = -(-(start + end + round(AFTER * RATE)) // scenes.FRAME) * scenes.FRAME
+        x = np.zeros(samples, np.float32)
+        x[start:start + end] = dry
+        near = mixing.convolve(x, rooms.responses(room, "talker"))
+        noise = scenes.ambience(corpus, own, rooms, room, samples)
+        mics = scenes.at_power(near, active_power(near[0]), level)
+        mics = mics + scenes.at_power(noise, mixing.power(noise[0]), level - snr)
+        mics = mics + gain(scenes.SELF_NOISE) * own.standard_normal((3, samples), np.float32)
+        if ser is not None:
+            ref = echo.at_reference_level(own, sources.excerpts(corpus, own, "music", scenes.SPLIT, samples)[0])
+            responses = rooms.responses(room, "loudspeaker")
+            echoes = echo.echo(scenes.still_path(own), ref, responses, responses)
+            mics = mics + scenes.at_power(echoes, active_power(echoes[0]), level - ser)
+        mics = mics * mic_gain
+        down = np.float32(min(1.0, scenes.PEAK / np.abs(mics).max()))
+        wave = cancelled(device, mics * down, ref) if ser is not None else mix(devices.to_int16(mics * down))
+        yield name, wave, (start + way + end) / RATE, said
+
+
+def cancelled(device, mics, ref):
+    return mix(np.stack([devices.to_int16(device.cancel(mic, ref)) for mic in mics]))
+
+
+def without_phrase(device, corpus, rooms, number):
+    """A stretch of talk among noises, or of playback, in turns."""
+    if number % 2 == 0:
+        return mix(devices.to_int16(scenes.noisy_talk(corpus, rooms, 10000 + number, STRETCH)))
+    return cancelled(device, *scenes.playback_alone(corpus, rooms, 10000 + number, STRETCH))
+
+
+class Kept:
+    """Waves of a set with what is known about them, made once."""
+
+    def __init__(self, folder, name):
+        self.audio, self.rows = folder / f"{name}.i16", folder / f"{name}.json"
+
+    def make(self, waves_and_rows):
+        if not self.rows.exists():
+            rows, at = [], 0
+            with open(self.audio, "wb") as f:
+                for wave, row in waves_and_rows:
+                    f.write(wave.tobytes())
+                    rows.append({"start": at, "samples": len(wave), **row})
+                    at += len(wave)
+            self.rows.write_text(json.dumps(rows))
+        return self
+
+    def __iter__(self):
+        audio = np.memmap(self.audio, np.int16, "r")
+        for row in json.loads(self.rows.read_text()):
+            yield np.array(audio[row["start"]:row["start"] + row["samples"]]), row
+
+
+def prepare(device, corpus, rooms, folder, hours):
+    """{set: Kept}; hours of what is not the phrase."""
+    folder.mkdir(parents=True, exist_ok=True)
+    others, kept = scenes.without_phrases(corpus), {}
+    chosen = speakers(corpus)
+    if not chosen:
+        raise SystemExit("no test speaker says 'ling' and 'dang' by themselves")
+    clips = {speaker: waves.Clips(corpus, speaker, scenes.SPLIT) for speaker in chosen}
+    for what, (count, conditions) in SETS.items():
+        def utterances():
+            for number in tqdm.trange(count, desc=what, mininterval=60):
+                speaker = chosen[number % len(chosen)]
+                for name, wave, end, said in heard(device, others, rooms, clips[speaker], speaker, what, number, conditions):
+                    yield wave, {"condition": name, "end": end, "said": said, "speaker": speaker}
+        kept[what] = Kept(folder, what.replace(" ", "_")).make(utterances())
+    stretches = ((without_phrase(device, others, rooms, i), {"condition": ("talk", "playback")[i % 2]})
+                 for i in tqdm.trange(round(hours * 3600 / STRETCH), desc="without the phrase", mininterval=60))
+    kept["without"] = Kept(folder, f"without_{hours:g}_h").make(stretches)
+    return kept
+
+
+class EngineListener:
+    """The library: seconds at which it wakes on a wave, from a fresh start."""
+
+    def __init__(self, library, params):
+        tables = export.read(params) if params else {}
+        self.library = engine.load(library, {name: values for name, values in tables.items() if name != "fbank_filter1"})
+
+    def __call__(self, wave):
+        handle, times = ctypes.c_void_p(), []
+        if self.library.QuibWakeupInit(ctypes.byref(handle), 0) != 0:
+            raise MemoryError("QuibWakeupInit")
+        for start in range(0, len(wave) - devices.BLOCK + 1, devices.BLOCK):
+            if self.library.QuibWakeupWriteData(handle, engine.pointer(wave[start:start + devices.BLOCK])) == 0:
+                times.append((start + devices.BLOCK) / RATE)
+        self.library.QuibWakeupUnit(handle)
+        return times
+
+
+class FloatListener:
+    """The averaged float network of a training under the decoder's rules; it is not started afresh after a wake."""
+
+    def __init__(self, folder):
+        self.model = kws.SyllableNetwork()
+        self.model.load_state_dict(train.averaged(folder))
+        self.model.eval()
+
+    @torch.no_grad()
+    def __call__(self, wave):
+        whole = torch.from_numpy(wave[:len(wave) // devices.BLOCK * devices.BLOCK]).float()
+        p = decoder.merged(kws.posteriors(self.model(kws.inputs(whole)[None])))
+        score, may_wake = decoder.scores(p)
+        wakes = may_wake & (decoder.cost(score) < decoder.THRESHOLD)
+        steps = wakes[0].nonzero()[:, 0].tolist()
+        return [(t + 1) * STEP for i, t in enumerate(steps) if i == 0 or t - steps[i - 1] > 1]
+
+
+def summary(kept, listen):
+    """listen: int16 wave -> seconds at which it wakes."""
+    result, latencies = {}, []
+    for what, waves_of_set in kept.items():
+        found = {}
+        for wave, row in waves_of_set:
+            times, of_condition = listen(wave), found.setdefault(row["condition"], [])
+            if what == "without":
+                spaced = [t for i, t in enumerate(times) if i == 0 or t - times[i - 1] > REFRACTORY]
+                of_condition.append((len(spaced), len(wave) / RATE / 3600))
+            else:
+                times = [t for t in times if t > row["end"] - SOONEST]
+                of_condition.append(bool(times))
+                if times and what == "phrase":
+                    latencies.append(times[0] - row["end"])
+        if what == "without":
+            result[what] = {name: intervals.rate(*map(sum, zip(*rows))) | {"hours": sum(h for _, h in rows)}
+                            for name, rows in found.items()}
+            everything = [r for rows in found.values() for r in rows]
+            result[what]["all"] = intervals.rate(*map(sum, zip(*everything))) | {"hours": sum(h for _, h in everything)}
+        else:
+            result[what] = {name: intervals.share(sum(rows), len(rows)) for name, rows in found.items()}
+    result["latency"] = {f"p{q}": float(np.percentile(latencies, q)) for q in (5, 50, 95)} if latencies else {}
+    return result
+
+
+def table(results):
+    """results: {listener: summary()}."""
+    lines = []
+    for listener, result in results.items():
+        lines.append(listener)
+        for what in (*SETS, "without"):
+            for name, r in result[what].items():
+                if what == "without":
+                    lines.append(f"  {'wakes without the phrase, ' + name:45} {r['n']} in {r['hours']:.2f} h: "
+                                 f"{r['value']:.2f} per hour ({r['low']:.2f} to {r['high']:.2f})")
+                else:
+                    lines.append(f"  {what + ', ' + name:45} {100 * r['value']:5.1f} % "
+                                 f"({100 * r['low']:.1f} to {100 * r['high']:.1f}) of {r['n']}")
+        if result["latency"]:
+            lines.append("  wake after the phrase's end, 5/50/95 %        "
+                         + " / ".join(f"{t:+.2f} s" for t in result["latency"].values()))
+    return "\n".join(lines)
+
+
+def folder_name(corpus, bank, hours):
+    about = json.dumps([corpus.digest(), bank.digest(), SEED, hours, LENGTH, SLOW, LEVEL])
+    return "listening-" + hashlib.sha256(about.encode()).hexdigest()[:12]
+
+
+def add_options(parser):
+    parser.add_argument("--library", type=pathlib.Path, required=True, help="built libquibo.so")
+    parser.add_argument("--params", type=pathlib.Path, help="kws.safetensors to listen with instead of the built-in one")
+    parser.add_argument("--trained", type=pathlib.Path, help="folder of a training: its float network is measured too")
+    parser.add_argument("--data", type=pathlib.Path, required=True, help="folder of audio as for training")
+    parser.add_argument("--cache", type=pathlib.Path, default=ROOT / "build-training", help="rooms, audio; waves are kept here")
+    parser.add_argument("--hours", type=float, default=12.0, help="without the phrase")
+    parser.add_argument("--out", type=pathlib.Path, help="JSON to write")
+    parser.add_argument("--only-prepare", action="store_true", help="make the waves and stop")
+
+
+def run(arguments):
+    corpus = open_corpus(arguments.data, arguments.cache / "corpus", SEED_OF_SPLITS)
+    bank = load_bank(arguments.cache / "bank")
+    device = devices.Device(arguments.library)
+    rooms = scenes.TestRooms(bank, len(bank.rooms))
+    folder = arguments.cache / folder_name(corpus, bank, arguments.hours)
+    kept = prepare(device, corpus, rooms, folder, arguments.hours)
+    if arguments.only_prepare:
+        return
+    results = {"engine": summary(kept, EngineListener(arguments.library, arguments.params))}
+    if arguments.trained:
+        results["float network"] = summary(kept, FloatListener(arguments.trained))
+    print(table(results))
+    if arguments.out:
+        arguments.out.write_text(json.dumps(results, indent=1))

@@ -1,0 +1,59 @@
+"""The decoder's score of the wake phrase (wakeup/decoder.cpp), differentiable: what decides is trained, and measured, itself."""
+import torch
+
+from ..models.kws import BLANK, FILLER
+from .texts import PHRASE
+
+DIVISOR = 4.0
+THRESHOLD = 1.2
+SILENT = 0.95  # blank posterior above which a step never wakes
+DECAY_AFTER, DECAY = (10, 15), (0.9, 0.8)
+RESET_AFTER = 25  # silent steps
+SMALLEST = 1e-8
+STATES = 2 * len(PHRASE) + 1
+CLASSES = [PHRASE[j // 2] if j % 2 else BLANK for j in range(STATES)]
+# A state may be entered from the one two before, over the blank between two different syllables.
+SKIPS = torch.tensor([float(j > 1 and j % 2 == 1 and CLASSES[j] != CLASSES[j - 2]) for j in range(STATES)])
+
+
+def merged(log_posteriors):
+    """Log posteriors with the filler's share added to the blank's, as the decoder has them."""
+    blank = torch.logaddexp(log_posteriors[..., BLANK], log_posteriors[..., FILLER])
+    return torch.cat([log_posteriors[..., :BLANK], blank[..., None]], -1)
+
+
+def silent_runs(blank):
+    """Per step the number of silent steps up to it, and whether all scores are cleared there. blank [B, T]."""
+    count, runs, cleared = torch.zeros_like(blank[:, 0]), [], []
+    for step in (blank > SILENT).unbind(1):
+        count = torch.where(step, count + 1, torch.zeros_like(count))
+        cleared.append(count > RESET_AFTER)
+        count = torch.where(cleared[-1], torch.zeros_like(count), count)
+        runs.append(count)
+    return torch.stack(runs, 1), torch.stack(cleared, 1)
+
+
+def scores(log_posteriors):
+    """[B, T, 146] merged -> the score of the phrase's last syllable [B, T], and where a step may wake."""
+    p = log_posteriors[..., CLASSES].exp()
+    blank = p[..., 0]
+    runs, cleared = silent_runs(blank.detach())
+    decay = torch.where(runs > DECAY_AFTER[1], DECAY[1], torch.where(runs > DECAY_AFTER[0], DECAY[0], 1.0))
+    states, found = torch.zeros_like(p[:, 0]), []
+    skips = SKIPS.to(p)
+    inner = torch.zeros(STATES, dtype=torch.bool, device=p.device)
+    inner[1:-1] = True
+    one = torch.ones_like(states[:, :1])
+    for t in range(p.shape[1]):
+        states = torch.where(cleared[:, t, None], torch.zeros_like(states), states)
+        before = torch.nn.functional.pad(states, (2, 0))
+        states = states + before[:, 1:-1] + skips * before[:, :-2]
+        states = (states * p[:, t]).clamp(max=1.0)
+        states = torch.cat([one, states[:, 1:]], 1)
+        states = torch.where(inner, states * decay[:, t, None], states)
+        found.append(states[:, -2])
+    return torch.stack(found, 1), blank <= SILENT
+
+
+def cost(score):
+    return -torch.log(score + SMALLEST) / DIVISOR

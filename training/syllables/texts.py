@@ -1,0 +1,168 @@
+"""What is said, and when: the wake phrase, what is nearly it, strings of syllables, words, sentences."""
+import dataclasses
+import math
+
+import numpy as np
+
+from . import voices
+from .voices import DANG, LING
+
+PHRASE = (LING, DANG, LING, DANG)
+FRAMES_PER_SECOND = 100
+SYLLABLE = (0.13, 0.6)  # s, limits of the mean length of an utterance's syllables
+TYPICAL, SPREAD = 0.24, 0.42  # s; standard deviation of its logarithm
+OUTSIDE_SHARE = 0.15  # of the syllables of a string, those the network has no class for
+LONGEST = 20  # syllables of a string
+NEUTRAL_SHARE = 0.12  # syllables said short and weak
+TOO_LONG = (0.95, 1.5)  # s between the halves of what is no longer the phrase
+FASTEST = 1.35  # by which a sentence is sped up to fit
+
+
+@dataclasses.dataclass
+class Piece:
+    number: int  # in the bank
+    begin: float  # frames of 10 ms
+    frames: float
+    said: tuple  # classes, evenly spread over it
+    decibels: float = 0.0
+
+
+def one_off(rng, known):
+    """The phrase with one syllable wrong, in one place or in both. known: classes to choose from."""
+    said, place = list(PHRASE), int(rng.integers(4))
+    close = [voices.inventory()[name] for name in (voices.LIKE_LING, voices.LIKE_DANG)[place % 2]]
+    close = [c for c in close if c in known]
+    wrong = int(rng.choice(close if close and rng.random() < 0.7 else known))
+    said[place] = wrong
+    if rng.random() < 0.3:
+        said[(place + 2) % 4] = wrong
+    return said
+
+
+def disordered(rng, known):
+    a, b, x = LING, DANG, int(rng.choice(known))
+    orders = ([a, b, a], [b, a, b], [b, a, b, a], [a, b, b, a], [a, a, b, b], [b, a, a, b], [a, b], [a, b, x, a, b],
+              [a, x, b, a, b], [a, b, a, x, b], [a, b, a, a], [a, a, a, b], [a, b, b, b])
+    return list(orders[rng.integers(len(orders))])
+
+
+def near_miss(rng, known):
+    """Classes and the place behind which there is a pause too long for the phrase, or None."""
+    kind = rng.random()
+    while True:
+        said, pause = one_off(rng, known) if kind < 0.6 else disordered(rng, known), None
+        if kind > 0.92:
+            said, pause = list(PHRASE), 1
+        if pause is not None or not holds_phrase(said):
+            return said, pause
+
+
+def holds_phrase(said):
+    return any(tuple(said[i:i + 4]) == PHRASE for i in range(len(said) - 3))
+
+
+def some(rng, bank, speaker, count):
+    """Classes of syllables that the speaker has said, drawn by frequency; 0 for those that have no class."""
+    mine = bank.syllables[speaker]
+    p = bank.frequency * np.isin(np.arange(len(bank.frequency)), list(mine))
+    said = rng.choice(len(p), count, p=p / p.sum())
+    return [0 if u < OUTSIDE_SHARE and 0 in mine else int(c) for c, u in zip(said, rng.random(count))]
+
+
+def tempo(rng, slowest=SYLLABLE[1]):
+    return float(np.clip(TYPICAL * math.exp(rng.normal(0, SPREAD)), SYLLABLE[0], slowest))
+
+
+def gap(rng):
+    """s to the next syllable; below 0 they overlap."""
+    kind = rng.random()
+    low, high = (-0.035, 0.01) if kind < 0.62 else (0.0, 0.08) if kind < 0.82 else (0.08, 0.25)
+    return rng.uniform(low, high)
+
+
+def joined(rng, bank, speaker, said, frames, pause=None, length=None, cut=False):
+    """Isolated syllables of one speaker joined to an utterance that ends within `frames`; None if it does not fit. cut:
+    what does not fit is left away. length: mean s per syllable."""
+    mine = bank.syllables[speaker]
+    mean = length or tempo(rng)
+    lengths = mean * np.exp(rng.normal(0, 0.15, len(said)))
+    weak = (rng.random(len(said)) < NEUTRAL_SHARE) & (np.arange(len(said)) > 0)
+    lengths = np.maximum(lengths * np.where(weak, 0.65, 1.0), 0.1)
+    gaps = [gap(rng) for _ in said]
+    if pause is not None:
+        gaps[pause] = rng.uniform(*TOO_LONG)
+    fits = frames / FRAMES_PER_SECOND
+    pieces, at, end = [], 0.0, 0.0
+    for c, seconds, space, quiet in zip(said, lengths, gaps, weak):
+        if cut and at + seconds > fits:
+            break
+        level = rng.normal(0, 1.5) - 5.0 * quiet
+        pieces.append(Piece(int(rng.choice(mine[c])), at * FRAMES_PER_SECOND, seconds * FRAMES_PER_SECOND, (c,), level))
+        end = at + seconds
+        at = end + space
+    spare = fits - end
+    if spare < 0:
+        return None
+    return placed(rng, pieces, spare * FRAMES_PER_SECOND)
+
+
+def placed(rng, pieces, spare):
+    """Moved to a random place, which often is the very beginning: the engine starts afresh after every wake."""
+    start = rng.uniform(0, spare) if rng.random() < 0.8 else rng.uniform(0, min(spare, 10))
+    for piece in pieces:
+        piece.begin += start
+    return pieces
+
+
+def words(rng, bank, speaker, frames):
+    """Words and sentences as somebody said them, one after the other."""
+    pieces, at, rate = [], 0.0, None
+    while True:
+        number = int(rng.choice(bank.words[speaker]))
+        said = tuple(bank.pieces[number][3])
+        seconds = bank.seconds(number)
+        if len(said) <= 4:  # citation forms
+            rate = rate or rng.uniform(1.0, 1.8)
+            seconds /= rate
+        else:
+            seconds /= rng.uniform(0.9, 1.15)
+            fits = frames / FRAMES_PER_SECOND - at
+            if not pieces and fits < seconds < fits * FASTEST:
+                seconds = 0.99 * fits
+        length = seconds * FRAMES_PER_SECOND
+        if at * FRAMES_PER_SECOND + length > frames:
+            if pieces or len(said) > 4:
+                break
+            continue
+        pieces.append(Piece(number, at * FRAMES_PER_SECOND, length, said, rng.normal(0, 1)))
+        at += seconds + rng.uniform(0.0, 0.3)
+    if not pieces:
+        return None
+    return placed(rng, pieces, frames - pieces[-1].begin - pieces[-1].frames)
+
+
+def speaker_of(rng, speakers, synthetic_share=0.25):
+    made = [s for s in speakers if s.startswith("espeak-ng")]
+    real = [s for s in speakers if not s.startswith("espeak-ng")]
+    chosen = made if made and (not real or rng.random() < synthetic_share) else real
+    return chosen[rng.integers(len(chosen))]
+
+
+def utterance(rng, bank, kind, frames):
+    """Pieces of an utterance of a kind: "phrase", "near miss", "string" or "words"; None if it came out too long."""
+    if kind == "words" and bank.words:
+        return words(rng, bank, speaker_of(rng, list(bank.words)), frames)
+    speaker, pause = speaker_of(rng, bank.speakers), None
+    if kind in ("phrase", "near miss"):
+        said, pause = (list(PHRASE), None) if kind == "phrase" else near_miss(rng, list(bank.syllables[speaker]))
+        if rng.random() < 0.4:
+            before, after = some(rng, bank, speaker, rng.integers(3)), some(rng, bank, speaker, rng.integers(3))
+            longer = before + said + after
+            if kind == "phrase" or pause is not None or not holds_phrase(longer):
+                said, pause = longer, None if pause is None else pause + len(before)
+    else:
+        # Most strings fill their time: there are many classes to learn.
+        said = some(rng, bank, speaker, LONGEST if rng.random() < 0.75 else int(rng.integers(3, 9)))
+        if holds_phrase(said):
+            return None
+    return joined(rng, bank, speaker, said, frames, pause, cut=kind == "string")

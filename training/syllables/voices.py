@@ -1,0 +1,132 @@
+"""Recorded and synthetic Mandarin as spectra, cut to where the voice is: what utterances are put together from.
+
+A bank is a folder for one split:
+  voices.json    corpus and split; per piece: speaker, first frame, frames, classes of its syllables (0 = another one)
+  spectra.f16    [frames, 257] float16, log power spectra every HOP samples; every piece's active power is 1
+"""
+import collections
+import functools
+import json
+
+import numpy as np
+
+from .. import corpus as corpora
+from .. import synthetic
+from ..shared import PARAMS
+from . import spectra
+
+HOP = 80
+ACTIVE = 1e-3  # of the loudest frame's power: 30 dB
+EDGE = 2  # frames kept on either side of what is active
+LONGEST = 5.0  # s
+JOINED = "joined_from_syllables"  # flag of phrases that are not natural speech
+SYNTHETIC_TONES = 2
+# Beside the phrase's own syllables every synthetic voice says its neighbours and some others.
+SYNTHETIC_OTHERS = 40
+FLOOR = 1e-3  # power below int16 steps
+LING, DANG = 125, 2
+LIKE_LING = "li lie lin ning leng lang liang ding ming ping ting bing ying xing qing jing long yin nin".split()
+LIKE_DANG = "bang deng dong fang da dan dai tang gang zhang lang mang pang ang cang zang nang hang kang dao dou".split()
+
+
+@functools.cache
+def inventory():
+    """{syllable: class}"""
+    rows = (line.split() for line in (PARAMS / "syllables.txt").read_text().splitlines())
+    return {name: int(number) for number, name in rows}
+
+
+def pieces(corpus, split):
+    """Yields (speaker, syllables, samples)."""
+    for clip in corpus.clips("mandarin", split):
+        if clip.pinyin and JOINED not in clip.flags:
+            x = corpus.read(clip)
+            if len(x) < LONGEST * spectra.RATE:
+                yield clip.speaker, clip.pinyin.split(), x
+
+
+def synthetic_pieces(split, seed, voices):
+    """The synthesiser's isolated syllables, by the voices of a split."""
+    names = list(inventory())
+    for number, variant in enumerate(synthetic.SPEAKERS):
+        speaker = f"espeak-ng {variant}"
+        if corpora.hashed_split(seed, speaker) != split or variant == "whisper":
+            continue
+        rng = np.random.default_rng([seed, number])
+        chosen = ["ling", "dang"] * 2 + LIKE_LING + LIKE_DANG + list(rng.choice(names, SYNTHETIC_OTHERS, replace=False))
+        for name in chosen:
+            for tone in rng.choice(4, SYNTHETIC_TONES, replace=False) + 1:
+                yield speaker, [name], synthetic.syllable(variant, f"{name}{tone}", int(rng.integers(130, 200)),
+                                                          int(rng.integers(20, 80)))
+        voices -= 1
+        if voices == 0:
+            return
+
+
+def active(x):
+    """Log spectra of the part of a clip in which somebody speaks, its active power brought to 1; None if there is none."""
+    p = spectra.power(x, HOP)
+    loud = p @ spectra.mel() @ spectra.level_weights()
+    if loud.max() < 1e-9:
+        return None
+    on = np.flatnonzero(loud > ACTIVE * loud.max())
+    p = p[max(0, on[0] - EDGE):on[-1] + 1 + EDGE] / loud[on].mean()
+    return np.log(np.maximum(p, FLOOR))
+
+
+def build(corpus, path, split, seed, synthetic_voices=100, progress=lambda done, of: None):
+    """Makes the bank of a split, unless it is there."""
+    description = {"corpus": corpus.digest(), "split": split, "synthetic_voices": synthetic_voices}
+    file = path / "voices.json"
+    if file.exists() and {k: v for k, v in json.loads(file.read_text()).items() if k in description} == description:
+        return
+    path.mkdir(parents=True, exist_ok=True)
+    classes, rows, at = inventory(), [], 0
+    total = len(corpus.clips("mandarin", split))
+    with open(path / "spectra.f16", "wb") as f:
+        sources = [pieces(corpus, split)]
+        if synthetic.available():
+            sources.append(synthetic_pieces(split, seed, synthetic_voices))
+        for source in sources:
+            for speaker, said, x in source:
+                spectrum = active(x)
+                if spectrum is not None:
+                    f.write(spectrum.astype(np.float16).tobytes())
+                    rows.append([speaker, at, len(spectrum), [classes.get(s, 0) for s in said]])
+                    at += len(spectrum)
+                progress(len(rows), max(total, len(rows)))
+    file.write_text(json.dumps(description | {"frames": at, "pieces": rows}))
+
+
+class Voices:
+    """A built bank."""
+
+    def __init__(self, path):
+        description = json.loads((path / "voices.json").read_text())
+        self.pieces = description["pieces"]
+        self.spectra = np.memmap(path / "spectra.f16", np.float16, "r", shape=(description["frames"], spectra.BINS))
+        self.syllables = collections.defaultdict(lambda: collections.defaultdict(list))  # speaker -> class -> pieces
+        self.words = collections.defaultdict(list)  # speaker -> pieces of several syllables
+        count = np.zeros(len(inventory()) + 1)
+        for i, (speaker, _, _, said) in enumerate(self.pieces):
+            if len(said) == 1:
+                self.syllables[speaker][said[0]].append(i)
+            else:
+                self.words[speaker].append(i)
+                np.add.at(count, said, 1)
+        # Syllables are drawn half by their frequency in words and sentences, half evenly; class 0 apart.
+        count[0] = 0
+        self.frequency = 0.5 * count / max(1.0, count.sum()) + 0.5 * (np.arange(len(count)) > 0) / (len(count) - 1)
+        # Who can say the phrase.
+        self.speakers = [s for s, said in self.syllables.items() if LING in said and DANG in said]
+
+    def rows(self, piece, at):
+        """Log spectra of a piece at fractional frames `at`."""
+        _, first, frames, _ = self.pieces[piece]
+        at = np.clip(at, 0, frames - 1.001)
+        low = at.astype(int)
+        part = np.float32(at - low)[:, None]
+        return self.spectra[first + low] * (1 - part) + self.spectra[first + low + 1] * part
+
+    def seconds(self, piece):
+        return self.pieces[piece][2] * HOP / spectra.RATE

@@ -1,0 +1,133 @@
+"""What the wake-up network learns from, and the decoder's score it is trained on."""
+
+import ctypes
+
+import numpy as np
+import pytest
+import soundfile
+import torch
+
+from training import engine
+from training.evaluate import device as devices
+from training.models import features, kws
+from training.scenes.audio import RATE
+from training.shared import ROOT
+from training.syllables import batch, decoder, spectra, texts, voices, waves
+from training.tasks import kws as task
+
+torch.set_num_threads(1)
+
+
+def test_spectra_are_those_of_the_engine_s_features():
+    """Same frames, windows and filters; and levels read off them are those of the wave."""
+    rng = np.random.default_rng(1)
+    x = np.float32(0.05 * rng.standard_normal(4 * 480 * 10))
+    mel = np.log(spectra.power(x, spectra.FEATURE_HOP) @ spectra.mel())
+    # A frame here is centred on its time; the engine's ends with its block, 40 samples earlier.
+    wave = torch.from_numpy(np.concatenate([x[40:], np.zeros(40, np.float32)]) * 32768)
+    expected = features.log_mel(wave, kws.MEL_HISTORY).numpy()
+    assert np.abs(mel[3:len(expected) - 3] - expected[3:-3]).max() < 1e-3
+    level = 10 * np.log10((np.exp(mel) @ spectra.level_weights()).mean())
+    assert abs(level - 20 * np.log10(0.05)) < 1.5  # some of white noise lies outside the bands
+
+
+def test_a_voice_s_formants_and_pitch_move_by_the_factors_asked_for():
+    k = np.arange(spectra.BINS)
+    log_power = 10 + 6 * np.exp(-((k - 60) / 12)**2) + np.cos(2 * np.pi * k / 5)  # one formant, harmonics 5 bins apart
+    bent = log_power @ spectra.voice(1.2, 0.8, 1.0)
+    smooth = spectra.envelope() @ bent
+    assert abs(int(smooth[20:150].argmax()) + 20 - 72) <= 2
+    comb = np.abs(np.fft.rfft((bent - smooth)[40:200] * np.hanning(160)))
+    assert 160 / comb.argmax() == pytest.approx(5 * 0.8, rel=0.03)
+
+
+class Bank:
+    """Every class, said by one speaker."""
+
+    def __init__(self):
+        self.syllables = {"s": {c: [c] for c in range(145)}}
+        self.frequency = np.full(145, 1 / 144)
+        self.frequency[0] = 0
+
+
+def test_what_is_nearly_the_phrase_is_not_the_phrase():
+    rng, known = np.random.default_rng(2), list(range(145))
+    seen = set()
+    for _ in range(500):
+        said, pause = texts.near_miss(rng, known)
+        assert pause == 1 and tuple(said) == texts.PHRASE or not texts.holds_phrase(said)
+        seen.add(tuple(said))
+    a, b = voices.LING, voices.DANG
+    assert {(a, b, a), (b, a, b, a), (a, b, b, a)} <= seen  # the decoder's own weak spots are among them
+
+
+def test_syllables_may_be_said_once_they_have_been_heard():
+    """Windows lie around the syllables' ends, in order, and the last one inside the utterance."""
+    rng = np.random.default_rng(3)
+    for _ in range(50):
+        pieces = None
+        while pieces is None:
+            pieces = texts.joined(rng, Bank(), "s", list(texts.PHRASE), 345)
+        labels, first, last, _, certain = batch.alignment(pieces, 120)
+        ends = [(p.begin + p.frames) / batch.BLOCK_FRAMES for p in pieces]
+        assert labels == list(texts.PHRASE) and certain
+        assert all(l - batch.LATE == int(e) for l, e in zip(last, ends))
+        for f, e, piece in zip(first, ends, pieces):
+            assert int(e) - f == batch.EARLY or piece.frames > 10 * batch.BLOCK_FRAMES and e - f < 0.5 * piece.frames
+        assert first == sorted(first) and last[-1] < 120
+
+
+def said(places, steps=40, classes=texts.PHRASE):
+    """Log posteriors of a network that says `classes` at `places` and is silent elsewhere."""
+    p = torch.full((1, steps, kws.CLASSES), 1e-4)
+    p[..., kws.BLANK] = 0.98
+    for c, t in zip(classes, places):
+        p[0, t, kws.BLANK], p[0, t, c] = 0.02, 0.97
+    return decoder.merged((p / p.sum(-1, keepdim=True)).log())
+
+
+def test_the_losses_want_what_the_device_needs():
+    """The phrase early, or in the wrong place, costs; so does a wake on anything else."""
+    places = [10, 17, 24, 31]
+    example = {"labels": torch.tensor([texts.PHRASE]).float(), "first": torch.tensor([places]) - batch.EARLY,
+               "last": torch.tensor([places]) + batch.LATE, "certain": torch.ones(1),
+               "kind": torch.tensor([batch.KINDS.index("phrase")])}
+    in_time, early = said(places), said([t - 4 for t in places])
+    assert task.ctc(in_time, example) < 0.5 < task.ctc(early, example)
+    assert task.cross_entropy(in_time, example) < task.cross_entropy(early, example)
+    missed, false = task.hinge(in_time, example, 0.3, 1e-4)
+    assert missed == 0 and false == 0
+    example["kind"] = torch.tensor([batch.KINDS.index("near miss")])
+    assert task.hinge(in_time, example, 0.3, 1e-4)[1] > 1
+
+
+def test_the_score_is_the_decoder_s(library_path):
+    """On the sample recording, step by step: what is trained is what decides."""
+    mic, rate = soundfile.read(ROOT / "samples/living_room.flac", dtype="int16")
+    wave = np.ascontiguousarray(mic[:, 0] if mic.ndim > 1 else mic)[:12 * RATE]
+    assert rate == RATE
+    library, posteriors, scores = engine.load(library_path, {}), [], []
+    handle = ctypes.c_void_p()
+    assert library.QuibWakeupInit(ctypes.byref(handle), 0) == 0
+    inner = devices._pointers(devices._pointers(handle)[0])
+    state = ctypes.cast(inner[0], ctypes.POINTER(engine.WakeState)).contents
+    word = ctypes.cast(inner[1], ctypes.POINTER(devices._Decoder)).contents.words[0]
+    for start in range(0, len(wave) - 479, 480):
+        word.threshold = -np.inf  # a wake would clear what is compared
+        library.QuibWakeupWriteData(handle, engine.pointer(wave[start:start + 480]))
+        posteriors.append(state.posteriors[:kws.CLASSES])
+        scores.append(word.scores[word.states - 2])
+    library.QuibWakeupUnit(handle)
+    p = torch.tensor(posteriors)  # the filler's share is in the blank's already
+    ours = decoder.scores(torch.log(p.clamp_min(1e-30))[None])[0][0].numpy()
+    assert len(scores) > 100 and np.allclose(ours, scores, rtol=1e-3, atol=1e-12)
+
+
+@pytest.mark.parametrize("tempo", [0.5, 0.8, 1.3])
+def test_another_tempo_keeps_the_pitch(tempo):
+    t = np.arange(8000) / RATE
+    x = np.float32(sum(np.sin(2 * np.pi * 150 * k * t) / k for k in range(1, 6)))
+    y = waves.time_scaled(x, int(len(x) * tempo))
+    assert len(y) == int(len(x) * tempo)
+    spectrum = np.abs(np.fft.rfft(y[400:-400] * np.hanning(len(y) - 800)))
+    assert abs(spectrum.argmax() * RATE / (len(y) - 800) - 150) < 6
