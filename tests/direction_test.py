@@ -1,16 +1,16 @@
 """The direction path with its own parameters: where it points on the sample recording, whose talkers' headings are known.
 
-One talker at a time, two of them over the device's own music, heard through cancellers and noise suppressors; the
-direction is asked for as at a wake, a moment after each has spoken. It rains at a window at 100 degrees all the while,
-which SRP-PHAT takes for the first talker. The bar tells parameters that work, and headings that mean the same in training
-and in the library, from ones that do not; ./run evaluate measures how well.
+One talker at a time, some over the device's own music and speech, some beside a running tap, which SRP-PHAT takes for the
+talker; heard through cancellers and noise suppressors. The direction is asked for as at a wake, a moment after each has
+spoken. The bar tells parameters that work, and headings that mean the same in training and in the library, from ones that
+do not; ./run evaluate measures how well.
 """
 import array
 import ctypes
 import json
 import subprocess
 
-BAR_DEGREES = 30
+BAR_DEGREES = 20
 ASKED_SECONDS = 0.1  # after the talker's last sound
 FRAME, BLOCK, RATE = 1024, 480, 16000
 FLOOR, OFFSET_DEGREES = 0.3, 30  # the front end's
@@ -54,8 +54,8 @@ def test_the_estimator_points_at_every_talker_of_the_sample(build, source, unsan
             angle = quibo.kesto_customs_doa_write(estimator, *heads, None, int(block in asked))
             if block in asked:
                 heading = asked[block]["heading_deg"]
-                off[asked[block]["who"]] = abs((angle + OFFSET_DEGREES - heading + 180) % 360 - 180)
+                off[asked[block]["start"]] = abs((angle + OFFSET_DEGREES - heading + 180) % 360 - 180)
             pending, block = [m[BLOCK:] for m in pending], block + 1
     quibo.kesto_customs_doa_unit(estimator)
 
-    assert len(off) == 4 and max(off.values()) <= BAR_DEGREES, off
+    assert len(off) == len(asked) and max(off.values()) <= BAR_DEGREES, off
