@@ -253,7 +253,8 @@ std::string metadata() {
   content << file.rdbuf();
   const std::string text = content.str();
   const size_t start = text.find("\"__metadata__\"");
-  return start == std::string::npos ? "" : text.substr(start, text.find("\"dtype\"", start) - start);
+  return start == std::string::npos ? ""
+                                    : text.substr(start, text.find("\"dtype\"", start) - start);
 }
 
 TEST(WakeupParameters, SayThatTheyAreTrainedAndOnWhat) {

@@ -114,7 +114,8 @@ class SceneData:
     @functools.cache
     def syllables(self, split):
         from .syllables import backgrounds, voices
-        return (voices.Voices(self.syllables_path / "voices" / split),
+        splits = [split, "test"] if split == "train" and self.config["data"]["test_voices"] else [split]
+        return (voices.Voices(*(self.syllables_path / "voices" / s for s in splits)),
                 backgrounds.Backgrounds(self.syllables_path / "backgrounds" / split))
 
     def kws_batch(self, rng, batch, seconds, split, progress):

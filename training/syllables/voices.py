@@ -99,16 +99,19 @@ def build(corpus, path, split, seed, synthetic_voices=100, progress=lambda done,
 
 
 class Voices:
-    """A built bank."""
+    """Built banks, as one."""
 
-    def __init__(self, path):
-        description = json.loads((path / "voices.json").read_text())
-        self.pieces = description["pieces"]
-        self.spectra = np.memmap(path / "spectra.f16", np.float16, "r", shape=(description["frames"], spectra.BINS))
+    def __init__(self, *paths):
+        self.pieces, self.spectra = [], []  # pieces: speaker, first frame, frames, classes, bank
+        for path in paths:
+            description = json.loads((path / "voices.json").read_text())
+            self.pieces += [[*piece, len(self.spectra)] for piece in description["pieces"]]
+            shape = description["frames"], spectra.BINS
+            self.spectra.append(np.memmap(path / "spectra.f16", np.float16, "r", shape=shape))
         self.syllables = collections.defaultdict(lambda: collections.defaultdict(list))  # speaker -> class -> pieces
         self.words = collections.defaultdict(list)  # speaker -> pieces of several syllables
         count = np.zeros(len(inventory()) + 1)
-        for i, (speaker, _, _, said) in enumerate(self.pieces):
+        for i, (speaker, _, _, said, _) in enumerate(self.pieces):
             if len(said) == 1:
                 self.syllables[speaker][said[0]].append(i)
             else:
@@ -122,11 +125,12 @@ class Voices:
 
     def rows(self, piece, at):
         """Log spectra of a piece at fractional frames `at`."""
-        _, first, frames, _ = self.pieces[piece]
+        _, first, frames, _, bank = self.pieces[piece]
         at = np.clip(at, 0, frames - 1.001)
         low = at.astype(int)
         part = np.float32(at - low)[:, None]
-        return self.spectra[first + low] * (1 - part) + self.spectra[first + low + 1] * part
+        bank = self.spectra[bank]
+        return bank[first + low] * (1 - part) + bank[first + low + 1] * part
 
     def seconds(self, piece):
         return self.pieces[piece][2] * HOP / spectra.RATE
