@@ -36,6 +36,9 @@ struct LaneSums {
       }
       for (int j = l; j < taps; j += 4) {
         const ptrdiff_t offset = tap_offset[j];
+        // The next block's weights: since the last frame other networks' have taken their place in
+        // the caches. A row per pass spreads the requests over the block.
+        __builtin_prefetch(a + (C + l % C) * row_stride + j);
         Reg value[P];
         for (int p = 0; p < P; ++p) value[p] = V::load(x[p] + offset);
         for (int c = 0; c < C; ++c) {
@@ -95,9 +98,12 @@ void conv_blocks(const ConvJob& job, int registers) {
 template <class V>
 void conv(const ConvJob& job) {
   const int registers = job.steps * job.positions / V::kWidth;
-  if (kManyRegisters<V> && registers % 4 == 0) {
+  if constexpr (!kManyRegisters<V>) {
+    static_assert(V::kWidth <= 8, "positions come in multiples of 32, so registers in fours");
+    conv_blocks<V, 2, 4>(job, registers);
+  } else if (registers % 4 == 0) {
     conv_blocks<V, 4, 4>(job, registers);
-  } else if (kManyRegisters<V> && job.out_channels % 8 == 0) {
+  } else if (job.out_channels % 8 == 0) {
     conv_blocks<V, 8, 2>(job, registers);  // one step of 32 positions in registers of 16
   } else {
     conv_blocks<V, 4, 2>(job, registers);

@@ -1,6 +1,8 @@
 #!/usr/bin/env python3
 """Writes doa.safetensors: the direction network's tables before any training.
 
+    make_doa_untrained.py OUT_DIR
+
 Every table is drawn from a generator seeded with the table's name, uniformly and with the variance that keeps activations
 in range, so that the network runs as a trained one would (finite, no dead layer) and points nowhere in particular.
 """
@@ -45,8 +47,9 @@ def table(name, shape):
 
 
 def main():
-    here = pathlib.Path(__file__).parent
-    out = pathlib.Path(sys.argv[1] if len(sys.argv) > 1 else here)
+    if len(sys.argv) != 2:
+        sys.exit("usage: make_doa_untrained.py OUT_DIR")
+    here, out = pathlib.Path(__file__).parent, pathlib.Path(sys.argv[1])
     shapes = {name: entry["shape"] for name, entry in json.loads((here / "manifest.json").read_text())[FILE].items()}
     safetensors_file.write(out / FILE,
                            {name: ("F32", shape, table(name, shape).tobytes()) for name, shape in shapes.items()},

@@ -45,13 +45,28 @@ def microphone_1(channels, build, unsanitized):
     return mic
 
 
-def test_microphone_1_is_talkers_plus_echo_plus_the_stated_noise_within_half_a_dB(
-    channels, microphone_1
-):
-    rest = [m - t - e for m, t, e in zip(microphone_1, channels[3], channels[5])]
-    noise = (SCENE["levels_dbfs"][n] for n in ("rain_at_microphone_1", "microphone_self_noise"))
-    stated = 10 * math.log10(sum(10 ** (level / 10) for level in noise))
-    assert abs(dbfs(rest) - stated) < 0.5
+def spoken():
+    return [speech for stretch in SCENE["stretches"] for speech in stretch["speaks"]]
+
+
+def test_every_voice_stands_over_echo_and_noise_as_stated_within_2_dB(channels, microphone_1):
+    rate = SCENE["sample_rate"]
+    for speech in spoken():
+        span = slice(round(speech["start"] * rate), round(speech["end"] * rate))
+        mic, talker, echo = (x[span] for x in (microphone_1, channels[3], channels[5]))
+        noise = [m - t - e for m, t, e in zip(mic, talker, echo)]
+        assert abs(dbfs(talker) - dbfs(noise) - speech["to_noise_db"]) < 2, speech
+        if speech["to_echo_db"] is not None:
+            assert abs(dbfs(talker) - dbfs(echo) - speech["to_echo_db"]) < 2, speech
+
+
+def test_wakes_cannot_be_taken_for_one_another():
+    starts = [speech["start"] for speech in spoken()]
+    wakes = [speech for speech in spoken() if speech["wake_phrase"]]
+    assert starts == sorted(starts) and len(wakes) == 5
+    for one, next_one in zip(wakes, wakes[1:]):
+        assert next_one["start"] - one["end"] >= 3
+        assert 45 < abs(next_one["heading_deg"] - one["heading_deg"]) < 315
 
 
 def test_scrambled_microphone_does_not_resemble_the_clear_one(channels, microphone_1):
@@ -64,8 +79,8 @@ def test_scrambled_microphone_does_not_resemble_the_clear_one(channels, micropho
 
 def test_stretches_hold_what_they_are_named_after(channels):
     talkers, reference = channels[3], channels[4]
-    for part in stretches("far_end", talkers)[:2]:
-        assert max(part) == min(part) == 0
+    for part in stretches("far_end", talkers):
+        assert max(map(abs, part)) <= 1  # the end of a room's reverberation
     for part in stretches("near_end", reference):
         assert max(part) == min(part) == 0
     for kind in ("far_end", "double_talk"):
@@ -74,9 +89,3 @@ def test_stretches_hold_what_they_are_named_after(channels):
     for kind in ("near_end", "double_talk"):
         for part in stretches(kind, talkers):
             assert dbfs(part) > -42
-
-
-def test_echo_is_ten_dB_above_the_talkers_while_they_speak_within_2_dB(channels):
-    (echo,) = stretches("double_talk", channels[5])
-    stated = SCENE["levels_dbfs"]["talkers_at_microphone_1_active"]
-    assert abs(dbfs(echo) - stated - 10) < 2

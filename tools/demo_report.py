@@ -1,9 +1,10 @@
 #!/usr/bin/env python3
-"""Says what the demonstration driver did to the sample recording, stretch by stretch.
+"""Says what the demonstration driver did to the sample recording.
 
-Compares microphone 1 of the capture with the driver's output, prints a table and writes both as
-WAV files beside the output, lined up in time. Needs nothing but Python and the built library,
-whose own dec_data descrambles the microphone.
+Sets the wakes and angles that the driver printed beside what was said and from where; compares
+microphone 1 of the capture with the driver's output, stretch by stretch, and writes both as WAV
+files beside the output, lined up in time. Needs nothing but Python and the built library, whose own
+dec_data descrambles the microphone.
 """
 
 import argparse
@@ -13,7 +14,9 @@ import json
 import math
 import operator
 import pathlib
+import re
 import sys
+import textwrap
 import wave
 
 CHANNELS = 6
@@ -23,6 +26,7 @@ MAX_DELAY = 4096  # samples searched for the output's delay
 PATTERN = 4096  # samples of speech compared in the search
 ALIKE = 0.3  # normalised correlation below which the search has found nothing
 FULL_SCALE = 32768.0
+LATE = 1.5  # s after the end of a phrase until which a wake is its own
 LABELS = {"far_end": "device plays", "near_end": "people talk", "double_talk": "both at once"}
 
 
@@ -112,31 +116,122 @@ def write_wav(path, samples, rate):
         raise ReportError(f"cannot write {path}: {error.strerror}") from None
 
 
-def result(kind, before, after, talkers):
-    """What a stretch of this kind is judged by, as text."""
-    if kind == "far_end":
-        return f"echo {dbfs(before) - dbfs(after):.1f} dB down"
-    was, now = talker_margin_db(before, talkers), talker_margin_db(after, talkers)
-    return f"talkers to rest {was:+.1f} -> {now:+.1f} dB"
+def read_events(path):
+    """(time in s, angle in degrees or None) of every wake in what the driver printed.
+
+    The angle of a wake stands in the line before it. The driver does not print an angle of 0.
+    """
+    try:
+        lines = pathlib.Path(path).read_text(encoding="utf-8").splitlines()
+    except (OSError, UnicodeDecodeError) as error:
+        raise ReportError(f"cannot read {path}: {error}") from None
+    if not any(line.startswith("---end(") for line in lines):
+        raise ReportError(f"{path} is not what the driver prints to its end")
+    events, angle = [], None
+    for line in lines:
+        if heading := re.fullmatch(r"-+>Doa:(\d+)", line):
+            angle = int(heading[1])
+        elif wake := re.fullmatch(r"-+>is_wakeup:\d+ \(time:(\d+) m,(\d+) s,(\d+) ms\)", line):
+            minutes, seconds, milliseconds = map(int, wake.groups())
+            events.append((60 * minutes + seconds + milliseconds / 1000, angle))
+            angle = None
+    return events
 
 
-def table(scene, before, after, talkers):
-    """Lines of the per-stretch table; the three signals are lined up in time."""
+def match(spoken, events):
+    """Gives every wake to what was being said: rows of what was said, with `woke_s`, `angle_deg`
+    and `angle_error_deg` (None: no wake); and the wakes that are nobody's, or came twice."""
+    rows = [{**s, "woke_s": None, "angle_deg": None, "angle_error_deg": None} for s in spoken]
+    strays = []
+    for time, angle in events:
+        meant = [r for r in rows if r["start"] <= time <= r["end"] + LATE and r["woke_s"] is None]
+        if not meant:
+            strays.append({"woke_s": time, "angle_deg": angle})
+            continue
+        row = max(meant, key=lambda r: (r["wake_phrase"], r["start"]))
+        row["woke_s"], row["angle_deg"] = time, angle
+        if angle is not None:
+            off = abs(angle - row["heading_deg"]) % 360
+            row["angle_error_deg"] = min(off, 360 - off)
+    return rows, strays
+
+
+def degrees(angle):
+    return "no angle, or 0" if angle is None else f"{angle} deg"
+
+
+def verdict(row):
+    if row["woke_s"] is None:
+        return "MISSED" if row["wake_phrase"] else "stayed asleep"
+    if not row["wake_phrase"]:
+        return f"FALSE wake at {row['woke_s']:.2f} s"
+    error = row["angle_error_deg"]
+    off = "" if error is None else f" ({error:.0f} off)"
+    return f"heard at {row['woke_s']:.2f} s, {degrees(row['angle_deg'])}{off}"
+
+
+def wake_table(rows, strays):
+    """Lines: what was said when and from where, whether it woke the device, the angle beside."""
+    said = [textwrap.shorten(r.get("pinyin") or r["text"], 30, placeholder=" ...") for r in rows]
+    says = max(map(len, ["said", *said])) + 2
+    around = max(len(r["around"]) for r in [{"around": "over"}, *rows]) + 2
+    yield f"  {'time':<15}{'said':<{says}}{'from':<16}{'over':<{around}}the device"
+    for row, text in zip(rows, said):
+        yield (
+            f"  {row['start']:4.1f} - {row['end']:4.1f} s  {text:<{says}}{row['heading_deg']:3.0f} deg, "
+            f"{row['distance_m']:.1f} m  {row['around']:<{around}}{verdict(row)}"
+        )
+    for stray in strays:
+        yield f"  {stray['woke_s']:4.1f} s: FALSE wake, {degrees(stray['angle_deg'])}"
+    phrases = [r for r in rows if r["wake_phrase"]]
+    heard = [r for r in phrases if r["woke_s"] is not None]
+    false = len(strays) + sum(r["woke_s"] is not None for r in rows) - len(heard)
+    errors = [r["angle_error_deg"] for r in heard if r["angle_error_deg"] is not None]
+    mean = f", angle {sum(errors) / len(errors):.0f} degrees off on average" if errors else ""
+    yield f"\n  {len(heard)} of {len(phrases)} wake phrases heard, false wakes: {false}{mean}"
+
+
+def measure(scene, before, after, talkers):
+    """Levels and gains of every stretch; the three signals are lined up in time."""
     rate = scene["sample_rate"]
-    width = max(len(stretch["what"]) for stretch in scene["stretches"])
-    yield f"  {'time':<14}{'':<14}{'what happens':<{width + 2}}{'level, dBFS':<18}result"
     for stretch in scene["stretches"]:
         span = slice(round(stretch["start"] * rate), round(stretch["end"] * rate))
         mic, out = before[span], after[span]
+        row = {k: stretch[k] for k in ("kind", "start", "end", "what")}
+        row |= {"before_dbfs": dbfs(mic), "after_dbfs": dbfs(out)}
+        if stretch["kind"] == "far_end":
+            row["echo_down_db"] = row["before_dbfs"] - row["after_dbfs"]
+        else:
+            row["talkers_to_rest_db"] = [talker_margin_db(x, talkers[span]) for x in (mic, out)]
+        yield row
+
+
+def level_table(rows):
+    width = max(len(row["what"]) for row in rows) + 2
+    yield f"  {'time':<15}{'':<14}{'what happens':<{width}}{'level, dBFS':<18}result"
+    for row in rows:
+        if "echo_down_db" in row:
+            result = f"echo {row['echo_down_db']:.1f} dB down"
+        else:
+            result = "talkers to rest {:+.1f} -> {:+.1f} dB".format(*row["talkers_to_rest_db"])
         yield (
-            f"  {stretch['start']:4.1f} - {stretch['end']:4.1f} s {LABELS[stretch['kind']]:<14}"
-            f"{stretch['what']:<{width + 2}}{dbfs(mic):5.1f} -> {dbfs(out):5.1f}    "
-            f"{result(stretch['kind'], mic, out, talkers[span])}"
+            f"  {row['start']:4.1f} - {row['end']:4.1f} s  {LABELS[row['kind']]:<14}{row['what']:<{width}}"
+            f"{row['before_dbfs']:5.1f} -> {row['after_dbfs']:5.1f}    {result}"
         )
+
+
+def everything_said(scene):
+    """What is said, with what is heard around it."""
+    return [
+        {**speech, "around": " and ".join(dict.fromkeys(stretch["plays"] + stretch["noise"])) or "quiet"}
+        for stretch in scene["stretches"]
+        for speech in stretch["speaks"]
+    ]
 
 
 def report(args):
     scene = read_scene(args.scene)
+    events = read_events(args.events)
     capture, output = read_pcm(args.capture), read_pcm(args.output)
     frames = scene["samples"] // FRAME
     for path, samples, channels in ((args.capture, capture, CHANNELS), (args.output, output, 1)):
@@ -162,8 +257,14 @@ def report(args):
             notes.append("The output resembles the microphone nowhere: no delay is assumed.")
     after = output[delay:]
 
+    spoken, strays = match(everything_said(scene), events)
+    stretches = list(measure(scene, before, after, talkers))
     print(f"\n{scene['title']}\n")
-    print("\n".join(table(scene, before, after, talkers)))
+    print("\n".join(wake_table(spoken, strays)))
+    print(
+        "\n  The time of a wake is the end of its frame of 64 ms. Angles clockwise, 0 = microphone 1.\n"
+    )
+    print("\n".join(level_table(stretches)))
     print(
         "\n  echo down: level of microphone 1 over level of the output while only the device plays"
         "\n  talkers to rest: power of the talkers' clean voices over echo, noise and distortion"
@@ -177,6 +278,18 @@ def report(args):
     for name, samples in (("before.wav", before), ("after.wav", after)):
         write_wav(folder / name, samples, scene["sample_rate"])
         print(f"  {folder / name}")
+    if args.json:
+        found = {
+            "title": scene["title"],
+            "delay_samples": delay,
+            "spoken": spoken,
+            "stray_wakes": strays,
+            "stretches": stretches,
+        }
+        try:
+            pathlib.Path(args.json).write_text(json.dumps(found, indent=2) + "\n", encoding="utf-8")
+        except OSError as error:
+            raise ReportError(f"cannot write {args.json}: {error.strerror}") from None
 
 
 def main():
@@ -184,8 +297,10 @@ def main():
     parser.add_argument("--scene", required=True, help="scene description (JSON)")
     parser.add_argument("--capture", required=True, help="six-channel PCM the driver read")
     parser.add_argument("--output", required=True, help="PCM the driver wrote")
+    parser.add_argument("--events", required=True, help="what the driver printed")
     parser.add_argument("--codec", required=True, help="libquibo.so, for dec_data")
     parser.add_argument("--delay", type=int, help="the output's delay in samples (default: found)")
+    parser.add_argument("--json", help="file to write everything found to")
     try:
         report(parser.parse_args())
     except ReportError as error:

@@ -13,7 +13,7 @@ from .evaluate import cli as evaluate
 from .evaluate import listening
 from .models.layers import deploy, load_tables
 from .models.quantise import set_mode
-from .shared import ROOT
+from .shared import PARAMS, ROOT
 
 STAGES = ("scenes", "train", "quantise", "export", "evaluate")
 
@@ -35,8 +35,11 @@ def run_training(arguments):
     if arguments.start:
         # Folded tables have no normalisation left whose statistics could be learnt.
         config["start"] = hashlib.sha256(arguments.start.read_bytes()).hexdigest()
-        config["model"]["norm"] = False
-        config["train"]["freeze_norm"] = 0
+        if "norm" in config["model"]:
+            config["model"]["norm"] = False
+            config["train"]["freeze_norm"] = 0
+    if arguments.network == "doa":
+        config["suppressor"] = hashlib.sha256(arguments.suppressor.read_bytes()).hexdigest()
     folder = arguments.out / f"train-{arguments.network}{'-smoke' if arguments.smoke else ''}"
     folder.mkdir(parents=True, exist_ok=True)
     device = "cuda" if torch.cuda.is_available() else "cpu"
@@ -132,12 +135,15 @@ def main():
                    "align: cuts words into syllables by what kws has learnt, for the training that goes on behind it")
     p.add_argument("--steps", type=int, help="length of the training instead of the configuration's; a run that is "
                    "resumed with fewer steps comes to its end sooner")
-    p.add_argument("--start", type=pathlib.Path, help="ns, naec: parameter file to go on from, instead of a new network")
+    p.add_argument("--start", type=pathlib.Path, help="ns, naec, doa: parameter file to go on from, instead of a new network")
     p.add_argument("--config", type=pathlib.Path, help="TOML instead of training/configs/NETWORK.toml")
     p.add_argument("--out", type=pathlib.Path, default=ROOT / "build-training",
                    help="rooms, cached audio, checkpoints, logs, exported files")
     p.add_argument("--params", type=pathlib.Path, help="folder to export to (default: the run's own)")
-    p.add_argument("--library", type=pathlib.Path, help="built libquibo.so: canceller for the scenes, parity at export")
+    p.add_argument("--library", type=pathlib.Path, help="built libquibo.so: canceller and noise suppressor for the scenes, "
+                   "parity at export")
+    p.add_argument("--suppressor", type=pathlib.Path, default=PARAMS / "ns.safetensors",
+                   help="doa: parameter file of the noise suppressor to listen through (default: %(default)s)")
     p.set_defaults(run=run_training)
     p = commands.add_parser("parity", help="training graphs against the built library, random tables")
     p.add_argument("networks", nargs="*")

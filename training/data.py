@@ -30,7 +30,11 @@ class StubData:
         return stub_scenes.ns_batch(None, None, rng, batch, seconds, split)
 
     def doa_batch(self, rng, batch, seconds, split):
-        return stub_scenes.doa_batch(None, None, rng, batch, seconds, split)
+        import torch
+
+        from .models import doa
+        scenes = stub_scenes.doa_batch(None, None, rng, batch, seconds, split)
+        return scenes | {"features": doa.inputs(torch.from_numpy(scenes.pop("mics"))).numpy()}
 
     def kws_batch(self, rng, batch, seconds, split, progress):
         return stub_scenes.kws_batch(None, None, rng, batch, seconds, split, progress)
@@ -45,11 +49,13 @@ class StubData:
 class SceneData:
     """Everything is opened on first use, so that worker processes open their own."""
 
-    def __init__(self, config, audio, folder, library, smoke):
+    def __init__(self, config, audio, folder, library, suppressor, smoke):
         self.config, self.audio, self.folder, self.library = config, audio, folder, library
+        self.suppressor = suppressor
         suffix = "-smoke" if smoke else ""
         self.bank_path = folder / f"bank{suffix}"
         self.aec_path = folder / f"aec{suffix}"
+        self.direction_path = folder / f"direction{suffix}"
         self.syllables_path = folder / f"syllables{suffix}"
 
     @functools.cached_property
@@ -69,26 +75,30 @@ class SceneData:
         return self.corpus.sources(splits=("train",))
 
     def prepare(self, network):
-        """Builds what is missing: rooms, for the echo suppressor and the wake-up network the canceller's runs, for the
-        latter voices and backgrounds."""
-        from .scenes import bank, simulate
+        """Builds what is missing: rooms, and what the networks behind others hear."""
+        from .scenes import bank
         c = self.config["data"]
         with Progress("rooms") as progress:
             bank.build_bank(self.bank_path, c["rooms"], SEED, c["workers"], progress=progress)
-        if network == "naec" or network == "kws" and self.library:
-            self.cancel()
+        make = {"naec": self.make_echo_clips, "doa": self.make_direction_clips, "kws": self.make_echo_clips}.get(network)
+        if self.library is not None and make:
+            for split, clips in (("train", c["clips"]), ("valid", c["valid_clips"]), ("test", c["valid_clips"])):
+                with Progress(f"{network} clips, {split}") as progress:
+                    make(split, clips, c["workers"], progress)
+        elif network in ("naec", "doa"):
+            raise SystemExit("training: these scenes go through the built library: --library PATH")
         if network == "kws":
             self.prepare_syllables()
 
-    def cancel(self):
+    def make_echo_clips(self, split, clips, workers, progress):
         from .scenes import simulate
-        c = self.config["data"]
-        if self.library is None:
-            raise SystemExit("training: the canceller's runs need --library PATH of the built library")
-        for split, clips in (("train", c["clips"]), ("valid", c["valid_clips"]), ("test", c["valid_clips"])):
-            with Progress(f"canceller, {split}") as progress:
-                simulate.aec_cache(self.corpus, self.bank, self.aec_path / split, clips, c["clip_seconds"], SEED,
-                                   split, self.library, c["workers"], progress=progress)
+        simulate.aec_cache(self.corpus, self.bank, self.aec_path / split, clips, self.config["data"]["clip_seconds"], SEED,
+                           split, self.library, workers, progress=progress)
+
+    def make_direction_clips(self, split, clips, workers, progress):
+        from .scenes import direction
+        direction.direction_clips(self.corpus, self.bank, self.direction_path / split, clips, SEED, split, self.library,
+                                  self.suppressor, workers, progress=progress)
 
     def prepare_syllables(self):
         from .syllables import backgrounds, voices
@@ -125,6 +135,18 @@ class SceneData:
         from .scenes import simulate
         return simulate.ns_batch(self.corpus, self.bank, rng, batch, seconds, split)
 
+    def doa_batch(self, rng, batch, seconds, split):
+        from .scenes import direction
+        c = self.config["data"]
+        return direction.batch(self.direction_clips(split), rng, batch, seconds, c["raw"], c["gain_db"])
+
+    @functools.cache
+    def direction_clips(self, split):
+        from .scenes import direction
+        c = self.config["data"]
+        clips = c["clips"] if split == "train" else c["valid_clips"]
+        return direction.DirectionClips(self.direction_path / split, self.suppressor, clips)
+
     @functools.cache
     def echo_clips(self, split):
         from .scenes import simulate
@@ -151,4 +173,5 @@ class Progress:
 def open_data(config, arguments):
     if arguments.stub:
         return StubData(config)
-    return SceneData(config, arguments.data, arguments.out, arguments.library, arguments.smoke)
+    return SceneData(config, arguments.data, arguments.out, arguments.library, arguments.suppressor,
+                     arguments.smoke)

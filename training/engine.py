@@ -3,15 +3,19 @@
 Every table is an exported constant array, read when an instance is created. A private copy of the library is loaded
 (fresh recurrent states) and its tables are overwritten in this process's memory before anything runs.
 """
+import contextlib
 import ctypes
 import mmap
 import pathlib
 import shutil
 import tempfile
+from _ctypes import dlclose
 
 import numpy as np
 
 FRAME, BLOCK = 1024, 480
+SUPPRESSOR_DELAY = 2560  # samples: four hops of look-ahead and one of overlap-add
+DIRECTION_FLOOR = 0.3  # of the noise suppressors in front of the direction estimator
 
 
 def load(path, tables):
@@ -23,6 +27,16 @@ def load(path, tables):
     for name, values in tables.items():
         overwrite(library, name, np.ascontiguousarray(values))
     return library
+
+
+@contextlib.contextmanager
+def loaded(path, tables):
+    """load(), and the library is gone afterwards."""
+    library = load(path, tables)
+    try:
+        yield library
+    finally:
+        dlclose(library._handle)
 
 
 def overwrite(library, name, values):

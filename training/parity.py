@@ -110,6 +110,7 @@ def random_wake_up(kind, seed):
 
 
 LIVELINESS = 2.0  # the framework's initial weights shrink a signal by 3^-0.5 per layer; masks would hardly leave 0.5
+LIVELY = ("conv",)  # the direction network's, which begin with a signal's full variance
 FIRST_LAYERS = ("encoder.0.conv", "input.0.conv")  # read spectra, whose bins reach 100 and more
 
 
@@ -120,7 +121,8 @@ def random_model(kind, seed):
     model = kind()
     for name, p in model.named_parameters():
         if p.dim() > 1:
-            p *= LIVELINESS * (0.1 if name.startswith(FIRST_LAYERS) else 1)
+            lively = 1 if name.startswith(LIVELY) else LIVELINESS
+            p *= lively * (0.1 if name.startswith(FIRST_LAYERS) else 1)
         elif "norm" not in name:
             p.copy_(torch.randn_like(p) * 0.1 + (0.2 if "prelu" in name else 0))
     for module in model.modules():

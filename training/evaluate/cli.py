@@ -8,7 +8,7 @@ import time
 
 from training.shared import ROOT
 
-SECTIONS = ("noise", "echo", "wake")
+SECTIONS = ("noise", "echo", "direction", "wake")
 
 
 def add_options(parser):
@@ -34,7 +34,7 @@ def add_options(parser):
     parser.add_argument("--bank", type=pathlib.Path, help="room bank (default: bank in the cache)")
     parser.add_argument("--out", type=pathlib.Path, default=ROOT / "build-evaluate")
     parser.add_argument("--sections", default=",".join(SECTIONS), help=f"of {','.join(SECTIONS)}")
-    for name in ("noise", "echo", "wake"):
+    for name in SECTIONS:
         parser.add_argument(f"--{name}-scenes", type=int, help="instead of the set's number")
 
 
@@ -46,7 +46,7 @@ def run(arguments):
 
     from training.corpus import open_corpus
     from training.data import SEED
-    from training.evaluate import echo_path, noise, report, revision, scenes, sets, wake
+    from training.evaluate import direction, echo_path, noise, report, revision, scenes, sets, wake
     from training.evaluate.device import Device
     from training.scenes.bank import build_bank
 
@@ -58,7 +58,7 @@ def run(arguments):
             f"evaluate: no library {arguments.library}: build it, or name one with --library"
         )
     sizes = sets.SHORT if arguments.short else sets.LONG
-    chosen = {name: getattr(arguments, f"{name}_scenes") for name in ("noise", "echo", "wake")}
+    chosen = {name: getattr(arguments, f"{name}_scenes") for name in SECTIONS}
     sizes = dataclasses.replace(sizes, **{name: n for name, n in chosen.items() if n is not None})
 
     started = time.time()
@@ -82,6 +82,7 @@ def run(arguments):
     counts = {
         "noise": sizes.noise,
         "echo": sizes.echo,
+        "direction": sizes.direction,
         "wake": sizes.wake + round(sizes.silence_minutes),
     }
     for name in SECTIONS:
@@ -92,6 +93,8 @@ def run(arguments):
         ) as bar:
             if name == "wake":
                 results[name] = wake.run(device, corpus, rooms, sizes, bar.update)
+            elif name == "direction":
+                results[name] = direction.run(device, others, sizes, bar.update)
             else:
                 section = {"noise": noise, "echo": echo_path}[name]
                 results[name] = section.run(device, others, rooms, sizes, speech, bar.update)

@@ -19,7 +19,7 @@ from training.library import MIC_DELAY, Library
 from training.scenes.audio import FULL_SCALE, RATE
 
 FRAME, BLOCK = engine.FRAME, engine.BLOCK
-SUPPRESSOR_DELAY = 2560  # samples: four hops of look-ahead and one of overlap-add
+SUPPRESSOR_DELAY = engine.SUPPRESSOR_DELAY
 FLUSH = 3 * FRAME  # appended silence that brings the last sample out of any of the chains
 ANGLE_OFFSET = 30  # degrees from the direction network's zero to the device's, docs/direction.md
 THIRD = np.float32(0.3333333)  # of the front end's mix
@@ -161,18 +161,21 @@ class Device:
             so.QuibWakeupUnit(handle)
         return np.array(costs)
 
-    def heading(self, mics, seconds):
+    def heading(self, mics, seconds, suppress=True):
         """What the direction path says when asked `seconds` into int16 [3, n] cancelled microphones
-        (a wake at that moment): degrees, or None."""
+        (a wake at that moment): degrees, or None. suppress: with the noise suppressors."""
+        whole = -(-mics.shape[1] // FRAME) * FRAME
+        mics = np.pad(mics, ((0, 0), (0, whole - mics.shape[1])))
         with self._fresh() as (_, so):
-            quiet_mics = engine.suppress_noise(so, mics, 0.3)
+            if suppress:
+                mics = engine.suppress_noise(so, mics, engine.DIRECTION_FLOOR)
             handle = ctypes.c_void_p()
             if so.kesto_customs_doa_init(ctypes.byref(handle)) != 0:
                 raise MemoryError("kesto_customs_doa_init")
             last = round(seconds * RATE) // BLOCK
             for block in range(last + 1):
                 part = slice(block * BLOCK, (block + 1) * BLOCK)
-                inputs = [np.ascontiguousarray(m[part]) for m in quiet_mics]
+                inputs = [np.ascontiguousarray(m[part]) for m in mics]
                 angle = so.kesto_customs_doa_write(
                     handle, *map(engine.pointer, inputs), None, int(block == last)
                 )

@@ -176,13 +176,16 @@ def det(summary, operating_point):
 
 def directions(rows, conditions):
     """Rose of the signed error per condition: 0 is where the talker is."""
+    columns = 4
+    lines = -(-len(conditions) // columns)
     figure, axes = plt.subplots(
-        1,
-        len(conditions),
-        figsize=(11, 3.0),
+        lines,
+        columns,
+        figsize=(11, 3.0 * lines),
         layout="constrained",
         subplot_kw={"projection": "polar"},
     )
+    axes = axes.ravel()
     edges = np.deg2rad(np.arange(-180, 181, 15) - 7.5)
     for axis, condition in zip(axes, conditions):
         chosen = [r for r in rows if r["condition"] == condition]

@@ -3,11 +3,13 @@ i and the number of rooms.
 """
 
 import dataclasses
+import functools
 
 import numpy as np
 
 from training.evaluate import sets
-from training.scenes import echo, mixing, noisy, sources
+from training.scenes import bank as banks
+from training.scenes import direction, echo, mixing, noisy, sources
 from training.scenes.audio import LEVEL_FRAME, RATE, active_power, gain
 from training.scenes.room import SIMULATOR_DELAY
 
@@ -25,7 +27,10 @@ QUIET_ROOM = 40.0  # dB between echo and noise: what limits the echo reduction t
 SELF_NOISE = -80.0  # dBFS
 PEAK = 0.98
 
-SECTIONS = ("noise", "echo", "wake", "talk", "playback")
+CALL_LEAD_FRAMES, CALL_AFTER = 62, 0.5  # 4 s before a call, s behind it
+CALL_LEVEL = (-35.0, -20.0)  # dBFS of talker or, if louder, echo
+
+SECTIONS = ("noise", "echo", "wake", "talk", "playback", "direction")
 
 
 def generator(section, number):
@@ -177,6 +182,62 @@ def spoken_phrase(corpus, others, rooms, number):
         )
 
 
+@dataclasses.dataclass(frozen=True)
+class Call:
+    mics: np.ndarray  # [3, n], whole frames
+    ref: np.ndarray | None  # None: nothing is played
+    begin: float  # s, as microphone 1 hears it
+    end: float
+    heading: float  # degrees
+
+
+def called(corpus, number):
+    """Yields (condition, Call) of one call, heard in every condition of the direction section.
+
+    The rooms belong to this section: at every reverberation time the same box, device and talker,
+    as far as a box of that size can be that dry.
+    """
+    rng = generator("direction", number)
+    call = direction.phrase(corpus, rng, SPLIT, int(rng.uniform(*direction.PHRASE) * RATE))
+    call = sources.levelled(call)
+    start = CALL_LEAD_FRAMES * FRAME
+    samples = -(-(start + len(call) + round(CALL_AFTER * RATE)) // FRAME) * FRAME
+    dry = np.zeros(samples, np.float32)
+    dry[start : start + len(call)] = call
+    first, last = _active(call)
+    music = sources.excerpts(corpus, rng, "music", SPLIT, samples)[0]
+    ref, path = echo.at_reference_level(rng, music), _still_path(rng)
+    point, field = noisy.dry_noise(corpus, rng, SPLIT, samples, direction.CLIP_NOISES)
+    hiss = gain(SELF_NOISE) * rng.standard_normal((3, samples), np.float32)
+    level = rng.uniform(*CALL_LEVEL)
+    for name, (rt60, snr, ser) in sets.DIRECTION_CONDITIONS.items():
+        responses, room = _room(number, rt60)
+        near = mixing.convolve(dry, responses["talker"])
+        noise = _noise_in(point, field, responses)
+        louder = level - max(0.0, -(ser or 0.0))
+        mics = at_power(near, active_power(near[0]), louder) + hiss
+        mics = mics + at_power(noise, mixing.power(noise[0]), louder - snr)
+        if ser is not None:
+            echoes = echo.echo(path, ref, responses["loudspeaker"], responses["loudspeaker"])
+            mics = mics + at_power(echoes, active_power(echoes[0]), louder - ser)
+        way = int(room["onset"][0][0]) - SIMULATOR_DELAY
+        yield name, Call(
+            mics * np.float32(min(1.0, PEAK / np.abs(mics).max())),
+            None if ser is None else ref,
+            (start + way + first) / RATE,
+            (start + way + last) / RATE,
+            float(room["heading"][0]),
+        )
+
+
+@functools.lru_cache(len({rt60 for rt60, _, _ in sets.DIRECTION_CONDITIONS.values()}))
+def _room(number, rt60):
+    """Responses by source and record of a room with that reverberation time."""
+    recipe = banks.Recipe(rt60_seconds=(rt60,) * len(banks.Recipe.rt60_seconds))
+    responses, record = banks.simulate_room(sets.SEED, number, recipe)
+    return dict(zip(banks.SOURCES, responses.astype(np.float32))), record
+
+
 def noisy_talk(corpus, rooms, number, seconds):
     """[3, n] of talk, noise and music without the phrase."""
     samples = round(seconds * RATE) // FRAME * FRAME
@@ -211,9 +272,13 @@ def still_path(rng):
 
 def ambience(corpus, rng, rooms, room, samples):
     point, field = noisy.dry_noise(corpus, rng, SPLIT, samples)
+    places = {place: rooms.responses(room, place) for place in ("noise 1", "noise 2")}
+    return _noise_in(point, field, places)
+
+
+def _noise_in(point, field, responses):
     noise = sum(
-        mixing.convolve(x, rooms.responses(room, place))
-        for x, place in zip(point, ("noise 1", "noise 2"))
+        mixing.convolve(x, responses[place]) for x, place in zip(point, ("noise 1", "noise 2"))
     )
     return noise if field is None else noise + field
 

@@ -9,18 +9,29 @@ class Sizes:
 
     noise: int
     echo: int
+    direction: int
     wake: int
     silence_minutes: float  # without the phrase, half of it noisy talk, half playback
     rooms: int  # in the bank; a tenth of them are test rooms
 
 
 SEED = 20260101
-SHORT = Sizes(noise=8, echo=5, wake=8, silence_minutes=4.0, rooms=300)
-LONG = Sizes(noise=120, echo=60, wake=200, silence_minutes=600.0, rooms=3000)
+SHORT = Sizes(noise=8, echo=5, direction=15, wake=8, silence_minutes=4.0, rooms=300)
+LONG = Sizes(noise=120, echo=60, direction=200, wake=200, silence_minutes=600.0, rooms=3000)
 
 SNRS = (0.0, 5.0, 10.0, 15.0)  # dB
 SERS = (0.0, -10.0, -20.0)
 CHANGED_SER = -10.0  # the condition in which the echo path changes
+DIRECTION_CONDITIONS = {  # name -> (RT60 in s, SNR, SER or None in dB)
+    "RT60 0.2 s": (0.2, 15.0, None),
+    "RT60 0.4 s": (0.4, 15.0, None),
+    "RT60 0.6 s": (0.6, 15.0, None),
+    "RT60 1.0 s": (1.0, 15.0, None),
+    "quiet": (0.4, 30.0, None),
+    "noise 5 dB": (0.4, 5.0, None),
+    "music playing -10 dB": (0.4, 30.0, -10.0),
+    "music playing -20 dB": (0.4, 30.0, -20.0),
+}
 WAKE_CONDITIONS = {  # name -> (SNR, SER or None) in dB
     "quiet": (30.0, None),
     "noise 5 dB": (5.0, None),

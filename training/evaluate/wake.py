@@ -9,14 +9,10 @@ the device has them. Beside it, on the same cancelled microphones:
 import numpy as np
 
 from training.evaluate import device as devices
-from training.evaluate import intervals, metrics, scenes, sets
-from training.evaluate.peers import srp_phat
+from training.evaluate import direction, intervals, scenes, sets
 from training.scenes.audio import RATE
 
 LATE = 1.5  # s: a wake later than this after the phrase is not counted as hearing it
-ASKED = 0.1  # s after the phrase, when the direction is asked for
-LOOK_BACK = 0.45  # s of the estimator's decision
-POINTED = 15.0  # degrees within which the device has pointed at the talker
 OPERATING_POINT = 1.2  # the decoder's threshold
 THRESHOLDS = np.round(np.arange(0.05, 4.61, 0.05), 2)
 STRETCH = 60.0  # s of one scene without the phrase
@@ -51,16 +47,6 @@ def measure(device, scene):
     heard = [e for e in events if scene.begin <= e[0] <= scene.end + LATE]
     costs = device.wake_costs(cancelled)
     part = slice(int(scene.begin / STEP), int((scene.end + LATE) / STEP))
-    asked = scene.end + ASKED
-    stop = round(asked * RATE) - devices.SUPPRESSOR_DELAY  # what the estimator looks back from
-    window = slice(stop - round(LOOK_BACK * RATE), stop)
-    phrase = slice(round(scene.begin * RATE), round(scene.end * RATE))
-
-    headings = {
-        "Quibo": device.heading(cancelled, asked),
-        "SRP-PHAT, same 0.45 s": srp_phat.heading(devices.to_float(cancelled[:, window])),
-        "SRP-PHAT, whole phrase": srp_phat.heading(devices.to_float(cancelled[:, phrase])),
-    }
     lowest = float(costs[part].min())
     return {
         "speaker": scene.speaker,
@@ -71,7 +57,7 @@ def measure(device, scene):
         "angle": heard[0][1] if heard else None,
         "also_heard": len(events) - bool(heard),
         "lowest_cost": lowest if np.isfinite(lowest) else NO_STEP,
-        "pointed": headings,
+        "pointed": direction.pointed(device, cancelled, scene.begin, scene.end),
     }
 
 
@@ -118,26 +104,14 @@ def summarise(rows, silence):
 
 def _condition(rows):
     heard = [r for r in rows if r["heard"]]
-    pointed = [r for r in heard if _off(r["angle"], r["heading"]) <= POINTED]
-
-    def directions(name):
-        errors = [_off(r["pointed"][name], r["heading"]) for r in rows]
-        return {
-            "median": intervals.bootstrap(errors, np.median),
-            "p90": intervals.bootstrap(errors, intervals.percentile(90)),
-            "within": intervals.share(sum(e <= POINTED for e in errors), len(errors)),
-        }
-
+    pointed = [
+        r for r in heard if direction.off(r["angle"], r["heading"]) <= direction.POINTED
+    ]
     return {
         "said": len(rows),
         "heard": intervals.share(len(heard), len(rows)),
         "pointed": intervals.share(len(pointed), len(rows)),
         "also_heard": sum(r["also_heard"] for r in rows),
         "latency": intervals.bootstrap([r["latency"] for r in heard], np.median),
-        "direction": {name: directions(name) for name in rows[0]["pointed"]} if rows else {},
+        "direction": direction.directions(rows),
     }
-
-
-def _off(heading, truth):
-    """Degrees from the talker; a device that points nowhere is as wrong as can be."""
-    return 180.0 if heading is None else metrics.angle_error(heading, truth)

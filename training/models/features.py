@@ -48,9 +48,10 @@ def log_mel(wave, history):
     return torch.where(energy > 0, energy.clamp_min(1e-30).log(), torch.full_like(energy, SILENCE))
 
 
-def gcc_phat(waves):
-    """waves [B, 3, samples] -> [B, 3 pairs, frames, 40]: lags -20..19 of the phase-transformed cross-correlation
-    (Knapp and Carter 1976), frames of 512 samples without a window, ending with their block."""
+def gcc_phat(waves, lags=LAGS):
+    """waves [B, 3, samples] -> [B, 3 pairs, frames, lags]: lags -20..19 of the phase-transformed cross-correlation
+    (Knapp and Carter 1976), frames of 512 samples without a window, ending with their block. lags: LAGS, or one more
+    for lag 20 too."""
     history = GCC_FRAME + (BLOCK_FRAMES - 1) * HOP - BLOCK
     frames = torch.nn.functional.pad(waves, (history, 0)).unfold(-1, GCC_FRAME, HOP)
     spectra = torch.fft.rfft(frames, n=GCC_FFT)
@@ -59,5 +60,5 @@ def gcc_phat(waves):
         cross = spectra[:, a] * spectra[:, b].conj()
         cross = cross / cross.abs().clamp_min(1e-8)
         c = torch.fft.irfft(cross, n=GCC_FFT)
-        pairs.append(torch.cat([c[..., -LAGS // 2:], c[..., :LAGS // 2]], -1))
+        pairs.append(torch.cat([c[..., -LAGS // 2:], c[..., :lags - LAGS // 2]], -1))
     return torch.stack(pairs, 1)

@@ -8,21 +8,24 @@ A cache is a folder:
 Clip i is a function of (seed, split, i), corpus, bank and library; making goes on where it stopped.
 """
 
-import json
-import os
 import pathlib
-from concurrent.futures import ProcessPoolExecutor
 
 import numpy as np
 
 from training.corpus import SPLITS
 from training.library import MIC_DELAY, Library
-from training.scenes import playback
+from training.scenes import clip_store, playback
 from training.scenes.audio import RATE
 
 NOISE_KEPT = (0.15, 0.3)  # of the noise in the target: a floor instead of gating
-FIELDS = {"mic": ("mic.i16", np.int16), "echo": ("echo.f32", np.float32)}
-FIELDS["target"] = ("target.i16", np.int16)
+
+
+def fields(samples):
+    return {
+        "mic": ("mic.i16", np.int16, (samples,)),
+        "echo": ("echo.f32", np.float32, (samples,)),
+        "target": ("target.i16", np.int16, (samples,)),
+    }
 
 
 def late(x):
@@ -55,22 +58,25 @@ def make_clip(corpus, bank, library, seconds, seed, split, number):
     return signals, about
 
 
+class Maker:
+    """Clips by number, see clip_store.fill()."""
+
+    def __init__(self, corpus, bank, library, seconds, seed, split):
+        self._scenes = corpus, bank, Library(library), seconds, seed, split
+
+    def __call__(self, number):
+        return make_clip(*self._scenes, number)
+
+
 class AecCache:
     """List of clips: dicts of mic, echo and target (float32, full scale 1.0), scenario, ser, snr,
     spans."""
 
     def __init__(self, path):
-        path = pathlib.Path(path)
-        self.description = json.loads((path / "cache.json").read_text(encoding="utf-8"))
-        self._about = self.description["made"]
-        shape = self.description["clips"], self.description["samples"]
-        self._signals = {
-            name: np.memmap(path / file, dtype, "r", shape=shape)
-            for name, (file, dtype) in FIELDS.items()
-        }
+        self._store = clip_store.ClipStore(path, fields)
 
     def __len__(self):
-        return len(self._about)
+        return len(self._store)
 
     def __getitem__(self, i):
         if not -len(self) <= i < len(self):
@@ -78,21 +84,9 @@ class AecCache:
         i %= len(self)
         clip = {
             name: x[i].astype(np.float32) / (32768.0 if x.dtype == np.int16 else 1.0)
-            for name, x in self._signals.items()
+            for name, x in self._store.signals.items()
         }
-        return clip | self._about[i]
-
-
-_worker = {}
-
-
-def _start_worker(corpus, bank, library):
-    os.environ["OMP_NUM_THREADS"] = "1"
-    _worker.update(corpus=corpus, bank=bank, library=Library(library))
-
-
-def _make_in_worker(arguments):
-    return make_clip(_worker["corpus"], _worker["bank"], _worker["library"], *arguments)
+        return clip | self._store.made[i]
 
 
 def aec_cache(
@@ -109,11 +103,8 @@ def aec_cache(
 ):
     """Makes, or goes on making, a cache of `clips` clips of `seconds`; library: path of the
     shared library, or a Library. Returns the cache."""
-    path = pathlib.Path(path)
-    path.mkdir(parents=True, exist_ok=True)
     library = library.path if isinstance(library, Library) else pathlib.Path(library)
-    frames = -(-round(seconds * RATE) // playback.FRAME)
-    samples = frames * playback.FRAME
+    samples = -(-round(seconds * RATE) // playback.FRAME) * playback.FRAME
     wanted = {
         "seed": seed,
         "split": split,
@@ -121,39 +112,8 @@ def aec_cache(
         "corpus": corpus.digest(),
         "bank": bank.digest(),
     }
-    made = []
-    if (path / "cache.json").exists():
-        before = json.loads((path / "cache.json").read_text(encoding="utf-8"))
-        if any(before[name] != value for name, value in wanted.items()):
-            raise ValueError(f"{path} holds a cache of other scenes")
-        clips, made = max(clips, before["clips"]), before["made"]
-
-    signals = {}
-    for name, (file, dtype) in FIELDS.items():
-        with open(path / file, "ab") as f:
-            f.truncate(clips * samples * np.dtype(dtype).itemsize)
-        signals[name] = np.memmap(path / file, dtype, "r+", shape=(clips, samples))
-
-    def save():
-        for x in signals.values():
-            x.flush()
-        part = path / "cache.json.part"
-        part.write_text(json.dumps({**wanted, "clips": clips, "made": made}), encoding="utf-8")
-        part.replace(path / "cache.json")
-
-    save()
-    work = [(seconds, seed, split, i) for i in range(len(made), clips)]
-    with ProcessPoolExecutor(
-        jobs, initializer=_start_worker, initargs=(corpus, bank, library)
-    ) as pool:
-        for (_, _, _, i), (clip, about) in zip(work, pool.map(_make_in_worker, work)):
-            for name, x in signals.items():
-                x[i] = clip[name]
-            made.append(about)
-            if len(made) % 50 == 0:
-                save()
-            progress(len(made), clips)
-    save()
+    scenes = corpus, bank, library, seconds, seed, split
+    clip_store.fill(path, fields, wanted, clips, Maker, scenes, jobs, progress)
     return AecCache(path)
 
 

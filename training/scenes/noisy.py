@@ -26,13 +26,14 @@ DIFFUSE_SHARE = 0.3
 MIC_SPACING = math.sqrt(3.0) * array_geometry.MIC_RADIUS
 
 
-def dry_noise(corpus, rng, split, samples):
+def dry_noise(corpus, rng, split, samples, kinds=NOISES):
     """What makes the noise: dry signals for the room's noise places, then for the field around.
 
     Returns float32 [2, samples] and [3, samples] or None. Relative levels are set, absolute ones
     are not.
     """
-    kind = rng.choice(list(NOISES), p=list(NOISES.values()))
+    shares = np.array(list(kinds.values()))
+    kind = rng.choice(list(kinds), p=shares / shares.sum())
     point = np.zeros((2, samples), np.float32)
     if kind == "talker":
         point[0] = sources.talk(corpus, rng, "far", split, samples)

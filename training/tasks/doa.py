@@ -5,6 +5,8 @@ from ..models import doa
 
 FRONT_END_DEGREES = 30  # the front end adds this to the network's heading
 LENGTH = 0.9            # of a speaking talker's vector: the tangent need not saturate
+CHORD_ROUNDING = 0.03   # of the heading's loss near zero, radians
+DECISION_BLOCKS = 15    # the decision looks back
 
 
 class Task:
@@ -19,11 +21,9 @@ class Task:
         return self.data.doa_batch(rng, c["batch"], c["seconds"], split)
 
     def vectors(self, model, batch):
-        with torch.no_grad():
-            features = doa.inputs(batch["mics"])
         angle = torch.deg2rad(batch["heading"] - FRONT_END_DEGREES)
         target = LENGTH * torch.stack([angle.sin(), angle.cos()], -1)[:, None] * batch["active"][..., None]
-        return model(features), target
+        return model(batch["features"]), target
 
     def loss(self, model, batch, rng):
         estimate, target = self.vectors(model, batch)
@@ -31,14 +31,23 @@ class Task:
         weight = active + self.config["loss"]["silence"] * (1 - active)
         distance = (weight * (estimate - target).pow(2).sum(-1)).mean()
         cosine = torch.nn.functional.cosine_similarity(estimate, target, -1, 1e-4)
-        return distance + (active * (1 - cosine)).mean(), {}
+        # The chord between the headings, not its square: many small errors weigh as much as few large ones.
+        chord = (2 - 2 * cosine + CHORD_ROUNDING**2).sqrt()
+        return distance + self.config["loss"]["heading"] * (active * chord).mean(), {}
 
     def validate(self, model, batch):
-        """Error of the decision: the longest vector of each clip, as at a wake."""
+        """Error of the decision on clips in which somebody speaks: the longest vector of the blocks up to the last
+        in which he does, as at a wake."""
         estimate, target = self.vectors(model, batch)
-        longest = estimate.norm(dim=-1).argmax(1)
+        loss = self.loss(model, batch, None)[0].item()
+        spoken = batch["active"].sum(1) > 0
+        estimate, active, heading = estimate[spoken], batch["active"][spoken], batch["heading"][spoken]
+        block = torch.arange(active.shape[1], device=active.device)
+        last = (active * block).argmax(1, keepdim=True)
+        heard = (block <= last) & (block > last - DECISION_BLOCKS)
+        longest = (estimate.norm(dim=-1) * heard).argmax(1)
         x, y = estimate[torch.arange(len(estimate)), longest].unbind(-1)
-        error = torch.rad2deg(torch.atan2(x, y)) + FRONT_END_DEGREES - batch["heading"]
+        error = torch.rad2deg(torch.atan2(x, y)) + FRONT_END_DEGREES - heading
         error = ((error + 180) % 360 - 180).abs()
-        return {"loss": self.loss(model, batch, None)[0].item(), "median_degrees": error.median().item(),
-                "p90_degrees": error.quantile(0.9).item()}
+        return {"loss": loss, "median_degrees": error.median().item(), "p90_degrees": error.quantile(0.9).item(),
+                "within_15_degrees": (error <= 15).float().mean().item()}

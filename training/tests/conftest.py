@@ -9,8 +9,9 @@ import pytest
 import soundfile
 
 from training.corpus import open_corpus
+from training.scenes import array_geometry
 from training.scenes.audio import RATE
-from training.scenes.bank import build_bank
+from training.scenes.bank import SPEED_OF_SOUND, build_bank
 
 ROOT = pathlib.Path(__file__).resolve().parents[2]
 SEED = 20251107
@@ -23,6 +24,15 @@ def voice(rng, seconds):
     pitch = rng.uniform(90, 240)
     x = sum(np.sin(2 * np.pi * k * pitch * t + k) / k for k in range(1, 20))
     return 0.1 * x * np.abs(np.sin(2 * np.pi * 2 * t))
+
+
+def plane_wave(heading, seed, samples=RATE):
+    """White noise from far away, as the three microphones hear it: [3, samples]."""
+    towards = array_geometry.offset(heading, 1.0)
+    lead = array_geometry.mic_offsets() @ towards / SPEED_OF_SOUND
+    spectrum = np.fft.rfft(np.random.default_rng(seed).standard_normal(samples))
+    turns = np.exp(2j * np.pi * np.outer(lead, np.fft.rfftfreq(samples, 1 / RATE)))
+    return np.fft.irfft(spectrum * turns, samples)
 
 
 @pytest.fixture(scope="session")

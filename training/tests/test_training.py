@@ -8,6 +8,8 @@ import torch
 
 from training import __main__, data, export, losses, parity, tasks, train
 from training.models import spectrum
+from training.models.doa import DirectionNetwork
+from training.models.layers import load_tables
 from training.models.ns import NoiseSuppressor
 from training.shared import safetensors_file
 
@@ -110,3 +112,12 @@ def test_the_suppressor_s_over_read_is_trained_to_nothing():
         table = export.fit("ns", parity.random_model(NoiseSuppressor, 0).tables())["denoise_inp_conv1_weight"]
     assert not table[:288].reshape(16, 18)[:, :2].any() and not table[288:].any()
     assert (table[:288].reshape(16, 18)[:, 2:] != 0).all()
+
+
+def test_a_direction_network_goes_on_from_its_export():
+    """The input's normalisation is taken out of the first layer again: the same vectors within 1e-5."""
+    model, again = parity.random_model(DirectionNetwork, 0), DirectionNetwork()
+    load_tables(again, export.fit("doa", model.tables()))
+    features = torch.randn(2, 4, 60, 40, generator=torch.Generator().manual_seed(5))
+    with torch.no_grad():
+        assert (model(features) - again(features)).abs().max() < 1e-5

@@ -1,37 +1,9 @@
-#!/usr/bin/env python3
-"""The suppressors' networks on onnxruntime, and RNNoise, beside ours: microseconds per 64 ms of audio, one thread.
+"""The suppressors' networks as ONNX graphs for peers.py: the layers and shapes of ours with random weights, one call
+per frame (two steps); every history and recurrent state is an input and an output, bound once. The transforms, the
+masking and the conversions that our rows include are not in them."""
 
-    python3 -m venv .venv && .venv/bin/pip install onnx onnxruntime && .venv/bin/pip install --no-deps pyrnnoise
-    .venv/bin/python bench/peers_float.py build-bench/bench/net_bench
-
-The graphs have the layers and shapes of ours with random weights and one call per frame (two steps); every history and
-recurrent state is an input and an output, bound once. onnxruntime does not do the transforms, the masking and the
-conversions that our rows include. RNNoise denoises 48 kHz in steps of 10 ms with a far smaller network; the row says
-what a user of it would pay for the same stretch of time. A package that is missing is left out.
-"""
-import ctypes
-import importlib.util
-import json
-import pathlib
-import subprocess
-import sys
-import time
-
-REPEAT, TRIALS = 30, 15
 STEPS = 2
 POSITIONS = 32
-
-
-def smallest_us(call):
-    """The least time per call of several trials."""
-    call()
-    times = []
-    for _ in range(TRIALS):
-        start = time.process_time()
-        for _ in range(REPEAT):
-            call()
-        times.append((time.process_time() - start) / REPEAT)
-    return 1e6 * min(times)
 
 
 class Graph:
@@ -164,43 +136,3 @@ def echo_suppressor():
                 for _ in range(2)]
     g.output(g.node("Sigmoid", [g.node("Sub", products)]))
     return g.session()
-
-
-def rnnoise():
-    package = importlib.util.find_spec("pyrnnoise")  # for its library alone: its own imports are not needed
-    if not package:
-        raise ImportError("No module named 'pyrnnoise'")
-    (library,) = pathlib.Path(package.origin).parent.glob("librnnoise*.so")
-    rnnoise = ctypes.CDLL(str(library))
-    rnnoise.rnnoise_create.restype = ctypes.c_void_p
-    rnnoise.rnnoise_create.argtypes = [ctypes.c_void_p]
-    rnnoise.rnnoise_process_frame.argtypes = [ctypes.c_void_p] * 3
-    state = rnnoise.rnnoise_create(None)
-    frame = (ctypes.c_float * 480)(*(3000.0 * ((i * 7919) % 101 / 50 - 1) for i in range(480)))
-    out = (ctypes.c_float * 480)()
-    return lambda: rnnoise.rnnoise_process_frame(state, out, frame)
-
-
-def ours(program):
-    done = subprocess.run([program, "--benchmark_filter=^n(s|aec)/quibo$", "--benchmark_format=json",
-                           f"--benchmark_repetitions={TRIALS}", "--benchmark_min_time=0.1"],
-                          capture_output=True, text=True, check=True)
-    runs = json.loads(done.stdout)["benchmarks"]
-    return {name: min(run["cpu_time"] for run in runs if run["run_name"] == f"{name}/quibo" and
-                      run["run_type"] == "iteration") for name in ("ns", "naec")}
-
-
-def main():
-    times = ours(sys.argv[1])
-    for row, peer, make, calls in [("ns", "onnxruntime", noise_suppressor, 1), ("naec", "onnxruntime", echo_suppressor, 1),
-                                   ("ns", "rnnoise", rnnoise, 6.4)]:
-        try:
-            peer_time = calls * smallest_us(make())
-        except ImportError as missing:
-            print(f"{row}: {missing}, not compared with")
-            continue
-        print(f"{row:5} quibo {times[row]:8.1f} us   {peer} {peer_time:8.1f} us   ({peer_time / times[row]:.2f}x)")
-
-
-if __name__ == "__main__":
-    main()

@@ -1,23 +1,10 @@
-#!/usr/bin/env python3
-"""Time per 30 ms step of the wake-up engine beside ONNX Runtime on the same quantised network, one thread, in turns.
-
-    python3 -m venv .venv && .venv/bin/pip install numpy onnx onnxruntime
-    .venv/bin/python bench/peers_int8.py build-bench/libquibo.so
-
-Ours is a whole step (features, network, decoder) through the exported engine; ONNX Runtime runs the network alone, its
-inputs and outputs bound beforehand, with its quantised convolutions, matrix products (QGemm) and additions, random
-weights, and the streaming state as inputs and outputs. What a call costs besides (a graph of one node) is shown too.
-"""
-import ctypes
-import sys
-import time
-
+"""The wake-up network as a quantised ONNX graph for peers.py: quantised convolutions, matrix products (QGemm) and
+additions, random weights, the streaming state as inputs and outputs."""
 import numpy as np
 import onnx
 import onnxruntime
 from onnx import TensorProto, helper, numpy_helper
 
-STEPS, ROUNDS = 200, 20
 MS = "com.microsoft"
 
 
@@ -123,12 +110,6 @@ def network():
     return g.session()
 
 
-def one_node():
-    g = Graph()
-    g.output(g.real(g.input("x", [1, 1])), TensorProto.FLOAT)
-    return g.session()
-
-
 def bound(session):
     binding = session.io_binding()
     random = np.random.default_rng(2)
@@ -137,34 +118,3 @@ def bound(session):
     for o in session.get_outputs():
         binding.bind_output(o.name)
     return lambda: session.run_with_iobinding(binding)
-
-
-def engine(path):
-    library = ctypes.CDLL(path)
-    handle = ctypes.c_void_p()
-    if library.QuibWakeupInit(ctypes.byref(handle), 0) != 0:
-        sys.exit("the engine does not start")
-    samples = np.random.default_rng(3).integers(-3000, 3000, 480, dtype=np.int16)
-    pointer = samples.ctypes.data_as(ctypes.c_void_p)
-    step = library.QuibWakeupWriteData
-    return lambda: (step(handle, pointer), samples)[0]
-
-
-def main():
-    rows = {"quibo, whole step": engine(sys.argv[1]), "onnxruntime, network": bound(network()),
-            "onnxruntime, one node": bound(one_node())}
-    best = dict.fromkeys(rows, float("inf"))
-    for _ in range(ROUNDS):
-        for name, step in rows.items():
-            start = time.perf_counter()
-            for _ in range(STEPS):
-                step()
-            best[name] = min(best[name], (time.perf_counter() - start) / STEPS)
-    ours = best["quibo, whole step"]
-    print(f"onnxruntime {onnxruntime.__version__}, one thread, best of {ROUNDS} x {STEPS} steps")
-    for name, seconds in best.items():
-        print(f"{name:24}{1e6 * seconds:8.1f} us {seconds / ours:6.2f}x")
-
-
-if __name__ == "__main__":
-    main()

@@ -1,0 +1,312 @@
+"""Somebody calling the device from a known heading: what the direction network learns from.
+
+A clip is 3.2 s of three microphones as they leave the echo cancellers. Mostly it holds an
+utterance as long as a wake phrase after a second or two of whatever else is heard. Stores per
+split, see clip_store.py; making goes on where it stopped:
+
+  mics.i16      [clips, 3, SAMPLES] int16
+  active.u8     [clips, HOPS] whether the talker speaks, per 10 ms, as microphone 1 hears him
+  heard-raw/, heard-ID/
+                the clips' features: as they are, and behind the library's own noise suppressors,
+                which take turns as in the front end; ID from the suppressors' parameters
+    features.f16  [runs, RUN, HOPS, 3, VALUES] per hop: of each microphone pair the cross-correlation,
+                  one lag more than the network takes; of each microphone the log-mel energies
+
+From these the features of the turned and of the mirrored array follow by rearranging (arranged()):
+the correlation of a pair the other way round is the same, backwards.
+
+Levels as in noisy.py.
+"""
+
+import functools
+import hashlib
+import pathlib
+
+import numpy as np
+
+from training import engine
+from training.corpus import SPLITS
+from training.library import FRAME, Library
+from training.scenes import clip_store, echo, mixing, sources
+from training.scenes.audio import RATE, active_power, fade, gain
+from training.scenes.bank import SOURCES
+from training.scenes.noisy import MIC_GAIN, NOISES, PEAK, SELF_NOISE, dry_noise
+from training.scenes.room import SIMULATOR_DELAY
+
+SAMPLES = 50 * FRAME
+HOP = 160
+HOPS = SAMPLES // HOP
+HOPS_PER_BLOCK = engine.BLOCK // HOP
+
+PLACES = {"talker": 0.5, "noise 1": 0.25, "noise 2": 0.25}  # where the talker is; noise has the others
+KINDS = {"phrase": 0.75, "talk": 0.15, "nobody": 0.1}
+PHRASE = (0.6, 1.2)  # s
+BEGIN = (0.9, 1.9)  # s
+TALK_BEGIN = (0.2, 1.5)
+PHRASE_CANDIDATES = 4  # stretches of talk, of which the loudest becomes the phrase
+EDGE = 0.01  # s
+SNR = (5.0, 30.0)  # dB
+LEVEL = (-40.0, -15.0)  # dBFS of the louder of talker and echo
+PLAYBACK_SHARE = 0.3
+SER = (-20.0, 5.0)  # dB, before the canceller
+LEARNING = 48 * FRAME  # of playback before the clip, in which the cancellers learn
+# One more talker would be a second right answer.
+CLIP_NOISES = {kind: share for kind, share in NOISES.items() if kind != "talker"}
+ACTIVE_RANGE = 1e-3  # of power: 30 dB below the loudest 30 ms
+RUN = 20  # clips that one device hears, one after the other
+LAGS, BANDS = 41, 40
+VALUES = LAGS + BANDS
+PAIRS = ((0, 1), (0, 2), (1, 2))
+TURN = 120.0  # degrees from one microphone to the next
+
+
+def fields(samples):
+    return {
+        "mics": ("mics.i16", np.int16, (3, samples)),
+        "active": ("active.u8", np.uint8, (samples // HOP,)),
+    }
+
+
+def heard_fields(samples):
+    return {"features": ("features.f16", np.float16, (RUN, samples // HOP, 3, VALUES))}
+
+
+def phrase(corpus, rng, split, samples):
+    """A stretch of talk without a long pause in it."""
+    track = sources.talk(corpus, rng, "near", split, 4 * samples, lead=0.0)
+    starts = rng.integers(3 * samples, size=PHRASE_CANDIDATES)
+    stretches = [track[s : s + samples] for s in starts]
+    return fade(max(stretches, key=lambda x: (x * x).sum()), EDGE)
+
+
+def speech(corpus, rng, split, kind):
+    """The dry talker [SAMPLES]."""
+    dry = np.zeros(SAMPLES, np.float32)
+    if kind == "phrase":
+        n = int(rng.uniform(*PHRASE) * RATE)
+        begin = int(rng.uniform(*BEGIN) * RATE)
+        dry[begin : begin + n] = sources.levelled(phrase(corpus, rng, split, n))
+    elif kind == "talk":
+        begin = int(rng.uniform(*TALK_BEGIN) * RATE)
+        dry[begin:] = sources.talk(corpus, rng, "near", split, SAMPLES - begin, lead=0.0)
+    return dry
+
+
+def activity(dry, way):
+    """Whether a talker is heard in each hop; way: samples the sound takes to the microphone."""
+    heard = np.concatenate([np.zeros(way, np.float32), dry[: len(dry) - way]])
+    power = (heard.reshape(-1, HOP) ** 2).mean(1)
+    power = np.convolve(power, np.ones(3) / 3, "same")
+    return np.uint8(power > max(power.max() * ACTIVE_RANGE, 1e-12))
+
+
+def to_int16(x):
+    """As the front end converts the cancellers' output, without its wrap-around."""
+    return np.int16(np.clip(np.trunc(x * 32768.0), -32768, 32767))
+
+
+def make_clip(corpus, bank, library, seed, split, number):
+    """Microphones and activity of one clip, and what is known about it."""
+    rng = np.random.default_rng([seed, SPLITS.index(split), number])
+    kind = str(rng.choice(list(KINDS), p=list(KINDS.values())))
+    place = str(rng.choice(list(PLACES), p=list(PLACES.values())))
+    room = bank.draw(rng, split)
+    playing = rng.random() < PLAYBACK_SHARE
+    snr, ser = rng.uniform(*SNR), rng.uniform(*SER) if playing else None
+    lead = LEARNING if playing else 0
+    samples = lead + SAMPLES
+
+    dry = speech(corpus, rng, split, kind)
+    near = np.zeros((3, samples), np.float32)
+    near[:, lead:] = mixing.convolve(dry, bank.responses(room, place))
+    point, field = dry_noise(corpus, rng, split, samples, CLIP_NOISES)
+    noise = np.zeros((3, samples), np.float32) if field is None else field
+    for x, other in zip(point, (p for p in PLACES if p != place)):
+        if x.any():
+            noise = noise + mixing.convolve(x, bank.responses(room, other))
+
+    level = rng.uniform(*LEVEL) - max(0.0, -(ser or 0.0))
+    mic_gain = gain(rng.uniform(-MIC_GAIN, MIC_GAIN, (3, 1))).astype(np.float32)
+    parts = [(near, active_power(near[0]), 0.0), (noise, mixing.power(noise[0]), -snr)]
+    if playing:
+        ref = echo.far_end(corpus, rng, split, samples)
+        path = echo.draw_path(rng, samples)
+        before, after = (bank.responses(r, "loudspeaker") for r in (room, bank.draw(rng, split)))
+        echoes = echo.echo(path, ref, before, after)
+        parts.append((echoes, active_power(echoes[0]), -ser))
+    mics = sum(x * np.float32(gain(level + db) / np.sqrt(p + 1e-20)) for x, p, db in parts)
+    hiss = np.float32(gain(rng.uniform(*SELF_NOISE)))
+    mics = mics * mic_gain + hiss * rng.standard_normal((3, samples), np.float32)
+    mics = mics * np.float32(min(1.0, PEAK / np.abs(mics).max()))
+    if playing:
+        ref = to_int16(ref)
+        mics = np.stack([library.cancel(to_int16(m), ref)["out"] for m in mics])[:, lead:]
+
+    source = SOURCES.index(place)
+    way = int(bank.rooms["onset"][room][source][0]) - SIMULATOR_DELAY
+    about = {
+        "kind": kind,
+        "room": int(room),
+        "heading": float(bank.rooms["heading"][room][source]),
+        "rt60": float(bank.rooms["rt60"][room]),
+        "snr": float(snr),
+        "ser": None if ser is None else float(ser),
+    }
+    return {"mics": to_int16(mics), "active": activity(dry, way)}, about
+
+
+class Maker:
+    """Clips by number, see clip_store.fill()."""
+
+    def __init__(self, corpus, bank, library, seed, split):
+        self._scenes = corpus, bank, Library(library), seed, split
+
+    def __call__(self, number):
+        return make_clip(*self._scenes, number)
+
+
+class Listener:
+    """Features of runs of clips, see clip_store.fill(). tables: the noise suppressors', or None to
+    hear the microphones as they are."""
+
+    def __init__(self, path, library, tables):
+        self._mics = clip_store.ClipStore(path, fields).signals["mics"]
+        self._library, self._tables = library, tables
+
+    def __call__(self, number):
+        clips = self._mics[number * RUN : (number + 1) * RUN]
+        if self._tables is not None:
+            clips = suppressed(clips, self._library, self._tables)
+        return {"features": features_of(clips)}, {}
+
+
+def suppressed(clips, library, tables):
+    """int16 [clips, 3, samples] as one device hears them one after the other, the delay taken off."""
+    count, _, samples = clips.shape
+    recording = np.pad(clips.transpose(1, 0, 2).reshape(3, -1), ((0, 0), (0, 3 * FRAME)))
+    with engine.loaded(library, tables) as so:
+        out = engine.suppress_noise(so, recording, engine.DIRECTION_FLOOR)
+    delay = engine.SUPPRESSOR_DELAY
+    out = out[:, delay : delay + count * samples]
+    return out.reshape(3, count, samples).transpose(1, 0, 2)
+
+
+def features_of(clips):
+    """int16 [clips, 3, samples] -> [clips, hops, 3, VALUES]."""
+    import torch  # the evaluation draws its phrases here and does without
+
+    from training.models import doa, features
+
+    torch.set_num_threads(1)
+    waves = torch.from_numpy(clips.astype(np.float32))
+    gcc, mel = features.gcc_phat(waves, LAGS), features.log_mel(waves, doa.MEL_HISTORY)
+    return torch.cat([gcc, mel], -1).transpose(1, 2).numpy()
+
+
+def turned(heading, places, mirrored):
+    """An array turned by `places` microphones, or seen in a mirror, in the same sound: which
+    microphones its own are, and the heading it hears."""
+    order = [0, 1, 2]
+    if mirrored:  # left and right change sides; microphone 1 is in the middle
+        order, heading = [0, 2, 1], -heading
+    return np.roll(order, -places), (heading - places * TURN) % 360.0
+
+
+def arranged(features, order):
+    """[hops, 3, VALUES] of one array -> the network's [4, hops, 40] for the array whose microphone
+    m is the first one's order[m]."""
+    gcc, mel = features[..., :LAGS], features[..., LAGS:]
+    pairs = []
+    for a, b in PAIRS:
+        a, b = order[a], order[b]
+        c = gcc[:, PAIRS.index((min(a, b), max(a, b)))]
+        pairs.append((c if a < b else c[:, ::-1])[:, : LAGS - 1])
+    return np.stack([*pairs, mel[:, order[0]]])
+
+
+def parameters_id(path):
+    return hashlib.sha256(pathlib.Path(path).read_bytes()).hexdigest()[:16]
+
+
+class DirectionClips:
+    """List of the first `clips` clips of a folder, heard as they are or behind the suppressors."""
+
+    def __init__(self, path, suppressor, clips):
+        self.path = pathlib.Path(path)
+        self._suppressor = suppressor
+        self._store = clip_store.ClipStore(self.path, fields)
+        self.about = self._store.made[:clips]
+
+    def __len__(self):
+        return len(self.about)
+
+    @functools.cache
+    def _heard(self, suppressed):
+        folder = self.path / _folders(self._suppressor)[suppressed]
+        return clip_store.ClipStore(folder, heard_fields).signals["features"]
+
+    def excerpt(self, clip, first_hop, blocks, suppressed):
+        """Features [hops, 3, VALUES] from a hop on, and whether the talker speaks in each block: in
+        two of its three hops."""
+        hops = slice(first_hop, first_hop + blocks * HOPS_PER_BLOCK)
+        active = self._store.signals["active"][clip, hops].reshape(blocks, HOPS_PER_BLOCK)
+        return self._heard(suppressed)[clip // RUN, clip % RUN, hops], active.sum(1) >= 2
+
+
+def _folders(suppressor):
+    """Whether suppressed -> folder of the features."""
+    return {False: "heard-raw", True: f"heard-{parameters_id(suppressor)}"}
+
+
+def direction_clips(
+    corpus,
+    bank,
+    path,
+    clips,
+    seed,
+    split,
+    library,
+    suppressor,
+    jobs=1,
+    progress=lambda done, clips: None,
+):
+    """Makes, or goes on making, the clips of a split, whole runs of them. library: path of the
+    shared library; suppressor: parameter file of its noise suppressor. Returns the clips."""
+    from training import export  # PyTorch, see features_of()
+
+    path = pathlib.Path(path)
+    runs = -(-clips // RUN)
+    wanted = {
+        "seed": seed,
+        "split": split,
+        "samples": SAMPLES,
+        "corpus": corpus.digest(),
+        "bank": bank.digest(),
+    }
+    scenes = corpus, bank, library, seed, split
+    clip_store.fill(path, fields, wanted, runs * RUN, Maker, scenes, jobs, progress)
+    for through, folder in _folders(suppressor).items():
+        heard = {**wanted, "suppressor": parameters_id(suppressor) if through else None}
+        arguments = path, library, export.read(suppressor) if through else None
+        clip_store.fill(path / folder, heard_fields, heard, runs, Listener, arguments, jobs, progress)
+    return DirectionClips(path, suppressor, clips)
+
+
+def batch(clips, rng, size, seconds, raw, gain_db):
+    """features [size, 4, frames, 40]; heading [size] in degrees; active [size, blocks].
+
+    Arrays are turned and mirrored at random. raw: share of excerpts without noise suppressor;
+    gain_db: range of level changes.
+    """
+    blocks = round(seconds * RATE) // engine.BLOCK
+    features = np.empty((size, 4, blocks * HOPS_PER_BLOCK, BANDS), np.float32)
+    headings, active = np.empty(size, np.float32), np.empty((size, blocks), np.float32)
+    for i in range(size):
+        clip = int(rng.integers(len(clips)))
+        first = int(rng.integers(HOPS - blocks * HOPS_PER_BLOCK + 1))
+        heard, active[i] = clips.excerpt(clip, first, blocks, rng.random() >= raw)
+        heading = clips.about[clip]["heading"]
+        order, headings[i] = turned(heading, int(rng.integers(3)), rng.random() < 0.5)
+        features[i] = arranged(heard, order)
+        features[i, 3] += 2.0 * np.log(gain(rng.uniform(*gain_db)))  # energies, natural logarithm
+    return {"features": features, "heading": headings, "active": active}
