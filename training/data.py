@@ -120,11 +120,11 @@ class SceneData:
 
     def align(self, model):
         """Adds to the training voices what a wake-up network can cut out of words and sentences; how many syllables."""
-        from .syllables import align, voices
-        path = self.syllables_path / "voices/train"
-        found = align.cut(model, voices.Voices(path))
-        (path / "cut.json").write_text(json.dumps(found))
-        self.syllables.cache_clear()
+        from .syllables import align
+        bank, _ = self.syllables("train")
+        bank.pieces = [piece for piece in bank.pieces if len(piece[3]) > 1]
+        found = align.cut(model, bank)
+        (self.syllables_path / "voices/train/cut.json").write_text(json.dumps(found))
         return len(found)
 
     def kws_batch(self, rng, batch, seconds, split, progress):
