@@ -51,10 +51,6 @@ def run_training(arguments):
     if "train" in stages:
         (folder / "config.json").write_text(json.dumps(config, indent=1))
         train.train(task, config, folder, device, model=started(task, config, arguments))
-    if "align" in stages:
-        model = task.model()
-        model.load_state_dict(train.averaged(folder))
-        print(f"{source.align(model.eval())} syllables cut out of words and sentences")
     if "quantise" in stages and "quantise" in config:
         quantise(task, config, folder, device)
     if "export" in stages:
@@ -131,8 +127,7 @@ def main():
     p.add_argument("--smoke", action="store_true", help="minutes instead of hours: synthetic speech, few rooms and steps")
     p.add_argument("--stub", action="store_true", help="signals from formulas instead of the scene simulator")
     p.add_argument("--data", type=pathlib.Path, help="folder of audio; without it synthetic speech only")
-    p.add_argument("--stages", default=",".join(STAGES), help=f"which of {','.join(STAGES)} to run (default: all), or "
-                   "align: cuts words into syllables by what kws has learnt, for the training that goes on behind it")
+    p.add_argument("--stages", default=",".join(STAGES), help=f"which of {','.join(STAGES)} to run (default: all)")
     p.add_argument("--steps", type=int, help="length of the training instead of the configuration's; a run that is "
                    "resumed with fewer steps comes to its end sooner")
     p.add_argument("--start", type=pathlib.Path, help="ns, naec, doa: parameter file to go on from, instead of a new network")

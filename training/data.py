@@ -1,6 +1,5 @@
 """What the tasks draw from: corpus, rooms and cached canceller runs, or the stand-ins of stub_scenes.py."""
 import functools
-import json
 import os
 
 import tqdm
@@ -117,15 +116,6 @@ class SceneData:
         from .syllables import backgrounds, voices
         return (voices.Voices(self.syllables_path / "voices" / split),
                 backgrounds.Backgrounds(self.syllables_path / "backgrounds" / split))
-
-    def align(self, model):
-        """Adds to the training voices what a wake-up network can cut out of words and sentences; how many syllables."""
-        from .syllables import align
-        bank, _ = self.syllables("train")
-        bank.pieces = [piece for piece in bank.pieces if len(piece[3]) > 1]
-        found = align.cut(model, bank)
-        (self.syllables_path / "voices/train/cut.json").write_text(json.dumps(found))
-        return len(found)
 
     def kws_batch(self, rng, batch, seconds, split, progress):
         from .syllables import batch as batches

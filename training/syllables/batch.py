@@ -9,6 +9,7 @@ from . import spectra, texts
 from .texts import FRAMES_PER_SECOND
 
 BLOCK_FRAMES = 3
+FORMANTS, PITCH = (0.80, 1.22), (0.5, 1.6)  # factors
 VOICING = (0.6, 1.1)
 LOUDEST = 40.0  # log power, active speech being at about 30: a limit to what a warp can make
 LEVEL = (-56.0, -14.0)  # dBFS, active speech: the features are not normalised
@@ -18,8 +19,6 @@ NOISES = {"none": 0.2, "noise": 0.27, "music": 0.15, "babble": 0.08, "far": 0.08
 SNR, TALKER_SNR, SER = (-5.0, 20.0), (2.0, 20.0), (-15.0, 5.0)  # dB
 INAUDIBLE = 1e-4  # -40 dB: where a room's decay ends
 MASK_SHARE, MASK_FRAMES, MASK_BANDS = 0.25, 9, 7
-UNEVEN = 0.2  # standard deviation of the logarithm of the exponent
-SYLLABLE_COLOUR = 0.5
 JOINT = 2.0  # frames over which syllables fade into each other
 # Steps around a syllable's end in which the network may say it: not before it has been heard. A slow one may also be said
 # for half of what it takes longer than SLOW steps: the decoder takes a long silence for the end of the phrase.
@@ -40,38 +39,36 @@ def shares(progress):
     return (1 - later) * FIRST + later * LAST
 
 
-def colour(rng, amount=1.0):
+def colour(rng):
     """Factors of the bands' energies: another microphone, another mouth."""
     x = np.linspace(0, 1, 40)
     decibels = rng.normal(0, 3) * (x - 0.5)
     for k in range(1, 5):
         decibels = decibels + rng.normal(0, 2.0) * np.cos(np.pi * (k * x + rng.uniform(0, 2)))
-    decibels = amount * decibels
     return np.float32(10**(decibels / 10))
 
 
 def speak(rng, bank, pieces, frames):
-    """Mel energies [frames, 40] of an utterance, active power about 1, in a voice of its own that wavers a little from
-    syllable to syllable: few of them are at hand, and none is to be known by heart."""
-    formants, pitch = rng.integers(len(spectra.FORMANTS)), rng.integers(len(spectra.PITCH))
-    voicing = rng.uniform(*VOICING)
+    """Mel energies [frames, 40] of an utterance, active power about 1, in a voice of its own."""
+    formants = rng.uniform(*FORMANTS)
+    pitch = np.exp(rng.uniform(*np.log(PITCH)))
+    warp = spectra.voice(formants, pitch, rng.uniform(*VOICING))
+    mel = spectra.mel()
     used = slice(4, 218)
-    mel = spectra.mel()[used]
-    energies, places = [], []
+    rows, places, weights = [], [], []
     for piece in pieces:
-        warp = spectra.voice(int(np.clip(formants + rng.integers(-1, 2), 0, len(spectra.FORMANTS) - 1)),
-                             int(np.clip(pitch + rng.integers(-1, 2), 0, len(spectra.PITCH) - 1)), voicing)
         begin, end = piece.begin, piece.begin + piece.frames
         at = np.arange(max(0, int(np.ceil(begin - JOINT / 2))), min(frames, int(end + JOINT / 2) + 1))
         # Time within a syllable runs a little unevenly.
-        u = np.clip((at - begin) / piece.frames, 0, 1)**(np.exp(rng.normal(0, UNEVEN)) if len(piece.said) == 1 else 1.0)
-        log_power = bank.rows(piece.number, u * bank.pieces[piece.number][2]) @ warp[:, used]
-        ramp = np.clip(np.minimum(at - begin, end - at) / JOINT + 0.5, 0, 1)
-        weight = np.float32(ramp * 10**(piece.decibels / 10))[:, None] * colour(rng, SYLLABLE_COLOUR)
-        energies.append(np.exp(np.minimum(log_power, LOUDEST)) @ mel * weight)
+        u = np.clip((at - begin) / piece.frames, 0, 1)**(np.exp(rng.normal(0, 0.12)) if len(piece.said) == 1 else 1.0)
+        rows.append(bank.rows(piece.number, u * bank.pieces[piece.number][2]))
         places.append(at)
+        ramp = np.clip(np.minimum(at - begin, end - at) / JOINT + 0.5, 0, 1)
+        weights.append(ramp * 10**(piece.decibels / 10))
+    log_power = np.concatenate(rows) @ warp[:, used]
+    energy = np.exp(np.minimum(log_power, LOUDEST)) @ mel[used] * np.float32(np.concatenate(weights))[:, None]
     heard = np.zeros((frames, 40), np.float32)
-    np.add.at(heard, np.concatenate(places), np.concatenate(energies))
+    np.add.at(heard, np.concatenate(places), energy)
     return heard
 
 

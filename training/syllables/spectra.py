@@ -56,21 +56,7 @@ def stretched(matrix, factor):
     return matrix[low] * (1 - part) + matrix[low + 1] * part
 
 
-FORMANTS = np.geomspace(0.80, 1.22, 16)  # factors at hand
-PITCH = np.geomspace(0.5, 1.6, 16)
-
-
-@functools.cache
-def formants_moved(i):
-    return stretched(envelope(), FORMANTS[i]).T
-
-
-@functools.cache
-def pitch_moved(i):
-    return stretched(np.eye(BINS, dtype=np.float32) - envelope(), PITCH[i]).T
-
-
 def voice(formants, pitch, voicing):
-    """[257, 257]: log spectra @ this have formants and pitch times FORMANTS[formants] and PITCH[pitch], and harmonics
-    `voicing` as marked."""
-    return formants_moved(formants) + np.float32(voicing) * pitch_moved(pitch)
+    """[257, 257]: log spectra @ this have formants and pitch times these factors, harmonics `voicing` as marked."""
+    smooth = envelope()
+    return (stretched(smooth, formants) + voicing * stretched(np.eye(BINS, dtype=np.float32) - smooth, pitch)).T

@@ -2,7 +2,6 @@
 
 A bank is a folder for one split:
   voices.json    corpus and split; per piece: speaker, first frame, frames, classes of its syllables (0 = another one)
-  cut.json       further pieces, cut from those of several syllables (align.py)
   spectra.f16    [frames, 257] float16, log power spectra every HOP samples; every piece's active power is 1
 """
 import collections
@@ -82,7 +81,6 @@ def build(corpus, path, split, seed, synthetic_voices=100, progress=lambda done,
     if file.exists() and {k: v for k, v in json.loads(file.read_text()).items() if k in description} == description:
         return
     path.mkdir(parents=True, exist_ok=True)
-    (path / "cut.json").unlink(missing_ok=True)
     classes, rows, at = inventory(), [], 0
     total = len(corpus.clips("mandarin", split))
     with open(path / "spectra.f16", "wb") as f:
@@ -106,8 +104,6 @@ class Voices:
     def __init__(self, path):
         description = json.loads((path / "voices.json").read_text())
         self.pieces = description["pieces"]
-        if (path / "cut.json").exists():
-            self.pieces = self.pieces + json.loads((path / "cut.json").read_text())
         self.spectra = np.memmap(path / "spectra.f16", np.float16, "r", shape=(description["frames"], spectra.BINS))
         self.syllables = collections.defaultdict(lambda: collections.defaultdict(list))  # speaker -> class -> pieces
         self.words = collections.defaultdict(list)  # speaker -> pieces of several syllables
