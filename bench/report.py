@@ -157,7 +157,7 @@ which the wake-up engine and the direction estimator work, hence the spread.
 In the {len(silent)} silent frames after the recording ({len(silent) * 0.064:.0f} s) the median is {us(middle)} us and the slowest
 frame {us(max(silent))} us, {max(silent) / middle:.2f} times as much.
 
-{table(["kernels", "us per frame, p50", "times the fastest", "% of a core"], kernels)}"""
+{table(["kernels", "us per frame, p50", f"times {best}", "% of a core"], kernels)}"""
 
 
 def instruction_section(found):
@@ -206,7 +206,7 @@ def peak_section(found):
     recurrent = 3 * (layers["time_gru"]["cpu_time"] + layers["freq_gru"]["cpu_time"])
     return f"""{table(["network, kernels", *head], networks)}
 {table(["part of the echo suppressor", *head], parts)}
-What is left, in this order:
+What stands between the echo suppressor and the peak:
 
 - The caches. Alone the echo suppressor takes {us(alone)} us, in the chain {us(chained)}: between two of its frames the other
   modules' weights have taken the place of its own.

@@ -26,16 +26,24 @@ struct Span {
   Span(LAEC* p) : data(p), size(sizeof *p) {}
 };
 
+uint32_t bits_at(const void* data, size_t offset) {
+  uint32_t bits;
+  memcpy(&bits, static_cast<const char*>(data) + offset, sizeof bits);
+  return bits;
+}
+
+bool is_nan(uint32_t bits) {
+  return (bits & 0x7fffffffu) > 0x7f800000u;
+}
+
 // NaNs of different bits are equal: which operand's a sum of two of them keeps is up to the
 // compiler.
 bool same(const void* a, const void* b, size_t size) {
   if (memcmp(a, b, size) == 0) return true;
   if (size % sizeof(float) != 0) return false;
   for (size_t i = 0; i < size; i += sizeof(float)) {
-    float x, y;
-    memcpy(&x, static_cast<const char*>(a) + i, sizeof x);
-    memcpy(&y, static_cast<const char*>(b) + i, sizeof y);
-    if (memcmp(&x, &y, sizeof x) != 0 && (x == x || y == y)) return false;
+    const uint32_t x = bits_at(a, i), y = bits_at(b, i);
+    if (x != y && !(is_nan(x) && is_nan(y))) return false;
   }
   return true;
 }
