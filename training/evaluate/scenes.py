@@ -206,7 +206,7 @@ def called(corpus, number):
     dry[start : start + len(call)] = call
     first, last = _active(call)
     music = sources.excerpts(corpus, rng, "music", SPLIT, samples)[0]
-    ref, path = echo.at_reference_level(rng, music), _still_path(rng)
+    ref, path = echo.at_reference_level(rng, music), still_path(rng)
     point, field = noisy.dry_noise(corpus, rng, SPLIT, samples, direction.CLIP_NOISES)
     hiss = gain(SELF_NOISE) * rng.standard_normal((3, samples), np.float32)
     level = rng.uniform(*CALL_LEVEL)
