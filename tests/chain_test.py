@@ -11,6 +11,8 @@ import pytest
 FAR_END_BAR_DB = 25  # echo reduction of every stretch in which only the device plays
 TALKERS_BAR_DB = 10  # talkers over the rest while nothing plays and no tap runs
 BOTH_BAR_DB = 12     # what double talk gains
+HEARD_BAR = 4        # of the five wake phrases
+ANGLE_BAR_DEG = 15
 
 
 @pytest.fixture(scope="module")
@@ -38,3 +40,9 @@ def test_the_demo_takes_the_echo_down_and_keeps_the_talkers(found):
     _, quiet = next(s["talkers_to_rest_db"] for s in stretches if s["kind"] == "near_end")
     both = [s["talkers_to_rest_db"] for s in stretches if s["kind"] == "double_talk"]
     assert quiet >= TALKERS_BAR_DB and min(after - before for before, after in both) >= BOTH_BAR_DB, stretches
+
+
+def test_the_demo_hears_the_wake_phrases_and_points_at_them(found):
+    heard = [s for s in found["spoken"] if s["wake_phrase"] and s["woke_s"] is not None]
+    assert len(heard) >= HEARD_BAR and not found["stray_wakes"], found["spoken"]
+    assert max(s["angle_error_deg"] for s in heard) <= ANGLE_BAR_DEG, heard
