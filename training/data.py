@@ -4,17 +4,17 @@ import os
 
 import tqdm
 
-from . import stub_scenes
-from .train import SPLITS
+from .corpus import SPLITS
 
 SEED = 1  # of splits and rooms, which all networks share
 
 
 class StubData:
-    """Needs nothing but numpy."""
+    """Needs no audio."""
 
     def __init__(self, config):
-        self.config = config
+        from . import stub_scenes  # which wants PyTorch, and not everybody here has it
+        self.config, self.scenes = config, stub_scenes
 
     def prepare(self, network):
         pass
@@ -26,23 +26,23 @@ class StubData:
         return {("none", "signals from formulas"): 0.0}
 
     def ns_batch(self, rng, batch, seconds, split):
-        return stub_scenes.ns_batch(None, None, rng, batch, seconds, split)
+        return self.scenes.ns_batch(None, None, rng, batch, seconds, split)
 
     def doa_batch(self, rng, batch, seconds, split):
         import torch
 
         from .models import doa
-        scenes = stub_scenes.doa_batch(None, None, rng, batch, seconds, split)
+        scenes = self.scenes.doa_batch(None, None, rng, batch, seconds, split)
         return scenes | {"features": doa.inputs(torch.from_numpy(scenes.pop("mics"))).numpy()}
 
     def kws_batch(self, rng, batch, seconds, split, progress):
-        return stub_scenes.kws_batch(None, None, rng, batch, seconds, split, progress)
+        return self.scenes.kws_batch(None, None, rng, batch, seconds, split, progress)
 
     @functools.cache
     def echo_clips(self, split):
         c = self.config["data"]
         clips = c["clips"] if split == "train" else c["valid_clips"]
-        return stub_scenes.EchoClips(clips, c["clip_seconds"], seed=["train", "valid", "test"].index(split))
+        return self.scenes.EchoClips(clips, c["clip_seconds"], seed=["train", "valid", "test"].index(split))
 
 
 class SceneData:
