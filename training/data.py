@@ -71,7 +71,10 @@ class SceneData:
         return self.corpus.digest()
 
     def sources(self):
-        return self.corpus.sources(splits=("train",))
+        sources = self.corpus.sources(splits=("train",))
+        if self.config["data"].get("test_voices"):
+            sources += self.corpus.sources(("mandarin",), ("test",))
+        return sources
 
     def prepare(self, network):
         """Builds what is missing: rooms, and what the networks behind others hear."""
