@@ -108,19 +108,31 @@ class WakeState(ctypes.Structure):
                 ("features", ctypes.c_float * 1024)]
 
 
-def syllables(library, wave):
-    """int16 samples -> per block (features [3, 40], recurrent state, memories [4, 164, 8], score codes [146]), or None
-    for a block at which the phrase was heard and all state cleared."""
+def wake_states(library, wave):
+    """int16 samples -> per block (WakeState, whether the phrase was heard, which clears all state)."""
     handle = ctypes.c_void_p()
     assert library.QuibWakeupInit(ctypes.byref(handle), 0) == 0
     first = lambda address: ctypes.cast(address, ctypes.POINTER(ctypes.c_void_p))[0]
     data = ctypes.cast(first(first(handle)), ctypes.POINTER(WakeState)).contents
-    array = lambda field: np.ctypeslib.as_array(field)
     for start in range(0, len(wave), BLOCK):
         heard = library.QuibWakeupWriteData(handle, pointer(wave[start:start + BLOCK])) == 0
+        yield data, heard
+    library.QuibWakeupUnit(handle)
+
+
+def syllables(library, wave):
+    """int16 samples -> per block (features [3, 40], recurrent state, memories [4, 164, 8], score codes [146]), or None
+    for a block at which the phrase was heard and all state cleared."""
+    array = lambda field: np.ctypeslib.as_array(field)
+    for data, heard in wake_states(library, wave):
         yield None if heard else (array(data.features)[:120].reshape(3, 40).copy(), array(data.state).copy(),
                                   array(data.memory).reshape(4, 164, 8).copy(), array(data.scores)[:146].copy())
-    library.QuibWakeupUnit(handle)
+
+
+def posteriors(library, wave):
+    """int16 samples -> per block the posteriors [146] as the decoder has them, the filler's share in the blank's."""
+    for data, _ in wake_states(library, wave):
+        yield data.posteriors[:146]
 
 
 def pointer(array):

@@ -10,12 +10,14 @@ from .texts import FRAMES_PER_SECOND
 
 BLOCK_FRAMES = 3
 FORMANTS, PITCH = (0.80, 1.22), (0.5, 1.6)  # factors
+# A mouth is not another one's enlargement: formants move by factors of their own, known at these frequencies.
+BEND_HZ, BEND = (0, 800, 1700, 2700, 4500, 8000), 0.05  # standard deviation of their logarithm
 VOICING = (0.6, 1.1)
 LOUDEST = 40.0  # log power, active speech being at about 30: a limit to what a warp can make
 LEVEL = (-56.0, -14.0)  # dBFS, active speech: the features are not normalised
 SELF_NOISE = (-90.0, -72.0)  # dBFS of the mean of three microphones
 ROOM_SHARE = 0.75
-NOISES = {"none": 0.2, "noise": 0.27, "music": 0.15, "babble": 0.08, "far": 0.08, "residual": 0.22}
+NOISES = {"none": 0.17, "noise": 0.25, "music": 0.14, "babble": 0.08, "far": 0.08, "residual": 0.28}
 SNR, TALKER_SNR, SER = (-5.0, 20.0), (2.0, 20.0), (-15.0, 5.0)  # dB
 INAUDIBLE = 1e-4  # -40 dB: where a room's decay ends
 MASK_SHARE, MASK_FRAMES, MASK_BANDS = 0.25, 9, 7
@@ -30,7 +32,7 @@ EASY_UNTIL = 0.2  # of the training: rooms, noise and masks come in little by li
 # Shares of the kinds of utterances, at the beginning and in the last third.
 KINDS = ("phrase", "near miss", "string", "words", "far", "noise", "music", "residual")
 FIRST = np.array([0.12, 0.08, 0.46, 0.26, 0.03, 0.03, 0.02, 0.00])
-LAST = np.array([0.22, 0.26, 0.24, 0.12, 0.07, 0.02, 0.04, 0.03])
+LAST = np.array([0.22, 0.28, 0.22, 0.12, 0.07, 0.02, 0.04, 0.03])
 WITHOUT_SPEECH = KINDS[4:]
 
 
@@ -42,15 +44,16 @@ def shares(progress):
 def colour(rng):
     """Factors of the bands' energies: another microphone, another mouth."""
     x = np.linspace(0, 1, 40)
-    decibels = rng.normal(0, 3) * (x - 0.5)
+    decibels = rng.normal(0, 4.5) * (x - 0.5)
     for k in range(1, 5):
-        decibels = decibels + rng.normal(0, 2.0) * np.cos(np.pi * (k * x + rng.uniform(0, 2)))
+        decibels = decibels + rng.normal(0, 2.2) * np.cos(np.pi * (k * x + rng.uniform(0, 2)))
     return np.float32(10**(decibels / 10))
 
 
 def speak(rng, bank, pieces, frames):
     """Mel energies [frames, 40] of an utterance, active power about 1, in a voice of its own."""
-    formants = rng.uniform(*FORMANTS)
+    bins = np.arange(spectra.BINS) * (spectra.RATE / 2 / (spectra.BINS - 1))
+    formants = rng.uniform(*FORMANTS) * np.exp(np.interp(bins, BEND_HZ, rng.normal(0, BEND, len(BEND_HZ))))
     pitch = np.exp(rng.uniform(*np.log(PITCH)))
     warp = spectra.voice(formants, pitch, rng.uniform(*VOICING))
     mel = spectra.mel()
@@ -60,8 +63,8 @@ def speak(rng, bank, pieces, frames):
         begin, end = piece.begin, piece.begin + piece.frames
         at = np.arange(max(0, int(np.ceil(begin - JOINT / 2))), min(frames, int(end + JOINT / 2) + 1))
         # Time within a syllable runs a little unevenly.
-        u = np.clip((at - begin) / piece.frames, 0, 1)**(np.exp(rng.normal(0, 0.12)) if len(piece.said) == 1 else 1.0)
-        rows.append(bank.rows(piece.number, u * bank.pieces[piece.number][2]))
+        u = np.clip((at - begin) / piece.frames, 0, 1)**(np.exp(rng.normal(0, 0.2)) if len(piece.said) == 1 else 1.0)
+        rows.append(bank.rows(piece.number, u))
         places.append(at)
         ramp = np.clip(np.minimum(at - begin, end - at) / JOINT + 0.5, 0, 1)
         weights.append(ramp * 10**(piece.decibels / 10))

@@ -48,7 +48,8 @@ def envelope():
 
 
 def stretched(matrix, factor):
-    """The rows of `matrix`, functions of frequency, moved to `factor` times their frequency; mirrored at the top."""
+    """The rows of `matrix`, functions of frequency, moved to `factor` times their frequency (one for all bins, or one for
+    each); mirrored at the top."""
     at = np.arange(BINS) / factor
     at = np.where(at > BINS - 1, 2 * (BINS - 1) - at, at).clip(0, BINS - 1)
     low = np.minimum(at.astype(int), BINS - 2)
@@ -57,6 +58,7 @@ def stretched(matrix, factor):
 
 
 def voice(formants, pitch, voicing):
-    """[257, 257]: log spectra @ this have formants and pitch times these factors, harmonics `voicing` as marked."""
+    """[257, 257]: log spectra @ this have formants (by one factor or one per bin) and pitch times these factors, harmonics
+    `voicing` as marked."""
     smooth = envelope()
     return (stretched(smooth, formants) + voicing * stretched(np.eye(BINS, dtype=np.float32) - smooth, pitch)).T

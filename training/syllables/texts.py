@@ -20,7 +20,7 @@ FASTEST = 1.35  # by which a sentence is sped up to fit
 
 @dataclasses.dataclass
 class Piece:
-    number: int  # in the bank
+    number: object  # of the bank: what its choose() gave, or one of its pieces
     begin: float  # frames of 10 ms
     frames: float
     said: tuple  # classes, evenly spread over it
@@ -83,7 +83,6 @@ def gap(rng):
 def joined(rng, bank, speaker, said, frames, pause=None, length=None, cut=False):
     """Isolated syllables of one speaker joined to an utterance that ends within `frames`; None if it does not fit. cut:
     what does not fit is left away. length: mean s per syllable."""
-    mine = bank.syllables[speaker]
     mean = length or tempo(rng)
     lengths = mean * np.exp(rng.normal(0, 0.15, len(said)))
     weak = (rng.random(len(said)) < NEUTRAL_SHARE) & (np.arange(len(said)) > 0)
@@ -97,7 +96,7 @@ def joined(rng, bank, speaker, said, frames, pause=None, length=None, cut=False)
         if cut and at + seconds > fits:
             break
         level = rng.normal(0, 1.5) - 5.0 * quiet
-        pieces.append(Piece(int(rng.choice(mine[c])), at * FRAMES_PER_SECOND, seconds * FRAMES_PER_SECOND, (c,), level))
+        pieces.append(Piece(bank.choose(rng, speaker, c), at * FRAMES_PER_SECOND, seconds * FRAMES_PER_SECOND, (c,), level))
         end = at + seconds
         at = end + space
     spare = fits - end
@@ -141,17 +140,19 @@ def words(rng, bank, speaker, frames):
     return placed(rng, pieces, frames - pieces[-1].begin - pieces[-1].frames)
 
 
-def speaker_of(rng, speakers, synthetic_share=0.25):
+def speaker_of(rng, speakers, weights=None, synthetic_share=0.25):
+    """weights: {speaker: weight}; else all are alike."""
     made = [s for s in speakers if s.startswith("espeak-ng")]
     real = [s for s in speakers if not s.startswith("espeak-ng")]
     chosen = made if made and (not real or rng.random() < synthetic_share) else real
-    return chosen[rng.integers(len(chosen))]
+    p = np.array([weights[s] if weights else 1.0 for s in chosen])
+    return chosen[rng.choice(len(chosen), p=p / p.sum())]
 
 
 def utterance(rng, bank, kind, frames):
     """Pieces of an utterance of a kind: "phrase", "near miss", "string" or "words"; None if it came out too long."""
     if kind == "words" and bank.words:
-        return words(rng, bank, speaker_of(rng, list(bank.words)), frames)
+        return words(rng, bank, speaker_of(rng, list(bank.words), bank.words_weights), frames)
     speaker, pause = speaker_of(rng, bank.speakers), None
     if kind in ("phrase", "near miss"):
         said, pause = (list(PHRASE), None) if kind == "phrase" else near_miss(rng, list(bank.syllables[speaker]))

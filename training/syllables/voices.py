@@ -13,7 +13,7 @@ import numpy as np
 from .. import corpus as corpora
 from .. import synthetic
 from ..shared import PARAMS
-from . import spectra
+from . import spectra, splicing
 
 HOP = 80
 ACTIVE = 1e-3  # of the loudest frame's power: 30 dB
@@ -21,6 +21,7 @@ EDGE = 2  # frames kept on either side of what is active
 LONGEST = 5.0  # s
 JOINED = "joined_from_syllables"  # flag of phrases that are not natural speech
 SYNTHETIC_TONES = 2
+SPLICED_SHARE = 0.5  # of the syllables that can be spliced
 # Beside the phrase's own syllables every synthetic voice says its neighbours and some others.
 SYNTHETIC_OTHERS = 40
 FLOOR = 1e-3  # power below int16 steps
@@ -120,15 +121,28 @@ class Voices:
         # Syllables are drawn half by their frequency in words and sentences, half evenly; class 0 apart.
         count[0] = 0
         self.frequency = 0.5 * count / max(1.0, count.sum()) + 0.5 * (np.arange(len(count)) > 0) / (len(count) - 1)
+        # Somebody with one sentence is not heard as often as somebody with hundreds, nor is he forgotten.
+        self.words_weights = {s: sum(map(self.seconds, pieces))**0.5 for s, pieces in self.words.items()}
         # Who can say the phrase.
         self.speakers = [s for s, said in self.syllables.items() if LING in said and DANG in said]
+        self.splices = splicing.Splices(self)
 
-    def rows(self, piece, at):
-        """Log spectra of a piece at fractional frames `at`."""
-        _, first, frames, _, bank = self.pieces[piece]
-        at = np.clip(at, 0, frames - 1.001)
-        low = at.astype(int)
-        part = np.float32(at - low)[:, None]
+    def choose(self, rng, speaker, syllable):
+        """A piece in which the speaker says the class: a recorded one, or one spliced from two."""
+        recorded = self.syllables[speaker][syllable]
+        spliced = rng.random() < SPLICED_SHARE and self.splices.choose(rng, speaker, syllable)
+        return spliced or int(recorded[rng.integers(len(recorded))])
+
+    def rows(self, piece, u):
+        """Log spectra of a piece at u, which runs from 0 to 1 over it."""
+        return self.splices.rows(piece, u) if isinstance(piece, splicing.Splice) else self.at(piece, u * self.pieces[piece][2])
+
+    def at(self, piece, frames):
+        """Log spectra of a recorded piece at fractional frames."""
+        _, first, count, _, bank = self.pieces[piece]
+        frames = np.clip(frames, 0, count - 1.001)
+        low = frames.astype(int)
+        part = np.float32(frames - low)[:, None]
         bank = self.spectra[bank]
         return bank[first + low] * (1 - part) + bank[first + low + 1] * part
 

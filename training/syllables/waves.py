@@ -23,6 +23,9 @@ class Clips:
                 self.syllables[speaker][classes.get(clip.pinyin, 0)].append(len(self.clips))
                 self.clips.append(clip)
 
+    def choose(self, rng, speaker, syllable):
+        return int(rng.choice(self.syllables[speaker][syllable]))
+
     def read(self, number):
         return trimmed(self.corpus.read(self.clips[number]))
 

@@ -1,0 +1,116 @@
+"""More of a syllable than was recorded: the beginning of one syllable and the rest of another, both by one speaker.
+
+"ling" from "li" and "ming", "dang" from "dao" and "fang", and their neighbours likewise: of a few recordings of a syllable
+become hundreds, and none of them stands out as the wake phrase's. The two meet in their vowel, where their spectra are
+most alike.
+"""
+import collections
+import dataclasses
+
+import numpy as np
+
+from . import spectra
+
+INITIALS = "zh ch sh b p m f d t n l g k h j q x r z c s".split()
+FADE = 4  # frames of 5 ms in which one goes over into the other
+CONTEXT = 2  # frames compared on either side of the joint
+VOICED = 0.1  # of the loudest frame's power: what belongs to the vowel
+EARLIEST, LATEST = 0.1, 0.55  # of a syllable, where the joint may be
+TOO_DIFFERENT = 2.0  # nats of mean difference, above which two do not go together
+ATTEMPTS = 3
+
+
+def parts(name):
+    """Initial, final and the vowel the final begins with, of a toneless syllable: "liang" -> ("l", "iang", "i")."""
+    if name[0] in "yw":
+        final = {"yi": "i", "yin": "in", "ying": "ing", "wu": "u", "you": "iu", "wei": "ui", "wen": "un", "yu": "v",
+                 "yue": "ve", "yuan": "van", "yun": "vn", "yong": "iong"}.get(name)
+        final = final or {"y": "i", "w": "u"}[name[0]] + name[1:]
+        return "", final, final[0]
+    initial = next((i for i in INITIALS if name.startswith(i)), "")
+    final = name[len(initial):]
+    if initial in ("j", "q", "x") and final[0] == "u":
+        final = "v" + final[1:]
+    # The vowel of "shi" and "zi" is another than that of "li".
+    return initial, final, "-" if final == "i" and initial in ("zh", "ch", "sh", "r", "z", "c", "s") else final[0]
+
+
+@dataclasses.dataclass(frozen=True)
+class Splice:
+    """Frames 0..leave of piece `head`, then of piece `tail` from `enter` on."""
+    head: int
+    tail: int
+    leave: int
+    enter: int
+    raised: float  # nats added to the head, so that the levels meet
+    frames: int
+
+
+class Splices:
+    def __init__(self, bank):
+        self.bank, self.kept, self.places, self.donors = bank, {}, {}, {}
+
+    def of_speaker(self, speaker):
+        """{class: (pieces to begin with, pieces to end with)}; class 0 has no name to go by."""
+        if speaker not in self.donors:
+            from .voices import inventory
+            said = self.bank.syllables[speaker]
+            heads, tails = collections.defaultdict(list), collections.defaultdict(list)
+            split = {c: parts(name) for name, c in inventory().items()}
+            for c, pieces in said.items():
+                if c:
+                    initial, final, vowel = split[c]
+                    heads[initial, vowel] += pieces
+                    tails[final, vowel] += pieces
+            self.donors[speaker] = {c: (heads[i, v], tails[f, v]) for c, (i, f, v) in split.items() if i}
+        return self.donors[speaker]
+
+    def choose(self, rng, speaker, syllable):
+        """A Splice, or None where there is nothing that goes together."""
+        heads, tails = self.of_speaker(speaker).get(syllable, ((), ()))
+        for _ in range(ATTEMPTS if len(heads) and len(tails) else 0):
+            found = self.joined(int(heads[rng.integers(len(heads))]), int(tails[rng.integers(len(tails))]))
+            if found:
+                return found
+        return None
+
+    def joined(self, head, tail):
+        if head == tail:
+            return None
+        if (head, tail) not in self.kept:
+            self.kept[head, tail] = self.search(head, tail)
+        return self.kept[head, tail]
+
+    def search(self, head, tail):
+        for piece in (head, tail):
+            if piece not in self.places:
+                self.places[piece] = self.candidates(piece)
+        (a, at_a), (b, at_b) = self.places[head], self.places[tail]
+        if not len(at_a) or not len(at_b):
+            return None
+        around = np.arange(-CONTEXT, CONTEXT + 1)
+        left, right = a[at_a[:, None] + around].reshape(len(at_a), -1), b[at_b[:, None] + around].reshape(len(at_b), -1)
+        # Levels may differ: their means are put together.
+        left, right = left - left.mean(1, keepdims=True), right - right.mean(1, keepdims=True)
+        distance = (left**2).mean(1)[:, None] + (right**2).mean(1) - 2 / left.shape[1] * left @ right.T
+        i, j = np.unravel_index(distance.argmin(), distance.shape)
+        if distance[i, j] > TOO_DIFFERENT**2:
+            return None
+        leave, enter = int(at_a[i]), int(at_b[j])
+        raised = float(b[enter + around].mean() - a[leave + around].mean())
+        return Splice(head, tail, leave, enter, raised, leave + len(b) - enter)
+
+    def candidates(self, piece):
+        """Log mel energies of a piece, and the frames at which it may be joined."""
+        count = self.bank.pieces[piece][2]
+        power = np.exp(self.bank.at(piece, np.arange(count))) @ spectra.mel()
+        loud = power @ spectra.level_weights()
+        at = np.arange(max(CONTEXT, int(EARLIEST * count)), min(count - CONTEXT - 1, int(LATEST * count)))
+        return np.log(power + 1e-9), at[loud[at] > VOICED * loud.max()]
+
+    def rows(self, splice, u):
+        """Log spectra at u, which runs from 0 to 1 over the splice."""
+        at = u * splice.frames
+        share = np.float32(np.clip((at - splice.leave) / FADE + 0.5, 0, 1))[:, None]
+        head = self.bank.at(splice.head, at) + np.float32(splice.raised)
+        return head * (1 - share) + self.bank.at(splice.tail, at - splice.leave + splice.enter) * share
