@@ -139,6 +139,9 @@ def main():
                    "parity at export")
     p.add_argument("--suppressor", type=pathlib.Path, default=PARAMS / "ns.safetensors",
                    help="doa: parameter file of the noise suppressor to listen through (default: %(default)s)")
+    p.add_argument("--cutter", type=pathlib.Path, default=PARAMS / "kws.safetensors",
+                   help="kws: parameter file of the wake-up network that finds the syllables inside words (default: "
+                   "%(default)s)")
     p.set_defaults(run=run_training)
     p = commands.add_parser("parity", help="training graphs against the built library, random tables")
     p.add_argument("networks", nargs="*")

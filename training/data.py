@@ -48,9 +48,9 @@ class StubData:
 class SceneData:
     """Everything is opened on first use, so that worker processes open their own."""
 
-    def __init__(self, config, audio, folder, library, suppressor, smoke):
+    def __init__(self, config, audio, folder, library, suppressor, cutter, smoke):
         self.config, self.audio, self.folder, self.library = config, audio, folder, library
-        self.suppressor = suppressor
+        self.suppressor, self.cutter = suppressor, cutter
         suffix = "-smoke" if smoke else ""
         self.bank_path = folder / f"bank{suffix}"
         self.aec_path = folder / f"aec{suffix}"
@@ -103,12 +103,13 @@ class SceneData:
                                   self.suppressor, workers, progress=progress)
 
     def prepare_syllables(self):
-        from .syllables import backgrounds, voices
+        from .syllables import backgrounds, cutting, voices
         c = self.config["data"]
+        cutter = cutting.Cutter(self.library, self.cutter, voices.inventory()) if self.library and self.cutter else None
         for split in SPLITS:
             with Progress(f"voices, {split}") as progress:
                 voices.build(self.corpus, self.syllables_path / "voices" / split, split, SEED, c["synthetic_voices"],
-                             progress)
+                             cutter, progress)
             with Progress(f"backgrounds, {split}") as progress:
                 clips = self.echo_clips(split) if (self.aec_path / split).exists() else None
                 backgrounds.build(self.corpus, self.bank, clips, self.syllables_path / "backgrounds" / split, split,
@@ -168,4 +169,4 @@ def open_data(config, arguments):
     if arguments.stub:
         return StubData(config)
     return SceneData(config, arguments.data, arguments.out, arguments.library, arguments.suppressor,
-                     arguments.smoke)
+                     arguments.cutter, arguments.smoke)

@@ -31,7 +31,7 @@ EASY_UNTIL = 0.2  # of the training: rooms, noise and masks come in little by li
 
 # Shares of the kinds of utterances, at the beginning and in the last third.
 KINDS = ("phrase", "near miss", "string", "words", "far", "noise", "music", "residual")
-FIRST = np.array([0.12, 0.08, 0.46, 0.26, 0.03, 0.03, 0.02, 0.00])
+FIRST = np.array([0.12, 0.08, 0.38, 0.34, 0.03, 0.03, 0.02, 0.00])
 LAST = np.array([0.22, 0.28, 0.22, 0.12, 0.07, 0.02, 0.04, 0.03])
 WITHOUT_SPEECH = KINDS[4:]
 
@@ -149,7 +149,7 @@ def alignment(pieces, steps):
                 continue
             end = (piece.begin + piece.frames * (i + 1) / len(piece.said)) / BLOCK_FRAMES
             inside = len(piece.said) > 1 and (i + 1 < len(piece.said) or len(piece.said) > 4)
-            doubt = (0.4 if len(piece.said) <= 4 else 1.0) * length + 1 if inside else 0.0
+            doubt = (0.4 if len(piece.said) <= 4 else 3.0) * length + 1 if inside else 0.0  # sentences have pauses
             slow = max(0, int(length - SLOW) // 2)
             certain &= len(piece.said) == 1
             labels.append(c)

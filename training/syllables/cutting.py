@@ -2,9 +2,11 @@
 
 Isolated syllables are few and slow. Those inside words are many, of more speakers, and as people say them.
 """
+import hashlib
+
 import numpy as np
 
-from .. import engine
+from .. import engine, export
 from ..models import kws
 from . import spectra
 
@@ -12,19 +14,49 @@ LEVEL = 0.06  # RMS at which the network listens, of full scale 1.0
 LEAD, TAIL = 4, 14  # steps of near silence around a clip
 QUIETEST = 1e-4  # of that near silence
 SMALLEST = 1e-6
+LATE = 0.04  # s behind a syllable's end at which the network has said it
 SURE = 0.3  # posterior of a syllable at its best step, at least
 SHORTEST, LONGEST = 0.08, 0.6  # s of a syllable
 SEARCH = 0.04  # s around a boundary
-STEP = engine.BLOCK / spectra.RATE
+FRAME, SIDE = 80, 3  # samples; frames compared on either side of a boundary
 
 
-def posteriors(library, x):
-    """Per step of the wave and of what is put around it, as the decoder has them [steps, 146]."""
-    rms = np.sqrt((x**2).mean()) + 1e-9
-    noise = np.random.default_rng(len(x)).standard_normal(len(x) + (LEAD + TAIL) * engine.BLOCK) * QUIETEST
-    noise[LEAD * engine.BLOCK:LEAD * engine.BLOCK + len(x)] += x * (LEVEL / rms)
-    wave = np.int16(np.clip(noise, -0.99, 0.99) * spectra.FULL_SCALE)
-    return np.float64([p for p in engine.posteriors(library, wave[:len(wave) // engine.BLOCK * engine.BLOCK])])
+class Cutter:
+    """library: built libquibo.so; params: the network's exported file; classes: {syllable: class}."""
+
+    def __init__(self, library, params, classes):
+        tables = export.read(params)
+        tables.pop("fbank_filter1")
+        self.library, self.classes = engine.load(library, tables), classes
+        self.digest = hashlib.sha256(params.read_bytes()).hexdigest()
+
+    def posteriors(self, x):
+        """Per step of the wave and of what is put around it, as the decoder has them [steps, 146]."""
+        noise = np.random.default_rng(len(x)).standard_normal(len(x) + (LEAD + TAIL) * engine.BLOCK) * QUIETEST
+        noise[LEAD * engine.BLOCK:LEAD * engine.BLOCK + len(x)] += x * (LEVEL / (np.sqrt((x**2).mean()) + 1e-9))
+        wave = np.int16(np.clip(noise, -0.99, 0.99) * spectra.FULL_SCALE)
+        return np.float64(list(engine.posteriors(self.library, wave[:len(wave) // engine.BLOCK * engine.BLOCK])))
+
+    def cut(self, x, said):
+        """Yields (syllable, begin, end) in samples for those whose both ends are known."""
+        known = [self.classes[s] for s in said if s in self.classes]
+        found = last_steps(self.posteriors(x), known) if known else None
+        if found is None:
+            return
+        log_mel = np.log(spectra.power(x, FRAME) @ spectra.mel() + 1.0)
+        found, begin = iter(found), 0.0
+        for i, syllable in enumerate(said):
+            if syllable not in self.classes:  # nobody knows where it ends
+                begin = None
+                continue
+            step, posterior = next(found)
+            end = len(x) / spectra.RATE
+            if i + 1 < len(said):
+                end = boundary(log_mel, (step + 1 - LEAD) * engine.BLOCK / spectra.RATE - LATE)
+            at_edge = i in (0, len(said) - 1)  # where there may be silence beside it
+            if begin is not None and posterior > SURE and (at_edge or SHORTEST <= end - begin <= LONGEST):
+                yield syllable, round(begin * spectra.RATE), round(end * spectra.RATE)
+            begin = end
 
 
 def last_steps(p, classes):
@@ -61,35 +93,11 @@ def last_steps(p, classes):
 
 
 def boundary(log_mel, seconds):
-    """Where the spectrum changes most, in s, near where a boundary should be. log_mel: frames of 5 ms."""
-    at, width = round(seconds / 0.005), round(SEARCH / 0.005)
-    low, high = max(3, at - width), min(len(log_mel) - 3, at + width + 1)
+    """Where the spectrum changes most, in s, near where a boundary should be. log_mel: every FRAME samples."""
+    per_second = spectra.RATE / FRAME
+    at, around = round(seconds * per_second), round(SEARCH * per_second)
+    low, high = max(SIDE, at - around), min(len(log_mel) - SIDE, at + around + 1)
     if high <= low:
         return seconds
-    change = [np.abs(log_mel[i:i + 3].mean(0) - log_mel[i - 3:i].mean(0)).mean() - 0.002 * abs(i - at) for i in range(low, high)]
-    return (low + int(np.argmax(change))) * 0.005
-
-
-def cut(library, x, said, classes, late):
-    """Yields (syllable, begin, end) in samples for those whose both ends are known. said: syllables; classes: {syllable:
-    class}; late: s by which the network says a syllable before (below 0) or after its end."""
-    known = [classes[s] for s in said if s in classes]
-    found = last_steps(posteriors(library, x), known) if known else None
-    if found is None:
-        return
-    log_mel = np.log(spectra.power(x, 80) @ spectra.mel() + 1.0)
-    found, end_before = iter(found), None
-    for i, s in enumerate(said):
-        if s not in classes:
-            end_before = None
-            continue
-        step, posterior = next(found)
-        end = (step + 1 - LEAD) * STEP - late
-        last = i + 1 == len(said)
-        end = min(end, len(x) / spectra.RATE) if last else boundary(log_mel, end)
-        begin = 0.0 if i == 0 else end_before
-        end_before = end
-        if posterior < SURE or begin is None:
-            continue
-        if i == 0 or last or SHORTEST <= end - begin <= LONGEST:
-            yield s, round(max(0.0, begin) * spectra.RATE), len(x) if last else round(end * spectra.RATE)
+    change = [np.abs(log_mel[i:i + SIDE].mean(0) - log_mel[i - SIDE:i].mean(0)).mean() for i in range(low, high)]
+    return (low + int(np.argmax(change))) / per_second

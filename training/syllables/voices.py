@@ -20,6 +20,7 @@ ACTIVE = 1e-3  # of the loudest frame's power: 30 dB
 EDGE = 2  # frames kept on either side of what is active
 LONGEST = 5.0  # s
 JOINED = "joined_from_syllables"  # flag of phrases that are not natural speech
+SYNTHETIC = "synthetic/"  # folder of what the synthesiser says, which says single syllables when asked
 SYNTHETIC_TONES = 2
 SPLICED_SHARE = 0.5  # of the syllables that can be spliced
 # Beside the phrase's own syllables every synthetic voice says its neighbours and some others.
@@ -37,13 +38,16 @@ def inventory():
     return {name: int(number) for number, name in rows}
 
 
-def pieces(corpus, split):
-    """Yields (speaker, syllables, samples)."""
+def pieces(corpus, split, cutter=None):
+    """Yields (speaker, syllables, samples); of words and sentences their syllables, too, if there is a cutter."""
     for clip in corpus.clips("mandarin", split):
         if clip.pinyin and JOINED not in clip.flags:
-            x = corpus.read(clip)
+            x, said = corpus.read(clip), clip.pinyin.split()
             if len(x) < LONGEST * spectra.RATE:
-                yield clip.speaker, clip.pinyin.split(), x
+                yield clip.speaker, said, x
+            if cutter and len(said) > 1 and not clip.path.startswith(SYNTHETIC):
+                for syllable, begin, end in cutter.cut(x, said):
+                    yield clip.speaker, [syllable], x[begin:end]
 
 
 def synthetic_pieces(split, seed, voices):
@@ -75,9 +79,10 @@ def active(x):
     return np.log(np.maximum(p, FLOOR))
 
 
-def build(corpus, path, split, seed, synthetic_voices=100, progress=lambda done, of: None):
+def build(corpus, path, split, seed, synthetic_voices=100, cutter=None, progress=lambda done, of: None):
     """Makes the bank of a split, unless it is there."""
-    description = {"corpus": corpus.digest(), "split": split, "synthetic_voices": synthetic_voices}
+    description = {"corpus": corpus.digest(), "split": split, "synthetic_voices": synthetic_voices,
+                   "cutter": cutter and cutter.digest}
     file = path / "voices.json"
     if file.exists() and {k: v for k, v in json.loads(file.read_text()).items() if k in description} == description:
         return
@@ -85,7 +90,7 @@ def build(corpus, path, split, seed, synthetic_voices=100, progress=lambda done,
     classes, rows, at = inventory(), [], 0
     total = len(corpus.clips("mandarin", split))
     with open(path / "spectra.f16", "wb") as f:
-        sources = [pieces(corpus, split)]
+        sources = [pieces(corpus, split, cutter)]
         if synthetic.available():
             sources.append(synthetic_pieces(split, seed, synthetic_voices))
         for source in sources:

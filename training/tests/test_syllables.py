@@ -12,7 +12,7 @@ from training.evaluate import device as devices
 from training.models import features, kws
 from training.scenes.audio import RATE
 from training.shared import ROOT
-from training.syllables import batch, decoder, spectra, texts, voices, waves
+from training.syllables import batch, cutting, decoder, spectra, splicing, texts, voices, waves
 from training.tasks import kws as task
 
 torch.set_num_threads(1)
@@ -49,6 +49,9 @@ class Bank:
         self.frequency = np.full(145, 1 / 144)
         self.frequency[0] = 0
 
+    def choose(self, rng, speaker, syllable):
+        return syllable
+
 
 def test_what_is_nearly_the_phrase_is_not_the_phrase():
     rng, known = np.random.default_rng(2), list(range(145))
@@ -75,6 +78,54 @@ def test_syllables_may_be_said_once_they_have_been_heard():
         for f, e, piece in zip(first, ends, pieces):
             assert int(e) - f == batch.EARLY or piece.frames > 10 * batch.BLOCK_FRAMES and e - f < 0.5 * piece.frames
         assert first == sorted(first) and last[-1] < 120
+
+
+@pytest.mark.parametrize("name, expected", [("liang", ("l", "iang", "i")), ("zhuang", ("zh", "uang", "u")),
+                                            ("ying", ("", "ing", "i")), ("shi", ("sh", "i", "-")), ("xu", ("x", "v", "v")),
+                                            ("ang", ("", "ang", "a"))])
+def test_syllables_fall_into_initial_and_final(name, expected):
+    assert splicing.parts(name) == expected
+
+
+class Recordings:
+    """Syllables as noise-free spectra: a consonant, a vowel, an ending, each one band of frequency."""
+
+    BANDS = {"l": 50, "i": 110, "a": 190, "n": 150}
+
+    def __init__(self, **pieces):
+        classes = voices.inventory()
+        self.spectra = [np.concatenate([self.sound(s, 20) for s in sounds]) for sounds in pieces.values()]
+        self.pieces = [["s", 0, len(x), [classes[name]], 0] for name, x in zip(pieces, self.spectra)]
+        self.syllables = {"s": {classes[name]: [i] for i, name in enumerate(pieces)}}
+
+    def sound(self, name, frames):
+        k = np.arange(spectra.BINS)
+        level = 12 if name in "ia" else 6  # vowels are loudest
+        return np.tile(np.float32(level - ((k - self.BANDS[name]) / 30)**2).clip(-6), (frames, 1))
+
+    def at(self, piece, frames):
+        return self.spectra[piece][np.clip(frames, 0, len(self.spectra[piece]) - 1).astype(int)]
+
+
+def test_a_splice_begins_as_one_syllable_and_ends_as_the_other():
+    bank = Recordings(li="li", nin="nin", lang="lan")
+    splices, rng, classes = splicing.Splices(bank), np.random.default_rng(4), voices.inventory()
+    splice = splices.choose(rng, "s", classes["lin"])
+    assert (splice.head, splice.tail) == (0, 1)
+    heard = splices.rows(splice, np.linspace(0, 0.999, splice.frames)).argmax(1)
+    changes = heard[np.flatnonzero(np.diff(heard, prepend=-1))]
+    assert abs(changes - [Recordings.BANDS[s] for s in "lin"]).max() <= 1
+    assert splices.choose(rng, "s", classes["ling"]) is None  # nobody ends in "ing"
+    assert splices.choose(rng, "s", classes["nang"]) is None  # "nin" and "lang" have no vowel in common
+
+
+def test_words_are_cut_where_their_syllables_end():
+    classes = [voices.LING, voices.LING, voices.DANG]
+    places, p = [10, 17, 24], said([10, 17, 24], classes=[voices.LING, voices.LING, voices.DANG])[0].exp().numpy()
+    assert [step for step, _ in cutting.last_steps(p, classes)] == places
+    assert cutting.last_steps(p[:2], classes) is None
+    log_mel = np.repeat([[1.0, 5.0], [3.0, 2.0]], [40, 60], axis=0)
+    assert cutting.boundary(log_mel, 0.22) == pytest.approx(0.2)
 
 
 def said(places, steps=40, classes=texts.PHRASE):
