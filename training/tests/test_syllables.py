@@ -94,7 +94,7 @@ class Recordings:
 
     def __init__(self, **pieces):
         classes = voices.inventory()
-        self.spectra = [np.concatenate([self.sound(s, 20) for s in sounds]) for sounds in pieces.values()]
+        self.spectra = [np.concatenate([self.sound(s, 20 if i else 8) for i, s in enumerate(sounds)]) for sounds in pieces.values()]
         self.pieces = [["s", 0, len(x), [classes[name]], 0] for name, x in zip(pieces, self.spectra)]
         self.syllables = {"s": {classes[name]: [i] for i, name in enumerate(pieces)}}
 
