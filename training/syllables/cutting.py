@@ -15,9 +15,10 @@ LEAD, TAIL = 4, 14  # steps of near silence around a clip
 QUIETEST = 1e-4  # of that near silence
 SMALLEST = 1e-6
 LATE = 0.04  # s behind a syllable's end at which the network has said it
-SURE = 0.3  # posterior of a syllable at its best step, at least
+SURE = 0.1  # posterior at a syllable's best step, above which the way through it is trusted
 SHORTEST, LONGEST = 0.08, 0.6  # s of a syllable
 SEARCH = 0.04  # s around a boundary
+AUDIBLE = 0.01  # of the loudest frame's power: where words begin and end
 FRAME, SIDE = 80, 3  # samples; frames compared on either side of a boundary
 
 
@@ -43,20 +44,23 @@ class Cutter:
         found = last_steps(self.posteriors(x), known) if known else None
         if found is None:
             return
-        log_mel = np.log(spectra.power(x, FRAME) @ spectra.mel() + 1.0)
-        found, begin = iter(found), 0.0
+        power = spectra.power(x, FRAME) @ spectra.mel()
+        loud = power @ spectra.level_weights()
+        spoken = np.flatnonzero(loud > AUDIBLE * loud.max()) * FRAME / spectra.RATE
+        log_mel = np.log(power + 1.0)
+        found, begin = iter(found), spoken[0]
         for i, syllable in enumerate(said):
             if syllable not in self.classes:  # nobody knows where it ends
                 begin = None
                 continue
             step, posterior = next(found)
-            end = len(x) / spectra.RATE
+            end = spoken[-1]
             if i + 1 < len(said):
                 end = boundary(log_mel, (step + 1 - LEAD) * engine.BLOCK / spectra.RATE - LATE)
-            at_edge = i in (0, len(said) - 1)  # where there may be silence beside it
-            if begin is not None and posterior > SURE and (at_edge or SHORTEST <= end - begin <= LONGEST):
+            sure = posterior > SURE
+            if begin is not None and sure and SHORTEST <= end - begin <= LONGEST:
                 yield syllable, round(begin * spectra.RATE), round(end * spectra.RATE)
-            begin = end
+            begin = end if sure else None
 
 
 def last_steps(p, classes):

@@ -140,19 +140,19 @@ def words(rng, bank, speaker, frames):
     return placed(rng, pieces, frames - pieces[-1].begin - pieces[-1].frames)
 
 
-def speaker_of(rng, speakers, weights=None, synthetic_share=0.25):
-    """weights: {speaker: weight}; else all are alike."""
+def speaker_of(rng, speakers, synthetic_share=0.25):
+    """speakers: {name: weight}."""
     made = [s for s in speakers if s.startswith("espeak-ng")]
     real = [s for s in speakers if not s.startswith("espeak-ng")]
     chosen = made if made and (not real or rng.random() < synthetic_share) else real
-    p = np.array([weights[s] if weights else 1.0 for s in chosen])
+    p = np.array([speakers[s] for s in chosen])
     return chosen[rng.choice(len(chosen), p=p / p.sum())]
 
 
 def utterance(rng, bank, kind, frames):
     """Pieces of an utterance of a kind: "phrase", "near miss", "string" or "words"; None if it came out too long."""
     if kind == "words" and bank.words:
-        return words(rng, bank, speaker_of(rng, list(bank.words), bank.words_weights), frames)
+        return words(rng, bank, speaker_of(rng, bank.word_speakers), frames)
     speaker, pause = speaker_of(rng, bank.speakers), None
     if kind in ("phrase", "near miss"):
         said, pause = (list(PHRASE), None) if kind == "phrase" else near_miss(rng, list(bank.syllables[speaker]))

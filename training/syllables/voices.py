@@ -127,9 +127,10 @@ class Voices:
         count[0] = 0
         self.frequency = 0.5 * count / max(1.0, count.sum()) + 0.5 * (np.arange(len(count)) > 0) / (len(count) - 1)
         # Somebody with one sentence is not heard as often as somebody with hundreds, nor is he forgotten.
-        self.words_weights = {s: sum(map(self.seconds, pieces))**0.5 for s, pieces in self.words.items()}
-        # Who can say the phrase.
-        self.speakers = [s for s, said in self.syllables.items() if LING in said and DANG in said]
+        self.word_speakers = {s: sum(map(self.seconds, pieces))**0.5 for s, pieces in self.words.items()}
+        # Who can say the phrase, and how often he does: more often with more syllables, but not in proportion.
+        self.speakers = {s: sum(map(len, said.values()))**0.25 for s, said in self.syllables.items()
+                         if LING in said and DANG in said}
         self.splices = splicing.Splices(self)
 
     def choose(self, rng, speaker, syllable):
