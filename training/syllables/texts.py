@@ -10,7 +10,7 @@ from .voices import DANG, LING
 PHRASE = (LING, DANG, LING, DANG)
 FRAMES_PER_SECOND = 100
 SYLLABLE = (0.13, 0.6)  # s, limits of the mean length of an utterance's syllables
-TYPICAL, SPREAD = 0.24, 0.42  # s; standard deviation of its logarithm
+TYPICAL, SPREAD = 0.26, 0.5  # s; standard deviation of its logarithm
 OUTSIDE_SHARE = 0.15  # of the syllables of a string, those the network has no class for
 LONGEST = 20  # syllables of a string
 NEUTRAL_SHARE = 0.12  # syllables said short and weak
