@@ -47,22 +47,22 @@ class Splice:
 
 
 class Splices:
-    def __init__(self, bank):
+    """classes: {syllable: class}."""
+
+    def __init__(self, bank, classes):
         self.bank, self.kept, self.places, self.donors = bank, {}, {}, {}
+        self.parts = {c: parts(name) for name, c in classes.items()}
 
     def of_speaker(self, speaker):
         """{class: (pieces to begin with, pieces to end with)}; class 0 has no name to go by."""
         if speaker not in self.donors:
-            from .voices import inventory
-            said = self.bank.syllables[speaker]
             heads, tails = collections.defaultdict(list), collections.defaultdict(list)
-            split = {c: parts(name) for name, c in inventory().items()}
-            for c, pieces in said.items():
+            for c, pieces in self.bank.syllables[speaker].items():
                 if c:
-                    initial, final, vowel = split[c]
+                    initial, final, vowel = self.parts[c]
                     heads[initial, vowel] += pieces
                     tails[final, vowel] += pieces
-            self.donors[speaker] = {c: (heads[i, v], tails[f, v]) for c, (i, f, v) in split.items() if i}
+            self.donors[speaker] = {c: (heads[i, v], tails[f, v]) for c, (i, f, v) in self.parts.items() if i}
         return self.donors[speaker]
 
     def choose(self, rng, speaker, syllable):

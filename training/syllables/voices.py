@@ -131,7 +131,7 @@ class Voices:
         # Who can say the phrase, and how often he does: more often with more syllables, but not in proportion.
         self.speakers = {s: sum(map(len, said.values()))**0.25 for s, said in self.syllables.items()
                          if LING in said and DANG in said}
-        self.splices = splicing.Splices(self)
+        self.splices = splicing.Splices(self, inventory())
 
     def choose(self, rng, speaker, syllable):
         """A piece in which the speaker says the class: a recorded one, or one spliced from two."""
@@ -141,7 +141,9 @@ class Voices:
 
     def rows(self, piece, u):
         """Log spectra of a piece at u, which runs from 0 to 1 over it."""
-        return self.splices.rows(piece, u) if isinstance(piece, splicing.Splice) else self.at(piece, u * self.pieces[piece][2])
+        if isinstance(piece, splicing.Splice):
+            return self.splices.rows(piece, u)
+        return self.at(piece, u * self.pieces[piece][2])
 
     def at(self, piece, frames):
         """Log spectra of a recorded piece at fractional frames."""

@@ -94,7 +94,8 @@ class Recordings:
 
     def __init__(self, **pieces):
         classes = voices.inventory()
-        self.spectra = [np.concatenate([self.sound(s, 20 if i else 8) for i, s in enumerate(sounds)]) for sounds in pieces.values()]
+        self.spectra = [np.concatenate([self.sound(s, 20 if i else 8) for i, s in enumerate(sounds)])
+                        for sounds in pieces.values()]
         self.pieces = [["s", 0, len(x), [classes[name]], 0] for name, x in zip(pieces, self.spectra)]
         self.syllables = {"s": {classes[name]: [i] for i, name in enumerate(pieces)}}
 
@@ -109,7 +110,8 @@ class Recordings:
 
 def test_a_splice_begins_as_one_syllable_and_ends_as_the_other():
     bank = Recordings(li="li", nin="nin", lang="lan")
-    splices, rng, classes = splicing.Splices(bank), np.random.default_rng(4), voices.inventory()
+    rng, classes = np.random.default_rng(4), voices.inventory()
+    splices = splicing.Splices(bank, classes)
     splice = splices.choose(rng, "s", classes["lin"])
     assert (splice.head, splice.tail) == (0, 1)
     heard = splices.rows(splice, np.linspace(0, 0.999, splice.frames)).argmax(1)
