@@ -24,6 +24,7 @@ FRAME_US = 64000
 SILENT_FRAMES = 2000  # 128 s; after some 112 s the cancellers' smoothed powers are denormal
 DIGEST_FRAMES = 40
 QUIET_LOAD = 0.5  # of the cores
+COLDER = 1.03  # times as long in the chain as alone, from which the caches are named
 
 
 def text_of(*command, **options):
@@ -204,13 +205,14 @@ def peak_section(found):
     networks = [row(name.replace("/quibo:", ", "), run) for name, run in found["networks"].items()]
     parts = [row(name, run) for name, run in layers.items()]
     recurrent = 3 * (layers["time_gru"]["cpu_time"] + layers["freq_gru"]["cpu_time"])
+    caches = f"""- The caches. Alone the echo suppressor takes {us(alone)} us, in the chain {us(chained)}: between two of its frames the other
+  modules' weights have taken the place of its own.
+""" if chained > COLDER * alone else ""
     return f"""{table(["network, kernels", *head], networks)}
 {table(["part of the echo suppressor", *head], parts)}
 What stands between the echo suppressor and the peak:
 
-- The caches. Alone the echo suppressor takes {us(alone)} us, in the chain {us(chained)}: between two of its frames the other
-  modules' weights have taken the place of its own.
-- The recurrent blocks, {us(recurrent)} us of a frame. Along frequency every position waits for the gates of the one before; along
+{caches}- The recurrent blocks, {us(recurrent)} us of a frame. Along frequency every position waits for the gates of the one before; along
   time the products are small, so that starting, ending and folding their sums weighs more.
 - Loads of 64 bytes that straddle two cache lines, since taps step by one value, and one broadcast per weight beside every
   eight multiplications and additions, in the convolutions.
