@@ -73,8 +73,10 @@ def quantise(task, config, folder, device):
     model = task.model().to(device)
     model.load_state_dict(train.averaged(folder))
     calibration = train.batches(task, config["seed"] + 1, "train", 0, config["quantise"]["calibration_batches"], 0)
+    quantised = folder / "quantised"
+    train.claim(quantised, train.trained_steps(folder))
     task.calibrate(model, ({name: value.to(device) for name, value in batch.items()} for batch in calibration))
-    train.train(task, config, folder / "quantised", device, model, "quantise")
+    train.train(task, config, quantised, device, model, "quantise")
 
 
 def trained(task, config, folder):

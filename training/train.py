@@ -4,6 +4,7 @@ Batch i is drawn from a generator seeded with (seed, i), so a run that was stopp
 """
 import contextlib
 import csv
+import json
 import math
 import os
 import pathlib
@@ -170,3 +171,13 @@ def averaged(folder):
 
 def trained_steps(folder):
     return int(weights(folder)[-1].stem.split("-")[1])
+
+
+def claim(folder, steps):
+    """Marks a training as the continuation of another one's first `steps` steps; refuses one that continues others, since
+    it would go on from them."""
+    mark = folder / "continues.json"
+    if (folder / "checkpoint.pt").exists() and (not mark.exists() or json.loads(mark.read_text()) != steps):
+        raise SystemExit(f"training: {folder} goes on from another float network than that of step {steps}: move it away")
+    folder.mkdir(parents=True, exist_ok=True)
+    mark.write_text(json.dumps(steps))

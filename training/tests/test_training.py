@@ -47,6 +47,14 @@ def test_a_stopped_run_goes_on_as_if_it_had_not_been_stopped(tmp_path):
         assert torch.equal(value, resumed.state_dict()[name]), name
 
 
+def test_a_continuation_belongs_to_the_training_it_continues(tmp_path):
+    train.claim(tmp_path, 100)
+    (tmp_path / "checkpoint.pt").touch()
+    train.claim(tmp_path, 100)
+    with pytest.raises(SystemExit, match="step 200"):
+        train.claim(tmp_path, 200)
+
+
 def test_the_average_is_that_of_the_last_checkpoints(tmp_path):
     for step, value in enumerate((100.0, 1.0, 3.0), 1):
         model = torch.nn.Linear(1, 1)
