@@ -86,6 +86,8 @@ def trained(task, config, folder):
         folder /= "quantised"
         set_mode(model, "codes")
     model.load_state_dict(train.averaged(folder))
+    if "operating_point" in config:
+        task.set_operating_point(model, **config["operating_point"])
     return deploy(model), folder
 
 
