@@ -105,7 +105,7 @@ class SceneData:
     def prepare_syllables(self):
         from .syllables import backgrounds, cutting, voices
         c = self.config["data"]
-        cutter = cutting.Cutter(self.library, self.cutter, voices.inventory()) if self.library and self.cutter else None
+        cutter = cutting.Cutter(self.library, self.cutter, voices.inventory()) if self.library else None
         for split in SPLITS:
             with Progress(f"voices, {split}") as progress:
                 voices.build(self.corpus, self.syllables_path / "voices" / split, split, SEED, c["synthetic_voices"],
