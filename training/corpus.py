@@ -3,8 +3,8 @@
 A corpus is a folder. Each of its folders may have a manifest.csv whose rows name an audio file
 (WAV, FLAC, Ogg, Opus, any rate; mono or mixed to mono) in the column `path`; further columns are
 read where they are there:
-  seconds, speaker, text, pinyin, pinyin_tones, flags (space-separated), licence, origin,
-  roles (space-separated), split
+  seconds, speaker, text, pinyin, pinyin_tones, ends (s at which each of its syllables ends),
+  flags (space-separated), licence, origin, roles (space-separated), split
 A folder without a manifest is taken file by file, the speaker being the file's folder. What a set
 of clips is for and who is held out is described in a TOML file, see corpora/default.toml.
 
@@ -48,6 +48,7 @@ class Clip:
     text: str = ""
     pinyin: str = ""
     pinyin_tones: str = ""
+    ends: str = ""
     flags: tuple = ()
     licence: str = ""
     origin: str = ""
@@ -218,7 +219,7 @@ class _Description:
             share=rule.get("share", 1.0),
             seconds=float(row.get("seconds") or 0.0),
             flags=tuple(flags),
-            **{k: row.get(k) or "" for k in ("text", "pinyin", "pinyin_tones", "licence", "origin")},
+            **{k: row.get(k) or "" for k in ("text", "pinyin", "pinyin_tones", "ends", "licence", "origin")},
         )
 
 

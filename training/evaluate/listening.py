@@ -1,8 +1,8 @@
 """The wake-up engine alone, on what the front end feeds it: the wake phrase, what is nearly it and hours of anything
 else, by speakers, in rooms and among noises it was not trained with.
 
-Phrases are joined from isolated syllables of test speakers, each with a length and a place of its own; every utterance is
-heard in every condition of its set. What the engine hears is made once and kept (mixes are a function of seed and number).
+Phrases are joined from isolated syllables of test speakers, each with a length and a place of its own, or fluent: clips in
+which a test speaker says the whole. Every utterance is heard in every condition of its set. What the engine hears is made once and kept (mixes are a function of seed and number).
 The microphones' mean goes to the engine; where the device plays, each microphone goes through the canceller first.
 """
 import ctypes
@@ -24,7 +24,7 @@ from training.models import kws
 from training.scenes.audio import RATE, active_power, gain
 from training.scenes.bank import load_bank
 from training.shared import ROOT
-from training.syllables import decoder, texts, waves
+from training.syllables import decoder, texts, voices, waves
 
 SEED = 20260102
 LEAD, AFTER = 2.0, 1.2  # s before and behind an utterance
@@ -44,7 +44,7 @@ THIRD = np.float32(0.3333333)
 CONDITIONS = (("quiet", QUIET, None), ("noise 10 dB", 10.0, None), ("noise 5 dB", 5.0, None),
               ("music played, -10 dB", QUIET, -10.0))
 SETS = {"phrase": (200, CONDITIONS), "slow phrase": (100, CONDITIONS[:2]), "one syllable off": (300, CONDITIONS[:2]),
-        "other order": (150, CONDITIONS[:1])}
+        "other order": (150, CONDITIONS[:1]), "fluent phrase": (200, CONDITIONS), "fluent near miss": (300, CONDITIONS[:2])}
 PHRASES = ("phrase", "slow phrase")
 
 
@@ -54,6 +54,35 @@ def speakers(corpus):
     for clip in corpus.clips("mandarin", scenes.SPLIT):
         said.setdefault(clip.speaker, set()).add(clip.pinyin)
     return sorted(s for s, names in said.items() if {"ling", "dang"} <= names)
+
+
+def fluent(corpus, what):
+    """{test speaker: clips} of the phrase, or of what is nearly the phrase."""
+    found, classes = {}, voices.inventory()
+    for clip in corpus.clips("mandarin", scenes.SPLIT):
+        said = [classes.get(s, 0) for s in clip.pinyin.split()]
+        is_phrase = tuple(said) == texts.PHRASE
+        close = len(said) == len(texts.PHRASE) and sum(c in texts.PHRASE for c in said) > 1
+        if clip.ends and (is_phrase if what == "fluent phrase" else close and not is_phrase):
+            found.setdefault(clip.speaker, []).append(clip)
+    return found
+
+
+class Sayings:
+    """What a set's utterances are, by its speakers."""
+
+    def __init__(self, corpus, what):
+        self.corpus, self.what, self.fluent = corpus, what, what.startswith("fluent")
+        of = fluent(corpus, what) if self.fluent else {s: waves.Clips(corpus, s, scenes.SPLIT) for s in speakers(corpus)}
+        self.clips, self.speakers = of, sorted(of)
+
+    def draw(self, rng, speaker):
+        """The wave of an utterance and its syllables' classes."""
+        if not self.fluent:
+            return utterance(rng, self.clips[speaker], speaker, self.what)
+        clip = self.clips[speaker][rng.integers(len(self.clips[speaker]))]
+        classes = voices.inventory()
+        return sources.levelled(waves.trimmed(self.corpus.read(clip))), [classes.get(s, 0) for s in clip.pinyin.split()]
 
 
 def utterance(rng, clips, speaker, what):
@@ -80,10 +109,10 @@ def mix(microphones):
     return (microphones.astype(np.float32).sum(0) * THIRD).astype(np.int16)
 
 
-def heard(device, corpus, rooms, clips, speaker, what, number, conditions):
+def heard(device, corpus, rooms, sayings, number, conditions):
     """Yields (condition, int16 wave, s at which the utterance ends, classes)."""
-    rng = np.random.default_rng([SEED, list(SETS).index(what), number])
-    dry, said = utterance(rng, clips, speaker, what)
+    rng = np.random.default_rng([SEED, list(SETS).index(sayings.what), number])
+    dry, said = sayings.draw(rng, sayings.speakers[number % len(sayings.speakers)])
     end = len(dry)
     room = rooms.draw(rng, scenes.SPLIT)
     way = int(rooms.rooms["onset"][room][0][0]) - scenes.SIMULATOR_DELAY
@@ -149,17 +178,17 @@ def prepare(device, corpus, rooms, folder, hours):
     """{set: Kept}; hours of what is not the phrase."""
     folder.mkdir(parents=True, exist_ok=True)
     others, kept = scenes.without_phrases(corpus), {}
-    chosen = speakers(corpus)
-    if not chosen:
+    if not speakers(corpus):
         raise SystemExit("no test speaker says 'ling' and 'dang' by themselves")
-    clips = {speaker: waves.Clips(corpus, speaker, scenes.SPLIT) for speaker in chosen}
     for what, (count, conditions) in SETS.items():
+        sayings = Sayings(corpus, what)
         def utterances():
             for number in tqdm.trange(count, desc=what, mininterval=60):
-                speaker = chosen[number % len(chosen)]
-                for name, wave, end, said in heard(device, others, rooms, clips[speaker], speaker, what, number, conditions):
+                speaker = sayings.speakers[number % len(sayings.speakers)]
+                for name, wave, end, said in heard(device, others, rooms, sayings, number, conditions):
                     yield wave, {"condition": name, "end": end, "said": said, "speaker": speaker}
-        kept[what] = Kept(folder, what.replace(" ", "_")).make(utterances())
+        if sayings.speakers:
+            kept[what] = Kept(folder, what.replace(" ", "_")).make(utterances())
     stretches = ((without_phrase(device, others, rooms, i), {"condition": ("talk", "playback")[i % 2]})
                  for i in tqdm.trange(round(hours * 3600 / STRETCH), desc="without the phrase", mininterval=60))
     kept["without"] = Kept(folder, f"without_{hours:g}_h").make(stretches)
@@ -233,7 +262,7 @@ def table(results):
     lines = []
     for listener, result in results.items():
         lines.append(listener)
-        for what in (*SETS, "without"):
+        for what in (w for w in (*SETS, "without") if w in result):
             for name, r in result[what].items():
                 if what == "without":
                     lines.append(f"  {'wakes without the phrase, ' + name:45} {r['n']} in {r['hours']:.2f} h: "

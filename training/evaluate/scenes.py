@@ -147,6 +147,8 @@ def spoken_phrase(corpus, others, rooms, number):
     """
     rng = generator("wake", number)
     clips = phrases(corpus)
+    # Joined from isolated syllables and fluent ones in turns.
+    clips = [c for c in clips if bool(c.ends) == bool(number % 2)] or clips
     clip = clips[rng.integers(len(clips))]
     room = rooms.draw(rng, SPLIT)
     start = LEAD_FRAMES * FRAME

@@ -143,15 +143,16 @@ def alignment(pieces, steps):
     all that is certain."""
     labels, first, last, middle, certain = [], [], [], [], True
     for piece in pieces or ():
-        length = piece.frames / len(piece.said) / BLOCK_FRAMES
-        for i, c in enumerate(piece.said):
+        ends = piece.ends or [(i + 1) / len(piece.said) for i in range(len(piece.said))]
+        for i, (c, begin, end) in enumerate(zip(piece.said, [0.0, *ends], ends)):
             if c == 0:
                 continue
-            end = (piece.begin + piece.frames * (i + 1) / len(piece.said)) / BLOCK_FRAMES
-            inside = len(piece.said) > 1 and (i + 1 < len(piece.said) or len(piece.said) > 4)
+            length = (end - begin) * piece.frames / BLOCK_FRAMES
+            end = (piece.begin + piece.frames * end) / BLOCK_FRAMES
+            inside = not piece.ends and len(piece.said) > 1 and (i + 1 < len(piece.said) or len(piece.said) > 4)
             doubt = (0.4 if len(piece.said) <= 4 else 3.0) * length + 1 if inside else 0.0  # sentences have pauses
             slow = max(0, int(length - SLOW) // 2)
-            certain &= len(piece.said) == 1
+            certain &= len(piece.said) == 1 or piece.ends is not None
             labels.append(c)
             first.append(max(0, int(end - doubt) - slow - EARLY))
             last.append(min(steps - 1, int(end + doubt) + LATE))

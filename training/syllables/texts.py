@@ -5,9 +5,8 @@ import math
 import numpy as np
 
 from . import voices
-from .voices import DANG, LING
+from .voices import DANG, LING, PHRASE, holds_phrase
 
-PHRASE = (LING, DANG, LING, DANG)
 FRAMES_PER_SECOND = 100
 SYLLABLE = (0.13, 0.6)  # s, limits of the mean length of an utterance's syllables
 TYPICAL, SPREAD = 0.26, 0.5  # s; standard deviation of its logarithm
@@ -16,6 +15,10 @@ LONGEST = 20  # syllables of a string
 NEUTRAL_SHARE = 0.12  # syllables said short and weak
 TOO_LONG = (0.95, 1.5)  # s between the halves of what is no longer the phrase
 FASTEST = 1.35  # by which a sentence is sped up to fit
+RATE = (0.6, 1.7)  # times the tempo in which something was said
+CONNECTED_SHARE = 0.5  # of the phrases and near misses, those that were said as a whole
+# How often recordings, a neural synthesiser's and a formant synthesiser's voices are heard, by how their names begin.
+GROUPS = {"espeak-ng ": 0.15, "neural ": 0.45, "": 0.4}
 
 
 @dataclasses.dataclass
@@ -23,8 +26,9 @@ class Piece:
     number: object  # of the bank: what its choose() gave, or one of its pieces
     begin: float  # frames of 10 ms
     frames: float
-    said: tuple  # classes, evenly spread over it
+    said: tuple  # classes
     decibels: float = 0.0
+    ends: tuple = None  # shares of the frames at which each ends; None: they are evenly spread, as far as is known
 
 
 def one_off(rng, known):
@@ -55,10 +59,6 @@ def near_miss(rng, known):
             said, pause = list(PHRASE), 1
         if pause is not None or not holds_phrase(said):
             return said, pause
-
-
-def holds_phrase(said):
-    return any(tuple(said[i:i + 4]) == PHRASE for i in range(len(said) - 3))
 
 
 def some(rng, bank, speaker, count):
@@ -113,46 +113,75 @@ def placed(rng, pieces, spare):
     return pieces
 
 
-def words(rng, bank, speaker, frames):
-    """Words and sentences as somebody said them, one after the other."""
-    pieces, at, rate = [], 0.0, None
+def words(rng, bank, speaker, frames, core=None):
+    """Words and sentences as somebody said them, one after the other; around the piece `core`, if there is one."""
+    available = frames / FRAMES_PER_SECOND
+    speed, pieces, at, said = Speed(rng, bank), [], 0.0, []
+    before = int(rng.integers(2)) if core is not None and rng.random() < 0.4 else 0
     while True:
-        number = int(rng.choice(bank.words[speaker]))
-        said = tuple(bank.pieces[number][3])
-        seconds = bank.seconds(number)
-        if len(said) <= 4:  # citation forms
-            rate = rate or rng.uniform(1.0, 1.8)
-            seconds /= rate
-        else:
-            seconds /= rng.uniform(0.9, 1.15)
-            fits = frames / FRAMES_PER_SECOND - at
-            if not pieces and fits < seconds < fits * FASTEST:
-                seconds = 0.99 * fits
-        length = seconds * FRAMES_PER_SECOND
-        if at * FRAMES_PER_SECOND + length > frames:
-            if pieces or len(said) > 4:
+        ours = core is not None and len(pieces) == before
+        if not ours and core is not None and len(pieces) > before and rng.random() < 0.7:
+            break
+        if not ours and not bank.words[speaker]:
+            return None
+        number = core if ours else int(rng.choice(bank.words[speaker]))
+        _, _, _, classes, ends, _ = bank.pieces[number]
+        seconds = speed(number, classes, ends, available - at if not pieces else None)
+        if at + seconds > available:
+            if len(pieces) > (before if core is not None else 0) or len(classes) > 4 or ours:
                 break
             continue
-        pieces.append(Piece(number, at * FRAMES_PER_SECOND, length, said, rng.normal(0, 1)))
+        pieces.append(Piece(number, at * FRAMES_PER_SECOND, seconds * FRAMES_PER_SECOND, tuple(classes), rng.normal(0, 1),
+                            ends and tuple(ends)))
+        said += classes
         at += seconds + rng.uniform(0.0, 0.3)
-    if not pieces:
+    complete = pieces and (core is None or len(pieces) > before)
+    if not complete or holds_phrase(said) != (core is not None and holds_phrase(bank.pieces[core][3])):
         return None
     return placed(rng, pieces, frames - pieces[-1].begin - pieces[-1].frames)
 
 
-def speaker_of(rng, speakers, synthetic_share=0.25):
+class Speed:
+    """Seconds a recorded piece takes in an utterance of one tempo."""
+
+    def __init__(self, rng, bank):
+        self.rng, self.bank, self.citation, self.length = rng, bank, rng.uniform(1.0, 1.8), tempo(rng)
+
+    def __call__(self, number, classes, ends, fits):
+        """fits: s into which a sentence is to be brought, if a little haste does it."""
+        seconds = self.bank.seconds(number)
+        if ends:  # spoken fluently
+            return seconds / np.clip(seconds / len(classes) / self.length, *RATE)
+        if len(classes) <= 4:  # citation forms
+            return seconds / self.citation
+        seconds /= self.rng.uniform(0.9, 1.15)
+        return 0.99 * fits if fits and fits < seconds < fits * FASTEST else seconds
+
+
+def speaker_of(rng, speakers):
     """speakers: {name: weight}."""
-    made = [s for s in speakers if s.startswith("espeak-ng")]
-    real = [s for s in speakers if not s.startswith("espeak-ng")]
-    chosen = made if made and (not real or rng.random() < synthetic_share) else real
+    groups = {}
+    for name in speakers:
+        groups.setdefault(next(g for g in GROUPS if name.startswith(g)), []).append(name)
+    p = np.array([GROUPS[g] for g in groups])
+    chosen = list(groups.values())[rng.choice(len(p), p=p / p.sum())]
     p = np.array([speakers[s] for s in chosen])
     return chosen[rng.choice(len(chosen), p=p / p.sum())]
+
+
+def said_as_a_whole(rng, bank, whole, frames):
+    """whole: {speaker: pieces}, one of which is said."""
+    speaker = speaker_of(rng, dict.fromkeys(whole, 1.0))
+    return words(rng, bank, speaker, frames, int(rng.choice(whole[speaker])))
 
 
 def utterance(rng, bank, kind, frames):
     """Pieces of an utterance of a kind: "phrase", "near miss", "string" or "words"; None if it came out too long."""
     if kind == "words" and bank.words:
         return words(rng, bank, speaker_of(rng, bank.word_speakers), frames)
+    whole = {"phrase": bank.phrases, "near miss": bank.near_misses}.get(kind)
+    if whole and rng.random() < CONNECTED_SHARE:
+        return said_as_a_whole(rng, bank, whole, frames)
     speaker, pause = speaker_of(rng, bank.speakers), None
     if kind in ("phrase", "near miss"):
         said, pause = (list(PHRASE), None) if kind == "phrase" else near_miss(rng, list(bank.syllables[speaker]))

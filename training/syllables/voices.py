@@ -1,8 +1,9 @@
 """Recorded and synthetic Mandarin as spectra, cut to where the voice is: what utterances are put together from.
 
 A bank is a folder for one split:
-  voices.json    corpus and split; per piece: speaker, first frame, frames, classes of its syllables (0 = another one)
-  spectra.f16    [frames, 257] float16, log power spectra every HOP samples; every piece's active power is 1
+  voices.json    corpus and split; per piece: speaker, first frame, frames, classes of its syllables (0 = another one),
+                 where each ends (shares of the frames) or null
+  spectra.f16    [frames, 257] float16, log power spectra every HOP samples; every clip's active power is 1
 """
 import collections
 import functools
@@ -27,6 +28,8 @@ SPLICED_SHARE = 0.5  # of the syllables that can be spliced
 SYNTHETIC_OTHERS = 40
 FLOOR = 1e-3  # power below int16 steps
 LING, DANG = 125, 2
+PHRASE = (LING, DANG, LING, DANG)
+SHORTEST = 10  # frames of a syllable
 LIKE_LING = "li lie lin ning leng lang liang ding ming ping ting bing ying xing qing jing long yin nin".split()
 LIKE_DANG = "bang deng dong fang da dan dai tang gang zhang lang mang pang ang cang zang nang hang kang dao dou".split()
 
@@ -39,15 +42,17 @@ def inventory():
 
 
 def pieces(corpus, split, cutter=None):
-    """Yields (speaker, syllables, samples); of words and sentences their syllables, too, if there is a cutter."""
+    """Yields (speaker, syllables, samples, samples at which each syllable ends or None); of words and sentences in which
+    nobody says that, their syllables, too, if there is a cutter."""
     for clip in corpus.clips("mandarin", split):
         if clip.pinyin and JOINED not in clip.flags:
             x, said = corpus.read(clip), clip.pinyin.split()
+            ends = [round(float(s) * spectra.RATE) for s in clip.ends.split()] or None
             if len(x) < LONGEST * spectra.RATE:
-                yield clip.speaker, said, x
-            if cutter and len(said) > 1 and not clip.path.startswith(SYNTHETIC):
+                yield clip.speaker, said, x, ends
+            if cutter and not ends and len(said) > 1 and not clip.path.startswith(SYNTHETIC):
                 for syllable, begin, end in cutter.cut(x, said):
-                    yield clip.speaker, [syllable], x[begin:end]
+                    yield clip.speaker, [syllable], x[begin:end], None
 
 
 def synthetic_pieces(split, seed, voices):
@@ -61,22 +66,24 @@ def synthetic_pieces(split, seed, voices):
         chosen = ["ling", "dang"] * 2 + LIKE_LING + LIKE_DANG + list(rng.choice(names, SYNTHETIC_OTHERS, replace=False))
         for name in chosen:
             for tone in rng.choice(4, SYNTHETIC_TONES, replace=False) + 1:
-                yield speaker, [name], synthetic.syllable(variant, f"{name}{tone}", int(rng.integers(130, 200)),
-                                                          int(rng.integers(20, 80)))
+                x = synthetic.syllable(variant, f"{name}{tone}", int(rng.integers(130, 200)), int(rng.integers(20, 80)))
+                yield speaker, [name], x, None
         voices -= 1
         if voices == 0:
             return
 
 
 def active(x):
-    """Log spectra of the part of a clip in which somebody speaks, its active power brought to 1; None if there is none."""
+    """Log spectra of the part of a clip in which somebody speaks, its active power brought to 1, and its first frame;
+    None if there is none."""
     p = spectra.power(x, HOP)
     loud = p @ spectra.mel() @ spectra.level_weights()
     if loud.max() < 1e-9:
         return None
     on = np.flatnonzero(loud > ACTIVE * loud.max())
-    p = p[max(0, on[0] - EDGE):on[-1] + 1 + EDGE] / loud[on].mean()
-    return np.log(np.maximum(p, FLOOR))
+    first = max(0, on[0] - EDGE)
+    p = p[first:on[-1] + 1 + EDGE] / loud[on].mean()
+    return np.log(np.maximum(p, FLOOR)), int(first)
 
 
 def build(corpus, path, split, seed, synthetic_voices=100, cutter=None, progress=lambda done, of: None):
@@ -94,21 +101,31 @@ def build(corpus, path, split, seed, synthetic_voices=100, cutter=None, progress
         if synthetic.available():
             sources.append(synthetic_pieces(split, seed, synthetic_voices))
         for source in sources:
-            for speaker, said, x in source:
-                spectrum = active(x)
-                if spectrum is not None:
+            for speaker, said, x, ends in source:
+                found, said = active(x), [classes.get(s, 0) for s in said]
+                if found is not None:
+                    spectrum, first = found
                     f.write(spectrum.astype(np.float16).tobytes())
-                    rows.append([speaker, at, len(spectrum), [classes.get(s, 0) for s in said]])
-                    at += len(spectrum)
+                    frames = len(spectrum)
+                    places = ends and [min(frames, max(0, e // HOP - first)) for e in ends]
+                    rows.append([speaker, at, frames, said, ends and [p / frames for p in places]])
+                    if ends:
+                        rows += [[speaker, at + begin, end - begin, [c], None]
+                                 for c, begin, end in zip(said, [0, *places], places) if end - begin >= SHORTEST]
+                    at += frames
                 progress(len(rows), max(total, len(rows)))
     file.write_text(json.dumps(description | {"frames": at, "pieces": rows}))
+
+
+def holds_phrase(said):
+    return any(tuple(said[i:i + 4]) == PHRASE for i in range(len(said) - 3))
 
 
 class Voices:
     """Built banks, as one."""
 
     def __init__(self, *paths):
-        self.pieces, self.spectra = [], []  # pieces: speaker, first frame, frames, classes, bank
+        self.pieces, self.spectra = [], []  # pieces: speaker, first frame, frames, classes, ends, bank
         for path in paths:
             description = json.loads((path / "voices.json").read_text())
             self.pieces += [[*piece, len(self.spectra)] for piece in description["pieces"]]
@@ -116,11 +133,17 @@ class Voices:
             self.spectra.append(np.memmap(path / "spectra.f16", np.float16, "r", shape=shape))
         self.syllables = collections.defaultdict(lambda: collections.defaultdict(list))  # speaker -> class -> pieces
         self.words = collections.defaultdict(list)  # speaker -> pieces of several syllables
+        # The same for the phrase and for what is nearly it, said as people say it.
+        self.phrases, self.near_misses = collections.defaultdict(list), collections.defaultdict(list)
         count = np.zeros(len(inventory()) + 1)
-        for i, (speaker, _, _, said, _) in enumerate(self.pieces):
+        for i, (speaker, _, _, said, _, _) in enumerate(self.pieces):
             if len(said) == 1:
                 self.syllables[speaker][said[0]].append(i)
-            else:
+            elif tuple(said) == PHRASE:
+                self.phrases[speaker].append(i)
+            elif said.count(LING) + said.count(DANG) > 1 and not holds_phrase(said):
+                self.near_misses[speaker].append(i)
+            elif not holds_phrase(said):
                 self.words[speaker].append(i)
                 np.add.at(count, said, 1)
         # Syllables are drawn half by their frequency in words and sentences, half evenly; class 0 apart.
@@ -147,7 +170,7 @@ class Voices:
 
     def at(self, piece, frames):
         """Log spectra of a recorded piece at fractional frames."""
-        _, first, count, _, bank = self.pieces[piece]
+        _, first, count, _, _, bank = self.pieces[piece]
         frames = np.clip(frames, 0, count - 1.001)
         low = frames.astype(int)
         part = np.float32(frames - low)[:, None]

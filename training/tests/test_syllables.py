@@ -1,6 +1,7 @@
 """What the wake-up network learns from, and the decoder's score it is trained on."""
 
 import ctypes
+import random
 
 import numpy as np
 import pytest
@@ -10,6 +11,8 @@ import torch
 from training import engine
 from training.evaluate import device as devices
 from training.models import features, kws
+from training.neural_voices import __main__ as speech
+from training.neural_voices import lines
 from training.scenes.audio import RATE
 from training.shared import ROOT
 from training.syllables import batch, cutting, decoder, spectra, splicing, texts, voices, waves
@@ -128,6 +131,32 @@ def test_words_are_cut_where_their_syllables_end():
     assert cutting.last_steps(p[:2], classes) is None
     log_mel = np.repeat([[1.0, 5.0], [3.0, 2.0]], [40, 60], axis=0)
     assert cutting.boundary(log_mel, 0.22) == pytest.approx(0.2)
+
+
+def test_a_synthesiser_s_attention_tells_where_syllables_end():
+    """Though after a pause has begun it may rest on the end of the line."""
+    chain, row = 2, [11, 40, 72, 2, 7, 33, 75, 2, 131, 2, 15, 47, 72, 2, 1, 0]  # two syllables, a pause, another one
+    symbols = [0, 1, 1, 2, 4, 5, 6, 6, 8, 15, 15, 10, 11, 12, 12]
+    attention = np.eye(len(row))[symbols]
+    found, rests = speech.spans(attention, row, chain)
+    assert [found[n] for n in (0, 1)] == [(0, 4), (4, 8)] and found[3] == (11, 15)
+    samples = np.zeros(15 * speech.HOP)
+    some = list(speech.clips(np.tile(samples, 10), np.repeat(attention, 10, 0), row, [["a1", "b2"], ["c3"]], chain))
+    assert [said for said, _, _ in some] == [["a1", "b2"], ["c3"]]
+    assert some[0][2] == pytest.approx([n * 10 * speech.HOP / speech.RATE for n in (4, 8)])
+
+
+def test_lines_for_a_synthesiser_are_equally_long_and_say_what_they_claim():
+    known = sorted(voices.inventory())
+    source = lines.Lines(random.Random(1), [["ling2", "mu4"], ["ma1"] * 20], known)
+    phrases = 0
+    for _ in range(300):
+        line = source.line()
+        assert len(line) == lines.GROUPS and sum(map(len, line)) == lines.SYLLABLES
+        phrases += sum([s[:-1] for s in group] == ["ling", "dang"] * 2 for group in line)
+        assert all(s[:-1] in known and s[-1] in "12345" for group in line for s in group)
+    assert phrases > 50
+    assert all([s[:-1] for s in source.near_miss()] != ["ling", "dang"] * 2 for _ in range(300))
 
 
 def said(places, steps=40, classes=texts.PHRASE):

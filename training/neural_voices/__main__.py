@@ -1,0 +1,167 @@
+"""Mandarin by the voices of a neural synthesiser, with the places of the syllables, as a folder of a training corpus.
+
+Two dozen voices that speak connectedly, where recordings are isolated syllables of few. The synthesiser is a package of
+its own (requirements.txt); where in a clip each syllable ends is read off its attention.
+"""
+import argparse
+import csv
+import hashlib
+import importlib.util
+import pathlib
+import random
+import sys
+
+import numpy as np
+import soundfile
+import torch
+import tqdm
+from scipy import signal
+
+from training.neural_voices import lines
+
+RATE, HOP = 22050, 256  # of the synthesiser
+OUT_RATE = 16000
+STEPS = 450  # the longest line takes less
+ENDED = 0.5  # gate at which an utterance is over
+SURE = 0.5  # attention a syllable gets in one of its frames, at least
+SMALLEST = 1e-4
+MARGIN = 0.06  # s kept around a group
+SHORTEST, LONGEST = 0.06, 0.7  # s of a syllable that can be right
+SAMPLE_RANGE = 32768.0
+LICENCE = "ttskit, MIT"
+# One of the package's voices is left out: the recordings it was made from are not for commercial use.
+VOICES = ("Aibao Aicheng Aida Aijia Aijing Aimei Aina Aiqi Aitong Aiwei Aixia Aiya Aiyu Aiyue Siyue Xiaobei Xiaogang "
+          "Xiaomei Xiaomeng Xiaowei Xiaoxue Xiaoyun Yina").split()
+# What is half one voice and half another is a voice, too. None of them has a part in a voice that is held out.
+MIXED = ("Aicheng+Aiyue Aicheng+Aibao Xiaogang+Aina Xiaogang+Xiaowei Aicheng+Xiaogang Aibao+Yina Aitong+Xiaoyun "
+         "Aiwei+Aijia Aixia+Xiaoxue Aiya+Aicheng Xiaomeng+Xiaogang Aimei+Aitong").split()
+
+
+class Synthesiser:
+    def __init__(self):
+        package = pathlib.Path(importlib.util.find_spec("ttskit").origin).parent
+        sys.path.append(str(package))  # its stored models name their modules so
+        from mellotron import text
+        from phkit.chinese.phoneme import shengyun2ph_dict
+        folder = package / "resource" / "model"
+        self.text = text
+        self.speech = torch.load(folder / "mellotron.kuangdd-mspk.pt", map_location="cpu")
+        self.vocoder = torch.load(folder / "melgan.kuangdd.pt", map_location="cpu")
+        self.speech.decoder.max_decoder_steps = STEPS
+        self.speech.eval()
+        self.vocoder.eval()
+        self.known = sorted(shengyun2ph_dict)
+
+    @staticmethod
+    def speaker(name):
+        """The mean of what the package makes of the names."""
+        of = [[(int(digit, 16) - 7) / 10 for digit in hashlib.md5(n.encode()).hexdigest()] for n in name.split("+")]
+        return np.mean(of, axis=0).tolist()
+
+    @torch.no_grad()
+    def speak(self, name, texts):
+        """Texts (groups of syllables) of equal length -> per text samples and attention [frames, symbols], symbols."""
+        rows = [self.text.text_to_sequence(" , ".join(" ".join(group) for group in text) + " .", "pinyin") for text in texts]
+        mel, gate, attention = self.mel(torch.tensor(rows), torch.tensor([self.speaker(name)] * len(rows)))
+        for i, row in enumerate(rows):
+            over = np.flatnonzero(torch.sigmoid(gate[i]).numpy() > ENDED)
+            over = over[over > len(row) // 2]
+            frames = int(over[0]) if len(over) else mel.shape[2]
+            yield self.vocoder.inference(mel[i:i + 1, :, :frames]).numpy() / SAMPLE_RANGE, attention[i, :frames].numpy(), row
+
+    def mel(self, symbols, speakers):
+        _, mel, gate, attention = self.speech.inference((symbols, 0, speakers, None))
+        return mel, gate.reshape(len(symbols), -1), attention
+
+
+def spans(attention, row, chain):
+    """First frame and the one behind the last of each syllable and pause of a line, along the best way through the
+    attention that takes them one after the other: once a pause has begun, it may rest anywhere."""
+    number = np.cumsum([0] + [symbol == chain for symbol in row[:-1]])
+    rests = np.stack([attention[:, number == n].sum(1) for n in range(number[-1])])  # [syllables and pauses, frames]
+    scores = np.log(rests + SMALLEST)
+    best, moved = np.full(len(scores), -np.inf), []
+    best[0] = 0.0
+    for column in scores.T:
+        before = np.concatenate([[-np.inf], best[:-1]])
+        moved.append(before >= best)
+        best = np.maximum(best, before) + column
+    at, way = len(scores) - 1, []
+    for frame in reversed(range(len(moved))):
+        way.append(at)
+        at -= moved[frame][at]
+    way = np.array(way[::-1])
+    return [(int(np.searchsorted(way, n)), int(np.searchsorted(way, n, "right"))) for n in range(len(scores))], rests
+
+
+def clips(samples, attention, row, text, chain):
+    """Yields (syllables, samples, ends in s) of the groups that came out right."""
+    (found, rests), at = spans(attention, row, chain), 0
+    for group in text:
+        numbers = range(at, at + len(group))
+        at += len(group) + 1  # and the pause
+        places = [found[n] for n in numbers]
+        lengths = [(end - begin) * HOP / RATE for begin, end in places]
+        sure = all(rests[n, begin:end].max(initial=0) > SURE for n, (begin, end) in zip(numbers, places))
+        if not sure or min(lengths) < SHORTEST or max(lengths) > LONGEST:
+            continue
+        begin = max(0, round(places[0][0] * HOP - MARGIN * RATE))
+        end = min(len(samples), round(places[-1][1] * HOP + MARGIN * RATE))
+        yield group, samples[begin:end], [(e * HOP - begin) / RATE for _, e in places]
+
+
+def main(argv=None):
+    parser = argparse.ArgumentParser(prog="python -m training.neural_voices", description=__doc__)
+    parser.add_argument("out", type=pathlib.Path, help="folder to make, in a corpus")
+    parser.add_argument("--texts", type=pathlib.Path, help="corpus whose words are said; without it strings of syllables")
+    parser.add_argument("--lines", type=int, default=160, help="of three groups, per voice")
+    parser.add_argument("--batch", type=int, default=32)
+    parser.add_argument("--voices", nargs="*", default=[*VOICES, *MIXED])
+    arguments = parser.parse_args(argv)
+    torch.set_num_threads(1)
+    synthesiser = Synthesiser()
+    chain = synthesiser.text.text_to_sequence("a1", "pinyin")[3]
+    recorded = lines.words(arguments.texts) if arguments.texts else []
+    arguments.out.mkdir(parents=True, exist_ok=True)
+    for name in tqdm.tqdm(arguments.voices, mininterval=30):
+        manifest = arguments.out / f"{name}.csv"
+        if manifest.exists():
+            continue
+        source, rows = lines.Lines(random.Random(name), recorded, synthesiser.known), []
+        texts = [source.line() for _ in range(arguments.lines)]
+        torch.manual_seed(len(name))
+        for start in range(0, len(texts), arguments.batch):
+            some = texts[start:start + arguments.batch]
+            for text, spoken in zip(some, synthesiser.speak(name, some)):
+                for said, samples, ends in clips(*spoken, text, chain):
+                    path = f"{name}/{len(rows):05d}.wav"
+                    x = signal.resample_poly(samples, 320, 441)
+                    (arguments.out / name).mkdir(exist_ok=True)
+                    soundfile.write(arguments.out / path, np.clip(x, -1, 1), OUT_RATE, subtype="PCM_16")
+                    rows.append({"path": path, "seconds": f"{len(x) / OUT_RATE:.3f}", "speaker": f"neural {name}",
+                                 "pinyin": " ".join(s[:-1] for s in said), "pinyin_tones": " ".join(said),
+                                 "ends": " ".join(f"{e:.3f}" for e in ends), "licence": LICENCE})
+        print(f"{name}: {len(rows)} of {lines.GROUPS * len(texts)} groups", file=sys.stderr)
+        write(manifest, rows)
+    together(arguments.out)
+
+
+def write(path, rows):
+    with open(path, "w", newline="", encoding="utf-8") as f:
+        writer = csv.DictWriter(f, ["path", "seconds", "speaker", "pinyin", "pinyin_tones", "ends", "licence"])
+        writer.writeheader()
+        writer.writerows(rows)
+
+
+def together(folder):
+    """The voices' manifests as the folder's."""
+    rows = []
+    for path in sorted(folder.glob("*.csv")):
+        if path.name != "manifest.csv":
+            with open(path, newline="", encoding="utf-8") as f:
+                rows += csv.DictReader(f)
+    write(folder / "manifest.csv", rows)
+
+
+if __name__ == "__main__":
+    main()

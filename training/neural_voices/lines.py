@@ -1,0 +1,89 @@
+"""What the voices say: three groups of syllables to a line, a pause between them.
+
+All lines have the same number of syllables and pauses, so that they can be spoken as one batch.
+"""
+import csv
+import random
+
+from training.syllables import texts
+from training.syllables.voices import DANG, LIKE_DANG, LIKE_LING, LING, inventory
+
+SYLLABLES, GROUPS = 12, 3
+SHORTEST, LONGEST = 2, 6  # syllables of a group
+PHRASE_LINES, WORD_LINES = 0.38, 0.42  # shares; the rest are strings of syllables
+PHRASE_SHARE = 0.45  # of the groups of a phrase line; the others are nearly the phrase
+TONES = ((2, 1, 2, 1), (2, 5, 2, 5), (2, 1, 2, 5), (2, 4, 2, 4))
+USUAL_TONES = 0.7
+
+
+def words(folder):
+    """Texts with tones of a corpus' recorded words and sentences, as lists of syllables ("ling2")."""
+    found = []
+    for manifest in sorted(folder.glob("*/manifest.csv")):
+        with open(manifest, newline="", encoding="utf-8") as f:
+            for row in csv.DictReader(f):
+                said = (row.get("pinyin_tones") or "").lower().split()
+                if said and all(s[-1] in "12345" for s in said):
+                    found.append(said)
+    return found
+
+
+class Lines:
+    """known: syllables the synthesiser can say."""
+
+    def __init__(self, rng, recorded, known):
+        self.rng, self.known = rng, known
+        self.recorded = [said for said in recorded if all(s[:-1] in known for s in said)]
+        self.names = {c: name for name, c in inventory().items() if name in known}
+
+    def line(self):
+        kind = self.rng.random()
+        if kind < PHRASE_LINES:
+            return [self.phrase() if self.rng.random() < PHRASE_SHARE else self.near_miss() for _ in range(GROUPS)]
+        if kind < PHRASE_LINES + WORD_LINES and self.recorded:
+            return self.grouped(self.run_of_words())
+        return self.grouped([self.toned(self.syllable()) for _ in range(SYLLABLES)])
+
+    def phrase(self):
+        tones = self.rng.choice(TONES) if self.rng.random() < USUAL_TONES else [self.rng.randint(1, 5) for _ in range(4)]
+        return [f"{self.names[c]}{t}" for c, t in zip(texts.PHRASE, tones)]
+
+    def near_miss(self):
+        """Four syllables that are nearly the phrase."""
+        a, b, x = LING, DANG, self.syllable_class()
+        orders = ([b, a, b, a], [a, b, b, a], [a, a, b, b], [a, b, a, x], [x, a, b, a], [x, b, a, b], [a, b, x, a],
+                  [a, x, a, b], [a, b, a, a], [b, b, a, b], [x, x, a, b], [a, b, x, x])
+        said = list(self.rng.choice(orders)) if self.rng.random() < 0.3 else list(texts.PHRASE)
+        while tuple(said) == texts.PHRASE:
+            place = self.rng.randrange(4)
+            close = [n for n in (LIKE_LING, LIKE_DANG)[place % 2] if inventory().get(n) in self.names]
+            said[place] = inventory()[self.rng.choice(close)] if self.rng.random() < 0.7 else self.syllable_class()
+            if self.rng.random() < 0.3:
+                said[(place + 2) % 4] = said[place]
+        return [self.toned(self.names[c]) for c in said]
+
+    def run_of_words(self):
+        """Recorded texts one behind the other; of a long one any stretch."""
+        said = []
+        while len(said) < SYLLABLES:
+            text = self.rng.choice(self.recorded)
+            start = self.rng.randrange(max(1, len(text) - SYLLABLES + 1))
+            said += text[start:]
+        return said[:SYLLABLES]
+
+    def grouped(self, said):
+        while True:
+            ends = sorted(self.rng.sample(range(1, SYLLABLES), GROUPS - 1))
+            groups = [said[i:j] for i, j in zip([0, *ends], [*ends, SYLLABLES])]
+            if all(SHORTEST <= len(g) <= LONGEST for g in groups):
+                return groups
+
+    def syllable_class(self):
+        return self.rng.choice(list(self.names))
+
+    def syllable(self):
+        """Of those the network has a class for, or of all."""
+        return self.names[self.syllable_class()] if self.rng.random() < 0.85 else self.rng.choice(self.known)
+
+    def toned(self, name):
+        return f"{name}{self.rng.randint(1, 4)}"
