@@ -2,8 +2,8 @@
 else, by speakers, in rooms and among noises it was not trained with.
 
 Phrases are joined from isolated syllables of test speakers, each with a length and a place of its own, or fluent: clips in
-which a test speaker says the whole. Every utterance is heard in every condition of its set. What the engine hears is made once and kept (mixes are a function of seed and number).
-The microphones' mean goes to the engine; where the device plays, each microphone goes through the canceller first.
+which a test speaker says the whole. Every utterance is heard in every condition of its set. What the engine hears is made
+once and kept (mixes are a function of seed and number). The microphones' mean goes to the engine; where the device plays, each microphone goes through the canceller first.
 """
 import ctypes
 import hashlib

@@ -17,6 +17,7 @@ TOO_LONG = (0.95, 1.5)  # s between the halves of what is no longer the phrase
 FASTEST = 1.35  # by which a sentence is sped up to fit
 RATE = (0.6, 1.7)  # times the tempo in which something was said
 CONNECTED_SHARE = 0.5  # of the phrases and near misses, those that were said as a whole
+BEFORE_SHARE, BEHIND_SHARE = 0.2, 0.3  # of those, how often something else is said before and behind
 # How often recordings, a neural synthesiser's and a formant synthesiser's voices are heard, by how their names begin.
 GROUPS = {"espeak-ng ": 0.15, "neural ": 0.45, "": 0.4}
 
@@ -115,30 +116,35 @@ def placed(rng, pieces, spare):
 
 def words(rng, bank, speaker, frames, core=None):
     """Words and sentences as somebody said them, one after the other; around the piece `core`, if there is one."""
-    available = frames / FRAMES_PER_SECOND
-    speed, pieces, at, said = Speed(rng, bank), [], 0.0, []
-    before = int(rng.integers(2)) if core is not None and rng.random() < 0.4 else 0
-    while True:
-        ours = core is not None and len(pieces) == before
-        if not ours and core is not None and len(pieces) > before and rng.random() < 0.7:
-            break
-        if not ours and not bank.words[speaker]:
-            return None
-        number = core if ours else int(rng.choice(bank.words[speaker]))
+    available, speed = frames / FRAMES_PER_SECOND, Speed(rng, bank)
+    pieces, at, said = [], 0.0, []
+    for number in sequence(rng, bank.words[speaker], core):
         _, _, _, classes, ends, _ = bank.pieces[number]
-        seconds = speed(number, classes, ends, available - at if not pieces else None)
+        seconds = speed(number, classes, ends, None if pieces else available)
         if at + seconds > available:
-            if len(pieces) > (before if core is not None else 0) or len(classes) > 4 or ours:
+            if number == core:
+                return None
+            if pieces or len(classes) > 4:
                 break
             continue
         pieces.append(Piece(number, at * FRAMES_PER_SECOND, seconds * FRAMES_PER_SECOND, tuple(classes), rng.normal(0, 1),
                             ends and tuple(ends)))
         said += classes
         at += seconds + rng.uniform(0.0, 0.3)
-    complete = pieces and (core is None or len(pieces) > before)
-    if not complete or holds_phrase(said) != (core is not None and holds_phrase(bank.pieces[core][3])):
+    if not pieces or holds_phrase(said) != (core is not None and holds_phrase(bank.pieces[core][3])):
         return None
     return placed(rng, pieces, frames - pieces[-1].begin - pieces[-1].frames)
+
+
+def sequence(rng, others, core):
+    """Others without end; or the core, now and then among a few of them."""
+    while core is None:
+        yield int(rng.choice(others))
+    if others and rng.random() < BEFORE_SHARE:
+        yield int(rng.choice(others))
+    yield core
+    while others and rng.random() < BEHIND_SHARE:
+        yield int(rng.choice(others))
 
 
 class Speed:

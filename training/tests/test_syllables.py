@@ -83,6 +83,25 @@ def test_syllables_may_be_said_once_they_have_been_heard():
         assert first == sorted(first) and last[-1] < 120
 
 
+def test_what_is_said_as_a_whole_keeps_its_syllables_places():
+    """Whatever its tempo becomes, and whatever is said around it."""
+    rng, bank = np.random.default_rng(5), Bank()
+    ends, others = [0.2, 0.5, 0.8, 1.0], [7, 8]
+    bank.pieces = [["s", 0, 200, list(texts.PHRASE), ends, 0], ["s", 200, 90, others, [0.5, 1.0], 0]]
+    bank.words, bank.seconds = {"s": [1]}, lambda number: bank.pieces[number][2] / 200
+    longer = 0
+    for _ in range(60):
+        pieces = texts.words(rng, bank, "s", 345, core=0)
+        labels, _, last, _, certain = batch.alignment(pieces, 120)
+        at = labels.index(voices.LING)
+        assert certain and labels[at:at + 4] == list(texts.PHRASE) and labels.count(voices.LING) == 2
+        core = next(p for p in pieces if p.number == 0)
+        assert 1 / texts.RATE[1] <= core.frames / 100 <= 1 / texts.RATE[0] + 1e-9
+        assert [l - batch.LATE for l in last[at:at + 4]] == [int((core.begin + e * core.frames) / 3) for e in ends]
+        longer += len(pieces) > 1
+    assert 10 < longer < 50
+
+
 @pytest.mark.parametrize("name, expected", [("liang", ("l", "iang", "i")), ("zhuang", ("zh", "uang", "u")),
                                             ("ying", ("", "ing", "i")), ("shi", ("sh", "i", "-")), ("xu", ("x", "v", "v")),
                                             ("ang", ("", "ang", "a"))])
