@@ -9,18 +9,18 @@ from . import spectra, texts
 from .texts import FRAMES_PER_SECOND
 
 BLOCK_FRAMES = 3
-FORMANTS, PITCH = (0.80, 1.22), (0.5, 1.6)  # factors
+FORMANTS, PITCH = (0.87, 1.15), (0.65, 1.4)  # factors
 # A mouth is not another one's enlargement: formants move by factors of their own, known at these frequencies.
-BEND_HZ, BEND = (0, 800, 1700, 2700, 4500, 8000), 0.05  # standard deviation of their logarithm
+BEND_HZ, BEND = (0, 800, 1700, 2700, 4500, 8000), 0.035  # standard deviation of their logarithm
 VOICING = (0.6, 1.1)
 LOUDEST = 40.0  # log power, active speech being at about 30: a limit to what a warp can make
-LEVEL = (-56.0, -14.0)  # dBFS, active speech: the features are not normalised
+LEVEL = (-52.0, -14.0)  # dBFS, active speech: the features are not normalised
 SELF_NOISE = (-90.0, -72.0)  # dBFS of the mean of three microphones
 ROOM_SHARE = 0.75
-NOISES = {"none": 0.17, "noise": 0.25, "music": 0.14, "babble": 0.08, "far": 0.08, "residual": 0.28}
-SNR, TALKER_SNR, SER = (-5.0, 20.0), (2.0, 20.0), (-15.0, 5.0)  # dB
+NOISES = {"none": 0.25, "noise": 0.25, "music": 0.12, "babble": 0.06, "far": 0.06, "residual": 0.26}
+SNR, TALKER_SNR, SER = (0.0, 25.0), (4.0, 22.0), (-14.0, 6.0)  # dB
 INAUDIBLE = 1e-4  # -40 dB: where a room's decay ends
-MASK_SHARE, MASK_FRAMES, MASK_BANDS = 0.25, 9, 7
+MASK_SHARE, MASK_FRAMES, MASK_BANDS = 0.15, 9, 7
 JOINT = 2.0  # frames over which syllables fade into each other
 # Steps around a syllable's end in which the network may say it: not before it has been heard. A slow one may also be said
 # for half of what it takes longer than SLOW steps: the decoder takes a long silence for the end of the phrase.
@@ -44,9 +44,9 @@ def shares(progress):
 def colour(rng):
     """Factors of the bands' energies: another microphone, another mouth."""
     x = np.linspace(0, 1, 40)
-    decibels = rng.normal(0, 4.5) * (x - 0.5)
+    decibels = rng.normal(0, 4.0) * (x - 0.5)
     for k in range(1, 5):
-        decibels = decibels + rng.normal(0, 2.2) * np.cos(np.pi * (k * x + rng.uniform(0, 2)))
+        decibels = decibels + rng.normal(0, 1.6) * np.cos(np.pi * (k * x + rng.uniform(0, 2)))
     return np.float32(10**(decibels / 10))
 
 
