@@ -25,6 +25,7 @@ from training.scenes.audio import RATE, active_power, gain
 from training.scenes.bank import load_bank
 from training.shared import ROOT
 from training.syllables import decoder, texts, voices, waves
+from training.tasks.kws import Task
 
 SEED = 20260102
 LEAD, AFTER = 2.0, 1.2  # s before and behind an utterance
@@ -216,9 +217,10 @@ class EngineListener:
 class FloatListener:
     """The averaged float network of a training under the decoder's rules; it is not started afresh after a wake."""
 
-    def __init__(self, folder):
+    def __init__(self, folder, phrase):
         self.model = kws.SyllableNetwork()
         self.model.load_state_dict(train.averaged(folder))
+        Task.set_operating_point(self.model, phrase)
         self.model.eval()
 
     @torch.no_grad()
@@ -285,6 +287,7 @@ def add_options(parser):
     parser.add_argument("--library", type=pathlib.Path, required=True, help="built libquibo.so")
     parser.add_argument("--params", type=pathlib.Path, help="kws.safetensors to listen with instead of the built-in one")
     parser.add_argument("--trained", type=pathlib.Path, help="folder of a training: its float network is measured too")
+    parser.add_argument("--phrase", type=float, default=0.0, help="operating point of the float network, nats")
     parser.add_argument("--data", type=pathlib.Path, required=True, help="folder of audio as for training")
     parser.add_argument("--cache", type=pathlib.Path, default=ROOT / "build-training", help="rooms, audio; waves are kept here")
     parser.add_argument("--hours", type=float, default=12.0, help="without the phrase")
@@ -303,7 +306,7 @@ def run(arguments):
         return
     results = {"engine": summary(kept, EngineListener(arguments.library, arguments.params))}
     if arguments.trained:
-        results["float network"] = summary(kept, FloatListener(arguments.trained))
+        results["float network"] = summary(kept, FloatListener(arguments.trained, arguments.phrase))
     print(table(results))
     if arguments.out:
         arguments.out.write_text(json.dumps(results, indent=1))

@@ -68,8 +68,9 @@ class Task:
                 results[f"wakes on {kind}"] = wakes[of_kind].mean().item()
         return results
 
+    @staticmethod
     @torch.no_grad()
-    def set_operating_point(self, model, phrase):
+    def set_operating_point(model, phrase):
         """phrase: nats added to what the phrase's syllables score. The decoder's thresholds are fixed."""
         model.output.linear.bias[list(set(PHRASE))] += phrase
 
