@@ -59,12 +59,10 @@ def speakers(corpus):
 
 def fluent(corpus, what):
     """{test speaker: clips} of the phrase, or of what is nearly the phrase."""
-    found, classes = {}, voices.inventory()
+    found, wanted = {}, voices.holds_phrase if what == "fluent phrase" else voices.is_near_miss
     for clip in corpus.clips("mandarin", scenes.SPLIT):
-        said = [classes.get(s, 0) for s in clip.pinyin.split()]
-        is_phrase = tuple(said) == texts.PHRASE
-        close = len(said) == len(texts.PHRASE) and sum(c in texts.PHRASE for c in said) > 1
-        if clip.ends and (is_phrase if what == "fluent phrase" else close and not is_phrase):
+        said = voices.classes_of(clip.pinyin.split())
+        if clip.ends and len(said) == len(texts.PHRASE) and wanted(said):
             found.setdefault(clip.speaker, []).append(clip)
     return found
 
@@ -82,8 +80,7 @@ class Sayings:
         if not self.fluent:
             return utterance(rng, self.clips[speaker], speaker, self.what)
         clip = self.clips[speaker][rng.integers(len(self.clips[speaker]))]
-        classes = voices.inventory()
-        return sources.levelled(waves.trimmed(self.corpus.read(clip))), [classes.get(s, 0) for s in clip.pinyin.split()]
+        return sources.levelled(waves.trimmed(self.corpus.read(clip))), voices.classes_of(clip.pinyin.split())
 
 
 def utterance(rng, clips, speaker, what):
@@ -110,10 +107,10 @@ def mix(microphones):
     return (microphones.astype(np.float32).sum(0) * THIRD).astype(np.int16)
 
 
-def heard(device, corpus, rooms, sayings, number, conditions):
+def heard(device, corpus, rooms, sayings, speaker, number, conditions):
     """Yields (condition, int16 wave, s at which the utterance ends, classes)."""
     rng = np.random.default_rng([SEED, list(SETS).index(sayings.what), number])
-    dry, said = sayings.draw(rng, sayings.speakers[number % len(sayings.speakers)])
+    dry, said = sayings.draw(rng, speaker)
     end = len(dry)
     room = rooms.draw(rng, scenes.SPLIT)
     way = int(rooms.rooms["onset"][room][0][0]) - scenes.SIMULATOR_DELAY
@@ -186,7 +183,7 @@ def prepare(device, corpus, rooms, folder, hours):
         def utterances():
             for number in tqdm.trange(count, desc=what, mininterval=60):
                 speaker = sayings.speakers[number % len(sayings.speakers)]
-                for name, wave, end, said in heard(device, others, rooms, sayings, number, conditions):
+                for name, wave, end, said in heard(device, others, rooms, sayings, speaker, number, conditions):
                     yield wave, {"condition": name, "end": end, "said": said, "speaker": speaker}
         if sayings.speakers:
             kept[what] = Kept(folder, what.replace(" ", "_")).make(utterances())

@@ -8,7 +8,6 @@ import csv
 import hashlib
 import importlib.util
 import pathlib
-import random
 import sys
 
 import numpy as np
@@ -62,16 +61,14 @@ class Synthesiser:
     def speak(self, name, texts):
         """Texts (groups of syllables) of equal length -> per text samples and attention [frames, symbols], symbols."""
         rows = [self.text.text_to_sequence(" , ".join(" ".join(group) for group in text) + " .", "pinyin") for text in texts]
-        mel, gate, attention = self.mel(torch.tensor(rows), torch.tensor([self.speaker(name)] * len(rows)))
+        speakers = torch.tensor([self.speaker(name)] * len(rows))
+        _, mel, gate, attention = self.speech.inference((torch.tensor(rows), 0, speakers, None))
+        gate = torch.sigmoid(gate.reshape(len(rows), -1)).numpy()
         for i, row in enumerate(rows):
-            over = np.flatnonzero(torch.sigmoid(gate[i]).numpy() > ENDED)
-            over = over[over > len(row) // 2]
+            over = np.flatnonzero(gate[i] > ENDED)
+            over = over[over > len(row) // 2]  # some voices seem to end before they begin
             frames = int(over[0]) if len(over) else mel.shape[2]
             yield self.vocoder.inference(mel[i:i + 1, :, :frames]).numpy() / SAMPLE_RANGE, attention[i, :frames].numpy(), row
-
-    def mel(self, symbols, speakers):
-        _, mel, gate, attention = self.speech.inference((symbols, 0, speakers, None))
-        return mel, gate.reshape(len(symbols), -1), attention
 
 
 def spans(attention, row, chain):
@@ -127,9 +124,9 @@ def main(argv=None):
         manifest = arguments.out / f"{name}.csv"
         if manifest.exists():
             continue
-        source, rows = lines.Lines(random.Random(name), recorded, synthesiser.known), []
+        source, rows = lines.Lines(np.random.default_rng(list(name.encode())), recorded, synthesiser.known), []
         texts = [source.line() for _ in range(arguments.lines)]
-        torch.manual_seed(len(name))
+        torch.manual_seed(0)  # the synthesiser's dropout stays on
         for start in range(0, len(texts), arguments.batch):
             some = texts[start:start + arguments.batch]
             for text, spoken in zip(some, synthesiser.speak(name, some)):

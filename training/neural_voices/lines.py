@@ -3,10 +3,11 @@
 All lines have the same number of syllables and pauses, so that they can be spoken as one batch.
 """
 import csv
-import random
+
+import numpy as np
 
 from training.syllables import texts
-from training.syllables.voices import DANG, LIKE_DANG, LIKE_LING, LING, inventory
+from training.syllables.voices import DANG, LING, inventory
 
 SYLLABLES, GROUPS = 12, 3
 SHORTEST, LONGEST = 2, 6  # syllables of a group
@@ -29,7 +30,7 @@ def words(folder):
 
 
 class Lines:
-    """known: syllables the synthesiser can say."""
+    """rng: numpy's; known: syllables the synthesiser can say."""
 
     def __init__(self, rng, recorded, known):
         self.rng, self.known = rng, known
@@ -45,7 +46,7 @@ class Lines:
         return self.grouped([self.toned(self.syllable()) for _ in range(SYLLABLES)])
 
     def phrase(self):
-        tones = self.rng.choice(TONES) if self.rng.random() < USUAL_TONES else [self.rng.randint(1, 5) for _ in range(4)]
+        tones = self.any_of(TONES) if self.rng.random() < USUAL_TONES else self.rng.integers(1, 6, 4)
         return [f"{self.names[c]}{t}" for c, t in zip(texts.PHRASE, tones)]
 
     def near_miss(self):
@@ -53,37 +54,36 @@ class Lines:
         a, b, x = LING, DANG, self.syllable_class()
         orders = ([b, a, b, a], [a, b, b, a], [a, a, b, b], [a, b, a, x], [x, a, b, a], [x, b, a, b], [a, b, x, a],
                   [a, x, a, b], [a, b, a, a], [b, b, a, b], [x, x, a, b], [a, b, x, x])
-        said = list(self.rng.choice(orders)) if self.rng.random() < 0.3 else list(texts.PHRASE)
+        said = self.any_of(orders) if self.rng.random() < 0.3 else list(texts.PHRASE)
         while tuple(said) == texts.PHRASE:
-            place = self.rng.randrange(4)
-            close = [n for n in (LIKE_LING, LIKE_DANG)[place % 2] if inventory().get(n) in self.names]
-            said[place] = inventory()[self.rng.choice(close)] if self.rng.random() < 0.7 else self.syllable_class()
-            if self.rng.random() < 0.3:
-                said[(place + 2) % 4] = said[place]
+            said = texts.one_off(self.rng, list(self.names))
         return [self.toned(self.names[c]) for c in said]
 
     def run_of_words(self):
         """Recorded texts one behind the other; of a long one any stretch."""
         said = []
         while len(said) < SYLLABLES:
-            text = self.rng.choice(self.recorded)
-            start = self.rng.randrange(max(1, len(text) - SYLLABLES + 1))
+            text = self.any_of(self.recorded)
+            start = self.rng.integers(max(1, len(text) - SYLLABLES + 1))
             said += text[start:]
         return said[:SYLLABLES]
 
     def grouped(self, said):
         while True:
-            ends = sorted(self.rng.sample(range(1, SYLLABLES), GROUPS - 1))
+            ends = sorted(self.rng.choice(np.arange(1, SYLLABLES), GROUPS - 1, replace=False))
             groups = [said[i:j] for i, j in zip([0, *ends], [*ends, SYLLABLES])]
             if all(SHORTEST <= len(g) <= LONGEST for g in groups):
                 return groups
 
+    def any_of(self, choices):
+        return choices[self.rng.integers(len(choices))]
+
     def syllable_class(self):
-        return self.rng.choice(list(self.names))
+        return self.any_of(list(self.names))
 
     def syllable(self):
         """Of those the network has a class for, or of all."""
-        return self.names[self.syllable_class()] if self.rng.random() < 0.85 else self.rng.choice(self.known)
+        return self.names[self.syllable_class()] if self.rng.random() < 0.85 else self.any_of(self.known)
 
     def toned(self, name):
-        return f"{name}{self.rng.randint(1, 4)}"
+        return f"{name}{self.rng.integers(1, 5)}"

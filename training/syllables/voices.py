@@ -41,6 +41,19 @@ def inventory():
     return {name: int(number) for number, name in rows}
 
 
+def classes_of(syllables):
+    """0 for those the network has no class for."""
+    return [inventory().get(s, 0) for s in syllables]
+
+
+def holds_phrase(said):
+    return any(tuple(said[i:i + 4]) == PHRASE for i in range(len(said) - 3))
+
+
+def is_near_miss(said):
+    return sum(c in PHRASE for c in said) > 1 and not holds_phrase(said)
+
+
 def pieces(corpus, split, cutter=None):
     """Yields (speaker, syllables, samples, samples at which each syllable ends or None); of words and sentences in which
     nobody says that, their syllables, too, if there is a cutter."""
@@ -94,7 +107,7 @@ def build(corpus, path, split, seed, synthetic_voices=100, cutter=None, progress
     if file.exists() and {k: v for k, v in json.loads(file.read_text()).items() if k in description} == description:
         return
     path.mkdir(parents=True, exist_ok=True)
-    classes, rows, at = inventory(), [], 0
+    rows, at = [], 0
     total = len(corpus.clips("mandarin", split))
     with open(path / "spectra.f16", "wb") as f:
         sources = [pieces(corpus, split, cutter)]
@@ -102,7 +115,7 @@ def build(corpus, path, split, seed, synthetic_voices=100, cutter=None, progress
             sources.append(synthetic_pieces(split, seed, synthetic_voices))
         for source in sources:
             for speaker, said, x, ends in source:
-                found, said = active(x), [classes.get(s, 0) for s in said]
+                found, said = active(x), classes_of(said)
                 if found is not None:
                     spectrum, first = found
                     f.write(spectrum.astype(np.float16).tobytes())
@@ -115,10 +128,6 @@ def build(corpus, path, split, seed, synthetic_voices=100, cutter=None, progress
                     at += frames
                 progress(len(rows), max(total, len(rows)))
     file.write_text(json.dumps(description | {"frames": at, "pieces": rows}))
-
-
-def holds_phrase(said):
-    return any(tuple(said[i:i + 4]) == PHRASE for i in range(len(said) - 3))
 
 
 class Voices:
@@ -141,7 +150,7 @@ class Voices:
                 self.syllables[speaker][said[0]].append(i)
             elif tuple(said) == PHRASE:
                 self.phrases[speaker].append(i)
-            elif said.count(LING) + said.count(DANG) > 1 and not holds_phrase(said):
+            elif is_near_miss(said):
                 self.near_misses[speaker].append(i)
             elif not holds_phrase(said):
                 self.words[speaker].append(i)

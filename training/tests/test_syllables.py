@@ -1,7 +1,6 @@
 """What the wake-up network learns from, and the decoder's score it is trained on."""
 
 import ctypes
-import random
 
 import numpy as np
 import pytest
@@ -167,7 +166,7 @@ def test_a_synthesiser_s_attention_tells_where_syllables_end():
 
 def test_lines_for_a_synthesiser_are_equally_long_and_say_what_they_claim():
     known = sorted(voices.inventory())
-    source = lines.Lines(random.Random(1), [["ling2", "mu4"], ["ma1"] * 20], known)
+    source = lines.Lines(np.random.default_rng(1), [["ling2", "mu4"], ["ma1"] * 20], known)
     phrases = 0
     for _ in range(300):
         line = source.line()
