@@ -1,7 +1,8 @@
-"""The training loop: AdamW under a cosine, gradient clipping, checkpoints to resume from and to average.
+"""The training loop: AdamW or Muon under a cosine, gradient clipping, checkpoints to resume from and to average.
 
 Batch i is drawn from a generator seeded with (seed, i), so a run that was stopped goes on as if it had not been.
 """
+import concurrent.futures
 import contextlib
 import csv
 import json
@@ -13,6 +14,8 @@ import time
 import numpy as np
 import torch
 import tqdm
+
+from .muon import muon
 
 SPLITS = ("train", "valid", "test")
 
@@ -78,6 +81,33 @@ def freeze_norm(model):
             module.eval()
 
 
+class Gradients:
+    """Of a batch, mean over `parts` of it that are worked on by as many threads: small layers keep one core busy, not two.
+    Not for models with batch normalisation, whose statistics the threads would share."""
+
+    def __init__(self, task, model, parts):
+        self.task, self.model, self.parts = task, model, parts
+        self.parameters = list(model.parameters())
+        self.pool = concurrent.futures.ThreadPoolExecutor(parts, initializer=torch.set_num_threads, initargs=(1,))
+
+    def of_part(self, batch, seed):
+        loss, values = self.task.loss(self.model, batch, np.random.default_rng(seed))
+        return {"loss": loss.item(), **values}, torch.autograd.grad(loss, self.parameters, allow_unused=True)
+
+    def __call__(self, batch, seed):
+        """Sets the gradients; returns the values of the loss."""
+        if self.parts == 1:
+            results = [self.of_part(batch, seed)]
+        else:
+            chunks = {name: value.chunk(self.parts) if value.ndim else (value,) * self.parts for name, value in batch.items()}
+            each = [{name: chunk[i] for name, chunk in chunks.items()} for i in range(self.parts)]
+            results = list(self.pool.map(self.of_part, each, [seed] * self.parts))
+        values, gradients = zip(*results)
+        for p, *g in zip(self.parameters, *gradients):
+            p.grad = None if g[0] is None else sum(g) / len(g)
+        return {name: float(np.mean([v[name] for v in values])) for name in values[0]}
+
+
 def train(task, config, folder, device, model=None, section="train"):
     """Runs or resumes; returns the model averaged over the last checkpoints, in training form. model: where to start,
     else a new one; section: the part of the configuration with the schedule."""
@@ -85,7 +115,11 @@ def train(task, config, folder, device, model=None, section="train"):
     folder.mkdir(parents=True, exist_ok=True)
     torch.manual_seed(seed)
     model = (model or task.model()).to(device)
-    optimizer = torch.optim.AdamW(model.parameters(), weight_decay=c["weight_decay"], betas=(0.9, 0.99))
+    if c.get("optimizer") == "muon":
+        optimizer = muon(model, c["weight_decay"])
+    else:
+        optimizer = torch.optim.AdamW(model.parameters(), weight_decay=c["weight_decay"], betas=(0.9, 0.99))
+    gradients = Gradients(task, model, c.get("parts", 1))
     step = resume(folder, model, optimizer)
     log, seen = Log(folder), {}
     valid = list(batches(task, seed, "valid", 0, config["data"]["validation_batches"], 0)) if step < c["steps"] else []
@@ -98,13 +132,11 @@ def train(task, config, folder, device, model=None, section="train"):
         for group in optimizer.param_groups:
             group["lr"] = learning_rate(c, step)
         batch = {name: value.to(device) for name, value in batch.items()}
-        loss, values = task.loss(model, batch, np.random.default_rng([seed, 9, step]))
-        optimizer.zero_grad()
-        loss.backward()
+        values = gradients(batch, [seed, 9, step])
         norm = torch.nn.utils.clip_grad_norm_(model.parameters(), c["clip"])
         if torch.isfinite(norm):
             optimizer.step()
-        for name, value in {"loss": loss.item(), "gradient": norm.item(), **values}.items():
+        for name, value in {"gradient": norm.item(), **values}.items():
             seen.setdefault(name, []).append(value)
         step += 1
         progress.update()

@@ -10,6 +10,7 @@ from .texts import FRAMES_PER_SECOND
 
 BLOCK_FRAMES = 3
 FORMANTS, PITCH = (0.87, 1.15), (0.65, 1.4)  # factors
+FAR_FORMANTS, FAR_PITCH, FAR_SHARE = (0.80, 1.22), (0.5, 1.6), 0.3  # now and then: children, very low and high voices
 # A mouth is not another one's enlargement: formants move by factors of their own, known at these frequencies.
 BEND_HZ, BEND = (0, 800, 1700, 2700, 4500, 8000), 0.035  # standard deviation of their logarithm
 VOICING = (0.6, 1.1)
@@ -53,8 +54,9 @@ def colour(rng):
 def speak(rng, bank, pieces, frames):
     """Mel energies [frames, 40] of an utterance, active power about 1, in a voice of its own."""
     bins = np.arange(spectra.BINS) * (spectra.RATE / 2 / (spectra.BINS - 1))
-    formants = rng.uniform(*FORMANTS) * np.exp(np.interp(bins, BEND_HZ, rng.normal(0, BEND, len(BEND_HZ))))
-    pitch = np.exp(rng.uniform(*np.log(PITCH)))
+    far = rng.random() < FAR_SHARE
+    formants = rng.uniform(*(FAR_FORMANTS if far else FORMANTS)) * np.exp(np.interp(bins, BEND_HZ, rng.normal(0, BEND, len(BEND_HZ))))
+    pitch = np.exp(rng.uniform(*np.log(FAR_PITCH if far else PITCH)))
     warp = spectra.voice(formants, pitch, rng.uniform(*VOICING))
     mel = spectra.mel()
     used = slice(4, 218)

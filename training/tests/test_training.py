@@ -6,7 +6,7 @@ import numpy as np
 import pytest
 import torch
 
-from training import __main__, data, export, losses, parity, tasks, train
+from training import __main__, data, export, losses, muon, parity, tasks, train
 from training.models import spectrum
 from training.models.doa import DirectionNetwork
 from training.models.layers import load_tables
@@ -24,10 +24,11 @@ def task(network, **schedule):
     return tasks.create(network, config, data.StubData(config)), config
 
 
-def test_a_stopped_run_goes_on_as_if_it_had_not_been_stopped(tmp_path):
+@pytest.mark.parametrize("network, optimizer", [("ns", {"optimizer": "adamw"}), ("kws", {"optimizer": "muon", "parts": 1})])
+def test_a_stopped_run_goes_on_as_if_it_had_not_been_stopped(network, optimizer, tmp_path):
     """To the bit: the same batches, rates and optimiser states."""
     schedule = {"steps": 4, "save_every": 2, "validate_every": 4, "average": 1, "freeze_norm": 0.75}
-    straight, config = task("ns", **schedule)
+    straight, config = task(network, **schedule, **optimizer)
     whole = train.train(straight, config, tmp_path / "whole", "cpu")
 
     class Stop(Exception):
@@ -45,6 +46,39 @@ def test_a_stopped_run_goes_on_as_if_it_had_not_been_stopped(tmp_path):
     resumed = train.train(straight, config, tmp_path / "parts", "cpu")
     for name, value in whole.state_dict().items():
         assert torch.equal(value, resumed.state_dict()[name]), name
+
+
+@pytest.mark.parametrize("shape", [(24, 8), (8, 24), (16, 16)])
+def test_muon_moves_all_directions_of_a_matrix_alike(shape):
+    """Whatever their share of the gradient, here 1 to 1000; the rest of the network by AdamW's rule."""
+    torch.manual_seed(1)
+    u, _, v = torch.linalg.svd(torch.randn(shape), full_matrices=False)
+    layer = torch.nn.Linear(shape[1], shape[0])
+    before, bias = layer.weight.detach().clone(), layer.bias.detach().clone()
+    layer.weight.grad = u @ torch.diag(torch.logspace(0, -3, min(shape))) @ v
+    layer.bias.grad = torch.ones(shape[0])
+    optimizer = muon.muon(torch.nn.Sequential(layer), weight_decay=0.0)
+    for group in optimizer.param_groups:
+        group["lr"] = 0.1
+    optimizer.step()
+    moved = torch.linalg.svdvals(before - layer.weight.detach()) / (0.1 * muon.LIKE_ADAM * max(shape)**0.5)
+    assert 0.3 < moved.min() and moved.max() < 1.3
+    torch.testing.assert_close(bias - layer.bias.detach(), torch.full((shape[0],), 0.1))
+
+
+def test_parts_of_a_batch_give_the_gradient_of_the_whole():
+    """Where the loss is a mean over utterances, as cross-entropy's weights make it only nearly."""
+    kws, _ = task("kws")
+    model = kws.model()
+    kws.loss = lambda model, batch, rng: (model(batch["features"]).square().mean(), {"x": 1.0})
+    batch = {"features": torch.randn(4, 30, 40) + 10, "progress": torch.tensor(0.5)}
+    gradients = []
+    for parts in (1, 2):
+        values = train.Gradients(kws, model, parts)(batch, 1)
+        gradients.append([p.grad.clone() for p in model.parameters()])
+    assert values["x"] == 1.0
+    for a, b in zip(*gradients):
+        torch.testing.assert_close(a, b, rtol=1e-4, atol=1e-6)
 
 
 def test_a_continuation_belongs_to_the_training_it_continues(tmp_path):
