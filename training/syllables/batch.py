@@ -55,7 +55,8 @@ def speak(rng, bank, pieces, frames):
     """Mel energies [frames, 40] of an utterance, active power about 1, in a voice of its own."""
     bins = np.arange(spectra.BINS) * (spectra.RATE / 2 / (spectra.BINS - 1))
     far = rng.random() < FAR_SHARE
-    formants = rng.uniform(*(FAR_FORMANTS if far else FORMANTS)) * np.exp(np.interp(bins, BEND_HZ, rng.normal(0, BEND, len(BEND_HZ))))
+    formants = rng.uniform(*(FAR_FORMANTS if far else FORMANTS))
+    formants = formants * np.exp(np.interp(bins, BEND_HZ, rng.normal(0, BEND, len(BEND_HZ))))
     pitch = np.exp(rng.uniform(*np.log(FAR_PITCH if far else PITCH)))
     warp = spectra.voice(formants, pitch, rng.uniform(*VOICING))
     mel = spectra.mel()
