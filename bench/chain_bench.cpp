@@ -1,11 +1,7 @@
 // The whole front end, frame by frame: time per frame in each module on a capture and in the silence
 // after it, heap and stack. Writes JSON; bench/report.py reads it.
 //
-//   chain_bench CAPTURE OUTPUT [REPEATS [SILENT_FRAMES]]
-//
-// The input is the same in every repetition, and so is what the front end computes: the smallest
-// time of each frame over the repetitions leaves the machine's other work out, but not what a frame
-// itself costs more than its neighbours.
+//   chain_bench CAPTURE OUTPUT [SILENT_FRAMES]
 
 #include <malloc.h>
 #include <pthread.h>
@@ -110,30 +106,18 @@ void play(const Frames& capture, std::vector<double> (&times)[kModules]) {
   Quibo_wakeup_unit(front_end);
 }
 
-// The smallest time of each frame, and the last pass as it was.
-void print_times(FILE* out, const char* name, const Frames& capture, int repeats, size_t first) {
-  std::vector<double> best[kModules], last[kModules];
-  for (int r = 0; r < repeats; ++r) {
-    for (auto& times : last) times.clear();
-    play(capture, last);
-    for (int m = 0; m < kModules; ++m) {
-      if (r == 0) best[m] = last[m];
-      for (size_t i = 0; i < last[m].size(); ++i) best[m][i] = std::min(best[m][i], last[m][i]);
-    }
-  }
-  const auto print = [=](const std::vector<double>& times) {
-    for (size_t i = first; i < times.size(); ++i)
-      fprintf(out, "%s%.2f", i > first ? "," : "", times[i]);
-  };
+// Of the frames from `first` on.
+void print_times(FILE* out, const char* name, const Frames& capture, size_t first) {
+  std::vector<double> times[kModules];
+  play(capture, times);
   fprintf(out, ",\n\"%s\": {", name);
   for (int m = 0; m < kModules; ++m) {
-    fprintf(out, "\"%s\": [", kNames[m]);
-    print(best[m]);
-    fprintf(out, "],\n");
+    fprintf(out, "%s\"%s\": [", m > 0 ? ",\n" : "", kNames[m]);
+    for (size_t i = first; i < times[m].size(); ++i)
+      fprintf(out, "%s%.2f", i > first ? "," : "", times[m][i]);
+    fprintf(out, "]");
   }
-  fprintf(out, "\"total, last pass\": [");
-  print(last[kTotal]);
-  fprintf(out, "]}");
+  fprintf(out, "}");
 }
 
 constexpr size_t kStack = 1 << 20;
@@ -178,20 +162,19 @@ int main(int argc, char** argv) {
   Frames capture = argc > 1 ? read_capture(argv[1]) : Frames();
   FILE* out = argc > 2 ? fopen(argv[2], "w") : nullptr;
   if (capture.empty() || !out) {
-    fprintf(stderr, "usage: chain_bench CAPTURE OUTPUT [REPEATS [SILENT_FRAMES]]\n");
+    fprintf(stderr, "usage: chain_bench CAPTURE OUTPUT [SILENT_FRAMES]\n");
     return 1;
   }
-  const int repeats = argc > 3 ? atoi(argv[3]) : 3;
-  const size_t silent = argc > 4 ? static_cast<size_t>(atoi(argv[4])) : 0;
+  const size_t silent = argc > 3 ? static_cast<size_t>(atoi(argv[3])) : 0;
   const size_t frame = kChannels * kFrame, heard = capture.size() / frame;
   const size_t heap = heap_use();
   const size_t stack = stack_use(Frames(capture.begin(), capture.begin() + 20 * frame));
   fprintf(out, "{\"kernels\": \"%s\", \"heap\": %zu, \"stack\": %zu", quibo::kernels().name, heap,
           stack);
-  print_times(out, "recording", capture, repeats, 0);
+  print_times(out, "recording", capture, 0);
   if (silent > 0) {
     capture.resize(capture.size() + silent * frame);
-    print_times(out, "silence", capture, repeats, heard);
+    print_times(out, "silence", capture, heard);
   }
   fprintf(out, "}\n");
   fclose(out);
