@@ -9,7 +9,7 @@
 #include "../limiter/zq_MPO.h"
 #include "quibo/quibo.h"
 
-enum { QUIBO_FIFO = 2048 /* samples per detection FIFO; at most 479 + 1024 are in use */ };
+enum { QUIBO_FIFO = 2048 /* samples per detection FIFO; frames of 1024 use 479 + 1024 */ };
 
 struct KTWakeupParams {
   KTDHandle handle0;               /* direction estimator */

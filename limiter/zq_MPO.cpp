@@ -17,7 +17,7 @@ float db_to_linear(float db) {
 }
 
 // Moves the line by one in two runs of eight, the second after the first: slot 9 receives what slot
-// 8 has just received, so the oldest sample is 15 old, not 16. The look-ahead is tuned to that.
+// 8 has just received, so the oldest sample is 15 old, not 16: that is the look-ahead.
 float push(float* xd, float newest) {
   memmove(xd + 1, xd, 8 * sizeof *xd);
   memmove(xd + 9, xd + 8, 8 * sizeof *xd);

@@ -90,6 +90,33 @@ def prefix(build, tmp_path_factory):
     return folder
 
 
+def test_an_application_may_use_the_same_names(prefix, tmp_path, unsanitized):
+    """Its own dec_data and dec_table take nothing away from the library's."""
+    (tmp_path / "main.c").write_text(r"""
+#include <stdio.h>
+#include <stdlib.h>
+#include <stdint.h>
+typedef struct KTWakeupParams* KTWakeup;
+int32_t Quibo_wakeup_init(KTWakeup*, int32_t);
+int32_t Quibo_wakeup_three_write_data(KTWakeup, int16_t*, int16_t*, int16_t*, const int16_t*, int16_t*, int16_t*,
+                                      int16_t*, int16_t*);
+const int16_t dec_table[4801];
+void dec_data(int16_t* samples, int32_t len) { printf("stolen\n"); (void)samples, (void)len; }
+int main(void) {
+  static int16_t mic[3][1024], ref[1024], out[1024];
+  KTWakeup front_end = NULL;
+  mic[0][0] = 1;
+  if (Quibo_wakeup_init(&front_end, 0) != 0) return 1;
+  Quibo_wakeup_three_write_data(front_end, mic[0], mic[1], mic[2], ref, out, NULL, NULL, out);
+  printf("%d\n", mic[0][0] != 0);
+  return 0;
+}
+""")
+    (folder,) = {path.parent for path in prefix.rglob("libquibo.so")}
+    run("cc", tmp_path / "main.c", "-o", tmp_path / "main", f"-L{folder}", "-lquibo")
+    assert run(tmp_path / "main", env={"LD_LIBRARY_PATH": str(folder)}) == CONSUMER_OUTPUT.replace("-1 -1 1 10", "1")
+
+
 @pytest.mark.parametrize("compiler", [["cc", "-std=c99"], ["c++", "-std=c++17"]], ids=["c99", "c++17"])
 def test_every_installed_header_stands_alone(prefix, compiler):
     headers = list((prefix / "include").rglob("*.h"))

@@ -28,6 +28,13 @@
  *   and released by the matching unit call. Memory comes from malloc/calloc at init only; the
  *   per-frame calls allocate nothing. Diagnostics are the lines quoted below, on standard output.
  *
+ * PROCESSORS
+ *   The fastest kernels the processor has are chosen at the first call; all give the same bits. For
+ *   tests the environment variable QUIBO_KERNELS names others (scalar, sse2, avx2, ...); an unknown
+ *   name is reported on standard error and ignored. Floating point is to be in its default mode,
+ *   rounding to nearest and keeping denormals: linking an application with -ffast-math may change
+ *   that for the whole process.
+ *
  * THREADS
  *   None are started and nothing is locked. Modules share module-level work areas: one front end
  *   per process, driven from one thread at a time.
