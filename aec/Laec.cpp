@@ -107,10 +107,10 @@ int32_t linear_aec_proc(LAEC* st, const float* mic, const float* ref, float* out
   copy(st->refdata + kShift, ref, kShift);
   my_fft(st->refdata, st->xk[0]);
 
+  // Delayed, so that an echo up to 20 samples early still meets its reference.
   copy(st->micdata, st->micdata + kShift, LAEC_DELAY);
   copy(st->micdata + LAEC_DELAY, mic, kShift);
-  const float* d = st->micdata;  // delayed: an echo up to 20 samples early still meets its
-                                 // reference jitter stays causal
+  const float* d = st->micdata;
 
   run.estimate_echo(st);
   my_ifft(st->fftdata, st->w);

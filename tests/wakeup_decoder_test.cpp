@@ -173,12 +173,35 @@ TEST_F(Decoder, SilenceDecaysScoresFromTheEleventhStepAndForgetsThemAtTheTwentyS
   EXPECT_EQ(0, net.pdec->blank_cnt);
 }
 
-TEST_F(Decoder, AStepOfSilenceNeverWakes) {
+TEST_F(Decoder, AStepOfSilenceNeverWakesUnlessTheDelayFlagIsSet) {
   word().dp[7] = 1.0f;
   word().thres = 1.2f;
   EXPECT_EQ(-1, step({kB, 0.04f, 0.96f}));
   word().dp[6] = word().dp[7] = 1.0f;
   EXPECT_EQ(0, step({kB, 0.06f, 0.94f}));
+
+  net.pdec->delay_flag = 1;  // nothing in the engine sets it; a wake clears it
+  word().dp[6] = word().dp[7] = 1.0f;
+  EXPECT_EQ(0, step({kB, 0.04f, 0.96f}));
+  EXPECT_EQ(0, net.pdec->delay_flag);
+  net.pdec->delay_flag = 1;
+  net.pdec->blank_cnt = 25;  // so does the reset after a long silence
+  EXPECT_EQ(-1, step(silence));
+  EXPECT_EQ(0, net.pdec->delay_flag);
+}
+
+TEST_F(Decoder, StartsWithNothingHeardAndNoCandidate) {
+  EXPECT_EQ(-1, net.pdec->wake_cand);
+  EXPECT_EQ(0, net.pdec->wake_hold_time);
+  EXPECT_EQ(0, net.pdec->hold_time);
+  EXPECT_EQ(0, net.pdec->no_wake_time);
+}
+
+TEST_F(Decoder, AKeywordWithoutSyllablesNeverFires) {
+  const int16_t keywords[] = {1, 0, 120, 40, 0};
+  build(keywords);
+  ASSERT_EQ(1, word().seqLen);
+  EXPECT_EQ(0, play(phrase({kA, kB, kA, kB}, 1)));
 }
 
 // All steps of the recursion at once, in double precision, with another skip rule for every pair.
@@ -261,7 +284,7 @@ std::vector<int16_t> keyword_of(int16_t syllables) {
   return table;
 }
 
-TEST(KeywordTable, TakesUpToThirtyEightSyllablesAndRefusesMoreOrNone) {
+TEST(KeywordTable, TakesUpToThirtyEightSyllablesAndAtLeastOneKeyword) {
   std::string printed;
   EXPECT_EQ(0, read(keyword_of(38), &printed));
   EXPECT_EQ("", printed);

@@ -1,9 +1,9 @@
 // From scores to posteriors, and from posteriors to the wake decision.
 //
 // Per keyword a left-to-right chain of classes, blank - syllable - blank - ... - blank, carries
-// forward scores as in connectionist temporal classification (Graves et al. 2006), streaming: the
-// first state is always 1, scores are limited to 1 and decay in silence. The cost of a keyword is
-// -ln(score of its last syllable) / div.
+// forward scores as in connectionist temporal classification (Graves et al. 2006), streaming: from
+// the second step on the first state is 1, scores are limited to 1 and decay in silence. The cost
+// of a keyword is -ln(score of its last syllable) / div.
 #pragma once
 
 #include "wakeup/ChineseConv.h"

@@ -31,8 +31,8 @@ inline float multiplier(int32_t M0, int32_t M1) {
 }
 
 // Sums to codes: scaled, rounded with halves away from zero, zero point added, limited to 0..255.
-// A zero point acts as one within +-2^23, the span in which single precision still tells whole
-// numbers apart; a NaN gives 0.
+// A zero point acts as one within +-2^23, where single precision holds its distance from any code
+// exactly; a NaN gives 0.
 void layer_normalize(const int32_t* sums, int count, int32_t M0, int32_t M1, int32_t zero_point,
                      uint8_t* codes);
 

@@ -466,6 +466,7 @@ QUIBO_API extern const float chinese_ln4_bias[256];
 /* Dense 256 -> 146 classes: 0 filler, 1..144 syllables (params/syllables.txt), 145 blank. */
 QUIBO_API extern const int8_t chinese_fc_weight[146 * 256];
 QUIBO_API extern const int32_t chinese_fc_bias[146];
+
 /* ---- Direction estimator ----
  *
  * Steps of 480 samples (30 ms) of three microphones on a circle. A network turns each step into a
