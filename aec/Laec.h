@@ -13,10 +13,6 @@
 
 #include "quibo/quibo.h"
 
-#ifdef __cplusplus
-extern "C" {
-#endif
-
 enum {
   LAEC_PARTITIONS = 3,
   LAEC_SHIFT = 1024,          /* samples per frame and taps per partition */
@@ -68,9 +64,5 @@ struct LAEC {
   float cohxd[LAEC_BINS];            /* post stage: magnitude-squared coherence */
   float post_ovlp[LAEC_FFT];         /* post stage: previous inverse transform */
 };
-
-#ifdef __cplusplus
-}
-#endif
 
 #endif /* QUIBO_AEC_LAEC_H_ */

@@ -1,4 +1,4 @@
-#include "aec/aec_denoise.h"
+#include "aec/aec_denoise_net.h"
 
 #include <stdio.h>
 #include <stdlib.h>

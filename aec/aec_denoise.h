@@ -7,10 +7,6 @@
 
 #include "quibo/quibo.h"
 
-#ifdef __cplusplus
-extern "C" {
-#endif
-
 /* A convolution, or the last stage's groups. Rows of `weight`: input channel, then time (oldest
  * first), then frequency. */
 typedef struct {
@@ -45,7 +41,7 @@ typedef struct {
                                            previous and current map of 64 x 32; written, not read */
   float enc1_input[6528], enc2_input[6528], enc3_input[6528], enc4_input[6528]; /* 3 x 64 x 34 */
   float o1_input[2048], o2_input[2048], o3_input[2048]; /* outputs of encoder stages 1..3 of the
-                                                           last step, 64 x 32 */
+                                                           last step, 64 x 32; written, not read */
   float dec1_input[6528], dec2_input[6528], dec3_input[6528], dec4_input[6528]; /* 3 x 64 x 34 */
   float sub1_input[4352];                                                       /* 2 x 64 x 34 */
   float sub2_input[4224];                                                       /* 2 x 32 x 66 */
@@ -71,31 +67,5 @@ typedef struct {
   float indataf[QUIBO_FRAME];  /* reserved */
   float outdataf[QUIBO_FRAME]; /* reserved */
 } KTNNAECParams;
-
-/* One step: 512 samples each of the microphone and of the echo estimate, full scale 1.0, give 512
- * output samples, delayed by four hops (2048 samples). The layers' tables are read at every step;
- * `net` and its layers may be pointed at other tables of the same shape between steps. */
-void nn_aec_denoise_forward(AEC_Denoise_Net* net, const float* mic, const float* yn, int16_t* out);
-
-/* Two steps at once, 1024 samples: the bits of two calls of nn_aec_denoise_forward, but every
- * weight is read once. */
-void nn_aec_denoise_forward_frame(AEC_Denoise_Net* net, const float* mic, const float* yn,
-                                  int16_t* out);
-
-/* Creates the layers of `net`, which must be all zero, binds them to the tables, clears the
- * recurrent states and creates the activation store. Returns 0, or -3 at the first failed
- * allocation. */
-int32_t init_aec_denoise_net(AEC_Denoise_Net* net);
-
-/* Releases the layers and the activation store, not `net`. */
-void destroy_aec_denoise_net(AEC_Denoise_Net* net);
-
-/* Frees what QuibNAecUnit leaves: the network's record and the handle. For the owner, when nobody
- * holds the handle any more; NULL is ignored. */
-void free_aec_denoise(void* handle);
-
-#ifdef __cplusplus
-}
-#endif
 
 #endif /* QUIBO_AEC_AEC_DENOISE_H_ */

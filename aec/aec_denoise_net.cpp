@@ -2,7 +2,7 @@
 
 #include <string.h>
 
-#include "aec/aec_denoise.h"
+#include "aec/aec_denoise_net.h"
 #include "dsp/conv_layer.h"
 #include "dsp/convert.h"
 #include "dsp/kernels.h"
@@ -66,7 +66,7 @@ ConvJob input_job(float* history, int steps) {
 
 // A layer of the input stage whose output is the next one's fresh frames.
 template <class Input, class Next>
-void input_layer(float* history, const LAYER_CONV_NNAEC& layer, int steps) {
+void nnaec_inp_conv(float* history, const LAYER_CONV_NNAEC& layer, int steps) {
   const ConvJob job = input_job<Input>(history, steps);
   Next::clear_guards(window, steps);
   run_conv(job, layer, Next::kChannels, Next::fresh(window) + 1, Next::kRow, Next::kFrame);
@@ -74,8 +74,8 @@ void input_layer(float* history, const LAYER_CONV_NNAEC& layer, int steps) {
 
 // An encoder or decoder stage on the maps in sh_out1, in place; residual (null: none) is added to
 // its output.
-void inner_layer(float* history, const LAYER_CONV_NNAEC& layer, const float* residual,
-                 int residual_row, int residual_step, int steps) {
+void nnaec_enc_dec_conv(float* history, const LAYER_CONV_NNAEC& layer, const float* residual,
+                        int residual_row, int residual_step, int steps) {
   Inner::pad(window, sh_out1, steps);
   Inner::exchange_history(history, window, steps);
   ConvJob job = Inner::job(window, steps);
@@ -90,7 +90,7 @@ void encoder_stage(float* history, const LAYER_CONV_NNAEC& layer, float* stage_i
                    float* kept_output, int steps) {
   if (steps == 1) copy(stage_inputs, stage_inputs + kMap, kMap);
   copy(stage_inputs + (2 - steps) * kMap, sh_out1, steps * kMap);
-  inner_layer(history, layer, nullptr, 0, 0, steps);
+  nnaec_enc_dec_conv(history, layer, nullptr, 0, 0, steps);
   if (kept_output) copy(kept_output, sh_out1 + (steps - 1) * kMap, kMap);
 }
 
@@ -99,18 +99,28 @@ void encoder_stage(float* history, const LAYER_CONV_NNAEC& layer, float* stage_i
 void decoder_stage(float* history, const LAYER_CONV_NNAEC& layer, const float* encoder_history,
                    int steps) {
   const float* skip = encoder_history + (3 - steps) * Inner::kFrame + 1;
-  inner_layer(history, layer, skip, Inner::kRow, Inner::kFrame, steps);
+  nnaec_enc_dec_conv(history, layer, skip, Inner::kRow, Inner::kFrame, steps);
 }
 
-void gru_block(const LAYER_GRU_NNAEC& layer, void (*kernel)(const quibo::GruJob&), int steps) {
-  kernel(quibo::gru_job(layer, kHidden, 2 * kHidden, sh_out1, sh_out1, steps, sfilter));
+quibo::GruJob gru_job(const LAYER_GRU_NNAEC& layer, int steps) {
+  return quibo::gru_job(layer, kHidden, 2 * kHidden, sh_out1, sh_out1, steps, sfilter);
+}
+
+void nnaec_time_gru_forward(const LAYER_GRU_NNAEC& layer, int steps) {
+  quibo::kernels().net.aec_gru.time(gru_job(layer, steps));
+}
+
+void nnaec_freq_gru_forward(const LAYER_GRU_NNAEC& layer, int steps) {
+  quibo::kernels().net.aec_gru.frequency(gru_job(layer, steps));
 }
 
 // ---- Spectra ---------------------------------------------------------------------------------
 
 // Transforms a hop of each signal, appends the error E = D - Y to its history and writes the
-// network's input frame: bins 0..511 of D real, E real, D imaginary, E imaginary.
-void input_frame(LAYER_DATA_NNAEC* d, const float* mic, const float* yn, float* frame) {
+// network's input frame: bins 0..511 of D real, E real, D imaginary, E imaginary; despite the name
+// neither magnitudes nor phases.
+void nnaec_calc_input_mag_phase(LAYER_DATA_NNAEC* d, const float* mic, const float* yn,
+                                float* frame) {
   Spectrum D, E;
   quibo::analyse_hop(d->inMic, mic, &D);
   quibo::analyse_hop(d->inRef, yn, &E);
@@ -125,7 +135,7 @@ void input_frame(LAYER_DATA_NNAEC* d, const float* mic, const float* yn, float* 
 
 // Sigmoid of P (two rows of 512) through the complex groups of 8 x 8: (R + jI)(P_re + j P_im),
 // where each of the four products adds its own bias.
-void make_mask(LAYER_DATA_NNAEC* d, const AEC_Denoise_Net& net, const float* P) {
+void nnaec_calc_mask_scale(LAYER_DATA_NNAEC* d, const AEC_Denoise_Net& net, const float* P) {
   const LAYER_CONV_NNAEC &R = *net.sys_real_conv, &I = *net.sys_imag_conv;
   const quibo::FloatKernels& run = quibo::kernels().net;
   float re_by_R[kHop], im_by_I[kHop], re_by_I[kHop], im_by_R[kHop];
@@ -143,7 +153,7 @@ void make_mask(LAYER_DATA_NNAEC* d, const AEC_Denoise_Net& net, const float* P) 
 }
 
 // Real and imaginary parts have masks of their own: no complex product.
-void apply_mask(const LAYER_DATA_NNAEC* d, Spectrum* spectrum) {
+void nnaec_mask_input(const LAYER_DATA_NNAEC* d, Spectrum* spectrum) {
   constexpr int kLowBins = 4;  // up to 47 Hz there is no speech to keep
   constexpr float kLowGain = 0.2f;
   for (int k = 0; k < kBins; ++k) {
@@ -156,7 +166,7 @@ void apply_mask(const LAYER_DATA_NNAEC* d, Spectrum* spectrum) {
   }
 }
 
-void overlap_add(LAYER_DATA_NNAEC* d, const Spectrum& spectrum, int16_t* out) {
+void nnaec_isft_to_out(LAYER_DATA_NNAEC* d, const Spectrum& spectrum, int16_t* out) {
   float frame[quibo::kStftFrame];
   quibo::synthesise_frame(spectrum, frame);
   for (int n = 0; n < kHop; ++n) {
@@ -170,14 +180,15 @@ void forward(AEC_Denoise_Net* net, const float* mic, const float* yn, int16_t* o
   Spectrum delayed[kMaxSteps];
   Input1::clear_guards(window, steps);
   for (int s = 0; s < steps; ++s) {
-    input_frame(d, mic + s * kHop, yn + s * kHop, Input1::fresh(window) + s * Input1::kFrame);
+    nnaec_calc_input_mag_phase(d, mic + s * kHop, yn + s * kHop,
+                               Input1::fresh(window) + s * Input1::kFrame);
     copy(delayed[s].real, d->spec_real, kBins);
     copy(delayed[s].imag, d->spec_imag, kBins);
   }
 
-  input_layer<Input1, Input2>(d->x_inp1_input, *net->inp_conv1, steps);
-  input_layer<Input2, Input3>(d->x_inp2_input, *net->inp_conv2, steps);
-  input_layer<Input3, Input4>(d->x_inp3_input, *net->inp_conv3, steps);
+  nnaec_inp_conv<Input1, Input2>(d->x_inp1_input, *net->inp_conv1, steps);
+  nnaec_inp_conv<Input2, Input3>(d->x_inp2_input, *net->inp_conv2, steps);
+  nnaec_inp_conv<Input3, Input4>(d->x_inp3_input, *net->inp_conv3, steps);
   run_conv(input_job<Input4>(d->x_inp4_input, steps), *net->inp_conv4, kHidden, sh_out1, kPositions,
            kMap);
 
@@ -186,17 +197,16 @@ void forward(AEC_Denoise_Net* net, const float* mic, const float* yn, int16_t* o
   encoder_stage(d->enc3_input, *net->enc_conv3, d->x3_input, d->o3_input, steps);
   encoder_stage(d->enc4_input, *net->enc_conv4, d->x4_input, nullptr, steps);
 
-  const quibo::GruKernels& gru = quibo::kernels().net.aec_gru;
-  gru_block(*net->t_gru1, gru.time, steps);
-  gru_block(*net->f_gru1, gru.frequency, steps);
-  gru_block(*net->t_gru2, gru.time, steps);
-  gru_block(*net->f_gru2, gru.frequency, steps);
-  gru_block(*net->t_gru3, gru.time, steps);
-  gru_block(*net->f_gru3, gru.frequency, steps);
+  nnaec_time_gru_forward(*net->t_gru1, steps);
+  nnaec_freq_gru_forward(*net->f_gru1, steps);
+  nnaec_time_gru_forward(*net->t_gru2, steps);
+  nnaec_freq_gru_forward(*net->f_gru2, steps);
+  nnaec_time_gru_forward(*net->t_gru3, steps);
+  nnaec_freq_gru_forward(*net->f_gru3, steps);
 
   // Skips: around the first stage its own input, then the encoder's outputs 3, 2, 1, which are the
   // inputs of its stages 4, 3, 2.
-  inner_layer(d->dec1_input, *net->dec_conv1, sh_out1, kPositions, kMap, steps);
+  nnaec_enc_dec_conv(d->dec1_input, *net->dec_conv1, sh_out1, kPositions, kMap, steps);
   decoder_stage(d->dec2_input, *net->dec_conv2, d->enc4_input, steps);
   decoder_stage(d->dec3_input, *net->dec_conv3, d->enc3_input, steps);
   decoder_stage(d->dec4_input, *net->dec_conv4, d->enc2_input, steps);
@@ -212,9 +222,9 @@ void forward(AEC_Denoise_Net* net, const float* mic, const float* yn, int16_t* o
                              kHop, 2 * kHop);
 
   for (int s = 0; s < steps; ++s) {
-    make_mask(d, *net, sh_out1 + s * 2 * kHop);
-    apply_mask(d, &delayed[s]);
-    overlap_add(d, delayed[s], out + s * kHop);
+    nnaec_calc_mask_scale(d, *net, sh_out1 + s * 2 * kHop);
+    nnaec_mask_input(d, &delayed[s]);
+    nnaec_isft_to_out(d, delayed[s], out + s * kHop);
   }
 }
 

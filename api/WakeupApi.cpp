@@ -4,7 +4,7 @@
 #include <stdlib.h>
 #include <string.h>
 
-#include "aec/aec_denoise.h"
+#include "aec/aec_denoise_net.h"
 #include "dsp/convert.h"
 
 namespace {

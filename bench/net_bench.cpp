@@ -12,8 +12,8 @@
 #include <string>
 #include <vector>
 
-#include "aec/aec_denoise.h"
-#include "denoise/denoise.h"
+#include "aec/aec_denoise_net.h"
+#include "denoise/denoise_net.h"
 #include "dsp/conv_layer.h"
 #include "dsp/kernels.h"
 

@@ -1,4 +1,4 @@
-#include "denoise/denoise.h"
+#include "denoise/denoise_net.h"
 
 #include <stdlib.h>
 

@@ -7,10 +7,6 @@
 
 #include "quibo/quibo.h"
 
-#ifdef __cplusplus
-extern "C" {
-#endif
-
 /* A convolution. Rows of `weight`: input channel, then time (oldest first), then frequency. The
  * first layer's weight has 290 floats, see denoise_inp_conv1_weight. */
 typedef struct {
@@ -73,29 +69,5 @@ typedef struct {
   float indataf[QUIBO_FRAME];  /* current input frame, full scale 1.0 */
   float outdataf[QUIBO_FRAME]; /* cleaned frame; zero until the fifth step */
 } KTANCParams;
-
-/* One step: 512 samples in, 512 samples out, full scale 1.0, delayed by four hops (2048 samples).
- * Returns 0, or -1, with `out` untouched, during the first four steps of an instance and always
- * when the instance is only half built. A NaN or an infinity in `in` stays in the recurrent states
- * of all instances for good: `out` is NaN, int16 output 0. Frames made from int16 never hold one.
- * The layers' tables are read at every step; `net` and its layers may be pointed at other tables of
- * the same shape between steps. */
-int32_t nn_denoise_forward(DenoiseNet* net, const float* in, float* out);
-
-/* Two steps at once, 1024 samples: the bits of two calls of nn_denoise_forward, but every weight is
- * read once. Returns the second step's result. */
-int32_t nn_denoise_forward_frame(DenoiseNet* net, const float* in, float* out);
-
-/* Creates the layers of `net`, which must be all zero, binds them to the tables and the shared
- * recurrent states, and creates the working record. min_scale is taken when 0 <= min_scale <= 1 or
- * NaN. The first failed allocation ends it without a word: later pointers stay null. */
-void init_denoise_net(DenoiseNet* net, float min_scale);
-
-/* Releases the layers and the working record, not `net`. */
-void destroy_denoise_net(DenoiseNet* net);
-
-#ifdef __cplusplus
-}
-#endif
 
 #endif /* QUIBO_DENOISE_DENOISE_H_ */

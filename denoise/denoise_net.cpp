@@ -2,7 +2,7 @@
 
 #include <string.h>
 
-#include "denoise/denoise.h"
+#include "denoise/denoise_net.h"
 #include "dsp/conv_layer.h"
 #include "dsp/kernels.h"
 #include "dsp/net_layers.h"
@@ -108,20 +108,27 @@ bool warmed_up(int32_t* count, int steps) {
   return *count > 1;
 }
 
-void gru_block(const LAYER_GRU_COMMON& layer, void (*kernel)(const quibo::GruJob&),
-               const float* input, float* output, int steps) {
+quibo::GruJob gru_job(const LAYER_GRU_COMMON& layer, const float* input, float* output, int steps) {
   quibo::GruJob job =
       quibo::gru_job(layer, kHidden * kHidden, kHidden, input, output, steps, sh_tempbuf);
   job.norm_weight = layer.norm_weight;
   job.norm_bias = layer.norm_bias;
-  kernel(job);
+  return job;
+}
+
+void denoise_time_gru_forward_new(const LAYER_GRU_COMMON& layer, int steps) {
+  quibo::kernels().net.denoise_gru.time(gru_job(layer, sh_out1, sh_out2, steps));
+}
+
+void denoise_freq_gru_forward_new(const LAYER_GRU_COMMON& layer, int steps) {
+  quibo::kernels().net.denoise_gru.frequency(gru_job(layer, sh_out2, sh_out1, steps));
 }
 
 // ---- Spectra ---------------------------------------------------------------------------------
 
 // Transforms a hop, appends it to the history and writes the network's input frame: two rows of
-// bins 0..511, real and imaginary.
-void input_frame(LAYER_DATA_DENOISE* d, const float* hop, float* frame) {
+// bins 0..511, real and imaginary; despite the name neither magnitude nor phase.
+void denoise_calc_input_mag_phase(LAYER_DATA_DENOISE* d, const float* hop, float* frame) {
   Spectrum spectrum;
   quibo::analyse_hop(d->inMic, hop, &spectrum);
   quibo::push_spectrum(d->spec_real, d->spec_imag, spectrum);
@@ -130,7 +137,7 @@ void input_frame(LAYER_DATA_DENOISE* d, const float* hop, float* frame) {
 }
 
 // Masks the delayed spectrum in place. `mask`: 2 x 512 network outputs; bin 512 gets an input of 0.
-void apply_mask(Spectrum* spectrum, const float* mask, float min_scale) {
+void denoise_calc_mask_scale(Spectrum* spectrum, const float* mask, float min_scale) {
   constexpr int kLowBins = 8;  // below 125 Hz the device only has hum and handling noise
   constexpr float kLowGain = 0.15f;
   auto scale = [&](float* bins, const float* row) {
@@ -147,7 +154,7 @@ void apply_mask(Spectrum* spectrum, const float* mask, float min_scale) {
   scale(spectrum->imag, mask + kHop);
 }
 
-void overlap_add(LAYER_DATA_DENOISE* d, const Spectrum& spectrum, float* out) {
+void denoise_isft_to_out(LAYER_DATA_DENOISE* d, const Spectrum& spectrum, float* out) {
   float frame[quibo::kStftFrame];
   quibo::synthesise_frame(spectrum, frame);
   for (int i = 0; i < kHop; ++i) out[i] = quibo::limit_output(d->ovlp_add[kHop + i] + frame[i]);
@@ -159,7 +166,7 @@ int32_t forward(DenoiseNet* net, const float* in, float* out, int steps) {
   Spectrum delayed[kMaxSteps];
   Encoder1::clear_guards(window, steps);
   for (int s = 0; s < steps; ++s) {
-    input_frame(d, in + s * kHop, Encoder1::fresh(window) + s * Encoder1::kFrame);
+    denoise_calc_input_mag_phase(d, in + s * kHop, Encoder1::fresh(window) + s * Encoder1::kFrame);
     memcpy(delayed[s].real, d->spec_real, sizeof delayed[s].real);
     memcpy(delayed[s].imag, d->spec_imag, sizeof delayed[s].imag);
   }
@@ -178,13 +185,12 @@ int32_t forward(DenoiseNet* net, const float* in, float* out, int steps) {
   run_conv(layer_job<Encoder4>(steps), *net->inp_conv4, kHidden, sh_out1, quibo::kGruPositions,
            kMap);
 
-  const quibo::GruKernels& gru = quibo::kernels().net.denoise_gru;
-  gru_block(*net->t_gru1, gru.time, sh_out1, sh_out2, steps);
-  gru_block(*net->f_gru1, gru.frequency, sh_out2, sh_out1, steps);
-  gru_block(*net->t_gru2, gru.time, sh_out1, sh_out2, steps);
-  gru_block(*net->f_gru2, gru.frequency, sh_out2, sh_out1, steps);
-  gru_block(*net->t_gru3, gru.time, sh_out1, sh_out2, steps);
-  gru_block(*net->f_gru3, gru.frequency, sh_out2, sh_out1, steps);
+  denoise_time_gru_forward_new(*net->t_gru1, steps);
+  denoise_freq_gru_forward_new(*net->f_gru1, steps);
+  denoise_time_gru_forward_new(*net->t_gru2, steps);
+  denoise_freq_gru_forward_new(*net->f_gru2, steps);
+  denoise_time_gru_forward_new(*net->t_gru3, steps);
+  denoise_freq_gru_forward_new(*net->f_gru3, steps);
 
   Decoder1::pad(window, sh_out1, steps);
   quibo::upsample_into<Decoder1, 32, Decoder2>(window, d->sub1_input, *net->sub_pix_conv1, steps,
@@ -197,8 +203,8 @@ int32_t forward(DenoiseNet* net, const float* in, float* out, int steps) {
                                kHop, 2 * kHop);
 
   for (int s = 0; s < steps; ++s) {
-    apply_mask(&delayed[s], sh_out1 + s * 2 * kHop, d->min_scale);
-    overlap_add(d, delayed[s], out + s * kHop);
+    denoise_calc_mask_scale(&delayed[s], sh_out1 + s * 2 * kHop, d->min_scale);
+    denoise_isft_to_out(d, delayed[s], out + s * kHop);
   }
   return 0;
 }

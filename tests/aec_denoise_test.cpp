@@ -1,6 +1,6 @@
 // The neural echo suppressor against a naive reference, its properties and its failure paths.
 
-#include "aec/aec_denoise.h"
+#include "aec/aec_denoise_net.h"
 
 #include <gtest/gtest.h>
 

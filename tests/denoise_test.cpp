@@ -1,6 +1,6 @@
 // The noise suppressor against a naive reference, its properties and its failure paths.
 
-#include "denoise/denoise.h"
+#include "denoise/denoise_net.h"
 
 #include <gtest/gtest.h>
 

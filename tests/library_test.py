@@ -82,6 +82,14 @@ def test_exports_are_those_of_the_map_and_of_the_header(source, library):
     assert sorted(declared) == sorted(exported)
 
 
+def test_other_installed_headers_promise_no_function(prefix):
+    """They hold the records; what is linked with stands in quibo.h."""
+    for header in (prefix / "include").rglob("*.h"):
+        if header.name != "quibo.h":
+            text = re.sub(r"/\*.*?\*/", "", header.read_text(), flags=re.S)
+            assert re.findall(r"^\w[^;{}#]*\([^)]*\)\s*;", text, flags=re.M) == [], header.name
+
+
 @pytest.fixture(scope="module")
 def prefix(build, tmp_path_factory):
     """An installation somewhere else than configured, as packagers make one."""

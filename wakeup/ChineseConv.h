@@ -12,10 +12,6 @@
 
 #include "quibo/quibo.h"
 
-#ifdef __cplusplus
-extern "C" {
-#endif
-
 enum {
   KWS_BLOCK = QUIBO_BLOCK, /* samples per step */
   KWS_HISTORY = 720,       /* samples kept: 240 of the previous step, then the 480 new ones */
@@ -140,9 +136,5 @@ struct KTCWakeupParam {
   EWordNet mynet;
   int16_t data[1024]; /* reserved */
 };
-
-#ifdef __cplusplus
-}
-#endif
 
 #endif /* QUIBO_WAKEUP_CHINESECONV_H_ */
