@@ -25,7 +25,7 @@ void append(int16_t* history, const int16_t* samples) {
   memcpy(history + kept, samples, QUIBO_BLOCK * sizeof(int16_t));
 }
 
-// Unscaled and without a window: the phase transform discards the magnitudes anyway.
+// Unscaled, since the phase transform discards the magnitudes, and without a window.
 void spectrum(LAYER_DATA_DOA* dlayer, int mic, int frame) {
   float* padded = &dlayer->rfft[0].real;
   const int16_t* samples = dlayer->in[mic] + frame * DOA_HOP;

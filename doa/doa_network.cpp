@@ -146,8 +146,8 @@ void doa_gru_forward(const LAYER_GRU_DOA& layer, const float* x, float* hid) {
   for (int j = 0; j < kState; ++j) hid[j] = (1.0f - z[j]) * n[j] + z[j] * hid[j];
 }
 
-// Sums run from the first value to the last. No epsilon: a constant vector divides by zero and the
-// layer's output is not a number.
+// Sums run from the first value to the last. No epsilon: where their mean is exact, as of zeros, a
+// constant vector divides by zero and the layer's output is not a number.
 void layer_norm(float* x, const float* weight, const float* bias) {
   float sum = 0.0f;
   for (int i = 0; i < kUnits; ++i) sum += x[i];

@@ -4,7 +4,7 @@
 #include "doa/ring_doa.h"
 
 // One block: 480 new samples of each microphone in, the direction vector left in dlayer->xy, each
-// component in [-1, 1]. A layer normalisation over a constant vector divides by zero: `xy` is then
+// component in [-1, 1]. A layer normalisation over zeros divides by zero: `xy` is then
 // not a number for this block and, through the DFSMN memories, for at most 18 more. Returns 0.
 int32_t doa_model_forward(DoaNet* net, const int16_t* mic1, const int16_t* mic2,
                           const int16_t* mic3);

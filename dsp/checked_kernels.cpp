@@ -115,10 +115,6 @@ void mat_mul_vec_float(float* out, const float* mat, const float* vec, int M, in
           [=](const Kernels& k) { k.net.mat_mul_vec_float(out, mat, vec, M, N); });
 }
 
-void arr_exp(float* out, const float* in, int len) {
-  compare("arr_exp", {{out, len}}, [=](const Kernels& k) { k.net.arr_exp(out, in, len); });
-}
-
 void act_h(float* out, const float* in, int len, Activation flag) {
   compare("act_h", {{out, len}}, [=](const Kernels& k) { k.net.act_h(out, in, len, flag); });
 }
@@ -214,7 +210,6 @@ Kernels row = {
      canceller<&LaecKernels::update_gain>, canceller<&LaecKernels::apply_gain>},
     {arr_mul_arr_float,
      mat_mul_vec_float,
-     arr_exp,
      act_h,
      vec_act_h,
      conv,

@@ -136,14 +136,6 @@ void for_each_lane(int len, const Body& body) {
   for (; i < len; ++i) body(ScalarF32{}, i);
 }
 
-template <class V>
-void arr_exp(float* out, const float* in, int len) {
-  for_each_lane<V>(len, [=](auto v, int i) {
-    using W = decltype(v);
-    W::store(out + i, exact_exp<W>(W::load(in + i)));
-  });
-}
-
 template <class V, template <class> class Exp>
 void activate(float* out, const float* in, int len, Activation flag) {
   for_each_lane<V>(len, [=](auto v, int i) {

@@ -83,7 +83,6 @@ struct GruKernels {
 struct FloatKernels {
   float (*arr_mul_arr_float)(const float* in1, const float* in2, int len);
   void (*mat_mul_vec_float)(float* out, const float* mat, const float* vec, int M, int N);
-  void (*arr_exp)(float* out, const float* in, int len);
   void (*act_h)(float* out, const float* in, int len, Activation flag);
   void (*vec_act_h)(float* out, const float* in, int len, Activation flag);
   void (*conv)(const ConvJob&);

@@ -27,7 +27,6 @@ constexpr Kernels make_kernels(const char* name) {
           {laec_estimate_echo<V>, laec_adapt<V>, laec_update_gain<V>, laec_apply_gain<V>},
           {arr_mul_arr_float<V>,
            mat_mul_vec_float<V>,
-           arr_exp<V>,
            act_h<V>,
            vec_act_h<V>,
            conv<V>,

@@ -13,8 +13,8 @@ namespace {
 
 using quibo::Kernels;
 
-void last_bit_off(float* out, const float* in, int len) {
-  quibo::available_kernels(0)->net.arr_exp(out, in, len);
+void last_bit_off(float* out, const float* in, int len, quibo::Activation flag) {
+  quibo::available_kernels(0)->net.act_h(out, in, len, flag);
   out[len - 1] = std::nextafter(out[len - 1], 2.0f);
 }
 
@@ -26,11 +26,12 @@ void wrong_code(const int32_t* sums, int count, const quibo::Requantiser& q, uin
 TEST(CheckedKernels, OneBitOffEndsTheProcessWithTheKernelsName) {
   Kernels faulty = *quibo::available_kernels(0);
   faulty.name = "faulty";
-  faulty.net.arr_exp = last_bit_off;
+  faulty.net.act_h = last_bit_off;
   faulty.int8.requantise = wrong_code;
   const Kernels& checked = quibo::checked_kernels(faulty);
   std::vector<float> x(33, 0.25f), y(33);
-  EXPECT_DEATH(checked.net.arr_exp(y.data(), x.data(), 33), "arr_exp of faulty differs");
+  EXPECT_DEATH(checked.net.act_h(y.data(), x.data(), 33, quibo::Activation::kTanh),
+               "act_h of faulty differs");
   const std::vector<int32_t> sums(48, 100);
   std::vector<uint8_t> codes(48);
   const quibo::Requantiser q = {0.5f, 0.0f, 0.0f, 255.0f, 0};

@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "dsp/log_mel.h"
+#include "support/bits.h"
 #include "support/variants.h"
 
 namespace {
@@ -129,6 +130,23 @@ TEST(DoaFeatures, EnergiesAreThoseOfMicrophoneOneInFramesThatEndWithTheBlock) {
     const float* got = record->out1 + 360 + 40 * f;
     EXPECT_EQ(std::vector<float>(got, got + 40), expected) << "frame " << f;
   }
+}
+
+TEST(DoaFeatures, KeepTheirBits) {
+  std::mt19937 random(kSeed);
+  std::vector<Samples> mics(3);
+  for (Samples& mic : mics) {
+    for (float v : quibo_test::even_noise(random, 20 * kBlock)) {
+      mic.push_back(static_cast<int16_t>(v * 8000.0f));
+    }
+  }
+  auto d = empty_record();
+  quibo_test::Bits bits;
+  for (int block = 0; block < 20; ++block) {
+    add_block(d.get(), mics, block);
+    bits.add(d->out1, sizeof d->out1);
+  }
+  EXPECT_EQ(0x2901be531f3275c2, bits.value());
 }
 
 }  // namespace

@@ -15,6 +15,7 @@
 
 #include "aec/aecpostapi.h"
 #include "support/allocation.h"
+#include "support/bits.h"
 #include "support/variants.h"
 
 namespace {
@@ -433,6 +434,23 @@ TEST(Laec, EveryVariantGivesTheScalarBitsOver210Frames) {
     if (variant == "scalar") scalar_end = std::make_unique<LAEC>(*st);
     EXPECT_EQ(0, std::memcmp(st.get(), scalar_end.get(), sizeof *st)) << variant;
   });
+}
+
+TEST(Laec, KeepsItsBits) {
+  std::mt19937 random(kSeed);
+  auto st = make_canceller();
+  quibo_test::Bits bits;
+  for (int f = 0; f < 60; ++f) {
+    const Frame ref = quibo_test::even_noise(random, kShift);
+    Frame mic = quibo_test::even_noise(random, kShift), out(kShift);
+    for (int n = 0; n < kShift; ++n) mic[n] = 0.0625f * mic[n] + 0.5f * ref[(n + 900) % kShift];
+    linear_aec_proc(st.get(), mic.data(), ref.data(), out.data());
+    bits.add(out);
+    linear_aec_post(st.get(), out.data());
+    bits.add(out);
+  }
+  bits.add(st->wk, sizeof st->wk);
+  EXPECT_EQ(0x2f0bc4faadda6c41, bits.value());
 }
 
 // ---- linear_aec_post

@@ -10,6 +10,7 @@
 #include <random>
 #include <vector>
 
+#include "support/bits.h"
 #include "support/variants.h"
 
 namespace {
@@ -97,6 +98,17 @@ TEST(LogMel, GainMovesEveryBandByItsLogarithm) {
   }
   const auto a = features_of(quiet), b = features_of(loud);
   for (int m = 0; m < kMelBands; ++m) EXPECT_NEAR(b[m] - a[m], std::log(64.0), 1e-5) << m;
+}
+
+TEST(LogMel, KeepsItsBits) {
+  std::mt19937 random(kSeed);
+  quibo_test::Bits bits;
+  for (int i = 0; i < 50; ++i) {
+    std::vector<float> frame = quibo_test::even_noise(random, kMelFrame);
+    for (float& v : frame) v = std::trunc(v * 8000.0f);
+    bits.add(features_of(frame));
+  }
+  EXPECT_EQ(0x2b8b2def8e3d349d, bits.value());
 }
 
 }  // namespace
