@@ -33,7 +33,7 @@ EASY_UNTIL = 0.2  # of the training: rooms, noise and masks come in little by li
 # Shares of the kinds of utterances, at the beginning and in the last third.
 KINDS = ("phrase", "near miss", "string", "words", "far", "noise", "music", "residual")
 FIRST = np.array([0.12, 0.08, 0.38, 0.34, 0.03, 0.03, 0.02, 0.00])
-LAST = np.array([0.24, 0.28, 0.12, 0.10, 0.15, 0.02, 0.05, 0.04])
+LAST = np.array([0.19, 0.24, 0.20, 0.15, 0.14, 0.02, 0.03, 0.03])
 WITHOUT_SPEECH = KINDS[4:]
 
 

@@ -3,6 +3,9 @@
 "ling" from "li" and "ming", "dang" from "dao" and "fang", and their neighbours likewise: of a few recordings of a syllable
 become hundreds, and none of them stands out as the wake phrase's. The two meet in their vowel, where their spectra are
 most alike.
+
+Many speakers, most of all in the north, say "-ing" with a schwa before the nasal, others do not: the former is made of
+"li" and "feng", one going over into the other.
 """
 import collections
 import dataclasses
@@ -18,6 +21,9 @@ VOICED = 0.1  # of the loudest frame's power: what belongs to the vowel
 EARLIEST, LATEST = 0.1, 0.55  # of a syllable, where the joint may be
 TOO_DIFFERENT = 2.0  # nats of mean difference, above which two do not go together
 ATTEMPTS = 3
+SCHWA_SHARE = 0.3  # of the spliced syllables in "-ing"
+SCHWA_LEAVE, SCHWA_ENTER = (0.2, 0.5), (0.35, 0.5)  # of a syllable, where the joint with the schwa may be
+SCHWA_FADE = (8, 20)  # frames
 
 
 def parts(name):
@@ -44,6 +50,7 @@ class Splice:
     enter: int
     raised: float  # nats added to the head, so that the levels meet
     frames: int
+    fade: int = FADE
 
 
 class Splices:
@@ -54,7 +61,8 @@ class Splices:
         self.parts = {c: parts(name) for name, c in classes.items()}
 
     def of_speaker(self, speaker):
-        """{class: (pieces to begin with, pieces to end with)}; class 0 has no name to go by."""
+        """{class: (pieces to begin with, pieces to end with, pieces to end with after a schwa)}; class 0 has no name to go
+        by."""
         if speaker not in self.donors:
             heads, tails = collections.defaultdict(list), collections.defaultdict(list)
             for c, pieces in self.bank.syllables[speaker].items():
@@ -62,12 +70,15 @@ class Splices:
                     initial, final, vowel = self.parts[c]
                     heads[initial, vowel] += pieces
                     tails[final, vowel] += pieces
-            self.donors[speaker] = {c: (heads[i, v], tails[f, v]) for c, (i, f, v) in self.parts.items() if i}
+            self.donors[speaker] = {c: (heads[i, v], tails[f, v], tails["eng", "e"] if f == "ing" else [])
+                                    for c, (i, f, v) in self.parts.items() if i}
         return self.donors[speaker]
 
     def choose(self, rng, speaker, syllable):
         """A Splice, or None where there is nothing that goes together."""
-        heads, tails = self.of_speaker(speaker).get(syllable, ((), ()))
+        heads, tails, schwas = self.of_speaker(speaker).get(syllable, ((), (), ()))
+        if len(heads) and len(schwas) and rng.random() < SCHWA_SHARE:
+            return self.with_schwa(rng, int(heads[rng.integers(len(heads))]), int(schwas[rng.integers(len(schwas))]))
         for _ in range(ATTEMPTS if len(heads) and len(tails) else 0):
             found = self.joined(int(heads[rng.integers(len(heads))]), int(tails[rng.integers(len(tails))]))
             if found:
@@ -81,11 +92,23 @@ class Splices:
             self.kept[head, tail] = self.search(head, tail)
         return self.kept[head, tail]
 
+    def place(self, piece):
+        if piece not in self.places:
+            self.places[piece] = self.candidates(piece)
+        return self.places[piece]
+
+    def with_schwa(self, rng, head, tail):
+        (a, at_a), (b, at_b) = self.place(head), self.place(tail)
+        at_a = at_a[(at_a >= SCHWA_LEAVE[0] * len(a)) & (at_a < SCHWA_LEAVE[1] * len(a))]
+        at_b = at_b[(at_b >= SCHWA_ENTER[0] * len(b)) & (at_b < SCHWA_ENTER[1] * len(b))]
+        if not len(at_a) or not len(at_b):
+            return None
+        leave, enter = int(rng.choice(at_a)), int(rng.choice(at_b))
+        raised = float(b[enter].mean() - a[leave].mean())
+        return Splice(head, tail, leave, enter, raised, leave + len(b) - enter, int(rng.integers(*SCHWA_FADE)))
+
     def search(self, head, tail):
-        for piece in (head, tail):
-            if piece not in self.places:
-                self.places[piece] = self.candidates(piece)
-        (a, at_a), (b, at_b) = self.places[head], self.places[tail]
+        (a, at_a), (b, at_b) = self.place(head), self.place(tail)
         if not len(at_a) or not len(at_b):
             return None
         around = np.arange(-CONTEXT, CONTEXT + 1)
@@ -111,6 +134,6 @@ class Splices:
     def rows(self, splice, u):
         """Log spectra at u, which runs from 0 to 1 over the splice."""
         at = u * splice.frames
-        share = np.float32(np.clip((at - splice.leave) / FADE + 0.5, 0, 1))[:, None]
+        share = np.float32(np.clip((at - splice.leave) / splice.fade + 0.5, 0, 1))[:, None]
         head = self.bank.at(splice.head, at) + np.float32(splice.raised)
         return head * (1 - share) + self.bank.at(splice.tail, at - splice.leave + splice.enter) * share

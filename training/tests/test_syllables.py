@@ -111,7 +111,7 @@ def test_syllables_fall_into_initial_and_final(name, expected):
 class Recordings:
     """Syllables as noise-free spectra: a consonant, a vowel, an ending, each one band of frequency."""
 
-    BANDS = {"l": 50, "i": 110, "a": 190, "n": 150}
+    BANDS = {"l": 50, "i": 110, "a": 190, "n": 150, "e": 80}
 
     def __init__(self, **pieces):
         classes = voices.inventory()
@@ -122,7 +122,7 @@ class Recordings:
 
     def sound(self, name, frames):
         k = np.arange(spectra.BINS)
-        level = 12 if name in "ia" else 6  # vowels are loudest
+        level = 12 if name in "iae" else 6  # vowels are loudest
         return np.tile(np.float32(level - ((k - self.BANDS[name]) / 30)**2).clip(-6), (frames, 1))
 
     def at(self, piece, frames):
@@ -140,6 +140,19 @@ def test_a_splice_begins_as_one_syllable_and_ends_as_the_other():
     assert abs(changes - [Recordings.BANDS[s] for s in "lin"]).max() <= 1
     assert splices.choose(rng, "s", classes["ling"]) is None  # nobody ends in "ing"
     assert splices.choose(rng, "s", classes["nang"]) is None  # "nin" and "lang" have no vowel in common
+
+
+def test_ing_may_have_a_schwa_before_its_nasal(monkeypatch):
+    monkeypatch.setattr(splicing, "SCHWA_SHARE", 1.0)
+    monkeypatch.setattr(splicing, "SCHWA_FADE", (2, 3))
+    bank = Recordings(li="li", leng="len")
+    rng, classes = np.random.default_rng(5), voices.inventory()
+    splices = splicing.Splices(bank, classes)
+    splice = max((splices.choose(rng, "s", classes["ling"]) for _ in range(20)), key=lambda s: s.leave)
+    heard = splices.rows(splice, np.linspace(0, 0.999, splice.frames)).argmax(1)
+    heard = heard[[0, splice.leave - 2, splice.leave + 2, -1]]  # on either side of the glide
+    assert abs(heard - [Recordings.BANDS[s] for s in "lien"]).max() <= 1
+    assert splices.choose(rng, "s", classes["lin"]) is None  # "-in" has none
 
 
 def test_words_are_cut_where_their_syllables_end():
