@@ -21,8 +21,8 @@ template <class V>
 constexpr bool kManyRegisters = V::kRegisters >= 32;
 
 // The four lanes of C x P sums: C rows of splatted values (a) times P registers (at x). Meanwhile
-// rows are fetched from `ahead`, which lies as `a` does: since the last frame other networks' weights
-// have taken their place in the caches. A row per pass spreads the requests over the block.
+// rows are fetched from `ahead`, which lies as `a` does: since the last frame other networks'
+// weights have taken their place in the caches. A row per pass spreads the requests over the block.
 template <class V, int C, int P>
 struct LaneSums {
   using Reg = typename V::Reg;

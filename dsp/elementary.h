@@ -1,7 +1,7 @@
 // Exponential, logarithm and arc tangent of this library's own. The C library's differ in the last
 // bit from platform to platform, and ours must not: these are IEEE operations in double precision,
-// rounded to float once (atan is not rounded). Their value is the correctly rounded one but for about one
-// argument in a million, where it is the float next to it.
+// rounded to float once (atan is not rounded). Their value is the correctly rounded one but for
+// about one argument in a million, where it is the float next to it.
 #pragma once
 
 #include <stdint.h>

@@ -9,8 +9,8 @@
 // A bin is any pair of floats (real, imaginary). No alignment is asked for. The input is left as it
 // is and may be the output: everything is read before anything is written. Scratch is on the stack
 // (16 KiB at n = 2048); no state, no allocation. Twiddle factors carry six decimals, which bounds
-// the accuracy: in the frame's root sum of squares, a bin errs by up to 5e-6 for noise, and by up to
-// 5e-5 for a pure tone.
+// the accuracy: in the frame's root sum of squares, a bin errs by up to 5e-6 for noise, and by up
+// to 5e-5 for a pure tone.
 #pragma once
 
 #include "dsp/kernels.h"
