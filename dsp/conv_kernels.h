@@ -20,15 +20,13 @@ namespace {
 template <class V>
 constexpr bool kManyRegisters = V::kRegisters >= 32;
 
-// The four lanes of C x P sums: C rows of splatted values (a) times P registers (at x). Meanwhile
-// rows are fetched from `ahead`, which lies as `a` does: since the last frame other networks'
-// weights have taken their place in the caches. A row per pass spreads the requests over the block.
+// The four lanes of C x P sums: C rows of splatted values (a) times P registers (at x).
 template <class V, int C, int P>
 struct LaneSums {
   using Reg = typename V::Reg;
   Reg lane[4][C][P];
 
-  void compute(const float* a, const float* ahead, ptrdiff_t row_stride, ptrdiff_t tap_stride,
+  void compute(const float* a, ptrdiff_t row_stride, ptrdiff_t tap_stride,
                const float* const (&x)[P], const int32_t* tap_offset, int taps) {
 #pragma GCC unroll 1  // one pass at a time, so that its sums have the registers to themselves
     for (int l = 0; l < 4; ++l) {
@@ -38,7 +36,9 @@ struct LaneSums {
       }
       for (int j = l; j < taps; j += 4) {
         const ptrdiff_t offset = tap_offset[j];
-        __builtin_prefetch(ahead + l % C * row_stride + j * tap_stride);
+        // The next block's weights: since the last frame other networks' have taken their place in
+        // the caches. A row per pass spreads the requests over the block.
+        __builtin_prefetch(a + (C + l % C) * row_stride + j);
         Reg value[P];
         for (int p = 0; p < P; ++p) value[p] = V::load(x[p] + offset);
         for (int c = 0; c < C; ++c) {
@@ -70,10 +70,9 @@ void conv_block(const ConvJob& job, int channel, int first_register) {
     out_at[p] = step * job.output_step + position;
     residual_at[p] = step * job.residual_step + position;
   }
-  const float* weight = job.weight + static_cast<ptrdiff_t>(channel) * job.row_stride;
-  const float* ahead = channel + C < job.out_channels ? weight + C * job.row_stride : weight;
   LaneSums<V, C, P> sums;
-  sums.compute(weight, ahead, job.row_stride, 1, x, job.tap_offset, job.taps);
+  sums.compute(job.weight + static_cast<ptrdiff_t>(channel) * job.row_stride, job.row_stride, 1, x,
+               job.tap_offset, job.taps);
   for (int c = 0; c < C; ++c) {
     const int k = channel + c;
     const Reg bias = V::splat(job.bias[k]);

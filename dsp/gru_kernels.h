@@ -205,8 +205,7 @@ struct FrequencyGru {
       for (int s = 0; s < kSteps; ++s) {
         for (int g = 0; g < kBlock; g += C) {
           LaneSums<V, C, P> sums;
-          const float* x = input + s * kMap + first + g;
-          sums.compute(x, x, 1, N, weights, kRowTaps<H, kStripe>.at, H);
+          sums.compute(input + s * kMap + first + g, 1, N, weights, kRowTaps<H, kStripe>.at, H);
           for (int c = 0; c < C; ++c) {
             for (int p = 0; p < P; ++p) {
               const int r = row + p * V::kWidth, at = s * kBlock + g + c;
