@@ -4,7 +4,7 @@
 #include <stdlib.h>
 #include <string.h>
 
-#include "dsp/net_layers.h"
+#include "nn/net_layers.h"
 
 namespace {
 

@@ -3,11 +3,11 @@
 #include <string.h>
 
 #include "aec/aec_denoise_net.h"
-#include "dsp/conv_layer.h"
 #include "dsp/convert.h"
 #include "dsp/kernels.h"
-#include "dsp/net_layers.h"
 #include "dsp/stft.h"
+#include "nn/conv_layer.h"
+#include "nn/net_layers.h"
 
 namespace {
 

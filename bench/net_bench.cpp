@@ -14,8 +14,8 @@
 
 #include "aec/aec_denoise_net.h"
 #include "denoise/denoise_net.h"
-#include "dsp/conv_layer.h"
 #include "dsp/kernels.h"
+#include "nn/conv_layer.h"
 
 namespace {
 

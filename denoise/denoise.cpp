@@ -3,7 +3,7 @@
 #include <stdlib.h>
 
 #include "dsp/convert.h"
-#include "dsp/net_layers.h"
+#include "nn/net_layers.h"
 
 namespace {
 

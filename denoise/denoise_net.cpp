@@ -3,10 +3,10 @@
 #include <string.h>
 
 #include "denoise/denoise_net.h"
-#include "dsp/conv_layer.h"
 #include "dsp/kernels.h"
-#include "dsp/net_layers.h"
 #include "dsp/stft.h"
+#include "nn/conv_layer.h"
+#include "nn/net_layers.h"
 
 namespace {
 

@@ -1,9 +1,9 @@
 // The one table of kernels, and the one place where an instruction set is chosen.
 //
 // Each kernel is written once, as a template over a register (simd_*.h), and compiled once per
-// instruction set in kernels_*.cpp. All variants give the same bits; the scalar one is row 0 and
+// instruction set in kernels/. All variants give the same bits; the scalar one is row 0 and
 // the truth. The best variant that the processor offers is chosen at the first use; the environment
-// variable QUIBO_KERNELS (a row's name, see kernels.cpp) overrides the choice. The choice is
+// variable QUIBO_KERNELS (a row's name, see kernels/kernels.cpp) overrides the choice. The choice is
 // process-wide and made once: nothing here is locked.
 #pragma once
 
@@ -24,7 +24,7 @@ struct LaecKernels {
   void (*apply_gain)(LAEC*);
 };
 
-// Float network kernels; shapes and summation order in float_kernels.h.
+// Float network kernels; shapes and summation order in nn/float_kernels.h.
 enum class Activation { kSigmoid, kTanh };
 
 // A product of a layer over the frequency positions of consecutive steps. For output channel k and
@@ -53,7 +53,7 @@ struct ConvJob {
 };
 
 // A recurrent block of a suppressor on maps of H channels x 32 positions, one map per step,
-// channel-major; definition in gru_kernels.h. Steps are consecutive in time; output may be input.
+// channel-major; definition in nn/gru_kernels.h. Steps are consecutive in time; output may be input.
 constexpr int kGruPositions = 32;
 
 constexpr int gru_scratch(int H) {

@@ -12,7 +12,7 @@
 #include <vector>
 
 #include "dsp/fft.h"
-#include "dsp/float_kernels.h"
+#include "nn/float_kernels.h"
 #include "support/allocation.h"
 #include "support/naive_net.h"
 #include "support/net_input.h"

@@ -1,6 +1,6 @@
 // The self-checking build notices a kernel that differs from its scalar twin, and only then.
 
-#include "dsp/checked_kernels.h"
+#include "kernels/checked_kernels.h"
 
 #include <gtest/gtest.h>
 

@@ -1,7 +1,7 @@
 // The float network kernels: order of sums, accuracy of the exponentials, limits of the
 // activations, on every instruction set.
 
-#include "dsp/float_kernels.h"
+#include "nn/float_kernels.h"
 
 #include <gtest/gtest.h>
 

@@ -1,5 +1,5 @@
 #include "dsp/int8_avx512.h"
-#include "dsp/kernels_body.h"
+#include "kernels/kernels_body.h"
 
 namespace quibo {
 extern const Kernels kernels_avx512;

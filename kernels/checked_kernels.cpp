@@ -1,4 +1,4 @@
-#include "dsp/checked_kernels.h"
+#include "kernels/checked_kernels.h"
 
 #include <stdio.h>
 #include <stdlib.h>

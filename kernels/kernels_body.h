@@ -5,10 +5,10 @@
 #include "aec/laec_kernels.h"
 #include "doa/doa_kernels.h"
 #include "dsp/fft_kernels.h"
-#include "dsp/float_kernels.h"
-#include "dsp/gru_kernels.h"
 #include "dsp/kernels.h"
-#include "wakeup/int8_kernels.h"
+#include "nn/float_kernels.h"
+#include "nn/gru_kernels.h"
+#include "nn/int8_kernels.h"
 
 namespace quibo {
 namespace {

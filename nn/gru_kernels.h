@@ -11,7 +11,7 @@
 
 #include <string.h>
 
-#include "dsp/conv_kernels.h"
+#include "nn/conv_kernels.h"
 
 namespace quibo {
 namespace {

@@ -4,7 +4,7 @@
 #include <stdlib.h>
 #include <string.h>
 
-#include "dsp/checked_kernels.h"
+#include "kernels/checked_kernels.h"
 
 #if defined(__x86_64__)
 #include <cpuid.h>

@@ -9,8 +9,8 @@
 
 #include <stddef.h>
 
-#include "dsp/float_kernels.h"
 #include "dsp/kernels.h"
+#include "nn/float_kernels.h"
 
 namespace quibo {
 namespace {
