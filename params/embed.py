@@ -2,13 +2,19 @@
 """Turns parameter files into C++ source: one constant array per tensor, under the tensor's name.
 
     embed.py MANIFEST PARAMS_DIR OUT_DIR
+    embed.py --pin MANIFEST
 
-MANIFEST lists, per .safetensors file, every tensor with its element type and shape; PARAMS_DIR holds the files. One
-FILE.cpp per parameter file is written to OUT_DIR. A missing file, or a missing, unknown, mis-shaped or mistyped tensor,
-is reported in one line each, and nothing is written.
+MANIFEST lists, per .safetensors file, its SHA-256 and every tensor with its element type and shape; PARAMS_DIR holds the
+files. One FILE.cpp per parameter file is written to OUT_DIR. A missing or malformed file, or a missing, unknown, mis-shaped
+or mistyped tensor, is reported in one line each, and nothing is written. The SHA-256 is held against the files beside the
+manifest; those of another folder are somebody else's and may differ.
+
+--pin writes the SHA-256 of the files beside the manifest into it, after the same checks: for whoever replaces one.
 """
 import array
+import hashlib
 import json
+import os
 import pathlib
 import sys
 
@@ -64,34 +70,81 @@ def source(file_name, expected, found):
     return "\n".join(lines)
 
 
-def main():
-    manifest_path, params_dir, out_dir = map(pathlib.Path, sys.argv[1:4])
-    manifest = json.loads(manifest_path.read_text())
-    errors, sources = [], {}
-    for file_name, expected in manifest.items():
-        path = params_dir / file_name
+def load(manifest, folder, pinned):
+    """({file: {name: (dtype, shape, bytes)}}, problems), each problem a line. pinned: whether the SHA-256 must be the
+    manifest's."""
+    files, problems = {}, []
+    for file_name, entry in manifest.items():
+        path = folder / file_name
         try:
             found, _ = safetensors_file.read(path)
+            if pinned and sha256(path) != entry["sha256"]:
+                problems.append(f"{file_name}: its SHA-256 is not the manifest's; if it was replaced on purpose, run "
+                                "params/embed.py --pin params/manifest.json")
         except FileNotFoundError:
-            errors.append(f"{file_name}: no such file in {params_dir}")
-            continue
+            problems.append(f"{file_name}: no such file in {ascii(str(folder))}")
         except OSError as reason:
-            errors.append(f"{file_name}: cannot be read ({reason.strerror})")
-            continue
+            problems.append(f"{file_name}: cannot be read ({reason.strerror})")
         except safetensors_file.FormatError as reason:
-            errors.append(f"{file_name}: {reason}")
-            continue
-        problems = list(check(file_name, expected, found))
-        errors += problems
-        if not problems:
-            sources[pathlib.Path(file_name).stem] = source(file_name, expected, found)
-    for line in errors:
+            problems.append(f"{file_name}: {reason}")
+        else:
+            problems += check(file_name, entry["tensors"], found)
+            files[file_name] = found
+    return files, problems
+
+
+def sha256(path):
+    return hashlib.sha256(path.read_bytes()).hexdigest()
+
+
+def write(path, text):
+    """All of it or nothing: a source cut short by a full disk would pass for a finished one."""
+    part = path.with_name(path.name + ".part")
+    try:
+        part.write_text(text)
+        os.replace(part, path)
+    except OSError as reason:
+        raise OSError(reason.errno, reason.strerror, str(path)) from None
+
+
+def embed(manifest_path, params_dir, out_dir):
+    manifest = json.loads(manifest_path.read_text())
+    files, problems = load(manifest, params_dir, pinned=params_dir.resolve() == manifest_path.parent.resolve())
+    if not problems:
+        out_dir.mkdir(parents=True, exist_ok=True)
+        for file_name, found in files.items():
+            write(out_dir / f"{pathlib.Path(file_name).stem}.cpp", source(file_name, manifest[file_name]["tensors"], found))
+    return problems
+
+
+def pin(manifest_path):
+    manifest = json.loads(manifest_path.read_text())
+    _, problems = load(manifest, manifest_path.parent, pinned=False)
+    if not problems:
+        sums = {file_name: sha256(manifest_path.parent / file_name) for file_name in manifest}
+        write(manifest_path, "{\n" + ",\n".join(
+            f'  "{file_name}": {{"sha256": "{sums[file_name]}", "tensors": {{\n'
+            + ",\n".join(f'    "{name}": {json.dumps(tensor)}' for name, tensor in entry["tensors"].items())
+            + "\n  }}" for file_name, entry in manifest.items()) + "\n}\n")
+    return problems
+
+
+def main():
+    arguments = sys.argv[1:]
+    try:
+        if arguments[:1] == ["--pin"] and len(arguments) == 2:
+            problems = pin(pathlib.Path(arguments[1]))
+        elif len(arguments) == 3:
+            problems = embed(*map(pathlib.Path, arguments))
+        else:
+            sys.exit("usage: embed.py MANIFEST PARAMS_DIR OUT_DIR | embed.py --pin MANIFEST")
+    except OSError as reason:
+        problems = [f"{ascii(str(reason.filename))}: {reason.strerror}"]
+    except (ValueError, KeyError, TypeError, AttributeError) as reason:
+        problems = [f"the manifest is malformed ({type(reason).__name__}: {ascii(reason)})"]
+    for line in problems:
         print(f"params: {line}", file=sys.stderr)
-    if errors:
-        sys.exit(1)
-    out_dir.mkdir(parents=True, exist_ok=True)
-    for stem, text in sources.items():
-        (out_dir / f"{stem}.cpp").write_text(text)
+    sys.exit(1 if problems else 0)
 
 
 if __name__ == "__main__":

@@ -50,7 +50,8 @@ def main():
     if len(sys.argv) != 2:
         sys.exit("usage: make_doa_untrained.py OUT_DIR")
     here, out = pathlib.Path(__file__).parent, pathlib.Path(sys.argv[1])
-    shapes = {name: entry["shape"] for name, entry in json.loads((here / "manifest.json").read_text())[FILE].items()}
+    tensors = json.loads((here / "manifest.json").read_text())[FILE]["tensors"]
+    shapes = {name: entry["shape"] for name, entry in tensors.items()}
     safetensors_file.write(out / FILE,
                            {name: ("F32", shape, table(name, shape).tobytes()) for name, shape in shapes.items()},
                            {"generator": "params/make_doa_untrained.py", "trained": "no"})

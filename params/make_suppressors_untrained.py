@@ -61,7 +61,7 @@ def main():
     out = pathlib.Path(sys.argv[1])
     manifest = json.loads((pathlib.Path(__file__).parent / "manifest.json").read_text())
     for file_name in FILES:
-        shapes = {name: entry["shape"] for name, entry in manifest[file_name].items()}
+        shapes = {name: entry["shape"] for name, entry in manifest[file_name]["tensors"].items()}
         safetensors_file.write(out / file_name,
                                {name: ("F32", shape, table(name, shape).tobytes()) for name, shape in shapes.items()},
                                {"generator": "params/make_suppressors_untrained.py", "trained": "no"})

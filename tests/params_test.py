@@ -1,6 +1,7 @@
 """The build step that embeds the parameter files: what it refuses, and that what it is given arrives."""
 import array
 import ctypes
+import hashlib
 import json
 import math
 import os
@@ -16,7 +17,7 @@ import pytest
 import safetensors_file
 
 SEED = 20251103
-MANIFEST = {"net.safetensors": {"weight": {"dtype": "F32", "shape": [2, 3]}, "bias": {"dtype": "I8", "shape": [2]}}}
+TENSORS = {"weight": {"dtype": "F32", "shape": [2, 3]}, "bias": {"dtype": "I8", "shape": [2]}}
 
 
 def tensors(weight=(0.0,) * 6, bias=(1, -128)):
@@ -28,41 +29,86 @@ def write(folder, content):
     safetensors_file.write(folder / "net.safetensors", content, {})
 
 
-def embed(source, folder, manifest=MANIFEST):
-    (folder / "manifest.json").write_text(json.dumps(manifest))
-    return subprocess.run([sys.executable, source / "params/embed.py", folder / "manifest.json", folder, folder / "out"],
-                          capture_output=True, text=True)
+def embed(source, folder, expected=TENSORS, pinned=None):
+    """With `pinned`, a SHA-256, the manifest stands beside the file, as the library's own does."""
+    manifest = folder / "manifest.json" if pinned else folder / "elsewhere" / "manifest.json"
+    manifest.parent.mkdir(exist_ok=True)
+    manifest.write_text(json.dumps({"net.safetensors": {"sha256": pinned or "", "tensors": expected}}))
+    return run_tool(source, manifest, folder, folder / "out")
+
+
+def run_tool(source, *arguments):
+    return subprocess.run([sys.executable, source / "params/embed.py", *arguments], capture_output=True, text=True)
 
 
 def without(content, name):
     return {key: value for key, value in content.items() if key != name}
 
 
-def truncate(folder, size):
+def change(folder, edit):
     path = folder / "net.safetensors"
-    path.write_bytes(path.read_bytes()[:size])
+    path.write_bytes(edit(path.read_bytes()))
 
 
-def overwrite(folder, blob):
-    (folder / "net.safetensors").write_bytes(blob)
+def one_byte_less_header(blob):
+    (length,) = struct.unpack("<Q", blob[:8])
+    return struct.pack("<Q", length - 1) + blob[8:]
 
 
-def header(text):
-    return struct.pack("<Q", len(text)) + text
+def replace(folder, text, body=b"", length=None):
+    """A file of this header and these tensors' bytes."""
+    (folder / "net.safetensors").write_bytes(struct.pack("<Q", len(text) if length is None else length) + text + body)
+
+
+def entry(begin, end, dtype="I8", shape=None):
+    return json.dumps({"dtype": dtype, "shape": [end - begin] if shape is None else shape,
+                       "data_offsets": [begin, end]}).encode()
+
+
+def two(first, second):
+    return b'{"bias":' + first + b',"weight":' + second + b"}"
 
 
 # what is done to a good file -> what the lines say
 FAULTS = {
     "missing file": (lambda f: (f / "net.safetensors").unlink(), ["no such file"]),
-    "a folder": (lambda f: ((f / "net.safetensors").unlink(), (f / "net.safetensors").mkdir()), ["cannot be read"]),
-    "empty file": (lambda f: truncate(f, 0), ["too short"]),
-    "truncated header": (lambda f: truncate(f, 30), ["truncated header"]),
-    "truncated data": (lambda f: truncate(f, -1), ["lies outside the file"]),
-    "not JSON": (lambda f: overwrite(f, header(b"{nonsense")), ["malformed header"]),
-    "not an object": (lambda f: overwrite(f, header(b"[1]")), ["malformed header"]),
-    "no offsets": (lambda f: overwrite(f, header(b'{"bias":{"dtype":"I8","shape":[2]}}')), ["malformed header"]),
-    "sizes disagree": (lambda f: overwrite(
-        f, header(b'{"bias":{"dtype":"I8","shape":[2],"data_offsets":[0,3]}}') + b"abc"), ["do not fit"]),
+    "a folder": (lambda f: ((f / "net.safetensors").unlink(), (f / "net.safetensors").mkdir()), ["not a regular file"]),
+    "a pipe": (lambda f: ((f / "net.safetensors").unlink(), os.mkfifo(f / "net.safetensors")), ["not a regular file"]),
+    "a huge file": (lambda f: os.truncate(f / "net.safetensors", 2**40), ["larger than"]),
+    "empty file": (lambda f: change(f, lambda blob: b""), ["too short"]),
+    "truncated header": (lambda f: change(f, lambda blob: blob[:30]), ["truncated header"]),
+    "truncated data": (lambda f: change(f, lambda blob: blob[:-1]), ["lies outside the file"]),
+    "trailing byte": (lambda f: change(f, lambda blob: blob + b"x"), ["1 bytes behind the last tensor"]),
+    "header length one too small": (lambda f: change(f, one_byte_less_header), ["1 bytes behind the last tensor"]),
+    "header length without bound": (lambda f: replace(f, b"{}", length=2**63), ["a header longer than"]),
+    "gap": (lambda f: replace(f, two(entry(0, 2), entry(3, 5)), b"12345"), ["weight does not begin where"]),
+    "gap at the start": (lambda f: replace(f, b'{"bias":' + entry(1, 3) + b"}", b"123"), ["bias does not begin where"]),
+    "overlap": (lambda f: replace(f, two(entry(0, 2), entry(1, 3)), b"123"), ["weight does not begin where"]),
+    "the same bytes twice": (lambda f: replace(f, two(entry(0, 2), entry(0, 2)), b"12"), ["does not begin where"]),
+    "a name twice": (lambda f: replace(f, b'{"bias":%b,"bias":%b}' % (entry(0, 1), entry(1, 2)), b"12"),
+                     ["a name stands twice"]),
+    "a field twice": (lambda f: replace(f, b'{"bias":{"dtype":"I8","dtype":"I8","shape":[1],"data_offsets":[0,1]}}', b"1"),
+                      ["a name stands twice"]),
+    "not JSON": (lambda f: replace(f, b"{nonsense"), ["malformed header"]),
+    "not UTF-8": (lambda f: replace(f, b'{"\xff":1}'), ["malformed header"]),
+    "not an object": (lambda f: replace(f, b"[1]"), ["malformed header"]),
+    "no offsets": (lambda f: replace(f, b'{"bias":{"dtype":"I8","shape":[2]}}'), ["malformed header"]),
+    "a tensor that is a list": (lambda f: replace(f, b'{"bias":[1]}'), ["malformed header"]),
+    "metadata that are numbers": (lambda f: replace(f, b'{"__metadata__":{"a":1}}'), ["malformed header"]),
+    "nested deeply": (lambda f: replace(f, b"[" * 500000), ["nested too deeply"]),
+    "a number without end": (lambda f: replace(f, b'{"bias":%b}' % (b"9" * 100000)), ["malformed header"]),
+    "sizes without bound": (lambda f: replace(f, b'{"bias":%b}' % entry(0, 1, shape=[2**62] * 8)), ["shape of tensor bias"]),
+    "dimensions without bound": (lambda f: replace(f, b'{"bias":%b}' % entry(0, 1, shape=[1] * 10000), b"1"),
+                                 ["shape of tensor bias"]),
+    "a negative size": (lambda f: replace(f, b'{"bias":%b}' % entry(0, 1, shape=[-1, -1]), b"1"), ["shape of tensor bias"]),
+    "a size that is no integer": (lambda f: replace(f, b'{"bias":%b}' % entry(0, 1, shape=[1.0]), b"1"),
+                                  ["shape of tensor bias"]),
+    "offsets backwards": (lambda f: replace(f, b'{"bias":%b}' % entry(2, 0, shape=[0]), b"12"), ["offsets of tensor bias"]),
+    "sizes disagree": (lambda f: replace(f, b'{"bias":%b}' % entry(0, 3, shape=[2]), b"abc"), ["do not fit"]),
+    "unknown type": (lambda f: replace(f, b'{"bias":%b}' % entry(0, 2, dtype="\x1b[31m"), b"12"), ["none of I8, "]),
+    "a name for the terminal": (lambda f: replace(f, b'{"\\u001b[2J\\n\xe2\x80\xae":%b}' % entry(0, 1), b"1"),
+                                ["a tensor's name is not"]),
+    "a long name": (lambda f: replace(f, b'{"%b":%b}' % (b"a" * 101, entry(0, 1)), b"1"), ["a tensor's name is not"]),
     "missing tensor": (lambda f: write(f, without(tensors(), "bias")), ["tensor bias is missing"]),
     "unknown tensor": (lambda f: write(f, {**tensors(), "extra": ("I8", [1], b"a")}), ["extra is not one the library"]),
     "wrong shape": (lambda f: write(f, {**tensors(), "weight": ("F32", [3, 2], bytes(24))}), ["weight has shape [3, 2]"]),
@@ -79,12 +125,83 @@ def test_a_file_that_does_not_fit_is_refused_with_one_line_per_fault(source, tmp
     write(tmp_path, tensors())
     spoil(tmp_path)
     result = embed(source, tmp_path)
-    lines = result.stderr.splitlines()
+    lines = result.stderr.split("\n")
     assert result.returncode == 1
-    assert len(lines) == len(expected), result.stderr
+    assert lines.pop() == "" and len(lines) == len(expected), result.stderr
     for line, said in zip(lines, expected):
         assert line.startswith("params: net.safetensors: ") and said in line
+        assert line.isascii() and line.isprintable() and len(line) < 250
     assert not (tmp_path / "out").exists()
+
+
+def test_a_file_cut_or_changed_anywhere_is_read_or_refused_and_nothing_else(tmp_path):
+    """4000 files: bytes changed, dropped, put in, and the header's numbers replaced."""
+    rng = random.Random(SEED)
+    write(tmp_path, tensors())
+    good = (tmp_path / "net.safetensors").read_bytes()
+    for _ in range(4000):
+        blob = bytearray(good)
+        for _ in range(rng.randint(1, 4)):
+            at = rng.randrange(len(blob))
+            blob[at:at + rng.choice([0, 1, 1, 5])] = rng.choice(
+                [b"", bytes([rng.randrange(256)]), b"0", b"9" * 30, b"-1", b"[", b"{", b'"', b"null", b"1e999", b"\\ud800"])
+        try:
+            found, metadata = safetensors_file.parse(bytes(blob))
+        except safetensors_file.FormatError as reason:
+            assert str(reason).isascii() and str(reason).isprintable() and len(str(reason)) < 200, blob
+        else:
+            sizes = [len(data) for _, _, data in found.values()]
+            assert sizes == [safetensors_file.ITEM_SIZES[t] * math.prod(shape) for t, shape, _ in found.values()], blob
+            assert isinstance(metadata, dict)
+
+
+def test_the_library_s_own_files_are_those_of_the_manifest(source, tmp_path):
+    """A changed value passes every other check. Files of another folder may differ."""
+    write(tmp_path, tensors())
+    sum_of_good = hashlib.sha256((tmp_path / "net.safetensors").read_bytes()).hexdigest()
+    assert embed(source, tmp_path, pinned=sum_of_good).returncode == 0
+    write(tmp_path, tensors(bias=(1, 2)))
+    assert embed(source, tmp_path).returncode == 0
+    shutil.rmtree(tmp_path / "out")
+    refused = embed(source, tmp_path, pinned=sum_of_good)
+    assert refused.returncode == 1 and not (tmp_path / "out").exists()
+    assert refused.stderr.startswith("params: net.safetensors: its SHA-256 is not the manifest's")
+    assert refused.stderr.count("\n") == 1
+
+    assert run_tool(source, "--pin", tmp_path / "manifest.json").returncode == 0
+    assert run_tool(source, tmp_path / "manifest.json", tmp_path, tmp_path / "out").returncode == 0
+
+
+def test_pinning_changes_nothing_of_an_up_to_date_manifest_and_refuses_files_that_do_not_fit(source, tmp_path):
+    own = source / "params/manifest.json"
+    for path in [own, *own.parent.glob("*.safetensors")]:
+        shutil.copy(path, tmp_path)
+    assert run_tool(source, "--pin", tmp_path / "manifest.json").returncode == 0
+    assert (tmp_path / "manifest.json").read_text() == own.read_text()
+    codec = tmp_path / "codec.safetensors"
+    codec.write_bytes(codec.read_bytes() + b"x")
+    assert run_tool(source, "--pin", tmp_path / "manifest.json").returncode == 1
+    assert (tmp_path / "manifest.json").read_text() == own.read_text()
+
+
+@pytest.mark.parametrize("text", ["", "{nonsense", "[]", '{"net.safetensors": {}}', '{"net.safetensors": {"tensors": [1]}}'])
+def test_a_malformed_manifest_is_one_line(source, tmp_path, text):
+    write(tmp_path, tensors())
+    (tmp_path / "manifest.json").write_text(text)
+    for result in (run_tool(source, tmp_path / "manifest.json", tmp_path, tmp_path / "out"),
+                   run_tool(source, "--pin", tmp_path / "manifest.json")):
+        assert result.returncode == 1 and result.stderr.startswith("params: the manifest is malformed")
+        assert result.stderr.count("\n") == 1
+
+
+@pytest.mark.skipif(not os.path.exists("/dev/full"), reason="no /dev/full")
+def test_a_source_that_cannot_be_written_is_one_line_and_no_half_of_it_stays(source, tmp_path):
+    write(tmp_path, tensors())
+    (tmp_path / "out").mkdir()
+    (tmp_path / "out/net.cpp.part").symlink_to("/dev/full")
+    result = embed(source, tmp_path)
+    assert result.returncode == 1 and not (tmp_path / "out/net.cpp").exists()
+    assert result.stderr == f"params: '{tmp_path}/out/net.cpp': No space left on device\n"
 
 
 def test_every_value_is_written_exactly(source, tmp_path):
@@ -97,9 +214,9 @@ def test_every_value_is_written_exactly(source, tmp_path):
     for dtype, values in integers.items():
         content[dtype.lower()] = (dtype, [len(values)], array.array({"I8": "b", "I16": "h", "I32": "i"}[dtype],
                                                                     values).tobytes())
-    manifest = {name: {"dtype": dtype, "shape": shape} for name, (dtype, shape, _) in content.items()}
+    expected = {name: {"dtype": dtype, "shape": shape} for name, (dtype, shape, _) in content.items()}
     write(tmp_path, content)
-    result = embed(source, tmp_path, {"net.safetensors": manifest})
+    result = embed(source, tmp_path, expected)
     assert (result.returncode, result.stderr) == (0, "")
 
     emitted = {}

@@ -13,7 +13,7 @@ DTYPES = {"F32": np.float32, "I8": np.int8, "I16": np.int16, "I32": np.int32}
 
 
 def manifest(network):
-    return json.loads((PARAMS / "manifest.json").read_text())[f"{network}.safetensors"]
+    return json.loads((PARAMS / "manifest.json").read_text())[f"{network}.safetensors"]["tensors"]
 
 
 def fit(network, tables):
