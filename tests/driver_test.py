@@ -2,8 +2,11 @@
 reports known wakes and angles (support/scripted_front_end.cpp)."""
 import array
 import os
+import pty
 import random
 import subprocess
+import time
+import tty
 
 import pytest
 
@@ -113,4 +116,55 @@ def test_a_full_disk_is_reported(build, folder, frames):
     (folder / OUTPUT).symlink_to("/dev/full")
     result = drive(build / "quibo_demo", folder)
     assert result.returncode > 0
-    assert result.stderr == "quibo_demo: cannot write the output: No space left on device\n"
+    assert result.stderr == f"quibo_demo: cannot write ./{OUTPUT}: No space left on device\n"
+
+
+@pytest.mark.skipif(not os.path.exists("/dev/full"), reason="no /dev/full")
+def test_lost_lines_are_reported(build, folder):
+    write_capture(folder, noise(1))
+    with open("/dev/full", "wb") as full:
+        result = subprocess.run([build / "quibo_demo"], cwd=folder, stdout=full, stderr=subprocess.PIPE, text=True)
+    assert result.returncode > 0
+    assert result.stderr == "quibo_demo: cannot write to standard output: No space left on device\n"
+
+
+@pytest.mark.parametrize("kind, reason", [("directory", "Is a directory"), ("unreadable", "Input/output error")])
+def test_an_input_that_opens_and_cannot_be_read_is_reported(build, folder, kind, reason):
+    if kind == "directory":
+        (folder / INPUT).mkdir()
+    elif os.path.exists("/proc/self/mem"):
+        (folder / INPUT).symlink_to("/proc/self/mem")  # nothing is mapped at its start
+    else:
+        pytest.skip("no /proc")
+    result = drive(build / "quibo_demo", folder)
+    assert (result.returncode, result.stdout) == (1, "")
+    assert result.stderr == f"quibo_demo: cannot read ./{INPUT}: {reason}\n"
+    assert not (folder / OUTPUT).exists()
+
+
+def test_a_read_that_fails_midway_is_reported(build, folder):
+    """One frame and a quarter through a terminal that then goes away."""
+    ours, theirs = pty.openpty()
+    tty.setraw(theirs)
+    (folder / INPUT).symlink_to(os.ttyname(theirs))
+    with subprocess.Popen([build / "quibo_demo"], cwd=folder, stdout=subprocess.PIPE, stderr=subprocess.PIPE,
+                          text=True) as driver:
+        os.write(ours, bytes(1000))
+        while not (folder / OUTPUT).exists() and driver.poll() is None:
+            time.sleep(0.01)
+        os.close(theirs)
+        os.close(ours)
+        stdout, stderr = driver.communicate(timeout=60)
+    assert driver.returncode == 1 and "---end" not in stdout
+    assert stderr == f"quibo_demo: cannot read ./{INPUT}: Input/output error\n"
+
+
+@pytest.mark.parametrize("link", [os.symlink, os.link])
+def test_an_output_that_is_the_input_is_refused_and_left_as_it_is(build, folder, link):
+    write_capture(folder, noise(1))
+    before = (folder / INPUT).read_bytes()
+    link(folder / INPUT, folder / OUTPUT)
+    result = drive(build / "quibo_demo", folder)
+    assert (result.returncode, result.stdout) == (1, "")
+    assert result.stderr == f"quibo_demo: ./{OUTPUT} is the input itself\n"
+    assert (folder / INPUT).read_bytes() == before

@@ -3,9 +3,12 @@
 //
 // Input: headerless interleaved int16, 16 kHz; channels 0..2 are the microphones in the scrambled
 // encoding, channel 4 the loudspeaker reference. Output: what is left of microphone 1, headerless
-// int16.
+// int16. Exit status 1, after one line on standard error, when anything cannot be read or written.
 
+#include <errno.h>
 #include <stdio.h>
+#include <string.h>
+#include <sys/stat.h>
 
 #include "quibo/quibo.h"
 
@@ -16,13 +19,21 @@ constexpr char kOutput[] = "./wav2/nnaec.pcm";
 constexpr int kChannels = 6;
 constexpr unsigned kFrameMs = 1000 * QUIBO_FRAME / QUIBO_SAMPLE_RATE;
 
-FILE* open_or_complain(const char* path, const char* mode) {
-  FILE* file = fopen(path, mode);
-  if (!file) {
-    fprintf(stderr, "quibo_demo: cannot open ");
-    perror(path);
-  }
-  return file;
+int cannot(const char* what, const char* path) {
+  fprintf(stderr, "quibo_demo: cannot %s %s: %s\n", what, path, strerror(errno));
+  return 1;
+}
+
+bool same_file(FILE* file, const char* path) {
+  struct stat a, b;
+  return fstat(fileno(file), &a) == 0 && stat(path, &b) == 0 && a.st_dev == b.st_dev &&
+         a.st_ino == b.st_ino;
+}
+
+// Opening a directory for reading succeeds; reading it fails.
+bool readable(FILE* file) {
+  ungetc(fgetc(file), file);
+  return !ferror(file);
 }
 
 void pick_channel(const int16_t* interleaved, int channel, int16_t* out) {
@@ -32,10 +43,17 @@ void pick_channel(const int16_t* interleaved, int channel, int16_t* out) {
 }  // namespace
 
 int main() {
-  // The input first: a missing recording must not leave an empty output behind.
-  FILE* input = open_or_complain(kInput, "rb");
-  FILE* output = input ? open_or_complain(kOutput, "wb+") : nullptr;
-  if (!output) return 1;
+  // The input first: without a recording no empty output is left behind, and opening the output
+  // empties it, which must not be the recording.
+  FILE* input = fopen(kInput, "rb");
+  if (!input) return cannot("open", kInput);
+  if (!readable(input)) return cannot("read", kInput);
+  if (same_file(input, kOutput)) {
+    fprintf(stderr, "quibo_demo: %s is the input itself\n", kOutput);
+    return 1;
+  }
+  FILE* output = fopen(kOutput, "wb+");
+  if (!output) return cannot("open", kOutput);
 
   // Static, and neither released nor closed below: the process ends with the recording.
   static KTWakeup front_end = nullptr;
@@ -60,8 +78,7 @@ int main() {
     pick_channel(capture, 4, ref);
     Quibo_wakeup_three_write_data(front_end, mic1, mic2, mic3, ref, out1, out2, out3, naec);
     if (fwrite(naec, sizeof naec[0], QUIBO_FRAME, output) != QUIBO_FRAME) {
-      perror("quibo_demo: cannot write the output");
-      return 1;
+      return cannot("write", kOutput);
     }
     const int32_t angle =
         Quibo_doa_three_write_data(front_end, &Iswakeup, out1, out2, out3, naec, QUIBO_FRAME);
@@ -75,12 +92,11 @@ int main() {
     t += kFrameMs;
     ++frames;
   }
+  if (ferror(input)) return cannot("read", kInput);
   const unsigned total = kFrameMs * frames;
   printf("---end(%d): (time:%d m,%d s,%d ms)\n", wakes, static_cast<int>(total / 60000),
          static_cast<int>(total / 1000 % 60), static_cast<int>(total % 1000));
-  if (fclose(output) != 0) {
-    perror("quibo_demo: cannot write the output");
-    return 1;
-  }
+  if (fclose(output) != 0) return cannot("write", kOutput);
+  if (fflush(stdout) != 0 || ferror(stdout)) return cannot("write", "to standard output");
   return 0;
 }
