@@ -4,11 +4,14 @@
 
 #include "dsp/fft.h"
 #include "dsp/kernels.h"
+#include "dsp/memory.h"
 
 // Lower case is time, upper case is frequency: d microphone, y echo estimate, e = d - y; X, W, E
 // their spectra.
 
 namespace {
+
+using quibo::copy;
 
 constexpr int kShift = LAEC_SHIFT;
 constexpr int kFft = LAEC_FFT;
@@ -20,10 +23,6 @@ void my_fft(const float* input, laec_complex_t* output) {
 
 void my_ifft(const laec_complex_t* input, float* output) {
   quibo::my_ifft<kFft>(input, output);
-}
-
-void copy(float* to, const float* from, int count) {
-  memcpy(to, from, static_cast<size_t>(count) * sizeof(float));
 }
 
 void clear(float* to, int count) {

@@ -4,7 +4,35 @@
 #include <stdlib.h>
 #include <string.h>
 
-#include "nn/net_layers.h"
+namespace quibo {
+
+#define CONV(kind, n) aec_##kind##_conv##n##_weight, aec_##kind##_conv##n##_bias
+#define RECTIFIED(kind, n) \
+  { CONV(kind, n), aec_##kind##_prelu##n##_weight }
+#define PIXEL(n) \
+  { CONV(pixel, n), nullptr }
+#define GRU(axis, n)                                                                           \
+  {                                                                                            \
+    aec_##axis##_gru##n##_weight, aec_##axis##_gru##n##_bias, aec_##axis##_linear##n##_weight, \
+        aec_##axis##_linear##n##_bias, nullptr, nullptr                                        \
+  }
+
+const AecDenoiseTables kAecDenoiseTables = {
+    {aec_sys_real_conv_weight, aec_sys_real_conv_bias, nullptr},
+    {aec_sys_imag_conv_weight, aec_sys_imag_conv_bias, nullptr},
+    {RECTIFIED(inp, 1), RECTIFIED(inp, 2), RECTIFIED(inp, 3), RECTIFIED(inp, 4)},
+    {RECTIFIED(enc, 1), RECTIFIED(enc, 2), RECTIFIED(enc, 3), RECTIFIED(enc, 4)},
+    {GRU(time, 1), GRU(time, 2), GRU(time, 3)},
+    {GRU(freq, 1), GRU(freq, 2), GRU(freq, 3)},
+    {RECTIFIED(dec, 1), RECTIFIED(dec, 2), RECTIFIED(dec, 3), RECTIFIED(dec, 4)},
+    {PIXEL(1), PIXEL(2), PIXEL(3), PIXEL(4)}};
+
+#undef CONV
+#undef RECTIFIED
+#undef PIXEL
+#undef GRU
+
+}  // namespace quibo
 
 namespace {
 
@@ -14,56 +42,44 @@ using quibo::create_conv;
 // Recurrent states: 32 positions x 64. Static, so a second instance would disturb the first.
 float sh_time_gru1_hidden[2048], sh_time_gru2_hidden[2048], sh_time_gru3_hidden[2048];
 
-bool create_gru(LAYER_GRU_NNAEC** slot, const float* weight, const float* bias,
-                const float* linear_weight, const float* linear_bias, float* state) {
-  return quibo::create_gru<64>(slot, weight, bias, linear_weight, linear_bias, state);
+bool create_gru(LAYER_GRU_NNAEC** slot, const quibo::GruTables& tables, float* state) {
+  return quibo::create_gru<64>(slot, tables, state);
 }
 
 }  // namespace
 
-#define CONV(kind, n) aec_##kind##_conv##n##_weight, aec_##kind##_conv##n##_bias
-#define PRELU(kind, n) aec_##kind##_prelu##n##_weight
-#define GRU(axis, n)                                                                         \
-  aec_##axis##_gru##n##_weight, aec_##axis##_gru##n##_bias, aec_##axis##_linear##n##_weight, \
-      aec_##axis##_linear##n##_bias
-
-int32_t init_aec_denoise_net(AEC_Denoise_Net* net) {
+int32_t init_aec_denoise_net(AEC_Denoise_Net* net, const quibo::AecDenoiseTables& tables) {
   memset(sh_time_gru1_hidden, 0, sizeof sh_time_gru1_hidden);
   memset(sh_time_gru2_hidden, 0, sizeof sh_time_gru2_hidden);
   memset(sh_time_gru3_hidden, 0, sizeof sh_time_gru3_hidden);
-  const bool layers =
-      create_conv(&net->sys_real_conv, aec_sys_real_conv_weight, aec_sys_real_conv_bias, nullptr) &&
-      create_conv(&net->sys_imag_conv, aec_sys_imag_conv_weight, aec_sys_imag_conv_bias, nullptr) &&
-      create_conv(&net->inp_conv1, CONV(inp, 1), PRELU(inp, 1)) &&
-      create_conv(&net->inp_conv2, CONV(inp, 2), PRELU(inp, 2)) &&
-      create_conv(&net->inp_conv3, CONV(inp, 3), PRELU(inp, 3)) &&
-      create_conv(&net->inp_conv4, CONV(inp, 4), PRELU(inp, 4)) &&
-      create_conv(&net->enc_conv1, CONV(enc, 1), PRELU(enc, 1)) &&
-      create_conv(&net->enc_conv2, CONV(enc, 2), PRELU(enc, 2)) &&
-      create_conv(&net->enc_conv3, CONV(enc, 3), PRELU(enc, 3)) &&
-      create_conv(&net->enc_conv4, CONV(enc, 4), PRELU(enc, 4)) &&
-      create_gru(&net->f_gru1, GRU(freq, 1), nullptr) &&
-      create_gru(&net->f_gru2, GRU(freq, 2), nullptr) &&
-      create_gru(&net->f_gru3, GRU(freq, 3), nullptr) &&
-      create_gru(&net->t_gru1, GRU(time, 1), sh_time_gru1_hidden) &&
-      create_gru(&net->t_gru2, GRU(time, 2), sh_time_gru2_hidden) &&
-      create_gru(&net->t_gru3, GRU(time, 3), sh_time_gru3_hidden) &&
-      create_conv(&net->dec_conv1, CONV(dec, 1), PRELU(dec, 1)) &&
-      create_conv(&net->dec_conv2, CONV(dec, 2), PRELU(dec, 2)) &&
-      create_conv(&net->dec_conv3, CONV(dec, 3), PRELU(dec, 3)) &&
-      create_conv(&net->dec_conv4, CONV(dec, 4), PRELU(dec, 4)) &&
-      create_conv(&net->sub_pix_conv1, CONV(pixel, 1), nullptr) &&
-      create_conv(&net->sub_pix_conv2, CONV(pixel, 2), nullptr) &&
-      create_conv(&net->sub_pix_conv3, CONV(pixel, 3), nullptr) &&
-      create_conv(&net->sub_pix_conv4, CONV(pixel, 4), nullptr);
+  const bool layers = create_conv(&net->sys_real_conv, tables.sys_real) &&
+                      create_conv(&net->sys_imag_conv, tables.sys_imag) &&
+                      create_conv(&net->inp_conv1, tables.input[0]) &&
+                      create_conv(&net->inp_conv2, tables.input[1]) &&
+                      create_conv(&net->inp_conv3, tables.input[2]) &&
+                      create_conv(&net->inp_conv4, tables.input[3]) &&
+                      create_conv(&net->enc_conv1, tables.encoder[0]) &&
+                      create_conv(&net->enc_conv2, tables.encoder[1]) &&
+                      create_conv(&net->enc_conv3, tables.encoder[2]) &&
+                      create_conv(&net->enc_conv4, tables.encoder[3]) &&
+                      create_gru(&net->f_gru1, tables.frequency[0], nullptr) &&
+                      create_gru(&net->f_gru2, tables.frequency[1], nullptr) &&
+                      create_gru(&net->f_gru3, tables.frequency[2], nullptr) &&
+                      create_gru(&net->t_gru1, tables.time[0], sh_time_gru1_hidden) &&
+                      create_gru(&net->t_gru2, tables.time[1], sh_time_gru2_hidden) &&
+                      create_gru(&net->t_gru3, tables.time[2], sh_time_gru3_hidden) &&
+                      create_conv(&net->dec_conv1, tables.decoder[0]) &&
+                      create_conv(&net->dec_conv2, tables.decoder[1]) &&
+                      create_conv(&net->dec_conv3, tables.decoder[2]) &&
+                      create_conv(&net->dec_conv4, tables.decoder[3]) &&
+                      create_conv(&net->sub_pix_conv1, tables.pixel[0]) &&
+                      create_conv(&net->sub_pix_conv2, tables.pixel[1]) &&
+                      create_conv(&net->sub_pix_conv3, tables.pixel[2]) &&
+                      create_conv(&net->sub_pix_conv4, tables.pixel[3]);
   if (!layers) return -3;
   net->dlayer = allocate<LAYER_DATA_NNAEC>();
   return net->dlayer ? 0 : -3;
 }
-
-#undef CONV
-#undef PRELU
-#undef GRU
 
 void destroy_aec_denoise_net(AEC_Denoise_Net* net) {
   LAYER_CONV_NNAEC* const first[] = {
@@ -90,7 +106,7 @@ int32_t QuibNAecInit(void** handle) {
   // From here on a failure leaves what was created allocated, deliberately.
   params->Mynet = allocate<AEC_Denoise_Net>();
   if (!params->Mynet) return -3;
-  if (init_aec_denoise_net(params->Mynet) != 0) return -3;
+  if (init_aec_denoise_net(params->Mynet, quibo::kAecDenoiseTables) != 0) return -3;
   printf(kProgress);
   *handle = params;
   return 0;

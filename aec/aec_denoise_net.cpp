@@ -1,18 +1,17 @@
 // One step of the neural echo suppressor's network, or two at once.
 
-#include <string.h>
-
 #include "aec/aec_denoise_net.h"
+
 #include "dsp/convert.h"
 #include "dsp/kernels.h"
 #include "dsp/stft.h"
 #include "nn/conv_layer.h"
-#include "nn/net_layers.h"
 
 namespace {
 
 using quibo::ConvInput;
 using quibo::ConvJob;
+using quibo::copy;
 using quibo::kBins;
 using quibo::kHop;
 using quibo::run_conv;
@@ -50,10 +49,6 @@ alignas(64) float sh_out2[kMaxSteps * kMap];  // before a shuffle: 64 x 32, 32 x
 
 float* const window = sfilter;
 float* const split = sfilter + kLargestWindow;
-
-void copy(float* to, const float* from, int count) {
-  memcpy(to, from, static_cast<size_t>(count) * sizeof(float));
-}
 
 // ---- Layers ----------------------------------------------------------------------------------
 

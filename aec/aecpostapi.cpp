@@ -5,9 +5,10 @@
 #include <string.h>
 
 #include "dsp/convert.h"
+#include "dsp/memory.h"
 
 void* kesto_Laec_Post_init(void) {
-  AEC_POST* post = static_cast<AEC_POST*>(malloc(sizeof(AEC_POST)));
+  AEC_POST* post = quibo::allocate<AEC_POST>();
   if (!post) {
     printf("malloc AEC_POST error\n");
     return nullptr;

@@ -6,6 +6,7 @@
 
 #include "aec/aec_denoise_net.h"
 #include "dsp/convert.h"
+#include "dsp/memory.h"
 
 namespace {
 
@@ -62,7 +63,7 @@ void advance_fifos(KTWakeup h) {
 
 int32_t Quibo_wakeup_init(KTWakeup* handle, int32_t lang) {
   if (*handle) return -1;
-  KTWakeup h = static_cast<KTWakeup>(calloc(1, sizeof(KTWakeupParams)));
+  KTWakeup h = quibo::allocate<KTWakeupParams>();
   if (!h) return -2;
   if (!(h->handle1 = kesto_Laec_Post_init())) return -3;
   if (!(h->handle2 = kesto_Laec_Post_init())) return -4;
@@ -152,7 +153,9 @@ int32_t Quibo_wakeup_unit(KTWakeup handle) {
   void* const cancellers[] = {handle->handle1, handle->handle2, handle->handle3};
   void* const suppressor = handle->DNAecHanle;
   void* const engine = handle->handle4;
-  handle->handle1 = nullptr;
+  // Who reads goes before what it reads from: the modules before the record that holds their FIFOs,
+  // and that before the cancellers, whose frames the echo suppressor takes where they stand. The
+  // suppressor's record and handle, which its unit call leaves, go last.
   kesto_customs_doa_unit(handle->handle0);
   QuibAncUnit(&handle->WAncHnadle);
   QuibAncUnit(&handle->DAncHnadle0);

@@ -153,7 +153,7 @@ void ns(benchmark::State& state) {
 void naec(benchmark::State& state) {
   const std::vector<float> mic = random_floats(kFrames * QUIBO_FRAME, 0.3f), yn = mic;
   AEC_Denoise_Net net = {};  // without the handle, whose creation prints
-  init_aec_denoise_net(&net);
+  init_aec_denoise_net(&net, quibo::kAecDenoiseTables);
   int16_t out[QUIBO_FRAME];
   int f = 0;
   for (auto _ : state) {

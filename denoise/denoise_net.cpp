@@ -1,17 +1,16 @@
 // One step of the noise suppressor's network, or two at once.
 
-#include <string.h>
-
 #include "denoise/denoise_net.h"
+
 #include "dsp/kernels.h"
 #include "dsp/stft.h"
 #include "nn/conv_layer.h"
-#include "nn/net_layers.h"
 
 namespace {
 
 using quibo::ConvInput;
 using quibo::ConvJob;
+using quibo::copy;
 using quibo::kBins;
 using quibo::kHop;
 using quibo::run_conv;
@@ -77,7 +76,7 @@ ConvJob first_layer_job(int steps) {
   for (int f = 0; f < Encoder1::kKept + steps; ++f) {
     float* frame = split + f * kFirstSplitFrame;
     float* next_patch = frame + Encoder1::kSplitFrame;
-    memcpy(next_patch, frame + 1, (Encoder1::kOutputs - 1) * sizeof(float));
+    copy(next_patch, frame + 1, Encoder1::kOutputs - 1);
     next_patch[Encoder1::kOutputs - 1] = 0.0f;
   }
   ConvJob job = Encoder1::job(split, steps);
@@ -132,8 +131,8 @@ void denoise_calc_input_mag_phase(LAYER_DATA_DENOISE* d, const float* hop, float
   Spectrum spectrum;
   quibo::analyse_hop(d->inMic, hop, &spectrum);
   quibo::push_spectrum(d->spec_real, d->spec_imag, spectrum);
-  memcpy(frame + 1, spectrum.real, kHop * sizeof(float));
-  memcpy(frame + Encoder1::kRow + 1, spectrum.imag, kHop * sizeof(float));
+  copy(frame + 1, spectrum.real, kHop);
+  copy(frame + Encoder1::kRow + 1, spectrum.imag, kHop);
 }
 
 // Masks the delayed spectrum in place. `mask`: 2 x 512 network outputs; bin 512 gets an input of 0.
@@ -142,7 +141,7 @@ void denoise_calc_mask_scale(Spectrum* spectrum, const float* mask, float min_sc
   constexpr float kLowGain = 0.15f;
   auto scale = [&](float* bins, const float* row) {
     float gain[kBins];
-    memcpy(gain, row, kHop * sizeof(float));
+    copy(gain, row, kHop);
     gain[kHop] = 0.0f;
     quibo::kernels().net.act_h(gain, gain, kBins, quibo::Activation::kSigmoid);
     for (int k = 0; k < kBins; ++k) {
@@ -158,7 +157,7 @@ void denoise_isft_to_out(LAYER_DATA_DENOISE* d, const Spectrum& spectrum, float*
   float frame[quibo::kStftFrame];
   quibo::synthesise_frame(spectrum, frame);
   for (int i = 0; i < kHop; ++i) out[i] = quibo::limit_output(d->ovlp_add[kHop + i] + frame[i]);
-  memcpy(d->ovlp_add, frame, sizeof d->ovlp_add);
+  copy(d->ovlp_add, frame, quibo::kStftFrame);
 }
 
 int32_t forward(DenoiseNet* net, const float* in, float* out, int steps) {
@@ -167,8 +166,8 @@ int32_t forward(DenoiseNet* net, const float* in, float* out, int steps) {
   Encoder1::clear_guards(window, steps);
   for (int s = 0; s < steps; ++s) {
     denoise_calc_input_mag_phase(d, in + s * kHop, Encoder1::fresh(window) + s * Encoder1::kFrame);
-    memcpy(delayed[s].real, d->spec_real, sizeof delayed[s].real);
-    memcpy(delayed[s].imag, d->spec_imag, sizeof delayed[s].imag);
+    copy(delayed[s].real, d->spec_real, kBins);
+    copy(delayed[s].imag, d->spec_imag, kBins);
   }
 
   Encoder1::exchange_history(d->x_inp1_input, window, steps);

@@ -3,9 +3,11 @@
 #include <stdio.h>
 #include <stdlib.h>
 
+#include "dsp/memory.h"
+
 int32_t kesto_customs_doa_init(KTDHandle* handle) {
   *handle = nullptr;
-  KTDParama* estimator = static_cast<KTDParama*>(malloc(sizeof(KTDParama)));
+  KTDParama* estimator = quibo::allocate<KTDParama>();
   if (!estimator) return -10;
   if (init_doa_net(&estimator->doanet) != 0) {
     printf("初始化DOA模型失败！\n");

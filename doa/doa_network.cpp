@@ -1,16 +1,18 @@
 #include "doa/doa_network.h"
 
 #include <math.h>
-#include <string.h>
 
 #include "doa/doa_features.h"
 #include "dsp/kernels.h"
+#include "dsp/memory.h"
 
 // Maps are stored [frame][position][channel], so that a position's channels are one vector for the
 // pointwise matrix. A map that a later layer looks back on starts with the frame stored from the
 // previous block.
 
 namespace {
+
+using quibo::copy;
 
 constexpr int kFrames = DOA_FRAMES, kFramesWithLeft = DOA_FRAMES + 1;
 constexpr int kValues = DOA_LAGS;
@@ -33,10 +35,6 @@ static_assert(sizeof(Q_DOA_LEFT::conv2_left) == kPositions1 * kChannels1 * sizeo
               "one frame of the map each");
 static_assert(kFramesWithLeft * kPositions1 * kChannels1 <= DOA_LAYER_OUT - 2,
               "the largest map leaves the end of its buffer alone");
-
-void copy(float* to, const float* from, int count) {
-  memcpy(to, from, static_cast<size_t>(count) * sizeof(float));
-}
 
 // Negative becomes 0; a NaN stays one.
 float relu(float x) {

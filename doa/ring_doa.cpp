@@ -1,54 +1,61 @@
 #include "doa/ring_doa.h"
 
-#include <stdlib.h>
+#include "doa/doa_network.h"
+#include "dsp/memory.h"
+
+namespace quibo {
+
+#define SEPARABLE(n) \
+  { ring_conv##n##_1_weight, ring_conv##n##_2_weight, ring_conv##n##_2_bias }
+#define DFSMN(n)                                                                           \
+  {                                                                                        \
+    nullptr, nullptr, nullptr, nullptr, ring_d##n##_conv_in, ring_d##n##_conv_left,        \
+        ring_d##n##_conv_out, ring_d##n##_out_bias, ring_ln##n##_weight, ring_ln##n##_bias \
+  }
+
+const DoaTables kDoaTables = {
+    {ring_conv1_weight, nullptr, ring_conv1_bias},
+    SEPARABLE(2),
+    SEPARABLE(3),
+    SEPARABLE(4),
+    {ring_gru_weight_ih_l0, ring_gru_weight_hh_l0, ring_gru_bias_ih_l0, ring_gru_bias_hh_l0},
+    {DFSMN(1), DFSMN(2), DFSMN(3), DFSMN(4)},
+    {ring_fc_weight, nullptr, ring_fc_bias}};
+
+#undef SEPARABLE
+#undef DFSMN
+
+}  // namespace quibo
 
 namespace {
 
 constexpr int kStartAngle = 90;
 
-template <class Record>
-bool allocate(Record*& record, const Record& tables) {
-  record = static_cast<Record*>(malloc(sizeof(Record)));
-  if (record) *record = tables;
-  return record != nullptr;
-}
-
-bool allocate_dfsmn(LAYER_DFSMN_CONV_DOA*& record, const float* in, const float* left,
-                    const float* out, const float* out_bias, const float* ln_weight,
-                    const float* ln_bias) {
-  return allocate(
-      record, {nullptr, nullptr, nullptr, nullptr, in, left, out, out_bias, ln_weight, ln_bias});
-}
-
-bool build(DoaNet* net) {
-  if (!(allocate(net->m1_conv, {ring_conv1_weight, nullptr, ring_conv1_bias}) &&
-        allocate(net->m2_conv, {ring_conv2_1_weight, ring_conv2_2_weight, ring_conv2_2_bias}) &&
-        allocate(net->m3_conv, {ring_conv3_1_weight, ring_conv3_2_weight, ring_conv3_2_bias}) &&
-        allocate(net->m4_conv, {ring_conv4_1_weight, ring_conv4_2_weight, ring_conv4_2_bias}) &&
-        allocate(net->m_gru1, {ring_gru_weight_ih_l0, ring_gru_weight_hh_l0, ring_gru_bias_ih_l0,
-                               ring_gru_bias_hh_l0}) &&
-        allocate_dfsmn(net->dfsmn1_conv, ring_d1_conv_in, ring_d1_conv_left, ring_d1_conv_out,
-                       ring_d1_out_bias, ring_ln1_weight, ring_ln1_bias) &&
-        allocate_dfsmn(net->dfsmn2_conv, ring_d2_conv_in, ring_d2_conv_left, ring_d2_conv_out,
-                       ring_d2_out_bias, ring_ln2_weight, ring_ln2_bias) &&
-        allocate_dfsmn(net->dfsmn3_conv, ring_d3_conv_in, ring_d3_conv_left, ring_d3_conv_out,
-                       ring_d3_out_bias, ring_ln3_weight, ring_ln3_bias) &&
-        allocate_dfsmn(net->dfsmn4_conv, ring_d4_conv_in, ring_d4_conv_left, ring_d4_conv_out,
-                       ring_d4_out_bias, ring_ln4_weight, ring_ln4_bias) &&
-        allocate(net->fc_conv, {ring_fc_weight, nullptr, ring_fc_bias}))) {
-    return false;
-  }
-  net->dlayer = static_cast<LAYER_DATA_DOA*>(calloc(1, sizeof(LAYER_DATA_DOA)));
-  return net->dlayer != nullptr;
+template <class Layer>
+bool create(Layer** slot, const Layer& tables) {
+  Layer* layer = *slot = quibo::allocate<Layer>();
+  if (layer) *layer = tables;
+  return layer != nullptr;
 }
 
 }  // namespace
 
-int32_t init_doa_net(DoaNet* net) {
+int32_t init_doa_net(DoaNet* net, const quibo::DoaTables& tables) {
   *net = {};
-  if (!build(net)) return 1;  // what was built stays allocated, for destroy_doa_net()
+  const bool built =
+      create(&net->m1_conv, tables.conv1) && create(&net->m2_conv, tables.conv2) &&
+      create(&net->m3_conv, tables.conv3) && create(&net->m4_conv, tables.conv4) &&
+      create(&net->m_gru1, tables.gru) && create(&net->dfsmn1_conv, tables.dfsmn[0]) &&
+      create(&net->dfsmn2_conv, tables.dfsmn[1]) && create(&net->dfsmn3_conv, tables.dfsmn[2]) &&
+      create(&net->dfsmn4_conv, tables.dfsmn[3]) && create(&net->fc_conv, tables.fc) &&
+      (net->dlayer = quibo::allocate<LAYER_DATA_DOA>());
+  if (!built) return 1;  // what was built stays allocated, for destroy_doa_net()
   net->dlayer->prev_doa = kStartAngle;
   return 0;
+}
+
+int32_t init_doa_net(DoaNet* net) {
+  return init_doa_net(net, quibo::kDoaTables);
 }
 
 void destroy_doa_net(DoaNet* net) {

@@ -8,6 +8,7 @@
 #include "dsp/complex.h"
 #include "dsp/fft.h"
 #include "dsp/fft_tables.h"
+#include "dsp/memory.h"
 
 namespace quibo {
 
@@ -50,8 +51,8 @@ struct Spectrum {
 
 // Shifts a hop of new samples into the frame `kept` and transforms it.
 inline void analyse_hop(float* kept, const float* hop, Spectrum* spectrum) {
-  memcpy(kept, kept + kHop, kHop * sizeof(float));
-  memcpy(kept + kHop, hop, kHop * sizeof(float));
+  copy(kept, kept + kHop, kHop);
+  copy(kept + kHop, hop, kHop);
   float windowed[kStftFrame];
   complex_t bins[kBins];
   for (int n = 0; n < kStftFrame; ++n) windowed[n] = kept[n] * hann1024.at[n];
@@ -75,8 +76,8 @@ inline void push_spectrum(float* spec_real, float* spec_imag, const Spectrum& ne
   constexpr int kRest = (kSpectra - 1) * kBins;
   memmove(spec_real, spec_real + kBins, kRest * sizeof(float));
   memmove(spec_imag, spec_imag + kBins, kRest * sizeof(float));
-  memcpy(spec_real + kRest, newest.real, sizeof newest.real);
-  memcpy(spec_imag + kRest, newest.imag, sizeof newest.imag);
+  copy(spec_real + kRest, newest.real, kBins);
+  copy(spec_imag + kRest, newest.imag, kBins);
 }
 
 // Keeps synthesis clear of the wrap at full scale in the conversion to int16. A NaN stays.

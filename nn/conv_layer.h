@@ -9,9 +9,8 @@
 // reads columns stride*p, stride*p+1, stride*p+2 of the padded rows.
 #pragma once
 
-#include <string.h>
-
 #include "dsp/kernels.h"
+#include "dsp/memory.h"
 
 namespace quibo {
 
@@ -50,14 +49,14 @@ struct ConvInput {
     clear_guards(window, steps);
     float* row = fresh(window);
     for (int r = 0; r < steps * channels; ++r, row += kRow) {
-      memcpy(row + 1, maps + r * inputs, inputs * sizeof(float));
+      copy(row + 1, maps + r * inputs, inputs);
     }
   }
 
   // Puts the kept frames before the fresh ones and stores what the next call keeps.
   static void exchange_history(float* history, float* window, int steps) {
-    memcpy(window, history + (stored - kKept) * kFrame, kKept * kFrame * sizeof(float));
-    memcpy(history, window + (kKept + steps - stored) * kFrame, kHistory * sizeof(float));
+    copy(window, history + (stored - kKept) * kFrame, kKept * kFrame);
+    copy(history, window + (kKept + steps - stored) * kFrame, kHistory);
   }
 
   // Frames of the split form lie to_frame apart.

@@ -2,44 +2,48 @@
 // the modules' own; the fields that matter have the same names in both.
 #pragma once
 
-#include <stdlib.h>
-
 #include "dsp/kernels.h"
+#include "dsp/memory.h"
 
 namespace quibo {
 
-// Zero-filled, or null.
-template <class Record>
-Record* allocate() {
-  return static_cast<Record*>(calloc(1, sizeof(Record)));
-}
+// The parameter tables of a layer.
+struct ConvTables {
+  const float *weight, *bias;
+  const float* prelu;  // or null
+};
+
+struct GruTables {
+  const float* weight;                       // the gates r, z, n of hidden x 2*hidden each
+  const float* bias;                         // r, z, n of x, n of h
+  const float *linear_weight, *linear_bias;  // hidden x hidden, hidden
+  const float *norm_weight, *norm_bias;      // hidden each, or null: no affine step
+};
 
 template <class Layer>
-bool create_conv(Layer** slot, const float* weight, const float* bias, const float* prelu) {
+bool create_conv(Layer** slot, const ConvTables& tables) {
   Layer* layer = *slot = allocate<Layer>();
   if (!layer) return false;
-  layer->weight = weight;
-  layer->bias = bias;
-  layer->prelu = prelu;
+  layer->weight = tables.weight;
+  layer->bias = tables.bias;
+  layer->prelu = tables.prelu;
   return true;
 }
 
-// weight: the gates r, z, n of hidden x 2*hidden each; bias: r, z, n of x, n of h.
 template <int hidden, class Layer>
-bool create_gru(Layer** slot, const float* weight, const float* bias, const float* linear_weight,
-                const float* linear_bias, float* state) {
+bool create_gru(Layer** slot, const GruTables& tables, float* state) {
   constexpr int kGate = hidden * 2 * hidden;
   Layer* layer = *slot = allocate<Layer>();
   if (!layer) return false;
-  layer->weight_ir = weight;
-  layer->weight_iz = weight + kGate;
-  layer->weight_in = weight + 2 * kGate;
-  layer->bias_ir = bias;
-  layer->bias_iz = bias + hidden;
-  layer->bias_in1 = bias + 2 * hidden;
-  layer->bias_in2 = bias + 3 * hidden;
-  layer->linear_weight = linear_weight;
-  layer->linear_bias = linear_bias;
+  layer->weight_ir = tables.weight;
+  layer->weight_iz = tables.weight + kGate;
+  layer->weight_in = tables.weight + 2 * kGate;
+  layer->bias_ir = tables.bias;
+  layer->bias_iz = tables.bias + hidden;
+  layer->bias_in1 = tables.bias + 2 * hidden;
+  layer->bias_in2 = tables.bias + 3 * hidden;
+  layer->linear_weight = tables.linear_weight;
+  layer->linear_bias = tables.linear_bias;
   layer->prev_stat = state;
   return true;
 }

@@ -32,72 +32,60 @@ constexpr int kHop = naive::kHop, kBins = naive::kBins;
 constexpr int kStates = 32 * 64;
 constexpr int kDelay = 5 * kHop;  // four hops and the overlap
 
+quibo::AecDenoiseTables random_tables(Tables& t) {
+  auto conv = [&t](size_t out, size_t taps, bool prelu = true) -> quibo::ConvTables {
+    return {t.make(out * taps, taps), t.make(out, 100), prelu ? t.make(out, 10) : nullptr};
+  };
+  auto gru = [&t]() -> quibo::GruTables {
+    return {t.make(3 * 64 * 128, 128),
+            t.make(4 * 64, 100),
+            t.make(64 * 64, 64),
+            t.make(64, 100),
+            nullptr,
+            nullptr};
+  };
+  auto inner = [&conv] { return conv(64, 64 * 9); };
+  return {conv(512, 8, false),
+          conv(512, 8, false),
+          {conv(16, 4 * 6), conv(32, 16 * 6), conv(48, 32 * 6), conv(64, 48 * 6)},
+          {inner(), inner(), inner(), inner()},
+          {gru(), gru(), gru()},
+          {gru(), gru(), gru()},
+          {inner(), inner(), inner(), inner()},
+          {conv(64, 64 * 6, false), conv(32, 32 * 6, false), conv(16, 16 * 6, false),
+           conv(4, 8 * 6, false)}};
+}
+
+// Wide open masks, by way of the last biases.
+quibo::AecDenoiseTables open_masks(quibo::AecDenoiseTables tables) {
+  static const std::vector<float> zeros(4096, 0.0f), twenties(512, 20.0f);
+  tables.sys_real = {zeros.data(), twenties.data(), nullptr};
+  tables.sys_imag = {zeros.data(), zeros.data(), nullptr};
+  return tables;
+}
+
+// An instance of any tables.
 class Instance {
  public:
-  Instance() {
-    testing::internal::CaptureStdout();
-    EXPECT_EQ(0, QuibNAecInit(&handle_));
-    EXPECT_EQ(testing::internal::GetCapturedStdout(),
-              ">QuibNAecInit\n>QuibNAecInit\n>QuibNAecInit\n");
+  explicit Instance(const quibo::AecDenoiseTables& tables = quibo::kAecDenoiseTables) {
+    EXPECT_EQ(0, init_aec_denoise_net(&net_, tables));
+    params_.Mynet = &net_;
   }
-  ~Instance() {
-    EXPECT_EQ(0, QuibNAecUnit(handle_));
-    free_aec_denoise(handle_);
-  }
+  ~Instance() { destroy_aec_denoise_net(&net_); }
   Instance(const Instance&) = delete;
   Instance& operator=(const Instance&) = delete;
 
-  void point_at(Tables& t) {
-    AEC_Denoise_Net& n = net();
-    auto conv = [&t](LAYER_CONV_NNAEC* layer, size_t out, size_t taps, bool prelu) {
-      layer->weight = t.make(out * taps, taps);
-      layer->bias = t.make(out, 100);
-      layer->prelu = prelu ? t.make(out, 10) : nullptr;
-    };
-    conv(n.sys_real_conv, 512, 8, false);
-    conv(n.sys_imag_conv, 512, 8, false);
-    conv(n.inp_conv1, 16, 4 * 6, true);
-    conv(n.inp_conv2, 32, 16 * 6, true);
-    conv(n.inp_conv3, 48, 32 * 6, true);
-    conv(n.inp_conv4, 64, 48 * 6, true);
-    for (auto layer : {n.enc_conv1, n.enc_conv2, n.enc_conv3, n.enc_conv4, n.dec_conv1, n.dec_conv2,
-                       n.dec_conv3, n.dec_conv4}) {
-      conv(layer, 64, 64 * 9, true);
-    }
-    for (LAYER_GRU_NNAEC* layer : recurrent()) {
-      for (auto slot : {&layer->weight_ir, &layer->weight_iz, &layer->weight_in}) {
-        *slot = t.make(64 * 128, 128);
-      }
-      for (auto slot : {&layer->bias_ir, &layer->bias_iz, &layer->bias_in1, &layer->bias_in2,
-                        &layer->linear_bias}) {
-        *slot = t.make(64, 100);
-      }
-      layer->linear_weight = t.make(64 * 64, 64);
-    }
-    conv(n.sub_pix_conv1, 64, 64 * 6, false);
-    conv(n.sub_pix_conv2, 32, 32 * 6, false);
-    conv(n.sub_pix_conv3, 16, 16 * 6, false);
-    conv(n.sub_pix_conv4, 4, 8 * 6, false);
-  }
-
-  // Wide open masks, by way of the last biases.
-  void open_masks() {
-    static const std::vector<float> zeros(4096, 0.0f), twenties(512, 20.0f), none(512, 0.0f);
-    net().sys_real_conv->weight = net().sys_imag_conv->weight = zeros.data();
-    net().sys_real_conv->bias = twenties.data();
-    net().sys_imag_conv->bias = none.data();
-  }
-
   void run(const float* mic, const float* yn, int16_t* out) {
-    EXPECT_EQ(0, QuibNAecRun(handle_, mic, yn, out));
+    EXPECT_EQ(0, QuibNAecRun(&params_, mic, yn, out));
   }
-  AEC_Denoise_Net& net() { return *static_cast<KTNNAECParams*>(handle_)->Mynet; }
+  AEC_Denoise_Net& net() { return net_; }
   std::vector<LAYER_GRU_NNAEC*> recurrent() {
-    return {net().t_gru1, net().f_gru1, net().t_gru2, net().f_gru2, net().t_gru3, net().f_gru3};
+    return {net_.t_gru1, net_.f_gru1, net_.t_gru2, net_.f_gru2, net_.t_gru3, net_.f_gru3};
   }
 
  private:
-  void* handle_ = nullptr;
+  KTNNAECParams params_{};
+  AEC_Denoise_Net net_{};
 };
 
 // The naive network. It reads the instance's tables, and has histories and states of its own.
@@ -244,8 +232,7 @@ std::vector<float> to_float(const std::vector<int16_t>& x) {
 
 void compare_with_reference(bool own_maths, int bar, int frames, float heat) {
   Tables tables(kSeed, heat);
-  Instance instance;
-  instance.point_at(tables);
+  Instance instance(random_tables(tables));
   Reference reference(&instance.net(), own_maths);
   const Signals signals(frames, kSeed + 1);
   const std::vector<int16_t> out = run_all(instance, signals.mic, signals.yn);
@@ -277,8 +264,7 @@ TEST(AecDenoise, EveryVariantGivesTheSameBitsOverManyFrames) {
   quibo_test::expect_equal_outputs([](int frames) {
     const Signals signals(frames, kSeed + 3);
     Tables tables(kSeed + 4, 1.1f);
-    Instance instance;
-    instance.point_at(tables);
+    Instance instance(random_tables(tables));
     return run_all(instance, signals.mic, signals.yn);
   });
 }
@@ -292,8 +278,7 @@ TEST(AecDenoise, FrameEqualsTwoStepsToTheBit) {
     std::vector<int16_t> outs[2];
     for (int single = 0; single < 2; ++single) {
       Tables tables(kSeed, 1.1f);
-      Instance instance;
-      instance.point_at(tables);
+      Instance instance(random_tables(tables));
       outs[single].resize(kFrames * QUIBO_FRAME);
       const int hop = single ? kHop : QUIBO_FRAME;
       for (int at = 0; at < kFrames * QUIBO_FRAME; at += hop) {
@@ -320,8 +305,7 @@ TEST(AecDenoise, OpenMasksPassTheErrorFourHopsLateWithTheLowBandAt20Percent) {
     const std::vector<int16_t> near = tones({k}, kFrames);
     std::vector<float> mic = to_float(near), yn = echo;
     for (size_t n = 0; n < mic.size(); ++n) mic[n] += yn[n];
-    Instance instance;
-    instance.open_masks();
+    Instance instance(open_masks(quibo::kAecDenoiseTables));
     const std::vector<int16_t> out = run_all(instance, mic, yn);
     for (int n = 0; n < 4 * kHop; ++n) ASSERT_EQ(out[n], 0) << "sample " << n;
     for (int n = 4 * QUIBO_FRAME; n < kFrames * QUIBO_FRAME; ++n) {
@@ -337,12 +321,11 @@ TEST(AecDenoise, SilenceStaysSilentAndExtremesStayUnderTheLimit) {
     lowest[n] = -1.0f;
     square[n] = n / 50 % 2 ? -1.0f : 32767.0f / 32768.0f;
   }
-  Tables tables(kSeed + 5, 1.5f);
-  Instance instance;
-  instance.point_at(tables);
-  for (int16_t v : run_all(instance, silence, silence)) ASSERT_EQ(v, 0);
+  Tables values(kSeed + 5, 1.5f);
+  const quibo::AecDenoiseTables tables = random_tables(values);
   for (bool open : {false, true}) {
-    if (open) instance.open_masks();
+    Instance instance(open ? open_masks(tables) : tables);
+    for (int16_t v : run_all(instance, silence, silence)) ASSERT_EQ(v, 0);
     for (const auto& mic : {lowest, square}) {
       for (const auto& yn : {silence, square}) {
         const std::vector<int16_t> out = run_all(instance, mic, yn);
@@ -388,7 +371,8 @@ TEST(AecDenoise, UnitLeavesTheNetworkRecordAndTheHandle) {
   void* handle;
   testing::internal::CaptureStdout();
   QuibNAecInit(&handle);
-  testing::internal::GetCapturedStdout();
+  EXPECT_EQ(testing::internal::GetCapturedStdout(),
+            ">QuibNAecInit\n>QuibNAecInit\n>QuibNAecInit\n");
   EXPECT_EQ(held.blocks(), 27);
   EXPECT_EQ(0, QuibNAecUnit(handle));
   EXPECT_EQ(held.blocks(), 2);

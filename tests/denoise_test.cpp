@@ -29,58 +29,50 @@ using quibo_test::tones;
 constexpr int kHop = naive::kHop, kBins = naive::kBins;
 constexpr int kStates = 32 * 32;
 
-// An instance whose layers point at random tables and at states of its own.
+quibo::DenoiseTables random_tables(Tables& t) {
+  auto conv = [&t](size_t out, size_t in, bool prelu) -> quibo::ConvTables {
+    return {t.make(out * in * 9 + 2, in * 9), t.make(out, 100), prelu ? t.make(out, 10) : nullptr};
+  };
+  auto gru = [&t]() -> quibo::GruTables {
+    return {t.make(3 * 32 * 64, 64), t.make(4 * 32, 100), t.make(32 * 32, 32),
+            t.make(32, 100),         t.make(32, 3),       t.make(32, 100)};
+  };
+  return {{conv(16, 2, true), conv(32, 16, true), conv(32, 32, true), conv(32, 32, true)},
+          {gru(), gru(), gru()},
+          {gru(), gru(), gru()},
+          {conv(32, 32, false), conv(32, 16, false), conv(16, 16, false), conv(4, 8, false)}};
+}
+
+// An instance of any tables.
 class Instance {
  public:
-  explicit Instance(float floor = 0.0f) { EXPECT_EQ(0, QuibAncInit(&handle_, floor)); }
-  ~Instance() { EXPECT_EQ(0, QuibAncUnit(&handle_)); }
+  explicit Instance(const quibo::DenoiseTables& tables, float floor = 0.0f) {
+    init_denoise_net(&net_, tables, floor);
+    EXPECT_NE(nullptr, net_.dlayer);
+    params_.Mynet = &net_;
+  }
+  ~Instance() { destroy_denoise_net(&net_); }
   Instance(const Instance&) = delete;
   Instance& operator=(const Instance&) = delete;
 
-  void point_at(Tables& t) {
-    auto conv = [&t](LAYER_CONV_COMMON* layer, size_t out, size_t in, bool prelu) {
-      layer->weight = t.make(out * in * 9 + 2, in * 9);
-      layer->bias = t.make(out, 100);
-      layer->prelu = prelu ? t.make(out, 10) : nullptr;
-    };
-    conv(net().inp_conv1, 16, 2, true);
-    conv(net().inp_conv2, 32, 16, true);
-    conv(net().inp_conv3, 32, 32, true);
-    conv(net().inp_conv4, 32, 32, true);
-    for (LAYER_GRU_COMMON* layer : recurrent()) {
-      layer->weight_ir = t.make(32 * 64, 64);
-      layer->weight_iz = t.make(32 * 64, 64);
-      layer->weight_in = t.make(32 * 64, 32);
-      for (auto slot : {&layer->bias_ir, &layer->bias_iz, &layer->bias_in1, &layer->bias_in2,
-                        &layer->linear_bias, &layer->norm_bias}) {
-        *slot = t.make(32, 100);
-      }
-      layer->linear_weight = t.make(32 * 32, 32);
-      layer->norm_weight = t.make(32, 3);
-    }
-    conv(net().sub_pix_conv1, 32, 32, false);
-    conv(net().sub_pix_conv2, 32, 16, false);
-    conv(net().sub_pix_conv3, 16, 16, false);
-    conv(net().sub_pix_conv4, 4, 8, false);
-  }
-
+  // Instead of those that all instances share.
   void use_states(std::vector<float>& states) {
     states.assign(3 * kStates, 0.0f);
-    net().t_gru1->prev_stat = &states[0];
-    net().t_gru2->prev_stat = &states[kStates];
-    net().t_gru3->prev_stat = &states[2 * kStates];
+    net_.t_gru1->prev_stat = &states[0];
+    net_.t_gru2->prev_stat = &states[kStates];
+    net_.t_gru3->prev_stat = &states[2 * kStates];
   }
 
-  int run(const int16_t* in, int16_t* out) { return QuibAncRun(handle_, in, out); }
-  void* handle() { return handle_; }
-  KTANCParams& params() { return *static_cast<KTANCParams*>(handle_); }
-  DenoiseNet& net() { return *params().Mynet; }
+  int run(const int16_t* in, int16_t* out) { return QuibAncRun(&params_, in, out); }
+  KTANCParams& params() { return params_; }
+  DenoiseNet& net() { return net_; }
   std::vector<LAYER_GRU_COMMON*> recurrent() {
-    return {net().t_gru1, net().f_gru1, net().t_gru2, net().f_gru2, net().t_gru3, net().f_gru3};
+    return {net_.t_gru1, net_.f_gru1, net_.t_gru2, net_.f_gru2, net_.t_gru3, net_.f_gru3};
   }
 
  private:
-  void* handle_ = nullptr;
+  KTANCParams params_{};
+  DenoiseNet net_{};
 };
 
 // The naive network. It reads the instance's tables, and has histories and states of its own.
@@ -187,11 +179,8 @@ class Reference {
 void compare_with_reference(bool own_transforms, float bar, int frames, float heat) {
   Tables tables(kSeed, heat);
   std::vector<float> states, reference_states;
-  Instance first(0.1f), second(0.3f);
-  for (Instance* i : {&first, &second}) {
-    i->point_at(tables);
-    i->use_states(states);
-  }
+  Instance first(random_tables(tables), 0.1f), second(random_tables(tables), 0.3f);
+  for (Instance* i : {&first, &second}) i->use_states(states);
   reference_states.assign(3 * kStates, 0.0f);
   Reference references[] = {{&first, &reference_states, own_transforms},
                             {&second, &reference_states, own_transforms}};
@@ -234,10 +223,10 @@ TEST(Denoise, IsWithinOneInt16StepOfDoublePrecisionTransforms) {
 }
 
 // Runs `frames` frames of audio with states of its own and returns every output sample.
-std::vector<int16_t> run_all(const std::vector<int16_t>& input, Tables* tables, float floor = 0) {
-  Instance instance(floor);
+std::vector<int16_t> run_all(const std::vector<int16_t>& input, const quibo::DenoiseTables& tables,
+                             float floor = 0) {
+  Instance instance(tables, floor);
   std::vector<float> states;
-  if (tables) instance.point_at(*tables);
   instance.use_states(states);
   std::vector<int16_t> output(input.size());
   for (size_t at = 0; at < input.size(); at += QUIBO_FRAME) {
@@ -250,19 +239,18 @@ std::vector<int16_t> run_all(const std::vector<int16_t>& input, Tables* tables, 
 TEST(Denoise, EveryVariantGivesTheSameBitsOverManyFrames) {
   quibo_test::expect_equal_outputs([](int frames) {
     Tables tables(kSeed + 4, 1.5f);
-    return run_all(audio(frames * QUIBO_FRAME, kSeed + 3), &tables);
+    return run_all(audio(frames * QUIBO_FRAME, kSeed + 3), random_tables(tables));
   });
 }
 
 TEST(Denoise, FrameEqualsTwoStepsToTheBit) {
   const std::vector<int16_t> input = audio(8 * QUIBO_FRAME, kSeed);
   for_each_variant([&](const std::string& variant) {
-    Tables tables(kSeed, 1.5f), same(kSeed, 1.5f);
+    Tables values(kSeed, 1.5f);
+    const quibo::DenoiseTables tables = random_tables(values);
     std::vector<float> states, states_single;
-    Instance frame(0.1f), single(0.1f);
-    frame.point_at(tables);
+    Instance frame(tables, 0.1f), single(tables, 0.1f);
     frame.use_states(states);
-    single.point_at(same);
     single.use_states(states_single);
     for (size_t at = 0; at < input.size(); at += QUIBO_FRAME) {
       float in[QUIBO_FRAME], a[QUIBO_FRAME] = {}, b[QUIBO_FRAME] = {};
@@ -279,10 +267,11 @@ TEST(Denoise, FrameEqualsTwoStepsToTheBit) {
 TEST(Denoise, FloorOfOnePassesTheSpectrumFourHopsLateWithTheLowBandAt15Percent) {
   constexpr int kDelay = 5 * kHop;  // four hops and the overlap
   constexpr int kFrames = 12;
-  Tables tables(kSeed);
+  Tables values(kSeed);
+  const quibo::DenoiseTables tables = random_tables(values);
   const std::vector<int16_t> high = tones({20, 100, 300}, kFrames), low = tones({4}, kFrames);
-  const std::vector<int16_t> high_out = run_all(high, &tables, 1.0f);
-  const std::vector<int16_t> low_out = run_all(low, &tables, 1.0f);
+  const std::vector<int16_t> high_out = run_all(high, tables, 1.0f);
+  const std::vector<int16_t> low_out = run_all(low, tables, 1.0f);
   for (int n = 4 * QUIBO_FRAME; n < kFrames * QUIBO_FRAME; ++n) {
     ASSERT_NEAR(high_out[n], high[n - kDelay], 2) << "sample " << n;
     ASSERT_NEAR(low_out[n], 0.15 * low[n - kDelay], 2) << "sample " << n;
@@ -290,7 +279,7 @@ TEST(Denoise, FloorOfOnePassesTheSpectrumFourHopsLateWithTheLowBandAt15Percent) 
 }
 
 TEST(Denoise, FirstTwoFramesAreSilentAndReturnMinusOne) {
-  Instance instance(1.0f);
+  Instance instance(quibo::kDenoiseTables, 1.0f);
   const std::vector<int16_t> input = audio(6 * QUIBO_FRAME, kSeed);
   const int results[] = {-1, -1, 0, 0, 0, 0};
   for (int f = 0; f < 6; ++f) {
@@ -308,11 +297,11 @@ TEST(Denoise, SilenceStaysSilentAndExtremesStayFiniteAndUnderTheLimit) {
     square[n] = n / 50 % 2 ? -32768 : 32767;
   }
   for (bool trained : {false, true}) {
-    Tables tables(kSeed + 5, 2.0f);
-    Tables* t = trained ? nullptr : &tables;
-    for (int16_t v : run_all(silence, t)) ASSERT_EQ(v, 0);
+    Tables values(kSeed + 5, 2.0f);
+    const quibo::DenoiseTables tables = trained ? quibo::kDenoiseTables : random_tables(values);
+    for (int16_t v : run_all(silence, tables)) ASSERT_EQ(v, 0);
     for (const auto& input : {lowest, square}) {
-      const std::vector<int16_t> output = run_all(input, t, 1.0f);
+      const std::vector<int16_t> output = run_all(input, tables, 1.0f);
       const auto limits = std::minmax_element(output.begin(), output.end());
       EXPECT_GE(*limits.first, -32440);
       EXPECT_LE(*limits.second, 32440);
@@ -321,7 +310,7 @@ TEST(Denoise, SilenceStaysSilentAndExtremesStayFiniteAndUnderTheLimit) {
 }
 
 TEST(Denoise, StatesAreSharedByAllInstances) {
-  Instance a, b;
+  Instance a(quibo::kDenoiseTables), b(quibo::kDenoiseTables);
   for (size_t i = 0; i < 6; ++i) {
     EXPECT_EQ(a.recurrent()[i]->prev_stat, b.recurrent()[i]->prev_stat);
     for (size_t k = 0; k < i; ++k) {
@@ -331,13 +320,17 @@ TEST(Denoise, StatesAreSharedByAllInstances) {
 }
 
 TEST(Denoise, FloorIsTakenBetweenZeroAndOneOnly) {
+  auto taken = [](float given) {
+    void* handle;
+    EXPECT_EQ(0, QuibAncInit(&handle, given));
+    const float floor = static_cast<KTANCParams*>(handle)->Mynet->dlayer->min_scale;
+    EXPECT_EQ(0, QuibAncUnit(&handle));
+    return floor;
+  };
   const std::pair<float, float> cases[] = {
       {0.0f, 0.0f}, {1.0f, 1.0f}, {0.3f, 0.3f}, {1.0000001f, 0.0f}, {-0.0000001f, 0.0f}};
-  for (auto [given, kept] : cases) {
-    Instance instance(given);
-    EXPECT_EQ(instance.net().dlayer->min_scale, kept);
-  }
-  EXPECT_TRUE(std::isnan(Instance(NAN).net().dlayer->min_scale));
+  for (auto [given, kept] : cases) EXPECT_EQ(taken(given), kept);
+  EXPECT_TRUE(std::isnan(taken(NAN)));
 }
 
 TEST(Denoise, NullHandlesGiveMinusTen) {

@@ -79,6 +79,10 @@ int16_t stub_descrambled(int x) {
 
 }  // namespace
 
+void free_aec_denoise(void* handle) {
+  log("free " + name_of(handle));
+}
+
 extern "C" {
 
 void dec_data(int16_t* indata, int32_t len) {
@@ -132,10 +136,6 @@ int32_t QuibNAecRun(void* handle, const float* mic, const float* yn, int16_t* ou
 int32_t QuibNAecUnit(void* handle) {
   release(handle);
   return -1;
-}
-
-void free_aec_denoise(void* handle) {
-  log("free " + name_of(handle));
 }
 
 // Returns a failure, which the front end ignores.

@@ -87,18 +87,11 @@ TEST_F(Decoder, FiresOnceOnThePhraseAndNotOnPartsOrOtherOrders) {
   }
 }
 
-TEST_F(Decoder, AWakeClearsScoresAndStreamingState) {
-  net.dlayer->in[700] = 5.0f;
-  net.dlayer->qleft.hid[3] = 9;
-  net.dlayer->qleft.qleft4[1311] = 9;
-  net.dlayer->qleft.conv1_left[0] = 9;
+TEST_F(Decoder, AWakeClearsScoresAndTime) {
   net.pdec->no_wake_time = 500;
   ASSERT_EQ(1, play(phrase({kA, kB, kA, kB}, 0)));
   EXPECT_EQ(0, net.pdec->no_wake_time);
   for (int j = 0; j < word().seqLen; ++j) EXPECT_EQ(0.0f, word().dp[j]) << j;
-  for (float v : net.dlayer->in) ASSERT_EQ(0.0f, v);
-  const uint8_t* state = reinterpret_cast<const uint8_t*>(&net.dlayer->qleft);
-  for (size_t i = 0; i < sizeof(Q_CONV_LEFT); ++i) ASSERT_EQ(0, state[i]);
   EXPECT_EQ(-1, step(spoken(kB)));
 }
 

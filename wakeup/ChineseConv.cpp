@@ -43,7 +43,9 @@ int32_t KestoChineseWakeupWrite(KTCWakeupParam* p, const int16_t* samples) {
   if (!p) return -10;
   push_samples(p->mynet.dlayer, samples);
   rcg_model_forward(&p->mynet);
-  return run_decoder(&p->mynet);
+  const int32_t result = run_decoder(&p->mynet);
+  if (result == 0) clear_history(p->mynet.dlayer);  // after a wake the stream starts anew
+  return result;
 }
 
 int32_t KestoChineseWakeupUnit(KTCWakeupParam* p) {

@@ -4,6 +4,7 @@
 #include <stdlib.h>
 
 #include "dsp/convert.h"
+#include "dsp/memory.h"
 #include "wakeup/decoder.h"
 
 namespace quibo::wakeup {
@@ -60,16 +61,11 @@ class PackedTable {
   const float* next_;
 };
 
-template <class Record>
-bool allocate(Record** record) {
-  *record = static_cast<Record*>(calloc(1, sizeof(Record)));
-  return *record != nullptr;
-}
-
 bool make_conv(LAYER_CONV_1D_INT8** slot, const LayerTables& tables) {
-  if (!allocate(slot)) return false;
-  (*slot)->weight_fix = tables.weight;
-  (*slot)->bias_fix = tables.bias;
+  LAYER_CONV_1D_INT8* layer = *slot = allocate<LAYER_CONV_1D_INT8>();
+  if (!layer) return false;
+  layer->weight_fix = tables.weight;
+  layer->bias_fix = tables.bias;
   return true;
 }
 
@@ -103,8 +99,8 @@ bool make_last(LAYER_CONV_1D_INT8** slot, const LayerTables& tables, PackedTable
 }
 
 bool make_gru(LAYER_GRU** slot, const LayerTables& ih, const LayerTables& hh, PackedTable* packed) {
-  if (!allocate(slot)) return false;
-  LAYER_GRU* layer = *slot;
+  LAYER_GRU* layer = *slot = allocate<LAYER_GRU>();
+  if (!layer) return false;
   layer->wih_weight = ih.weight;
   layer->ih_bias = ih.bias;
   layer->whh_weight = hh.weight;
@@ -127,8 +123,8 @@ bool make_gru(LAYER_GRU** slot, const LayerTables& ih, const LayerTables& hh, Pa
 
 bool make_memory_block(LAYER_DFSMN_CONV_INT8** slot, const MemoryBlockTables& tables,
                        PackedTable* packed) {
-  if (!allocate(slot)) return false;
-  LAYER_DFSMN_CONV_INT8* layer = *slot;
+  LAYER_DFSMN_CONV_INT8* layer = *slot = allocate<LAYER_DFSMN_CONV_INT8>();
+  if (!layer) return false;
   layer->weight_in = tables.in.weight;
   layer->bias_in = tables.in.bias;
   layer->weight_left = tables.left.weight;
@@ -173,9 +169,10 @@ bool make_layers(EWordNet* net, const NetTables& tables) {
 }
 
 bool make_decoder(DECODER** slot, const int16_t* keywords) {
-  if (!allocate(slot)) return false;
-  (*slot)->wake_cand = -1;
-  return read_word_from_customer_dict(*slot, keywords) == 0;
+  DECODER* decoder = *slot = allocate<DECODER>();
+  if (!decoder) return false;
+  decoder->wake_cand = -1;
+  return read_word_from_customer_dict(decoder, keywords) == 0;
 }
 
 template <class Record>
@@ -188,7 +185,7 @@ void release(Record** record) {
 
 int32_t init_eword_net(EWordNet* net, const NetTables& tables) {
   // The working data are zero from the start: no history, no state.
-  if (make_layers(net, tables) && allocate(&net->dlayer) &&
+  if (make_layers(net, tables) && (net->dlayer = allocate<LAYER_DATA>()) &&
       make_decoder(&net->pdec, tables.keywords)) {
     return 0;
   }

@@ -2,14 +2,15 @@
 
 #include <stdlib.h>
 
+#include "dsp/memory.h"
 #include "wakeup/ChineseConv.h"
 
 int32_t QuibWakeupInit(void** handle, int32_t lang) {
   (void)lang;
   *handle = nullptr;
-  KTWakeupParam* h = static_cast<KTWakeupParam*>(calloc(1, sizeof(KTWakeupParam)));
+  KTWakeupParam* h = quibo::allocate<KTWakeupParam>();
   if (!h) return -1;
-  h->handle0 = static_cast<KTCWakeupParam*>(calloc(1, sizeof(KTCWakeupParam)));
+  h->handle0 = quibo::allocate<KTCWakeupParam>();
   if (!h->handle0) {
     free(h);
     return -1;

@@ -5,7 +5,7 @@
 #include <string.h>
 
 #include "dsp/elementary.h"
-#include "wakeup/features.h"
+#include "dsp/memory.h"
 #include "wakeup/quantised.h"
 
 namespace quibo::wakeup {
@@ -51,11 +51,9 @@ float cost(const WORD_ITEM* word) {
   return -elementary::log(score + kScoreFloor) / word->div;
 }
 
-int32_t wake(EWordNet* net) {
-  DECODER* decoder = net->pdec;
+int32_t wake(DECODER* decoder) {
   decoder->no_wake_time = 0;
   decoder->pWords[0].thres = kThreshold;
-  clear_history(net->dlayer);
   start_recog(decoder);
   return 0;
 }
@@ -79,7 +77,7 @@ int32_t read_word_from_customer_dict(DECODER* decoder, const int16_t* table) {
     printf("word dict is empty!\n");
     return -1;
   }
-  decoder->pWords = static_cast<WORD_ITEM*>(calloc(static_cast<size_t>(count), sizeof(WORD_ITEM)));
+  decoder->pWords = allocate<WORD_ITEM>(count);
   if (!decoder->pWords) {
     printf("memory error!\n");
     return -1;
@@ -95,10 +93,10 @@ int32_t read_word_from_customer_dict(DECODER* decoder, const int16_t* table) {
       printf("word length exceeds MAX_PHONE_NUM!\n");
       return -1;
     }
-    memcpy(syl_arr, table, static_cast<size_t>(syllables) * sizeof(int16_t));
+    copy(syl_arr, table, syllables);
     table += syllables;
     word->seqLen = static_cast<int16_t>(2 * syllables + 1);
-    word->dp = static_cast<float*>(calloc(static_cast<size_t>(word->seqLen), sizeof(float)));
+    word->dp = allocate<float>(word->seqLen);
     if (!word->dp) {
       printf("read dict: dp memory alloc error!\n");
       return -1;
@@ -149,7 +147,7 @@ int32_t run_decoder(EWordNet* net) {
   float* kept = posteriors + KWS_CLASSES;
   const float blank = posteriors[KWS_BLANK] + posteriors[kFiller];
   posteriors[KWS_BLANK] = blank;
-  memcpy(kept, posteriors, KWS_CLASSES * sizeof(float));
+  copy(kept, posteriors, KWS_CLASSES);
 
   const bool silent = blank > kBlankStep;
   if (!silent) {
@@ -173,7 +171,7 @@ int32_t run_decoder(EWordNet* net) {
   }
   // With delay_flag always 0, a silent step never wakes.
   if (!fired || (silent && decoder->delay_flag == 0)) return no_wake(decoder);
-  return wake(net);
+  return wake(decoder);
 }
 
 }  // namespace quibo::wakeup

@@ -29,7 +29,7 @@ void start_recog(DECODER* decoder);
 void post_score_augument(EWordNet* net);
 
 // One decoder step on the posteriors in `afreq`; adds the filler to the blank there. Returns 0 when
-// keyword 0 fires (which clears all streaming state), else -1.
+// keyword 0 fires, which clears the scores; else -1.
 int32_t run_decoder(EWordNet* net);
 
 }  // namespace quibo::wakeup
