@@ -1,6 +1,5 @@
 """python -m training COMMAND: see --help. Commands run from the repository root."""
 import argparse
-import hashlib
 import json
 import pathlib
 import sys
@@ -9,6 +8,7 @@ import tomllib
 import torch
 
 from . import data, export, parity, tasks, train
+from .cache_keys import file_digest
 from .evaluate import cli as evaluate
 from .evaluate import listening
 from .models.layers import deploy, load_tables
@@ -34,12 +34,12 @@ def run_training(arguments):
         config["train"]["steps"] = arguments.steps
     if arguments.start:
         # Folded tables have no normalisation left whose statistics could be learnt.
-        config["start"] = hashlib.sha256(arguments.start.read_bytes()).hexdigest()
+        config["start"] = file_digest(arguments.start)
         if "norm" in config["model"]:
             config["model"]["norm"] = False
             config["train"]["freeze_norm"] = 0
     if arguments.network == "doa":
-        config["suppressor"] = hashlib.sha256(arguments.suppressor.read_bytes()).hexdigest()
+        config["suppressor"] = file_digest(arguments.suppressor)
     folder = arguments.out / f"train-{arguments.network}{'-smoke' if arguments.smoke else ''}"
     folder.mkdir(parents=True, exist_ok=True)
     device = "cuda" if torch.cuda.is_available() else "cpu"
@@ -106,8 +106,9 @@ def export_trained(arguments, task, config, source, folder):
     metadata = export.describe(arguments.network, config, train.trained_steps(folder), source.digest(), results)
     tables = export.fit(arguments.network, model.tables())
     path, digest = export.write(arguments.network, tables, metadata, arguments.params or folder)
-    path.with_suffix(".md").write_text(export.card(arguments.network, metadata, source.sources(), digest))
-    print(f"wrote {path}\nSHA-256 {digest}")
+    draft = path.with_suffix(".draft.md")
+    draft.write_text(export.card(arguments.network, metadata, source.sources(), digest))
+    print(f"wrote {path}\nSHA-256 {digest}\nwrote {draft}, from which the card is written")
     if arguments.library:
         check, _, _, unit = parity.CHECKS[arguments.network]
         print(f"parity: {check(arguments.library, model):.3g} {unit}")

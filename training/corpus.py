@@ -18,6 +18,7 @@ import csv
 import dataclasses
 import fcntl
 import fnmatch
+import functools
 import hashlib
 import os
 import pathlib
@@ -27,7 +28,7 @@ import tomllib
 import numpy as np
 import soundfile
 
-from training import synthetic
+from training import cache_keys, synthetic
 from training.scenes.audio import RATE
 
 ROLES = ("near", "far", "noise", "music", "mandarin")
@@ -113,13 +114,39 @@ class Corpus:
         x = np.roll(self.read(clip), -int(rng.integers(length)))
         return np.tile(x, -(-samples // length))[:samples]
 
+    @functools.cached_property
+    def _digests(self):
+        return cache_keys.FileDigests(self._cache / "digests.json")
+
+    def _content(self, clip):
+        """Digest of a clip's audio."""
+        if self._synthetic(clip):
+            return cache_keys.digest([clip.path, synthetic.made_from(clip.path.split("/")[1])])
+        return self._digests(self._root / clip.path)
+
+    def contents(self, clips, labels=False):
+        """Digest of what a draw from these clips depends on: their audio, in this order, their speakers and shares;
+        labels: what is said, too."""
+        rows = [
+            [c.path, self._content(c), c.speaker, c.set, c.share]
+            + ([c.pinyin, c.ends, c.flags] if labels else [])
+            for c in clips
+        ]
+        self._digests.save()
+        return cache_keys.digest(rows)
+
+    def used(self, roles, split):
+        """{role: contents of its clips in a split}; labels count for the role that has them."""
+        return {r: self.contents(self.clips(r, split), labels=r == "mandarin") for r in roles}
+
     def _playable(self, clip):
-        """The clip as a 16 kHz mono file: itself, or a copy in the cache."""
-        if not clip.path.startswith("synthetic/"):
+        """The clip as a 16 kHz mono file: itself, or a copy of this content in the cache."""
+        if not self._synthetic(clip):
             path = self._root / clip.path
             if path.suffix == ".wav" and _is_mono_16k(path):
                 return path
-        cached = self._cache / "clips" / pathlib.Path(clip.path).with_suffix(".wav")
+        name = f"{pathlib.PurePath(clip.path).stem}-{self._content(clip)[:12]}.wav"
+        cached = self._cache / "clips" / pathlib.PurePath(clip.path).parent / name
         if not cached.exists():
             cached.parent.mkdir(parents=True, exist_ok=True)
             part = cached.with_suffix(f".{os.getpid()}.wav")  # several processes may want it
@@ -128,7 +155,7 @@ class Corpus:
         return cached
 
     def _decode(self, clip):
-        if clip.path.startswith("synthetic/"):
+        if self._synthetic(clip):
             _, kind, number = clip.path.split("/")
             make = {"speech": synthetic.speech, "noise": synthetic.noise, "music": synthetic.music}
             return make[kind](int(number))
@@ -285,11 +312,13 @@ def _synthetic_clips(seed, splits, share):
 def _unpack(packed, unpacked):
     """Runs the corpus' own unpack.sh once; other processes wait for it."""
     unpacked.mkdir(parents=True, exist_ok=True)
-    manifests = sorted(packed.glob("*/manifest.csv"))
-    state = hashlib.sha256(b"".join(m.read_bytes() for m in manifests)).hexdigest()
     stamp = unpacked / ".unpacked"
     with open(unpacked / ".lock", "w") as lock:
         fcntl.flock(lock, fcntl.LOCK_EX)
+        digests = cache_keys.FileDigests(unpacked / ".packed.json")
+        files = sorted(p for p in packed.rglob("*") if p.is_file())
+        state = cache_keys.digest([[str(p.relative_to(packed)), digests(p)] for p in files])
+        digests.save()
         if not stamp.exists() or stamp.read_text() != state:
             subprocess.run(["bash", packed / "unpack.sh", unpacked.resolve()], check=True)
             stamp.write_text(state)

@@ -4,6 +4,7 @@ import os
 
 import tqdm
 
+from . import cache_keys
 from .corpus import SPLITS
 
 SEED = 1  # of splits and rooms, which all networks share
@@ -83,44 +84,54 @@ class SceneData:
         with Progress("rooms") as progress:
             bank.build_bank(self.bank_path, c["rooms"], SEED, c["workers"], progress=progress)
         make = {"naec": self.make_echo_clips, "doa": self.make_direction_clips, "kws": self.make_echo_clips}.get(network)
-        if self.library is not None and make:
-            for split, clips in (("train", c["clips"]), ("valid", c["valid_clips"]), ("test", c["valid_clips"])):
+        if make and (self.library or network != "kws"):
+            for split in SPLITS:
                 with Progress(f"{network} clips, {split}") as progress:
-                    make(split, clips, c["workers"], progress)
-        elif network in ("naec", "doa"):
-            raise SystemExit("training: these scenes go through the built library: --library PATH")
+                    make(split, c["workers"], progress)
         if network == "kws":
             self.prepare_syllables()
 
-    def make_echo_clips(self, split, clips, workers, progress):
+    def make_echo_clips(self, split, workers, progress):
         from .scenes import simulate
-        simulate.aec_cache(self.corpus, self.bank, self.aec_path / split, clips, self.config["data"]["clip_seconds"], SEED,
-                           split, self.library, workers, progress=progress)
+        simulate.aec_cache(self.corpus, self.bank, self.aec_path / split, self.clips(split),
+                           self.config["data"]["clip_seconds"], SEED, split, self.built(), workers, progress=progress)
 
-    def make_direction_clips(self, split, clips, workers, progress):
+    def make_direction_clips(self, split, workers, progress):
         from .scenes import direction
-        direction.direction_clips(self.corpus, self.bank, self.direction_path / split, clips, SEED, split, self.library,
-                                  self.suppressor, workers, progress=progress)
+        direction.direction_clips(self.corpus, self.bank, self.direction_path / split, self.clips(split), SEED, split,
+                                  self.built(), self.suppressor, workers, progress=progress)
 
     def prepare_syllables(self):
         from .syllables import backgrounds, cutting, voices
-        c = self.config["data"]
         cutter = cutting.Cutter(self.library, self.cutter, voices.inventory()) if self.library else None
         for split in SPLITS:
             with Progress(f"voices, {split}") as progress:
-                voices.build(self.corpus, self.syllables_path / "voices" / split, split, SEED, c["synthetic_voices"],
-                             cutter, progress)
+                voices.build(self.corpus, self.syllables_path / "voices" / split, split, SEED,
+                             self.config["data"]["synthetic_voices"], cutter, progress)
             with Progress(f"backgrounds, {split}") as progress:
-                clips = self.echo_clips(split) if (self.aec_path / split).exists() else None
-                backgrounds.build(self.corpus, self.bank, clips, self.syllables_path / "backgrounds" / split, split,
-                                  progress)
+                backgrounds.build(self.corpus, self.bank, self.remainders(split),
+                                  self.syllables_path / "backgrounds" / split, split, progress)
+
+    def remainders(self, split):
+        """Runs of the canceller, of which the wake-up network hears what is left of playback; None without a library."""
+        return self.echo_clips(split) if self.library else None
+
+    def voices_folder(self, split):
+        from .syllables import cutting, voices
+        cutter = cutting.made_from(self.library, self.cutter) if self.library else None
+        made_from = voices.made_from(self.corpus, split, SEED, self.config["data"]["synthetic_voices"], cutter)
+        return cache_keys.folder(self.syllables_path / "voices" / split, made_from)
+
+    def backgrounds_folder(self, split):
+        from .syllables import backgrounds
+        made_from = backgrounds.made_from(self.corpus, self.bank, self.remainders(split), split)
+        return cache_keys.folder(self.syllables_path / "backgrounds" / split, made_from)
 
     @functools.cache
     def syllables(self, split):
         from .syllables import backgrounds, voices
         splits = [split, "test"] if split == "train" and self.config["data"]["test_voices"] else [split]
-        return (voices.Voices(*(self.syllables_path / "voices" / s for s in splits)),
-                backgrounds.Backgrounds(self.syllables_path / "backgrounds" / split))
+        return voices.Voices(*map(self.voices_folder, splits)), backgrounds.Backgrounds(self.backgrounds_folder(split))
 
     def kws_batch(self, rng, batch, seconds, split, progress):
         from .syllables import batch as batches
@@ -135,17 +146,27 @@ class SceneData:
         c = self.config["data"]
         return direction.batch(self.direction_clips(split), rng, batch, seconds, c["raw"], c["gain_db"])
 
+    def clips(self, split):
+        return self.config["data"]["clips" if split == "train" else "valid_clips"]
+
     @functools.cache
     def direction_clips(self, split):
         from .scenes import direction
-        c = self.config["data"]
-        clips = c["clips"] if split == "train" else c["valid_clips"]
-        return direction.DirectionClips(self.direction_path / split, self.suppressor, clips)
+        made_from = direction.made_from(self.corpus, self.bank, self.built(), SEED, split)
+        return direction.DirectionClips(cache_keys.folder(self.direction_path / split, made_from), self.suppressor,
+                                        self.clips(split))
 
     @functools.cache
     def echo_clips(self, split):
-        from .scenes import simulate
-        return simulate.load_aec_cache(self.aec_path / split)
+        from .scenes import cache
+        seconds = self.config["data"]["clip_seconds"]
+        made_from = cache.made_from(self.corpus, self.bank, self.built(), seconds, SEED, split)
+        return cache.AecCache(cache_keys.folder(self.aec_path / split, made_from), self.clips(split))
+
+    def built(self):
+        if self.library is None:
+            raise SystemExit("training: these scenes go through the built library: --library PATH")
+        return self.library
 
 
 class Progress:

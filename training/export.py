@@ -1,5 +1,4 @@
 """Trained weights -> params/FILE.safetensors, with what they were made from in the file's metadata."""
-import hashlib
 import json
 import pathlib
 import subprocess
@@ -7,6 +6,7 @@ import subprocess
 import numpy as np
 import torch
 
+from .cache_keys import file_digest
 from .shared import PARAMS, ROOT, class_names, safetensors_file
 
 DTYPES = {"F32": np.float32, "I8": np.int8, "I16": np.int16, "I32": np.int32}
@@ -35,7 +35,7 @@ def write(network, tables, metadata, folder):
     entries = manifest(network)
     safetensors_file.write(path, {name: (entries[name]["dtype"], list(a.shape), a.astype(a.dtype.newbyteorder("<")).tobytes())
                                   for name, a in tables.items()}, metadata)
-    return path, hashlib.sha256(path.read_bytes()).hexdigest()
+    return path, file_digest(path)
 
 
 def read(path):

@@ -5,6 +5,7 @@ fans, vacuum cleaners, mains hum. Every clip is a function of its number. One fo
 with many voice variants is not many speakers: it widens coverage, it does not replace recordings.
 """
 
+import functools
 import math
 import shutil
 import subprocess
@@ -15,6 +16,7 @@ import scipy.fft
 import soundfile
 from scipy import signal
 
+from training import cache_keys
 from training.scenes.audio import RATE
 
 # A "speaker" of the synthesiser is a variant: it sets formants and voice quality in any language.
@@ -85,6 +87,16 @@ _SEED = 20251107
 
 def available():
     return shutil.which("espeak-ng") is not None
+
+
+@functools.cache
+def made_from(kind):
+    """What the clips of a kind come from, beside their number (cache_keys.py)."""
+    found = cache_keys.constants("synthetic")
+    if kind == "speech" and available():
+        version = subprocess.run(["espeak-ng", "--version"], capture_output=True, text=True, check=True)
+        found["espeak-ng"] = version.stdout.split(" Data at")[0]
+    return found
 
 
 def speech_row(number):

@@ -3,10 +3,9 @@ else, by speakers, in rooms and among noises it was not trained with.
 
 Phrases are joined from isolated syllables of test speakers, each with a length and a place of its own, or fluent: clips in
 which a test speaker says the whole. Every utterance is heard in every condition of its set. What the engine hears is made
-once and kept (mixes are a function of seed and number). The microphones' mean goes to the engine; where the device plays, each microphone goes through the canceller first.
+once and kept (mixes are a function of seed and number, and of made_from()). The microphones' mean goes to the engine; where the device plays, each microphone goes through the canceller first.
 """
 import ctypes
-import hashlib
 import json
 import pathlib
 
@@ -14,8 +13,8 @@ import numpy as np
 import torch
 import tqdm
 
-from training import engine, export, train
-from training.corpus import open_corpus
+from training import cache_keys, engine, export, train
+from training.corpus import ROLES, open_corpus
 from training.data import SEED as SEED_OF_SPLITS
 from training.evaluate import device as devices
 from training.evaluate import intervals, scenes
@@ -40,6 +39,9 @@ STEP = devices.BLOCK / RATE
 SOONEST = 1.0  # s before an utterance's end; what wakes earlier was not it
 REFRACTORY = 1.0  # s in which a second wake is not counted
 THIRD = np.float32(0.3333333)
+RECIPE = ("evaluate.device", "evaluate.listening", "evaluate.scenes", "evaluate.sets", "library", "scenes.array_geometry",
+          "scenes.audio", "scenes.bank", "scenes.direction", "scenes.echo", "scenes.loudspeaker", "scenes.mixing", "scenes.noisy",
+          "scenes.room", "scenes.sources", "syllables.texts", "syllables.voices", "syllables.waves")
 
 # Set -> (utterances, conditions as (name, SNR, SER or None)).
 CONDITIONS = (("quiet", QUIET, None), ("noise 10 dB", 10.0, None), ("noise 5 dB", 5.0, None),
@@ -174,7 +176,6 @@ class Kept:
 
 def prepare(device, corpus, rooms, folder, hours):
     """{set: Kept}; hours of what is not the phrase."""
-    folder.mkdir(parents=True, exist_ok=True)
     others, kept = scenes.without_phrases(corpus), {}
     if not speakers(corpus):
         raise SystemExit("no test speaker says 'ling' and 'dang' by themselves")
@@ -275,9 +276,10 @@ def table(results):
     return "\n".join(lines)
 
 
-def folder_name(corpus, bank, hours):
-    about = json.dumps([corpus.digest(), bank.digest(), SEED, hours, LENGTH, SLOW, LEVEL])
-    return "listening-" + hashlib.sha256(about.encode()).hexdigest()[:12]
+def made_from(corpus, bank, library):
+    """What the waves are a function of (cache_keys.py)."""
+    return {"library": cache_keys.file_digest(library), "corpus": corpus.used(ROLES, scenes.SPLIT),
+            "bank": bank.contents(bank.numbers(scenes.SPLIT)), "recipe": cache_keys.constants(*RECIPE)}
 
 
 def add_options(parser):
@@ -297,7 +299,7 @@ def run(arguments):
     bank = load_bank(arguments.cache / "bank")
     device = devices.Device(arguments.library)
     rooms = scenes.TestRooms(bank, len(bank.rooms))
-    folder = arguments.cache / folder_name(corpus, bank, arguments.hours)
+    folder = cache_keys.begin(arguments.cache / "listening", made_from(corpus, bank, arguments.library))
     kept = prepare(device, corpus, rooms, folder, arguments.hours)
     if arguments.only_prepare:
         return

@@ -1,15 +1,11 @@
 """What was measured: hashes of library and parameters, and whether they belong together."""
 
 import ctypes
-import hashlib
 import platform
 import subprocess
 
+from training.cache_keys import file_digest
 from training.shared import ROOT, safetensors_file
-
-
-def sha256(path):
-    return hashlib.sha256(path.read_bytes()).hexdigest()
 
 
 def describe(library, params):
@@ -18,14 +14,14 @@ def describe(library, params):
     for path in sorted(params.glob("*.safetensors")):
         tensors, metadata = safetensors_file.read(path)
         files[path.name] = {
-            "sha256": sha256(path),
+            "sha256": file_digest(path),
             "compiled_in": _compiled_in(so, tensors),
             "trained": metadata.get("trained", "no"),
             "steps": metadata.get("steps"),
         }
     return {
         "revision": _revision(),
-        "library": {"sha256": sha256(library.resolve()), "machine": platform.machine()},
+        "library": {"sha256": file_digest(library), "machine": platform.machine()},
         "parameters": files,
     }
 

@@ -9,10 +9,10 @@ anywhere in it, turned anyhow. A response is built in two parts:
   a hundredth of following the images to the end, and gives the reverberation time asked for.
 
 A bank is a folder:
-  bank.json       seed, Recipe, number of rooms, digest of these
+  bank.json       seed, Recipe, digests of the simulation's constants, number of rooms, digest of these
   responses.f16   [rooms, SOURCES, microphones, TAPS] float16, each source's peak at 1
   rooms.npy       a record per room, see ROOM_DTYPE
-Room i is a function of seed, i and Recipe; building goes on where it stopped.
+Room i is a function of seed, i, Recipe and constants; building goes on where it stopped.
 """
 
 import argparse
@@ -29,6 +29,7 @@ import numpy as np
 import pyroomacoustics as pra
 import scipy.fft
 
+from training import cache_keys
 from training.scenes import array_geometry
 from training.scenes.audio import RATE
 from training.scenes.room import SIMULATOR_DELAY, Room
@@ -254,6 +255,11 @@ class RoomBank:
     def digest(self):
         return self.description["digest"]
 
+    def contents(self, numbers):
+        """Digest of the rooms with these numbers: a bank that grows is not another one for what uses only them."""
+        made = {name: self.description[name] for name in ("seed", "recipe", "constants")}
+        return cache_keys.digest([made, list(numbers), self.rooms[list(numbers)].tobytes()])
+
 
 def _shape(rooms):
     return rooms, len(SOURCES), 3, TAPS
@@ -270,12 +276,17 @@ def build_bank(
     """Builds, or goes on building, a bank of `rooms` rooms; a bank grows when asked for more."""
     path = pathlib.Path(path)
     path.mkdir(parents=True, exist_ok=True)
-    description = {"seed": seed, "recipe": _listed(recipe)}
+    description = {
+        "seed": seed,
+        "recipe": _listed(recipe),
+        "constants": cache_keys.constants("scenes.array_geometry", "scenes.bank", "scenes.room"),
+    }
     file = path / "bank.json"
     if file.exists():
         before = json.loads(file.read_text(encoding="utf-8"))
-        if before["seed"] != seed or before["recipe"] != description["recipe"]:
-            raise ValueError(f"{path} holds a bank of another seed or recipe")
+        other = [name for name, value in description.items() if before.get(name) != value]
+        if other:
+            raise ValueError(f"{path} holds a bank of another {', another '.join(other)}: move it away")
         rooms = max(rooms, before["rooms"])
     records = np.zeros(rooms, ROOM_DTYPE)
     if (path / "rooms.npy").exists():

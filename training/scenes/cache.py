@@ -1,23 +1,38 @@
 """Runs of the library's own canceller, kept: what the echo suppressor is trained on.
 
-A cache is a folder:
-  cache.json    what it was made from, and the clips with their scenario and spans
+A cache is a store of clips (clip_store.py):
+  cache.json    the clips with their scenario and spans
   mic.i16       [clips, T] int16: microphone 1 as the canceller has it, MIC_DELAY samples late
   echo.f32      [clips, T] float32: the canceller's estimate of the echo in it
   target.i16    [clips, T] int16: the talker as that microphone hears it, plus a little of the noise
-Clip i is a function of (seed, split, i), corpus, bank and library; making goes on where it stopped.
+Clip i is a function of (seed, split, i), of the recordings of ROLES and the rooms of that split, of
+the library and of the RECIPE's constants.
 """
-
-import pathlib
 
 import numpy as np
 
+from training import cache_keys
 from training.corpus import SPLITS
 from training.library import MIC_DELAY, Library
 from training.scenes import clip_store, playback
 from training.scenes.audio import RATE
 
 NOISE_KEPT = (0.15, 0.3)  # of the noise in the target: a floor instead of gating
+ROLES = ("near", "far", "noise", "music")
+RECIPE = (
+    "library",
+    "scenes.array_geometry",
+    "scenes.audio",
+    "scenes.bank",
+    "scenes.cache",
+    "scenes.echo",
+    "scenes.loudspeaker",
+    "scenes.mixing",
+    "scenes.noisy",
+    "scenes.playback",
+    "scenes.room",
+    "scenes.sources",
+)
 
 
 def fields(samples):
@@ -69,14 +84,16 @@ class Maker:
 
 
 class AecCache:
-    """List of clips: dicts of mic, echo and target (float32, full scale 1.0), scenario, ser, snr,
-    spans."""
+    """List of the first `clips` clips (None: of all): dicts of mic, echo and target (float32, full
+    scale 1.0), scenario, ser, snr, spans."""
 
-    def __init__(self, path):
+    def __init__(self, path, clips=None):
+        self.path = path
         self._store = clip_store.ClipStore(path, fields)
+        self._clips = len(self._store) if clips is None else min(clips, len(self._store))
 
     def __len__(self):
-        return len(self._store)
+        return self._clips
 
     def __getitem__(self, i):
         if not -len(self) <= i < len(self):
@@ -87,6 +104,19 @@ class AecCache:
             for name, x in self._store.signals.items()
         }
         return clip | self._store.made[i]
+
+
+def made_from(corpus, bank, library, seconds, seed, split):
+    """What the clips of a cache are a function of, beside their number (cache_keys.py)."""
+    return {
+        "seed": seed,
+        "split": split,
+        "samples": -(-round(seconds * RATE) // playback.FRAME) * playback.FRAME,
+        "library": cache_keys.file_digest(library),
+        "corpus": corpus.used(ROLES, split),
+        "bank": bank.contents(bank.numbers(split)),
+        "recipe": cache_keys.constants(*RECIPE),
+    }
 
 
 def aec_cache(
@@ -101,21 +131,10 @@ def aec_cache(
     jobs=1,
     progress=lambda done, clips: None,
 ):
-    """Makes, or goes on making, a cache of `clips` clips of `seconds`; library: path of the
-    shared library, or a Library. Returns the cache."""
-    library = library.path if isinstance(library, Library) else pathlib.Path(library)
-    samples = -(-round(seconds * RATE) // playback.FRAME) * playback.FRAME
-    wanted = {
-        "seed": seed,
-        "split": split,
-        "samples": samples,
-        "corpus": corpus.digest(),
-        "bank": bank.digest(),
-    }
+    """Makes, or goes on making, a cache of `clips` clips of `seconds` in the folder `path`, beside
+    those made from anything else; library: path of the shared library. Returns the cache."""
     scenes = corpus, bank, library, seconds, seed, split
-    clip_store.fill(path, fields, wanted, clips, Maker, scenes, jobs, progress)
-    return AecCache(path)
-
-
-def load_aec_cache(path):
-    return AecCache(path)
+    folder = clip_store.fill(
+        path, fields, made_from(*scenes), clips, Maker, scenes, jobs, progress
+    )
+    return AecCache(folder, clips)

@@ -1,9 +1,10 @@
 """Numbered clips on disk: arrays of one shape per clip, and what is known about each.
 
-A store is a folder:
-  cache.json    what the clips were made from, and one entry per clip made
-  FILE          [clips, ...] a memory-mapped array per field
-Clip i is made from its number alone; making goes on where it stopped.
+A store is a folder, named by what its clips are made from (cache_keys.py):
+  made_from.json  that
+  cache.json      samples per clip, number of clips, one entry per clip made
+  FILE            [clips, ...] a memory-mapped array per field
+Clip i is a function of that and of its number; making goes on where it stopped.
 """
 
 import json
@@ -14,22 +15,26 @@ from concurrent.futures import ProcessPoolExecutor
 
 import numpy as np
 
+from training import cache_keys
+
 SAVE_EVERY = 50  # clips
 
 
 class ClipStore:
-    """A store to read: `signals` {name: array [clips, ...]}, `made` [entry], `description`.
+    """A store to read: `signals` {name: array [clips, ...]}, `made` [entry].
 
     fields: samples per clip -> {name: (file, dtype, shape of one clip)}
     """
 
     def __init__(self, path, fields):
         path = pathlib.Path(path)
-        self.description = _describe(path)
-        self.made = self.description["made"]
+        if not (path / "cache.json").exists():
+            raise FileNotFoundError(f"{path}: nothing has been made from these ingredients yet")
+        description = _describe(path)
+        self.made = description["made"]
         self.signals = {
-            name: np.memmap(path / file, dtype, "r", shape=(self.description["clips"], *shape))
-            for name, (file, dtype, shape) in fields(self.description["samples"]).items()
+            name: np.memmap(path / file, dtype, "r", shape=(description["clips"], *shape))
+            for name, (file, dtype, shape) in fields(description["samples"]).items()
         }
 
     def __len__(self):
@@ -53,24 +58,23 @@ def _make(number):
     return _maker(number)
 
 
-def fill(path, fields, wanted, clips, kind, arguments, jobs=1, progress=lambda done, clips: None):
+def fill(
+    parent, fields, made_from, clips, kind, arguments, jobs=1, progress=lambda done, clips: None
+):
     """Makes, or goes on making, a store of `clips` clips, more if there are more already.
 
-    wanted: what the clips are a function of, beside their number, `samples` among it; a store of
-    something else is refused. kind(*arguments), in each of the `jobs` processes, gives the maker: number -> (signals,
-    entry).
+    made_from: what the clips are a function of, beside their number, `samples` among it.
+    kind(*arguments), in each of the `jobs` processes, gives the maker: number -> (signals, entry).
+    Returns the store's folder in `parent`.
     """
-    path = pathlib.Path(path)
-    path.mkdir(parents=True, exist_ok=True)
+    path = cache_keys.begin(parent, made_from)
     made = []
     if (path / "cache.json").exists():
         before = _describe(path)
-        if any(before[name] != value for name, value in wanted.items()):
-            raise ValueError(f"{path} holds a cache of other scenes")
         clips, made = max(clips, before["clips"]), before["made"]
 
-    signals = {}
-    for name, (file, dtype, shape) in fields(wanted["samples"]).items():
+    signals, samples = {}, made_from["samples"]
+    for name, (file, dtype, shape) in fields(samples).items():
         with open(path / file, "ab") as f:
             f.truncate(clips * math.prod(shape) * np.dtype(dtype).itemsize)
         signals[name] = np.memmap(path / file, dtype, "r+", shape=(clips, *shape))
@@ -79,7 +83,8 @@ def fill(path, fields, wanted, clips, kind, arguments, jobs=1, progress=lambda d
         for x in signals.values():
             x.flush()
         part = path / "cache.json.part"
-        part.write_text(json.dumps({**wanted, "clips": clips, "made": made}), encoding="utf-8")
+        description = {"samples": samples, "clips": clips, "made": made}
+        part.write_text(json.dumps(description), encoding="utf-8")
         part.replace(path / "cache.json")
 
     save()
@@ -93,3 +98,4 @@ def fill(path, fields, wanted, clips, kind, arguments, jobs=1, progress=lambda d
                 save()
             progress(len(made), clips)
     save()
+    return path

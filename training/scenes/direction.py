@@ -6,9 +6,9 @@ split, see clip_store.py; making goes on where it stopped:
 
   mics.i16      [clips, 3, SAMPLES] int16
   active.u8     [clips, HOPS] whether the talker speaks, per 10 ms, as microphone 1 hears him
-  heard-raw/, heard-ID/
-                the clips' features: as they are, and behind the library's own noise suppressors,
-                which take turns as in the front end; ID from the suppressors' parameters
+  raw/, suppressed/
+                stores of the clips' features: as they are, and behind the library's own noise
+                suppressors, which take turns as in the front end, one for each parameter file
     features.f16  [runs, RUN, HOPS, 3, VALUES] per hop: of each microphone pair the cross-correlation,
                   one lag more than the network takes; of each microphone the log-mel energies
 
@@ -19,12 +19,11 @@ Levels as in noisy.py.
 """
 
 import functools
-import hashlib
 import pathlib
 
 import numpy as np
 
-from training import engine
+from training import cache_keys, engine
 from training.corpus import SPLITS
 from training.library import FRAME, Library
 from training.scenes import clip_store, echo, mixing, sources
@@ -58,6 +57,21 @@ LAGS, BANDS = 41, 40
 VALUES = LAGS + BANDS
 PAIRS = ((0, 1), (0, 2), (1, 2))
 TURN = 120.0  # degrees from one microphone to the next
+ROLES = ("near", "far", "noise", "music")
+RECIPE = (
+    "library",
+    "scenes.array_geometry",
+    "scenes.audio",
+    "scenes.bank",
+    "scenes.direction",
+    "scenes.echo",
+    "scenes.loudspeaker",
+    "scenes.mixing",
+    "scenes.noisy",
+    "scenes.room",
+    "scenes.sources",
+)
+HEARING = ("engine", "models.doa", "models.features", "scenes.direction")
 
 
 def fields(samples):
@@ -224,8 +238,30 @@ def arranged(features, order):
     return np.stack([*pairs, mel[:, order[0]]])
 
 
-def parameters_id(path):
-    return hashlib.sha256(pathlib.Path(path).read_bytes()).hexdigest()[:16]
+def made_from(corpus, bank, library, seed, split):
+    """What the clips of a split are a function of, beside their number (cache_keys.py)."""
+    return {
+        "seed": seed,
+        "split": split,
+        "samples": SAMPLES,
+        "library": cache_keys.file_digest(library),
+        "corpus": corpus.used(ROLES, split),
+        "bank": bank.contents(bank.numbers(split)),
+        "recipe": cache_keys.constants(*RECIPE),
+    }
+
+
+def heard_from(suppressor):
+    """What their features are a function of, beside the clips; suppressor: parameter file or None."""
+    return {
+        "samples": SAMPLES,
+        "suppressor": suppressor and cache_keys.file_digest(suppressor),
+        "recipe": cache_keys.constants(*HEARING),
+    }
+
+
+def heard_folder(path, suppressor):
+    return path / ("suppressed" if suppressor else "raw")
 
 
 class DirectionClips:
@@ -242,7 +278,9 @@ class DirectionClips:
 
     @functools.cache
     def _heard(self, suppressed):
-        folder = self.path / _folders(self._suppressor)[suppressed]
+        suppressor = self._suppressor if suppressed else None
+        parent = heard_folder(self.path, suppressor)
+        folder = cache_keys.folder(parent, heard_from(suppressor))
         return clip_store.ClipStore(folder, heard_fields).signals["features"]
 
     def excerpt(self, clip, first_hop, blocks, suppressed):
@@ -251,11 +289,6 @@ class DirectionClips:
         hops = slice(first_hop, first_hop + blocks * HOPS_PER_BLOCK)
         active = self._store.signals["active"][clip, hops].reshape(blocks, HOPS_PER_BLOCK)
         return self._heard(suppressed)[clip // RUN, clip % RUN, hops], active.sum(1) >= 2
-
-
-def _folders(suppressor):
-    """Whether suppressed -> folder of the features."""
-    return {False: "heard-raw", True: f"heard-{parameters_id(suppressor)}"}
 
 
 def direction_clips(
@@ -270,26 +303,21 @@ def direction_clips(
     jobs=1,
     progress=lambda done, clips: None,
 ):
-    """Makes, or goes on making, the clips of a split, whole runs of them. library: path of the
-    shared library; suppressor: parameter file of its noise suppressor. Returns the clips."""
+    """Makes, or goes on making, the clips of a split, whole runs of them, in the folder `path`
+    beside those made from anything else. library: path of the shared library; suppressor: parameter
+    file of its noise suppressor. Returns the clips."""
     from training import export  # PyTorch, see features_of()
 
-    path = pathlib.Path(path)
     runs = -(-clips // RUN)
-    wanted = {
-        "seed": seed,
-        "split": split,
-        "samples": SAMPLES,
-        "corpus": corpus.digest(),
-        "bank": bank.digest(),
-    }
     scenes = corpus, bank, library, seed, split
-    clip_store.fill(path, fields, wanted, runs * RUN, Maker, scenes, jobs, progress)
-    for through, folder in _folders(suppressor).items():
-        heard = {**wanted, "suppressor": parameters_id(suppressor) if through else None}
-        arguments = path, library, export.read(suppressor) if through else None
-        clip_store.fill(path / folder, heard_fields, heard, runs, Listener, arguments, jobs, progress)
-    return DirectionClips(path, suppressor, clips)
+    folder = clip_store.fill(
+        path, fields, made_from(*scenes), runs * RUN, Maker, scenes, jobs, progress
+    )
+    for through in (None, suppressor):
+        arguments = folder, library, through and export.read(through)
+        heard = heard_folder(folder, through), heard_fields, heard_from(through)
+        clip_store.fill(*heard, runs, Listener, arguments, jobs, progress)
+    return DirectionClips(folder, suppressor, clips)
 
 
 def batch(clips, rng, size, seconds, raw, gain_db):

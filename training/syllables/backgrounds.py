@@ -1,12 +1,14 @@
 """What else the wake-up engine hears, kept as features: noise, music, speech in other languages, what the canceller
 leaves of playback; and rooms as decays of mel energies.
 
-A folder for one split: backgrounds.json, features.f16 [frames, 40] log mel energies (level of their recordings), rooms.npy.
+A folder for one split, named by what it was made from (cache_keys.py): backgrounds.json, features.f16 [frames, 40] log mel
+energies (level of their recordings), rooms.npy.
 """
 import json
 
 import numpy as np
 
+from .. import cache_keys
 from ..scenes.audio import RATE
 from . import spectra
 
@@ -14,6 +16,7 @@ DECAY_FRAMES = 64  # 0.64 s of a room's decay
 ROOMS = 400
 PIECE = 20.0  # s of a recording read at once
 SELF_NOISE_SECONDS = 60.0
+RECIPE = ("models.features", "scenes.audio", "syllables.backgrounds", "syllables.spectra")
 
 
 def log_mel(x):
@@ -31,12 +34,17 @@ def room_decay(responses):
     return np.float32(energy / energy.mean(1).sum())
 
 
-def recordings(corpus, split):
-    """Yields (role, log mel) in pieces of at most PIECE s. Other languages come from recordings, if there are any."""
+def clips_of(corpus, split):
+    """{role: clips}. Other languages come from recordings, if there are any."""
     clips = {role: corpus.clips(role, split) for role in ("noise", "music", "far")}
     foreign = [c for c in clips["far"] if "mandarin" not in c.roles]
     clips["far"] = [c for c in foreign if not c.path.startswith("synthetic/")] or foreign
-    for role, chosen in clips.items():
+    return clips
+
+
+def recordings(corpus, split):
+    """Yields (role, log mel) in pieces of at most PIECE s."""
+    for role, chosen in clips_of(corpus, split).items():
         for clip in chosen:
             for start in range(0, corpus.length(clip), int(PIECE * RATE)):
                 x = corpus.read(clip, start, int(PIECE * RATE))
@@ -57,13 +65,20 @@ def residual(clips):
                 yield "residual", log_mel(left / np.sqrt(played))
 
 
-def build(corpus, bank, clips, path, split, progress=lambda done, of: None):
-    """clips: runs of the canceller (scenes/cache.py), or None."""
-    description = {"corpus": corpus.digest(), "bank": bank.digest(), "split": split, "clips": len(clips or ())}
+def made_from(corpus, bank, clips, split):
+    """What the backgrounds of a split are a function of."""
+    return {"split": split, "corpus": {role: corpus.contents(chosen) for role, chosen in clips_of(corpus, split).items()},
+            "bank": bank.contents(bank.numbers(split)[:ROOMS]), "canceller": clips and [clips.path.name, len(clips)],
+            "recipe": cache_keys.constants(*RECIPE)}
+
+
+def build(corpus, bank, clips, parent, split, progress=lambda done, of: None):
+    """Makes the backgrounds of a split in the folder `parent`, unless they are there. clips: runs of the canceller
+    (scenes/cache.py), or None. Returns their own folder."""
+    path = cache_keys.begin(parent, made_from(corpus, bank, clips, split))
     file = path / "backgrounds.json"
-    if file.exists() and {k: v for k, v in json.loads(file.read_text()).items() if k in description} == description:
-        return
-    path.mkdir(parents=True, exist_ok=True)
+    if file.exists():
+        return path
     pieces, at = [], 0
 
     def keep(f, role, energies):
@@ -82,7 +97,8 @@ def build(corpus, bank, clips, path, split, progress=lambda done, of: None):
         keep(f, "hiss", log_mel(hiss))
     rooms = bank.numbers(split)[:ROOMS]
     np.save(path / "rooms.npy", np.stack([room_decay(bank.responses(r, "talker")) for r in rooms]))
-    file.write_text(json.dumps(description | {"frames": at, "pieces": pieces}))
+    file.write_text(json.dumps({"frames": at, "pieces": pieces}))
+    return path
 
 
 class Backgrounds:

@@ -2,11 +2,9 @@
 
 Isolated syllables are few and slow. Those inside words are many, of more speakers, and as people say them.
 """
-import hashlib
-
 import numpy as np
 
-from .. import engine, export
+from .. import cache_keys, engine, export
 from ..models import kws
 from . import spectra
 
@@ -22,6 +20,11 @@ AUDIBLE = 0.01  # of the loudest frame's power: where words begin and end
 FRAME, SIDE = 80, 3  # samples; frames compared on either side of a boundary
 
 
+def made_from(library, params):
+    """What a Cutter's cuts come from, beside the clip (cache_keys.py)."""
+    return {"library": cache_keys.file_digest(library), "parameters": cache_keys.file_digest(params)}
+
+
 class Cutter:
     """library: built libquibo.so; params: the network's exported file; classes: {syllable: class}."""
 
@@ -29,7 +32,7 @@ class Cutter:
         tables = export.read(params)
         tables.pop("fbank_filter1")
         self.library, self.classes = engine.load(library, tables), classes
-        self.digest = hashlib.sha256(params.read_bytes()).hexdigest()
+        self.made_from = made_from(library, params)
 
     def posteriors(self, x):
         """Per step of the wave and of what is put around it, as the decoder has them [steps, 146]."""

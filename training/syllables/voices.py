@@ -1,7 +1,7 @@
 """Recorded and synthetic Mandarin as spectra, cut to where the voice is: what utterances are put together from.
 
-A bank is a folder for one split:
-  voices.json    corpus and split; per piece: speaker, first frame, frames, classes of its syllables (0 = another one),
+A bank is a folder for one split, named by what it was made from (cache_keys.py):
+  voices.json    per piece: speaker, first frame, frames, classes of its syllables (0 = another one),
                  where each ends (shares of the frames) or null
   spectra.f16    [frames, 257] float16, log power spectra every HOP samples; every clip's active power is 1
 """
@@ -11,8 +11,8 @@ import json
 
 import numpy as np
 
+from .. import cache_keys, synthetic
 from .. import corpus as corpora
-from .. import synthetic
 from ..shared import PARAMS
 from . import spectra, splicing
 
@@ -31,6 +31,7 @@ LING, DANG = 125, 2
 PHRASE = (LING, DANG, LING, DANG)
 SHORTEST = 10  # frames of a syllable
 LIKE_LING = "li lie lin ning leng lang liang ding ming ping ting bing ying xing qing jing long yin nin".split()
+RECIPE = ("models.features", "syllables.cutting", "syllables.spectra", "syllables.voices")
 LIKE_DANG = "bang deng dong fang da dan dai tang gang zhang lang mang pang ang cang zang nang hang kang dao dou".split()
 
 
@@ -99,14 +100,19 @@ def active(x):
     return np.log(np.maximum(p, FLOOR)), int(first)
 
 
-def build(corpus, path, split, seed, synthetic_voices=100, cutter=None, progress=lambda done, of: None):
-    """Makes the bank of a split, unless it is there."""
-    description = {"corpus": corpus.digest(), "split": split, "synthetic_voices": synthetic_voices,
-                   "cutter": cutter and cutter.digest}
+def made_from(corpus, split, seed, synthetic_voices, cutter):
+    """What the bank of a split is a function of; cutter: what cutting.made_from() says of it, or None."""
+    return {"seed": seed, "split": split, "synthetic_voices": synthetic_voices, "cutter": cutter,
+            "corpus": corpus.used(("mandarin",), split), "synthesiser": synthetic.made_from("speech"),
+            "classes": cache_keys.digest(inventory()), "recipe": cache_keys.constants(*RECIPE)}
+
+
+def build(corpus, parent, split, seed, synthetic_voices=100, cutter=None, progress=lambda done, of: None):
+    """Makes the bank of a split in the folder `parent`, unless it is there. Returns its own folder."""
+    path = cache_keys.begin(parent, made_from(corpus, split, seed, synthetic_voices, cutter and cutter.made_from))
     file = path / "voices.json"
-    if file.exists() and {k: v for k, v in json.loads(file.read_text()).items() if k in description} == description:
-        return
-    path.mkdir(parents=True, exist_ok=True)
+    if file.exists():
+        return path
     rows, at = [], 0
     total = len(corpus.clips("mandarin", split))
     with open(path / "spectra.f16", "wb") as f:
@@ -127,7 +133,8 @@ def build(corpus, path, split, seed, synthetic_voices=100, cutter=None, progress
                                  for c, begin, end in zip(said, [0, *places], places) if end - begin >= SHORTEST]
                     at += frames
                 progress(len(rows), max(total, len(rows)))
-    file.write_text(json.dumps(description | {"frames": at, "pieces": rows}))
+    file.write_text(json.dumps({"frames": at, "pieces": rows}))
+    return path
 
 
 class Voices:

@@ -87,6 +87,6 @@ def test_clips_go_on_where_they_stopped_and_another_suppressor_gets_its_own(
         for suppressed in (False, True):
             a, b = (c.excerpt(i, 5, 60, suppressed) for c in (clips, again))
             assert np.array_equal(a[0], b[0]) and np.array_equal(a[1], b[1])
-    other = direction.DirectionClips(tmp_path, PARAMS / "naec.safetensors", direction.RUN)
+    other = direction.DirectionClips(again.path, PARAMS / "naec.safetensors", direction.RUN)
     with pytest.raises(FileNotFoundError):
         other.excerpt(0, 5, 60, True)

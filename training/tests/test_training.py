@@ -1,6 +1,7 @@
 """The training loop and what it exports, on signals from formulas."""
 
 import json
+import types
 
 import numpy as np
 import pytest
@@ -113,6 +114,18 @@ def test_an_export_holds_the_library_s_tables_and_where_they_come_from(network, 
     assert all(np.isfinite(a).all() for a in tables.values())
     assert (metadata["steps"], metadata["data"], metadata["trained"]) == ("7", "digest", "yes")
     assert json.loads(metadata["config"]) == config and metadata["revision"]
+
+
+def test_an_export_leaves_the_card_that_a_person_wrote(tmp_path, capsys):
+    """A draft goes beside it, and that is said."""
+    ns, config = task("ns")
+    (tmp_path / "run").mkdir()
+    train.save(tmp_path / "run", ns.model(), torch.optim.AdamW(ns.model().parameters()), 3, keep=1)
+    arguments = types.SimpleNamespace(network="ns", params=tmp_path, library=None)
+    (tmp_path / "ns.md").write_text("ours")
+    __main__.export_trained(arguments, ns, config, ns.data, tmp_path / "run")
+    assert (tmp_path / "ns.md").read_text() == "ours"
+    assert "3 steps" in (tmp_path / "ns.draft.md").read_text() and "ns.draft.md" in capsys.readouterr().out
 
 
 @pytest.mark.parametrize("network", tasks.NETWORKS)
