@@ -7,7 +7,7 @@ import sys
 import pytest
 
 SOURCE = pathlib.Path(__file__).resolve().parent.parent
-sys.path.insert(0, str(SOURCE / "params"))
+sys.path[:0] = [str(SOURCE / "params"), str(SOURCE / "fuzz")]
 
 
 @pytest.fixture(scope="session")

@@ -15,6 +15,8 @@ import sys
 import pytest
 
 import safetensors_file
+from conftest import SOURCE
+from parser_property import hold
 
 SEED = 20251103
 TENSORS = {"weight": {"dtype": "F32", "shape": [2, 3]}, "bias": {"dtype": "I8", "shape": [2]}}
@@ -134,8 +136,13 @@ def test_a_file_that_does_not_fit_is_refused_with_one_line_per_fault(source, tmp
     assert not (tmp_path / "out").exists()
 
 
-def test_a_file_cut_or_changed_anywhere_is_read_or_refused_and_nothing_else(tmp_path):
-    """4000 files: bytes changed, dropped, put in, and the header's numbers replaced."""
+@pytest.mark.parametrize("seed", sorted((SOURCE / "fuzz/corpus/parameters").iterdir()), ids=lambda path: path.name)
+def test_the_fuzzer_s_seeds_are_read_or_refused(seed):
+    hold(seed.read_bytes())
+
+
+def test_a_file_cut_or_changed_anywhere_is_read_or_refused(tmp_path):
+    """4000 files: bytes changed, dropped and put in."""
     rng = random.Random(SEED)
     write(tmp_path, tensors())
     good = (tmp_path / "net.safetensors").read_bytes()
@@ -145,14 +152,7 @@ def test_a_file_cut_or_changed_anywhere_is_read_or_refused_and_nothing_else(tmp_
             at = rng.randrange(len(blob))
             blob[at:at + rng.choice([0, 1, 1, 5])] = rng.choice(
                 [b"", bytes([rng.randrange(256)]), b"0", b"9" * 30, b"-1", b"[", b"{", b'"', b"null", b"1e999", b"\\ud800"])
-        try:
-            found, metadata = safetensors_file.parse(bytes(blob))
-        except safetensors_file.FormatError as reason:
-            assert str(reason).isascii() and str(reason).isprintable() and len(str(reason)) < 200, blob
-        else:
-            sizes = [len(data) for _, _, data in found.values()]
-            assert sizes == [safetensors_file.ITEM_SIZES[t] * math.prod(shape) for t, shape, _ in found.values()], blob
-            assert isinstance(metadata, dict)
+        hold(bytes(blob))
 
 
 def test_the_library_s_own_files_are_those_of_the_manifest(source, tmp_path):
