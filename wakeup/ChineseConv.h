@@ -110,6 +110,13 @@ typedef struct {
   int16_t pseq[KWS_MAX_STATES + 1]; /* class of each state */
 } WORD_ITEM;
 
+/* What one step of the decoder saw and decided. */
+typedef struct {
+  const float* posteriors; /* 146, the filler's added to the blank's */
+  float cost, thres;       /* of keyword 0; a wake needs a cost below the threshold */
+  int32_t woke;            /* 0 or 1 */
+} KWS_STEP;
+
 typedef struct {
   int32_t word_num;
   WORD_ITEM* pWords;
@@ -121,6 +128,10 @@ typedef struct {
   float digit_score[KWS_CLASSES]; /* reserved */
   int32_t delay_flag;             /* 0; nothing sets it to another value */
   int32_t no_wake_time;           /* steps since the last wake, at most 20000 */
+  /* For tools that want to know why: called with `observer` at the end of every step; null, as it is
+   * at the start, for nobody. Changes nothing. */
+  void (*observe)(void* observer, const KWS_STEP* step);
+  void* observer;
 } DECODER;
 
 typedef struct {

@@ -157,6 +157,7 @@ int32_t run_decoder(EWordNet* net) {
   }
 
   bool fired = false;
+  float reached = 0.0f;  // cost of keyword 0
   for (int i = 0; i < decoder->word_num; ++i) {
     WORD_ITEM* word = &decoder->pWords[i];
     if (word->seqLen > KWS_MAX_STATES) continue;
@@ -167,11 +168,18 @@ int32_t run_decoder(EWordNet* net) {
       decay(word, kSlowDecay);
     }
     // Only the first keyword decides; the others are kept up to date, on purpose.
-    if (i == 0) fired = cost(word) < word->thres;
+    if (i == 0) {
+      reached = cost(word);
+      fired = reached < word->thres;
+    }
   }
   // With delay_flag always 0, a silent step never wakes.
-  if (!fired || (silent && decoder->delay_flag == 0)) return no_wake(decoder);
-  return wake(decoder);
+  const bool woke = fired && !(silent && decoder->delay_flag == 0);
+  if (decoder->observe) {
+    const KWS_STEP step = {kept, reached, decoder->pWords[0].thres, woke};
+    decoder->observe(decoder->observer, &step);
+  }
+  return woke ? wake(decoder) : no_wake(decoder);
 }
 
 }  // namespace quibo::wakeup
