@@ -29,7 +29,7 @@ import numpy as np
 import soundfile
 
 from training import cache_keys, synthetic
-from training.scenes.audio import RATE
+from training.device_facts import RATE
 
 ROLES = ("near", "far", "noise", "music", "mandarin")
 SPLITS = ("train", "valid", "test")

@@ -13,9 +13,9 @@ from _ctypes import dlclose
 
 import numpy as np
 
-FRAME, BLOCK = 1024, 480
-SUPPRESSOR_DELAY = 2560  # samples: four hops of look-ahead and one of overlap-add
-DIRECTION_FLOOR = 0.3  # of the noise suppressors in front of the direction estimator
+from . import library as libraries
+from .device_facts import BLOCK, FRAME
+from .library import pointer
 
 
 def load(path, tables):
@@ -23,7 +23,7 @@ def load(path, tables):
     with tempfile.TemporaryDirectory() as folder:
         copy = pathlib.Path(folder) / "library.so"
         shutil.copy(path, copy)
-        library = ctypes.CDLL(str(copy))
+        library = libraries.load(copy)
     for name, values in tables.items():
         overwrite(library, name, np.ascontiguousarray(values))
     return library
@@ -53,7 +53,7 @@ def suppress_noise(library, microphones, floor):
     """int16 [M, samples] -> int16 [M, samples]; the instances take turns frame by frame, as in the front end."""
     handles = [ctypes.c_void_p() for _ in microphones]
     for handle in handles:
-        assert library.QuibAncInit(ctypes.byref(handle), ctypes.c_float(floor)) == 0
+        assert library.QuibAncInit(ctypes.byref(handle), floor) == 0
     out = np.zeros_like(microphones)
     for start in range(0, microphones.shape[1], FRAME):
         for handle, samples, cleaned in zip(handles, microphones, out):
@@ -76,65 +76,29 @@ def suppress_echo(library, microphone, echo):
     return out
 
 
-class DirectionState(ctypes.Structure):
-    """The start of LAYER_DATA_DOA (doa/ring_doa.h)."""
-
-    _fields_ = [("samples", ctypes.c_int16 * (3 * 832)), ("spectra", ctypes.c_float * (9 * 513 * 2)),
-                ("transform", ctypes.c_float * 2048), ("left", ctypes.c_float * (160 + 304 + 224 + 64 + 4 * 648)),
-                ("micfft", ctypes.c_float * 512), ("afreq", ctypes.c_float * 400), ("out1", ctypes.c_float * 2048),
-                ("out2", ctypes.c_float * 2048), ("window", ctypes.c_float * (25 * 4)), ("xy", ctypes.c_float * 2)]
-
-
 def directions(library, microphones):
     """int16 [3, samples] -> vectors [blocks, 2]."""
-    net = (ctypes.c_void_p * 11)()  # DoaNet: the working record's pointer, then the layers'
-    assert library.init_doa_net(net) == 0
-    state = ctypes.cast(net[0], ctypes.POINTER(DirectionState)).contents
-    vectors = []
+    net, vectors = libraries.DoaNet(), []
+    assert library.init_doa_net(ctypes.byref(net)) == 0
     for start in range(0, microphones.shape[1], BLOCK):
         block = [np.ascontiguousarray(m[start:start + BLOCK]) for m in microphones]
-        library.proc_one_frame(net, *map(pointer, block), 0)
-        vectors.append(state.xy[:])
-    library.destroy_doa_net(net)
+        library.proc_one_frame(ctypes.byref(net), *map(pointer, block), 0)
+        vectors.append(net.dlayer[0].xy[:])
+    library.destroy_doa_net(ctypes.byref(net))
     return np.float32(vectors)
-
-
-class WakeState(ctypes.Structure):
-    """LAYER_DATA (wakeup/ChineseConv.h)."""
-
-    _fields_ = [("samples", ctypes.c_float * 720), ("micfft", ctypes.c_float * 1024), ("posteriors", ctypes.c_float * 400),
-                ("out1", ctypes.c_uint8 * 3600), ("scores", ctypes.c_uint8 * 3600), ("conv_left", ctypes.c_uint8 * 728),
-                ("state", ctypes.c_uint8 * 128), ("memory", ctypes.c_uint8 * (4 * 164 * 8)),
-                ("features", ctypes.c_float * 1024)]
-
-
-def wake_states(library, wave):
-    """int16 samples -> per block (WakeState, whether the phrase was heard, which clears all state)."""
-    handle = ctypes.c_void_p()
-    assert library.QuibWakeupInit(ctypes.byref(handle), 0) == 0
-    first = lambda address: ctypes.cast(address, ctypes.POINTER(ctypes.c_void_p))[0]
-    data = ctypes.cast(first(first(handle)), ctypes.POINTER(WakeState)).contents
-    for start in range(0, len(wave), BLOCK):
-        heard = library.QuibWakeupWriteData(handle, pointer(wave[start:start + BLOCK])) == 0
-        yield data, heard
-    library.QuibWakeupUnit(handle)
 
 
 def syllables(library, wave):
     """int16 samples -> per block (features [3, 40], recurrent state, memories [4, 164, 8], score codes [146]), or None
     for a block at which the phrase was heard and all state cleared."""
-    array = lambda field: np.ctypeslib.as_array(field)
-    for data, heard in wake_states(library, wave):
-        yield None if heard else (array(data.features)[:120].reshape(3, 40).copy(), array(data.state).copy(),
-                                  array(data.memory).reshape(4, 164, 8).copy(), array(data.scores)[:146].copy())
+    with libraries.WakeUp(library) as engine:
+        for heard in engine.steps(wave):
+            data = engine.data
+            yield None if heard else (data.features(), data.state(), data.memories(), data.scores())
 
 
 def posteriors(library, wave):
     """int16 samples -> per block the posteriors [146] as the decoder has them, the filler's share in the blank's."""
-    for data, _ in wake_states(library, wave):
-        yield data.posteriors[:146]
-
-
-def pointer(array):
-    assert array.flags.c_contiguous
-    return ctypes.c_void_p(array.ctypes.data)
+    with libraries.WakeUp(library) as engine:
+        for _ in engine.steps(wave):
+            yield engine.data.posteriors()

@@ -3,13 +3,14 @@ import numpy as np
 import torch
 
 from . import engine, export
+from .device_facts import BLOCK, FRAME, FULL_SCALE
 from .models import doa, kws, kws_int8, spectrum
 from .models.layers import deploy
 from .models.naec import EchoSuppressor
 from .models.ns import NoiseSuppressor
 from .models.quantise import set_mode
 
-INT16_STEP = 1 / 32768
+INT16_STEP = 1 / FULL_SCALE
 # The float networks sum in another order than PyTorch: one int16 step, or 1e-4 of the sample.
 RELATIVE = 1e-4
 DELAY = spectrum.LOOKAHEAD * spectrum.HOP  # samples of the output before the first masked frame
@@ -21,7 +22,7 @@ class Mismatch(Exception):
 
 def compare(ours, theirs, what):
     """Float waves at full scale 1.0, int16 from the library. Returns the largest difference in int16 steps."""
-    expected = np.trunc(np.clip(ours, -0.99, 0.99) * 32768)  # as the library converts
+    expected = np.trunc(np.clip(ours, -0.99, 0.99) * FULL_SCALE)  # as the library converts
     difference = np.abs(expected - theirs)
     allowed = np.maximum(1.0, RELATIVE * np.abs(expected))
     if not (difference <= allowed).all():
@@ -30,11 +31,11 @@ def compare(ours, theirs, what):
     return float(difference.max())
 
 
-def signals(rng, rows, frames, size=engine.FRAME):
+def signals(rng, rows, frames, size=FRAME):
     """Noise bursts at speech-like levels, int16."""
     samples = frames * size
     envelope = np.repeat(10**rng.uniform(-3, -0.7, (rows, frames * 4)), samples // (frames * 4), axis=1)
-    return np.int16(np.clip(rng.standard_normal((rows, samples)) * envelope, -0.99, 0.99) * 32768)
+    return np.int16(np.clip(rng.standard_normal((rows, samples)) * envelope, -0.99, 0.99) * FULL_SCALE)
 
 
 @torch.no_grad()
@@ -63,7 +64,7 @@ def echo_suppressor(library_path, model, frames=24, seed=0):
 @torch.no_grad()
 def direction(library_path, model, blocks=60, seed=0):
     """Returns the largest difference of a vector's component."""
-    mics = signals(np.random.default_rng(seed), 3, blocks, engine.BLOCK)
+    mics = signals(np.random.default_rng(seed), 3, blocks, BLOCK)
     theirs = engine.directions(engine.load(library_path, export.fit("doa", model.tables())), mics)
     ours = model(doa.inputs(torch.from_numpy(mics).float()[None]), deployed=True)[0].numpy()
     difference = np.abs(ours - theirs)
@@ -80,7 +81,7 @@ def wake_up(library_path, model, blocks=200, seed=0):
 
 
 def wake_up_tables(library_path, tables, blocks=200, seed=0):
-    (wave,) = signals(np.random.default_rng(seed), 1, blocks, engine.BLOCK)
+    (wave,) = signals(np.random.default_rng(seed), 1, blocks, BLOCK)
     network, compared = kws_int8.Network(tables), 0
     # The mel filters are the library's own constant and not exported.
     exported = {name: values for name, values in tables.items() if name != "fbank_filter1"}
@@ -101,7 +102,7 @@ def random_wake_up(kind, seed):
     """A random network, its quantisers calibrated on noise."""
     torch.manual_seed(seed)
     model = kind()
-    wave = signals(np.random.default_rng(seed + 1), 8, 100, engine.BLOCK)
+    wave = signals(np.random.default_rng(seed + 1), 8, 100, BLOCK)
     set_mode(model, "observe")
     with torch.no_grad():
         model(kws.inputs(torch.from_numpy(wave).float()))

@@ -3,13 +3,11 @@ path. For the tests and the smoke runs of a machine that has neither corpus nor 
 import numpy as np
 import torch
 
+from .device_facts import BLANK, BLOCK, FULL_SCALE, MIC_DELAY, RATE
 from .models import kws
 from .scenes import array_geometry
 from .syllables.batch import EARLY, KINDS, LATE
 from .syllables.texts import PHRASE
-
-RATE, BLOCK = 16000, 480
-ECHO_DELAY = 20  # samples, as the canceller delays its microphone
 
 
 def harmonic_speech(rng, samples):
@@ -66,7 +64,7 @@ class EchoClips:
         echo_estimate = played * rng.uniform(0.7, 1)
         noise = 0.05 * coloured_noise(rng, samples)
         target = near + 0.2 * noise
-        late = lambda x: np.float32(np.concatenate([np.zeros(ECHO_DELAY), x[:-ECHO_DELAY]]))
+        late = lambda x: np.float32(np.concatenate([np.zeros(MIC_DELAY), x[:-MIC_DELAY]]))
         return {"mic": late(near + np.tanh(2 * played) / 2 + noise), "echo": late(echo_estimate),
                 "target": late(target), "scenario": str(scenario)}
 
@@ -92,7 +90,7 @@ def doa_batch(corpus, bank, rng, batch, seconds, split):
         noise = 0.002 * rng.standard_normal((3, samples))
         mics.append(np.fft.irfft(speech * turn, samples) + noise)
         active.append(on)
-    return {"mics": np.float32(np.round(32768 * np.clip(mics, -0.99, 0.99))), "heading": np.float32(headings),
+    return {"mics": np.float32(np.round(FULL_SCALE * np.clip(mics, -0.99, 0.99))), "heading": np.float32(headings),
             "active": np.float32(active)}
 
 
@@ -100,7 +98,7 @@ def kws_batch(corpus, bank, rng, batch, seconds, split, progress):
     """Strings of "syllables", one pair of tones per class, the wake phrase among them, as syllables/batch.py has them."""
     blocks = round(seconds * RATE) // BLOCK
     count = max(4, int(seconds / 0.4) - 1)
-    waves, labels = 0.003 * rng.standard_normal((batch, blocks * BLOCK)), rng.integers(1, 145, (batch, count))
+    waves, labels = 0.003 * rng.standard_normal((batch, blocks * BLOCK)), rng.integers(1, BLANK, (batch, count))
     labels[0, :4], kind = PHRASE, np.full(batch, KINDS.index("string"))
     kind[0] = KINDS.index("phrase")
     t = np.arange(round(0.25 * RATE)) / RATE
@@ -110,7 +108,7 @@ def kws_batch(corpus, bank, rng, batch, seconds, split, progress):
             tones = np.sin(2 * np.pi * (300 + 60 * (label % 12)) * t) + np.sin(2 * np.pi * (1300 + 200 * (label // 12)) * t)
             wave[start:start + len(t)] += 0.05 * tones * np.hanning(len(t)) * 10**rng.uniform(-0.5, 0.5)
     end = np.tile((starts + len(t)) // BLOCK, (batch, 1))
-    waves = torch.from_numpy(np.float32(np.round(32768 * np.clip(waves, -0.99, 0.99))))
+    waves = torch.from_numpy(np.float32(np.round(FULL_SCALE * np.clip(waves, -0.99, 0.99))))
     return {"features": kws.inputs(waves).numpy(), "labels": np.float32(labels), "first": np.float32(end - EARLY),
             "last": np.float32(end + LATE), "middle": np.float32(end - 4), "certain": np.ones(batch, np.float32), "kind": np.float32(kind),
             "progress": np.array(progress, np.float32)}

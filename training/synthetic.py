@@ -17,7 +17,7 @@ import soundfile
 from scipy import signal
 
 from training import cache_keys
-from training.scenes.audio import RATE
+from training.device_facts import RATE
 
 # A "speaker" of the synthesiser is a variant: it sets formants and voice quality in any language.
 SPEAKERS = (

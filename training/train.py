@@ -8,7 +8,6 @@ import csv
 import json
 import math
 import os
-import pathlib
 import time
 
 import numpy as np

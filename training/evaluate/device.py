@@ -14,17 +14,24 @@ from _ctypes import dlclose
 import numpy as np
 
 from training import engine
+from training.device_facts import (
+    BLANK,
+    BLOCK,
+    DIRECTION_FLOOR,
+    FRAME,
+    FULL_SCALE,
+    HEADING_OFFSET,
+    MEAN_FACTOR,
+    MIC_DELAY,
+    RATE,
+    SILENT,
+    SMALLEST_SCORE,
+    SUPPRESSOR_DELAY,
+)
 from training.evaluate.alignment import advance
-from training.library import MIC_DELAY, Library
-from training.scenes.audio import FULL_SCALE, RATE
+from training.library import Library, WakeUp, pointer
 
-FRAME, BLOCK = engine.FRAME, engine.BLOCK
-SUPPRESSOR_DELAY = engine.SUPPRESSOR_DELAY
 FLUSH = 3 * FRAME  # appended silence that brings the last sample out of any of the chains
-ANGLE_OFFSET = 30  # degrees from the direction network's zero to the device's, docs/direction.md
-THIRD = np.float32(0.3333333)  # of the front end's mix
-KWS_BLANK = 145
-SILENT_STEP = 0.95  # blank posterior above which a step never wakes
 
 
 def to_int16(x):
@@ -33,6 +40,11 @@ def to_int16(x):
 
 def to_float(x):
     return x.astype(np.float32) / np.float32(FULL_SCALE)
+
+
+def mean(mics):
+    """int16 [3, n] -> what the wake-up engine hears of them."""
+    return (mics.astype(np.float32).sum(0) * np.float32(MEAN_FACTOR)).astype(np.int16)
 
 
 @contextlib.contextmanager
@@ -51,24 +63,6 @@ def quiet():
         os.close(kept)
 
 
-class _Word(ctypes.Structure):
-    """The start of WORD_ITEM (wakeup/ChineseConv.h)."""
-
-    _fields_ = [
-        ("index", ctypes.c_int16),
-        ("states", ctypes.c_int16),
-        ("threshold", ctypes.c_float),
-        ("divisor", ctypes.c_float),
-        ("scores", ctypes.POINTER(ctypes.c_float)),
-    ]
-
-
-class _Decoder(ctypes.Structure):
-    """The start of DECODER."""
-
-    _fields_ = [("count", ctypes.c_int32), ("words", ctypes.POINTER(_Word))]
-
-
 class Device:
     def __init__(self, path):
         self.path = pathlib.Path(path).resolve()
@@ -79,8 +73,8 @@ class Device:
             copy = pathlib.Path(folder) / "library.so"
             shutil.copy(self.path, copy)
             library = Library(copy)
-            yield library, library._so
-            dlclose(library._so._handle)
+            yield library, library.so
+            dlclose(library.so._handle)
 
     def suppress_noise(self, mics, floor):
         """[M, n] float -> [M, n] float, aligned with the input; the microphones take turns."""
@@ -125,10 +119,10 @@ class Device:
                 inputs = [np.ascontiguousarray(m[part]) for m in scrambled]
                 outputs = [np.zeros(FRAME, np.int16) for _ in inputs]
                 so.Quibo_wakeup_three_write_data(
-                    handle, *map(engine.pointer, [*inputs, ref[part], *outputs, clean])
+                    handle, *map(pointer, [*inputs, ref[part], *outputs, clean])
                 )
                 angle = so.Quibo_doa_three_write_data(
-                    handle, ctypes.byref(wake), *map(engine.pointer, [*outputs, clean]), FRAME
+                    handle, ctypes.byref(wake), *map(pointer, [*outputs, clean]), FRAME
                 )
                 cancelled[:, part] = outputs
                 if wake.value >= 0:
@@ -143,22 +137,15 @@ class Device:
         The engine is kept from waking, so that one run serves every threshold. What that leaves out:
         after a wake the device starts listening afresh.
         """
-        mix = (mics.astype(np.float32).sum(0) * THIRD).astype(np.int16)
         costs = []
-        with self._fresh() as (_, so):
-            handle = ctypes.c_void_p()
-            if so.QuibWakeupInit(ctypes.byref(handle), 0) != 0:
-                raise MemoryError("QuibWakeupInit")
-            engine_ = _pointers(_pointers(handle)[0])
-            state = ctypes.cast(engine_[0], ctypes.POINTER(engine.WakeState)).contents
-            word = ctypes.cast(engine_[1], ctypes.POINTER(_Decoder)).contents.words[0]
-            for start in range(0, len(mix) - BLOCK + 1, BLOCK):
-                word.threshold = -np.inf
-                so.QuibWakeupWriteData(handle, engine.pointer(mix[start : start + BLOCK]))
-                score = max(0.0, word.scores[word.states - 2])
-                silent = state.posteriors[KWS_BLANK] > SILENT_STEP
-                costs.append(np.inf if silent else -np.log(score + 1e-8) / word.divisor)
-            so.QuibWakeupUnit(handle)
+        with self._fresh() as (_, so), WakeUp(so) as listening:
+            listening.word.thres = -np.inf
+            for _ in listening.steps(mean(mics)):
+                score = max(0.0, listening.word.score())
+                silent = listening.data.posteriors()[BLANK] > SILENT
+                cost = -np.log(score + SMALLEST_SCORE) / listening.word.div
+                costs.append(np.inf if silent else cost)
+                listening.word.thres = -np.inf  # the decoder sets its own from time to time
         return np.array(costs)
 
     def heading(self, mics, seconds, suppress=True):
@@ -168,7 +155,7 @@ class Device:
         mics = np.pad(mics, ((0, 0), (0, whole - mics.shape[1])))
         with self._fresh() as (_, so):
             if suppress:
-                mics = engine.suppress_noise(so, mics, engine.DIRECTION_FLOOR)
+                mics = engine.suppress_noise(so, mics, DIRECTION_FLOOR)
             handle = ctypes.c_void_p()
             if so.kesto_customs_doa_init(ctypes.byref(handle)) != 0:
                 raise MemoryError("kesto_customs_doa_init")
@@ -177,10 +164,10 @@ class Device:
                 part = slice(block * BLOCK, (block + 1) * BLOCK)
                 inputs = [np.ascontiguousarray(m[part]) for m in mics]
                 angle = so.kesto_customs_doa_write(
-                    handle, *map(engine.pointer, inputs), None, int(block == last)
+                    handle, *map(pointer, inputs), None, int(block == last)
                 )
             so.kesto_customs_doa_unit(handle)
-        return None if angle < 0 else float((angle + ANGLE_OFFSET) % 360)
+        return None if angle < 0 else float((angle + HEADING_OFFSET) % 360)
 
 
 def _flushed(x):
@@ -188,7 +175,3 @@ def _flushed(x):
     n = x.shape[-1]
     whole = -(-(n + FLUSH) // FRAME) * FRAME
     return np.pad(x, [(0, 0)] * (x.ndim - 1) + [(0, whole - n)])
-
-
-def _pointers(address):
-    return ctypes.cast(address, ctypes.POINTER(ctypes.c_void_p))

@@ -7,15 +7,15 @@ SRP-PHAT.
 
 import numpy as np
 
+from training.device_facts import RATE, SUPPRESSOR_DELAY
 from training.evaluate import device as devices
 from training.evaluate import intervals, metrics, scenes, sets
 from training.evaluate.peers import srp_phat
-from training.scenes.audio import RATE
 
 ASKED = 0.1  # s after the call
 LOOK_BACK = 0.45  # s of the estimator's decision
 POINTED = 15.0  # degrees within which the device has pointed at the talker
-LATE = devices.SUPPRESSOR_DELAY / RATE  # what the suppressors put between talker and estimator
+LATE = SUPPRESSOR_DELAY / RATE  # what the suppressors put between talker and estimator
 
 
 def run(device, corpus, sizes, progress):

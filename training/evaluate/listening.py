@@ -5,7 +5,6 @@ Phrases are joined from isolated syllables of test speakers, each with a length 
 which a test speaker says the whole. Every utterance is heard in every condition of its set. What the engine hears is made
 once and kept (mixes are a function of seed and number, and of made_from()). The microphones' mean goes to the engine; where the device plays, each microphone goes through the canceller first.
 """
-import ctypes
 import json
 import pathlib
 
@@ -15,12 +14,14 @@ import tqdm
 
 from training import cache_keys, engine, export, train
 from training.corpus import ROLES, open_corpus
+from training.device_facts import BLOCK, RATE, THRESHOLD
 from training.data import SEED as SEED_OF_SPLITS
 from training.evaluate import device as devices
 from training.evaluate import intervals, scenes
-from training.scenes import echo, mixing, noisy, sources
+from training.library import WakeUp
 from training.models import kws
-from training.scenes.audio import RATE, active_power, gain
+from training.scenes import echo, mixing, noisy, sources
+from training.scenes.audio import active_power, gain
 from training.scenes.bank import load_bank
 from training.shared import ROOT
 from training.syllables import decoder, texts, voices, waves
@@ -35,11 +36,10 @@ QUIET = 30.0  # dB
 LONGEST = 6.0  # s
 PAUSED = 0.25  # of the "other orders", those that are the phrase with a pause in its middle
 STRETCH = 60.0  # s of one scene without the phrase
-STEP = devices.BLOCK / RATE
+STEP = BLOCK / RATE
 SOONEST = 1.0  # s before an utterance's end; what wakes earlier was not it
 REFRACTORY = 1.0  # s in which a second wake is not counted
-THIRD = np.float32(0.3333333)
-RECIPE = ("evaluate.device", "evaluate.listening", "evaluate.scenes", "evaluate.sets", "library", "scenes.array_geometry",
+RECIPE = ("device_facts", "evaluate.device", "evaluate.listening", "evaluate.scenes", "evaluate.sets", "scenes.array_geometry",
           "scenes.audio", "scenes.bank", "scenes.direction", "scenes.echo", "scenes.loudspeaker", "scenes.mixing", "scenes.noisy",
           "scenes.room", "scenes.sources", "syllables.texts", "syllables.voices", "syllables.waves")
 
@@ -104,11 +104,6 @@ def utterance(rng, clips, speaker, what):
     return waves.say(clips, pieces, round((pieces[-1].begin + pieces[-1].frames) / texts.FRAMES_PER_SECOND * RATE)), said
 
 
-def mix(microphones):
-    """int16 [3, n] -> what the engine hears."""
-    return (microphones.astype(np.float32).sum(0) * THIRD).astype(np.int16)
-
-
 def heard(device, corpus, rooms, sayings, speaker, number, conditions):
     """Yields (condition, int16 wave, s at which the utterance ends, classes)."""
     rng = np.random.default_rng([SEED, list(SETS).index(sayings.what), number])
@@ -136,18 +131,18 @@ def heard(device, corpus, rooms, sayings, speaker, number, conditions):
             mics = mics + scenes.at_power(echoes, active_power(echoes[0]), level - ser)
         mics = mics * mic_gain
         down = np.float32(min(1.0, scenes.PEAK / np.abs(mics).max()))
-        wave = cancelled(device, mics * down, ref) if ser is not None else mix(devices.to_int16(mics * down))
+        wave = cancelled(device, mics * down, ref) if ser is not None else devices.mean(devices.to_int16(mics * down))
         yield name, wave, (start + way + end) / RATE, said
 
 
 def cancelled(device, mics, ref):
-    return mix(np.stack([devices.to_int16(device.cancel(mic, ref)) for mic in mics]))
+    return devices.mean(np.stack([devices.to_int16(device.cancel(mic, ref)) for mic in mics]))
 
 
 def without_phrase(device, corpus, rooms, number):
     """A stretch of talk among noises, or of playback, in turns."""
     if number % 2 == 0:
-        return mix(devices.to_int16(scenes.noisy_talk(corpus, rooms, 10000 + number, STRETCH)))
+        return devices.mean(devices.to_int16(scenes.noisy_talk(corpus, rooms, 10000 + number, STRETCH)))
     return cancelled(device, *scenes.playback_alone(corpus, rooms, 10000 + number, STRETCH))
 
 
@@ -202,14 +197,8 @@ class EngineListener:
         self.library = engine.load(library, {name: values for name, values in tables.items() if name != "fbank_filter1"})
 
     def __call__(self, wave):
-        handle, times = ctypes.c_void_p(), []
-        if self.library.QuibWakeupInit(ctypes.byref(handle), 0) != 0:
-            raise MemoryError("QuibWakeupInit")
-        for start in range(0, len(wave) - devices.BLOCK + 1, devices.BLOCK):
-            if self.library.QuibWakeupWriteData(handle, engine.pointer(wave[start:start + devices.BLOCK])) == 0:
-                times.append((start + devices.BLOCK) / RATE)
-        self.library.QuibWakeupUnit(handle)
-        return times
+        with WakeUp(self.library) as listening:
+            return [(step + 1) * STEP for step, heard in enumerate(listening.steps(wave)) if heard]
 
 
 class FloatListener:
@@ -223,10 +212,10 @@ class FloatListener:
 
     @torch.no_grad()
     def __call__(self, wave):
-        whole = torch.from_numpy(wave[:len(wave) // devices.BLOCK * devices.BLOCK]).float()
+        whole = torch.from_numpy(wave[:len(wave) // BLOCK * BLOCK]).float()
         p = decoder.merged(kws.posteriors(self.model(kws.inputs(whole)[None])))
         score, may_wake = decoder.scores(p)
-        wakes = may_wake & (decoder.cost(score) < decoder.THRESHOLD)
+        wakes = may_wake & (decoder.cost(score) < THRESHOLD)
         steps = wakes[0].nonzero()[:, 0].tolist()
         return [(t + 1) * STEP for i, t in enumerate(steps) if i == 0 or t - steps[i - 1] > 1]
 

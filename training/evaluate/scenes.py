@@ -7,13 +7,13 @@ import functools
 
 import numpy as np
 
+from training.device_facts import FRAME
 from training.evaluate import sets
 from training.scenes import bank as banks
 from training.scenes import direction, echo, mixing, noisy, sources
 from training.scenes.audio import LEVEL_FRAME, RATE, active_power, gain
 from training.scenes.room import SIMULATOR_DELAY
 
-FRAME = 1024
 SPLIT = "test"
 PHRASE = "ling dang ling dang"
 

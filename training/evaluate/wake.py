@@ -8,16 +8,15 @@ the device has them. Beside it, on the same cancelled microphones:
 
 import numpy as np
 
+from training.device_facts import BLOCK, RATE, THRESHOLD
 from training.evaluate import device as devices
 from training.evaluate import direction, intervals, scenes, sets
-from training.scenes.audio import RATE
 
 LATE = 1.5  # s: a wake later than this after the phrase is not counted as hearing it
-OPERATING_POINT = 1.2  # the decoder's threshold
 THRESHOLDS = np.round(np.arange(0.05, 4.61, 0.05), 2)
 STRETCH = 60.0  # s of one scene without the phrase
 REFRACTORY = 1.0  # s in which a second false accept is not counted
-STEP = devices.BLOCK / RATE
+STEP = BLOCK / RATE
 NO_STEP = 99.0  # the lowest cost where no step could have woken the device
 
 
@@ -86,7 +85,7 @@ def summarise(rows, silence):
     }
     hours = sum(len(s["costs"]) for s in silence) * STEP / 3600
     false = [sum(accepts(s["costs"], t) for s in silence) for t in THRESHOLDS]
-    at_work = sum(accepts(s["costs"], OPERATING_POINT) for s in silence)
+    at_work = sum(accepts(s["costs"], THRESHOLD) for s in silence)
     return {
         "conditions": {name: _condition(chosen) for name, chosen in conditions.items()},
         "false_accepts": intervals.rate(at_work, hours),

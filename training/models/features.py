@@ -3,10 +3,9 @@ import math
 
 import torch
 
+from ..device_facts import BLOCK, FRAMES_PER_BLOCK, HOP
 from ..shared import mel_filters
 
-HOP, BLOCK_FRAMES = 160, 3
-BLOCK = HOP * BLOCK_FRAMES
 MEL_FRAME, MEL_FFT, MEL_BANDS = 400, 512, 40
 PRE_EMPHASIS = 0.97
 SILENCE = -36.043652  # stored for a band without energy: ln(2^-52)
@@ -52,7 +51,7 @@ def gcc_phat(waves, lags=LAGS):
     """waves [B, 3, samples] -> [B, 3 pairs, frames, lags]: lags -20..19 of the phase-transformed cross-correlation
     (Knapp and Carter 1976), frames of 512 samples without a window, ending with their block. lags: LAGS, or one more
     for lag 20 too."""
-    history = GCC_FRAME + (BLOCK_FRAMES - 1) * HOP - BLOCK
+    history = GCC_FRAME + (FRAMES_PER_BLOCK - 1) * HOP - BLOCK
     frames = torch.nn.functional.pad(waves, (history, 0)).unfold(-1, GCC_FRAME, HOP)
     spectra = torch.fft.rfft(frames, n=GCC_FFT)
     pairs = []

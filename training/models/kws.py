@@ -3,17 +3,16 @@ import torch
 from torch import nn
 from torch.nn import functional as F
 
+from ..device_facts import BLANK, BLANK_GAIN, CLASSES, FILLER, FILLER_GAIN
 from . import features, kws_tables
 from .quantise import Quantiser, fake_bias, fake_weight
 
 MEL_HISTORY = 240
-CLASSES, BLANK, FILLER = 146, 145, 0
 STATE, CHANNELS, MEMORY, WIDTH, LAYERS = 128, 164, 8, 256, 4
 FEATURE_MEAN, FEATURE_SPREAD = 10.0, 4.0  # nats, of speech at usual levels
 FEATURE_CODES = (0.1, 20)  # -2..23.5 nats; silence lies below and becomes code 0
 STATE_CODES = (2 / 255, 128)
 NORM_GUARD = 1e-7
-FILLER_GAIN, BLANK_GAIN = 0.9, 0.95  # on positive scores, before the softmax
 
 
 def inputs(wave):

@@ -6,8 +6,8 @@ import pathlib
 import numpy as np
 import soundfile
 
-RATE = 16000
-FULL_SCALE = 32768.0
+from training.device_facts import FULL_SCALE, RATE
+
 LEVEL_FRAME = 512
 ACTIVE_RANGE = 1e-3  # of power: 30 dB
 

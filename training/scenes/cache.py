@@ -13,14 +13,14 @@ import numpy as np
 
 from training import cache_keys
 from training.corpus import SPLITS
-from training.library import MIC_DELAY, Library
+from training.device_facts import FRAME, FULL_SCALE, MIC_DELAY, RATE
+from training.library import Library
 from training.scenes import clip_store, playback
-from training.scenes.audio import RATE
 
 NOISE_KEPT = (0.15, 0.3)  # of the noise in the target: a floor instead of gating
 ROLES = ("near", "far", "noise", "music")
 RECIPE = (
-    "library",
+    "device_facts",
     "scenes.array_geometry",
     "scenes.audio",
     "scenes.bank",
@@ -49,7 +49,7 @@ def late(x):
 
 
 def to_int16(x):
-    return np.int16(np.clip(np.round(x * 32768.0), -32768, 32767))
+    return np.int16(np.clip(np.round(x * FULL_SCALE), -32768, 32767))
 
 
 def make_clip(corpus, bank, library, seconds, seed, split, number):
@@ -100,7 +100,7 @@ class AecCache:
             raise IndexError(i)
         i %= len(self)
         clip = {
-            name: x[i].astype(np.float32) / (32768.0 if x.dtype == np.int16 else 1.0)
+            name: x[i].astype(np.float32) / (FULL_SCALE if x.dtype == np.int16 else 1.0)
             for name, x in self._store.signals.items()
         }
         return clip | self._store.made[i]
@@ -111,7 +111,7 @@ def made_from(corpus, bank, library, seconds, seed, split):
     return {
         "seed": seed,
         "split": split,
-        "samples": -(-round(seconds * RATE) // playback.FRAME) * playback.FRAME,
+        "samples": -(-round(seconds * RATE) // FRAME) * FRAME,
         "library": cache_keys.file_digest(library),
         "corpus": corpus.used(ROLES, split),
         "bank": bank.contents(bank.numbers(split)),

@@ -25,17 +25,25 @@ import numpy as np
 
 from training import cache_keys, engine
 from training.corpus import SPLITS
-from training.library import FRAME, Library
+from training.device_facts import (
+    BLOCK,
+    DIRECTION_FLOOR,
+    FRAME,
+    FRAMES_PER_BLOCK,
+    FULL_SCALE,
+    HOP,
+    RATE,
+    SUPPRESSOR_DELAY,
+)
+from training.library import Library
 from training.scenes import clip_store, echo, mixing, sources
-from training.scenes.audio import RATE, active_power, fade, gain
+from training.scenes.audio import active_power, fade, gain
 from training.scenes.bank import SOURCES
 from training.scenes.noisy import MIC_GAIN, NOISES, PEAK, SELF_NOISE, dry_noise
 from training.scenes.room import SIMULATOR_DELAY
 
 SAMPLES = 50 * FRAME
-HOP = 160
 HOPS = SAMPLES // HOP
-HOPS_PER_BLOCK = engine.BLOCK // HOP
 
 PLACES = {"talker": 0.5, "noise 1": 0.25, "noise 2": 0.25}  # where the talker is; noise has the others
 KINDS = {"phrase": 0.75, "talk": 0.15, "nobody": 0.1}
@@ -59,7 +67,7 @@ PAIRS = ((0, 1), (0, 2), (1, 2))
 TURN = 120.0  # degrees from one microphone to the next
 ROLES = ("near", "far", "noise", "music")
 RECIPE = (
-    "library",
+    "device_facts",
     "scenes.array_geometry",
     "scenes.audio",
     "scenes.bank",
@@ -71,7 +79,7 @@ RECIPE = (
     "scenes.room",
     "scenes.sources",
 )
-HEARING = ("engine", "models.doa", "models.features", "scenes.direction")
+HEARING = ("device_facts", "models.doa", "models.features", "scenes.direction")
 
 
 def fields(samples):
@@ -116,7 +124,7 @@ def activity(dry, way):
 
 def to_int16(x):
     """As the front end converts the cancellers' output, without its wrap-around."""
-    return np.int16(np.clip(np.trunc(x * 32768.0), -32768, 32767))
+    return np.int16(np.clip(np.trunc(x * FULL_SCALE), -32768, 32767))
 
 
 def make_clip(corpus, bank, library, seed, split, number):
@@ -199,9 +207,8 @@ def suppressed(clips, library, tables):
     count, _, samples = clips.shape
     recording = np.pad(clips.transpose(1, 0, 2).reshape(3, -1), ((0, 0), (0, 3 * FRAME)))
     with engine.loaded(library, tables) as so:
-        out = engine.suppress_noise(so, recording, engine.DIRECTION_FLOOR)
-    delay = engine.SUPPRESSOR_DELAY
-    out = out[:, delay : delay + count * samples]
+        out = engine.suppress_noise(so, recording, DIRECTION_FLOOR)
+    out = out[:, SUPPRESSOR_DELAY : SUPPRESSOR_DELAY + count * samples]
     return out.reshape(3, count, samples).transpose(1, 0, 2)
 
 
@@ -286,8 +293,8 @@ class DirectionClips:
     def excerpt(self, clip, first_hop, blocks, suppressed):
         """Features [hops, 3, VALUES] from a hop on, and whether the talker speaks in each block: in
         two of its three hops."""
-        hops = slice(first_hop, first_hop + blocks * HOPS_PER_BLOCK)
-        active = self._store.signals["active"][clip, hops].reshape(blocks, HOPS_PER_BLOCK)
+        hops = slice(first_hop, first_hop + blocks * FRAMES_PER_BLOCK)
+        active = self._store.signals["active"][clip, hops].reshape(blocks, FRAMES_PER_BLOCK)
         return self._heard(suppressed)[clip // RUN, clip % RUN, hops], active.sum(1) >= 2
 
 
@@ -326,12 +333,12 @@ def batch(clips, rng, size, seconds, raw, gain_db):
     Arrays are turned and mirrored at random. raw: share of excerpts without noise suppressor;
     gain_db: range of level changes.
     """
-    blocks = round(seconds * RATE) // engine.BLOCK
-    features = np.empty((size, 4, blocks * HOPS_PER_BLOCK, BANDS), np.float32)
+    blocks = round(seconds * RATE) // BLOCK
+    features = np.empty((size, 4, blocks * FRAMES_PER_BLOCK, BANDS), np.float32)
     headings, active = np.empty(size, np.float32), np.empty((size, blocks), np.float32)
     for i in range(size):
         clip = int(rng.integers(len(clips)))
-        first = int(rng.integers(HOPS - blocks * HOPS_PER_BLOCK + 1))
+        first = int(rng.integers(HOPS - blocks * FRAMES_PER_BLOCK + 1))
         heard, active[i] = clips.excerpt(clip, first, blocks, rng.random() >= raw)
         heading = clips.about[clip]["heading"]
         order, headings[i] = turned(heading, int(rng.integers(3)), rng.random() < 0.5)

@@ -21,12 +21,13 @@ import pathlib
 import numpy as np
 import soundfile
 
-from training.library import FRAME, MIC_DELAY, Library
+from training.device_facts import FRAME, FULL_SCALE, MIC_DELAY
+from training.library import Library
 
 
 def late(x):
     """x as full-scale-1.0 floats, MIC_DELAY samples late."""
-    return np.concatenate([np.zeros(MIC_DELAY), x[:-MIC_DELAY] / 32768.0])
+    return np.concatenate([np.zeros(MIC_DELAY), x[:-MIC_DELAY] / FULL_SCALE])
 
 
 def erle_db(d, e):

@@ -7,6 +7,7 @@ import math
 
 import numpy as np
 
+from training.device_facts import FRAME
 from training.scenes import echo, mixing, sources
 from training.scenes.audio import RATE, active_power, gain
 from training.scenes.noisy import LEVEL, MIC_GAIN, PEAK, SELF_NOISE, dry_noise
@@ -20,7 +21,6 @@ TURN, LISTENING = (2.0, 8.0), (0.5, 4.0)  # s: how long somebody speaks, and doe
 FAR_PAUSE, FAR_PAUSE_SHARE = (2.0, 5.0), 0.3  # playback interrupted once in double talk
 MIC_CLIP_SHARE = 0.1
 FADE = 0.02  # s, ends of stretches
-FRAME = 1024  # clips are whole frames of the canceller
 
 
 def _turns(rng, samples, start):
@@ -60,7 +60,8 @@ def _rings(stretches, samples, late):
 
 
 def aec_clip(corpus, bank, rng, seconds, split, scenario):
-    """A stretch of device life with playback; clips are rounded up to whole frames.
+    """A stretch of device life with playback; clips are rounded up to whole frames
+    of the canceller.
 
     scenario: "double_talk" (playback nearly all the time, somebody speaks now and then),
     "far_end" (playback alone) or "near_end" (the reference is silent). Returns a dict of

@@ -5,10 +5,10 @@ times faster than on waves and lets every utterance have a voice, a room and noi
 """
 import numpy as np
 
+from ..device_facts import FRAMES_PER_BLOCK, RATE
 from . import spectra, texts
 from .texts import FRAMES_PER_SECOND
 
-BLOCK_FRAMES = 3
 FORMANTS, PITCH = (0.87, 1.15), (0.65, 1.4)  # factors
 FAR_FORMANTS, FAR_PITCH, FAR_SHARE = (0.80, 1.22), (0.5, 1.6), 0.3  # now and then: children, very low and high voices
 # A mouth is not another one's enlargement: formants move by factors of their own, known at these frequencies.
@@ -26,7 +26,6 @@ JOINT = 2.0  # frames over which syllables fade into each other
 # Steps around a syllable's end in which the network may say it: not before it has been heard. A slow one may also be said
 # for half of what it takes longer than SLOW steps: the decoder takes a long silence for the end of the phrase.
 EARLY, LATE, SLOW = 1, 4, 10
-BLANK = 145
 
 EASY_UNTIL = 0.2  # of the training: rooms, noise and masks come in little by little
 
@@ -53,7 +52,7 @@ def colour(rng):
 
 def speak(rng, bank, pieces, frames):
     """Mel energies [frames, 40] of an utterance, active power about 1, in a voice of its own."""
-    bins = np.arange(spectra.BINS) * (spectra.RATE / 2 / (spectra.BINS - 1))
+    bins = np.arange(spectra.BINS) * (RATE / 2 / (spectra.BINS - 1))
     far = rng.random() < FAR_SHARE
     formants = rng.uniform(*(FAR_FORMANTS if far else FORMANTS))
     formants = formants * np.exp(np.interp(bins, BEND_HZ, rng.normal(0, BEND, len(BEND_HZ))))
@@ -150,8 +149,8 @@ def alignment(pieces, steps):
         for i, (c, begin, end) in enumerate(zip(piece.said, [0.0, *ends], ends)):
             if c == 0:
                 continue
-            length = (end - begin) * piece.frames / BLOCK_FRAMES
-            end = (piece.begin + piece.frames * end) / BLOCK_FRAMES
+            length = (end - begin) * piece.frames / FRAMES_PER_BLOCK
+            end = (piece.begin + piece.frames * end) / FRAMES_PER_BLOCK
             inside = not piece.ends and len(piece.said) > 1 and (i + 1 < len(piece.said) or len(piece.said) > 4)
             doubt = (0.4 if len(piece.said) <= 4 else 3.0) * length + 1 if inside else 0.0  # sentences have pauses
             slow = max(0, int(length - SLOW) // 2)
@@ -170,7 +169,7 @@ def draw(rng, bank, backgrounds, kind, frames):
         pieces = None
         if kind not in WITHOUT_SPEECH:
             # The last syllable is to be heard and said before the end.
-            pieces = texts.utterance(rng, bank, kind, frames - (LATE + 1) * BLOCK_FRAMES)
+            pieces = texts.utterance(rng, bank, kind, frames - (LATE + 1) * FRAMES_PER_BLOCK)
             if pieces is None:
                 continue
         return kind, pieces
@@ -179,12 +178,12 @@ def draw(rng, bank, backgrounds, kind, frames):
 def batch(bank, backgrounds, rng, size, seconds, progress):
     """features [B, frames, 40]; labels [B, L] with 0 behind the last, first, last and middle step of each (alignment());
     certain [B]; kind [B] of KINDS; progress."""
-    frames = round(seconds * FRAMES_PER_SECOND) // BLOCK_FRAMES * BLOCK_FRAMES
+    frames = round(seconds * FRAMES_PER_SECOND) // FRAMES_PER_BLOCK * FRAMES_PER_BLOCK
     rows = []
     for _ in range(size):
         kind, pieces = draw(rng, bank, backgrounds, KINDS[rng.choice(len(KINDS), p=shares(progress))], frames)
         x = features(rng, bank, backgrounds, kind, pieces, frames, min(1.0, progress / EASY_UNTIL))
-        rows.append((x, *alignment(pieces, frames // BLOCK_FRAMES), KINDS.index(kind)))
+        rows.append((x, *alignment(pieces, frames // FRAMES_PER_BLOCK), KINDS.index(kind)))
     longest = max(1, max(len(row[1]) for row in rows))
     pad = lambda values: np.pad(np.float32(values), (0, longest - len(values)))
     return {"features": np.float32([row[0] for row in rows]),

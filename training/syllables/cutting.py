@@ -5,7 +5,7 @@ Isolated syllables are few and slow. Those inside words are many, of more speake
 import numpy as np
 
 from .. import cache_keys, engine, export
-from ..models import kws
+from ..device_facts import BLANK, BLOCK, FULL_SCALE, RATE
 from . import spectra
 
 LEVEL = 0.06  # RMS at which the network listens, of full scale 1.0
@@ -36,10 +36,10 @@ class Cutter:
 
     def posteriors(self, x):
         """Per step of the wave and of what is put around it, as the decoder has them [steps, 146]."""
-        noise = np.random.default_rng(len(x)).standard_normal(len(x) + (LEAD + TAIL) * engine.BLOCK) * QUIETEST
-        noise[LEAD * engine.BLOCK:LEAD * engine.BLOCK + len(x)] += x * (LEVEL / (np.sqrt((x**2).mean()) + 1e-9))
-        wave = np.int16(np.clip(noise, -0.99, 0.99) * spectra.FULL_SCALE)
-        return np.float64(list(engine.posteriors(self.library, wave[:len(wave) // engine.BLOCK * engine.BLOCK])))
+        noise = np.random.default_rng(len(x)).standard_normal(len(x) + (LEAD + TAIL) * BLOCK) * QUIETEST
+        noise[LEAD * BLOCK:LEAD * BLOCK + len(x)] += x * (LEVEL / (np.sqrt((x**2).mean()) + 1e-9))
+        wave = np.int16(np.clip(noise, -0.99, 0.99) * FULL_SCALE)
+        return np.float64(list(engine.posteriors(self.library, wave[:len(wave) // BLOCK * BLOCK])))
 
     def cut(self, x, said):
         """Yields (syllable, begin, end) in samples for those whose both ends are known."""
@@ -49,7 +49,7 @@ class Cutter:
             return
         power = spectra.power(x, FRAME) @ spectra.mel()
         loud = power @ spectra.level_weights()
-        spoken = np.flatnonzero(loud > AUDIBLE * loud.max()) * FRAME / spectra.RATE
+        spoken = np.flatnonzero(loud > AUDIBLE * loud.max()) * FRAME / RATE
         log_mel = np.log(power + 1.0)
         found, begin = iter(found), spoken[0]
         for i, syllable in enumerate(said):
@@ -59,17 +59,17 @@ class Cutter:
             step, posterior = next(found)
             end = spoken[-1]
             if i + 1 < len(said):
-                end = boundary(log_mel, (step + 1 - LEAD) * engine.BLOCK / spectra.RATE - LATE)
+                end = boundary(log_mel, (step + 1 - LEAD) * BLOCK / RATE - LATE)
             sure = posterior > SURE
             if begin is not None and sure and SHORTEST <= end - begin <= LONGEST:
-                yield syllable, round(begin * spectra.RATE), round(end * spectra.RATE)
+                yield syllable, round(begin * RATE), round(end * RATE)
             begin = end if sure else None
 
 
 def last_steps(p, classes):
     """The best way through posteriors [steps, 146] that says the classes in their order, blanks between: last step and
     best posterior of each class; None if there is no way."""
-    states = np.full(2 * len(classes) + 1, kws.BLANK)
+    states = np.full(2 * len(classes) + 1, BLANK)
     states[1::2] = classes
     scores = np.log(p[:, states] + SMALLEST)
     skips = np.zeros(len(states), bool)
@@ -101,7 +101,7 @@ def last_steps(p, classes):
 
 def boundary(log_mel, seconds):
     """Where the spectrum changes most, in s, near where a boundary should be. log_mel: every FRAME samples."""
-    per_second = spectra.RATE / FRAME
+    per_second = RATE / FRAME
     at, around = round(seconds * per_second), round(SEARCH * per_second)
     low, high = max(SIDE, at - around), min(len(log_mel) - SIDE, at + around + 1)
     if high <= low:

@@ -1,15 +1,9 @@
 """The decoder's score of the wake phrase (wakeup/decoder.cpp), differentiable: what decides is trained, and measured, itself."""
 import torch
 
-from ..models.kws import BLANK, FILLER
+from ..device_facts import BLANK, DECAY, DECAY_AFTER, DIVISOR, FILLER, RESET_AFTER, SILENT, SMALLEST_SCORE
 from .texts import PHRASE
 
-DIVISOR = 4.0
-THRESHOLD = 1.2
-SILENT = 0.95  # blank posterior above which a step never wakes
-DECAY_AFTER, DECAY = (10, 15), (0.9, 0.8)
-RESET_AFTER = 25  # silent steps
-SMALLEST = 1e-8
 STATES = 2 * len(PHRASE) + 1
 CLASSES = [PHRASE[j // 2] if j % 2 else BLANK for j in range(STATES)]
 # A state may be entered from the one two before, over the blank between two different syllables.
@@ -56,4 +50,4 @@ def scores(log_posteriors):
 
 
 def cost(score):
-    return -torch.log(score + SMALLEST) / DIVISOR
+    return -torch.log(score + SMALLEST_SCORE) / DIVISOR

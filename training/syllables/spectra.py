@@ -5,11 +5,10 @@ import numpy as np
 import scipy.fft
 from numpy.lib.stride_tricks import sliding_window_view
 
+from ..device_facts import FULL_SCALE
 from ..models import features
 
 BINS = features.MEL_FFT // 2 + 1
-RATE = 16000
-FULL_SCALE = 32768.0
 FEATURE_HOP = features.HOP
 PITCH_QUEFRENCY = (30, 44)  # samples: the spectral envelope is below, the harmonics of up to 360 Hz are above
 

@@ -13,6 +13,7 @@ import numpy as np
 
 from .. import cache_keys, synthetic
 from .. import corpus as corpora
+from ..device_facts import RATE
 from ..shared import PARAMS
 from . import spectra, splicing
 
@@ -61,8 +62,8 @@ def pieces(corpus, split, cutter=None):
     for clip in corpus.clips("mandarin", split):
         if clip.pinyin and JOINED not in clip.flags:
             x, said = corpus.read(clip), clip.pinyin.split()
-            ends = [round(float(s) * spectra.RATE) for s in clip.ends.split()] or None
-            if len(x) < LONGEST * spectra.RATE:
+            ends = [round(float(s) * RATE) for s in clip.ends.split()] or None
+            if len(x) < LONGEST * RATE:
                 yield clip.speaker, said, x, ends
             if cutter and not ends and len(said) > 1 and not clip.path.startswith(SYNTHETIC):
                 for syllable, begin, end in cutter.cut(x, said):
@@ -194,4 +195,4 @@ class Voices:
         return bank[first + low] * (1 - part) + bank[first + low + 1] * part
 
     def seconds(self, piece):
-        return self.pieces[piece][2] * HOP / spectra.RATE
+        return self.pieces[piece][2] * HOP / RATE

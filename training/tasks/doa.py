@@ -1,12 +1,11 @@
 """Direction network: a vector towards the talker while he speaks, none while nobody does."""
 import torch
 
+from ..device_facts import DECISION_BLOCKS, HEADING_OFFSET
 from ..models import doa
 
-FRONT_END_DEGREES = 30  # the front end adds this to the network's heading
 LENGTH = 0.9            # of a speaking talker's vector: the tangent need not saturate
 CHORD_ROUNDING = 0.03   # of the heading's loss near zero, radians
-DECISION_BLOCKS = 15    # the decision looks back
 
 
 class Task:
@@ -21,7 +20,7 @@ class Task:
         return self.data.doa_batch(rng, c["batch"], c["seconds"], split)
 
     def vectors(self, model, batch):
-        angle = torch.deg2rad(batch["heading"] - FRONT_END_DEGREES)
+        angle = torch.deg2rad(batch["heading"] - HEADING_OFFSET)
         target = LENGTH * torch.stack([angle.sin(), angle.cos()], -1)[:, None] * batch["active"][..., None]
         return model(batch["features"]), target
 
@@ -47,7 +46,7 @@ class Task:
         heard = (block <= last) & (block > last - DECISION_BLOCKS)
         longest = (estimate.norm(dim=-1) * heard).argmax(1)
         x, y = estimate[torch.arange(len(estimate)), longest].unbind(-1)
-        error = torch.rad2deg(torch.atan2(x, y)) + FRONT_END_DEGREES - heading
+        error = torch.rad2deg(torch.atan2(x, y)) + HEADING_OFFSET - heading
         error = ((error + 180) % 360 - 180).abs()
         return {"loss": loss, "median_degrees": error.median().item(), "p90_degrees": error.quantile(0.9).item(),
                 "within_15_degrees": (error <= 15).float().mean().item()}

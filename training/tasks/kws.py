@@ -7,6 +7,7 @@ import math
 
 import torch
 
+from ..device_facts import BLANK, CLASSES, FILLER, THRESHOLD
 from ..models import kws
 from ..models.quantise import set_mode
 from ..syllables import batch as batches
@@ -56,11 +57,11 @@ class Task:
         wrong = total = 0
         for path, row, kind in zip(p.argmax(-1), batch["labels"].long(), batch["kind"].long()):
             if batches.KINDS[kind] in ("string", "words"):
-                heard = [int(c) for c in torch.unique_consecutive(path) if c not in (kws.BLANK, kws.FILLER)]
+                heard = [int(c) for c in torch.unique_consecutive(path) if c not in (BLANK, FILLER)]
                 said = [int(c) for c in row if c > 0]
                 wrong, total = wrong + edit_distance(heard, said), total + len(said)
         score, may_wake = decoder.scores(p)
-        wakes = (torch.where(may_wake, decoder.cost(score), torch.inf).amin(1) < decoder.THRESHOLD).float()
+        wakes = (torch.where(may_wake, decoder.cost(score), torch.inf).amin(1) < THRESHOLD).float()
         results = {"ctc": ctc(p, batch).item(), "syllable_error": wrong / max(1, total)}
         for i, kind in enumerate(batches.KINDS):
             of_kind = batch["kind"] == i
@@ -97,9 +98,9 @@ def windows(batch, steps):
     """[B, T, 146]: where each class may be said."""
     t = torch.arange(steps, device=batch["labels"].device)
     inside = (t >= batch["first"][..., None]) & (t <= batch["last"][..., None]) & (batch["labels"][..., None] > 0)
-    classes = torch.nn.functional.one_hot(batch["labels"].long(), kws.CLASSES).float()
+    classes = torch.nn.functional.one_hot(batch["labels"].long(), CLASSES).float()
     allowed = torch.bmm(inside.float().transpose(1, 2), classes) > 0
-    allowed[..., kws.BLANK] = True
+    allowed[..., BLANK] = True
     return allowed
 
 
@@ -110,7 +111,7 @@ def ctc(p, batch):
     lengths = (labels > 0).sum(1)
     steps = torch.full_like(lengths, p.shape[1])
     p = torch.where(windows(batch, p.shape[1]), p, p + NOT_NOW)
-    nats = torch.nn.functional.ctc_loss(p.transpose(0, 1), labels, steps, lengths, blank=kws.BLANK, reduction="none",
+    nats = torch.nn.functional.ctc_loss(p.transpose(0, 1), labels, steps, lengths, blank=BLANK, reduction="none",
                                         zero_infinity=True)
     weight = (batch["kind"] != batches.KINDS.index("far")).float()
     return (weight * nats / (lengths + PER_TEXT)).mean()
@@ -123,12 +124,12 @@ def cross_entropy(p, batch, whole=False):
     t = torch.arange(steps, device=p.device)
     begin = batch["middle"] if whole else batch["first"] + batches.EARLY
     end = batch["last"] - batches.LATE + SAID
-    wanted = torch.full(p.shape[:2], kws.BLANK, device=p.device)
+    wanted = torch.full(p.shape[:2], BLANK, device=p.device)
     for label, a, b in zip(batch["labels"].long().unbind(1), begin.unbind(1), end.unbind(1)):
         here = (t >= a[:, None]) & (t < b[:, None]) & (label[:, None] > 0)
         wanted = torch.where(here, label[:, None], wanted)
     nats = torch.nn.functional.nll_loss(p.transpose(1, 2), wanted, reduction="none")
-    weight = torch.where(wanted == kws.BLANK, 0.25, 1.0) * batch["certain"][:, None]
+    weight = torch.where(wanted == BLANK, 0.25, 1.0) * batch["certain"][:, None]
     weight = weight * (batch["kind"] != batches.KINDS.index("far")).float()[:, None]
     return (weight * nats).sum() / (weight.sum() + 1e-6)
 

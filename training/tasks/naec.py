@@ -3,10 +3,9 @@ import numpy as np
 import torch
 
 from .. import losses
+from ..device_facts import RATE
 from ..models import spectrum
 from ..models.naec import LOW_BINS, LOW_FACTOR, EchoSuppressor
-
-RATE = 16000
 
 
 class Task:

@@ -1,9 +1,9 @@
 """Noise suppressor: three microphones of noisy rooms in, speech with its early reflections out."""
 from .. import losses
+from ..device_facts import MICROPHONES
 from ..models import spectrum
 from ..models.ns import LOW_BINS, LOW_FACTOR, NoiseSuppressor
 
-MICROPHONES = 3
 VALIDATION_FLOOR = 0.1
 
 

@@ -119,7 +119,7 @@ def test_labels_count_where_they_are_heard(scene):
     [
         ("echo", "scenes.playback", "SER", (-30.0, 10.0)),
         ("echo", "scenes.sources", "SPEEDS", ((9, 8),)),
-        ("echo", "library", "MIC_DELAY", 21),
+        ("echo", "device_facts", "MIC_DELAY", 21),
         ("direction", "scenes.direction", "LEVEL", (-40.0, -14.0)),
         ("voices", "syllables.cutting", "SURE", 0.2),
         ("voices", "synthetic", "_SEED", 1),

@@ -5,13 +5,13 @@ import pytest
 import torch
 from conftest import SEED, plane_wave
 
-from training import engine, export
+from training import export
+from training.device_facts import BLOCK, FRAMES_PER_BLOCK, RATE
 from training.evaluate.alignment import find_delay
 from training.evaluate.metrics import angle_error
 from training.evaluate.peers import srp_phat
 from training.models import doa
 from training.scenes import clip_store, direction, mixing
-from training.scenes.audio import RATE
 from training.shared import PARAMS
 
 
@@ -37,7 +37,7 @@ def test_a_turned_array_hears_what_a_source_at_the_new_heading_would_give(headin
 def test_features_of_a_turned_array_are_those_of_its_own_recording(places, mirrored):
     """Rearranged features against the network's input made from rearranged microphones, within 1e-4, lag -20 and every
     microphone's energies included."""
-    mics = np.int16(2000 * np.random.default_rng(SEED).standard_normal((3, 10 * engine.BLOCK)))
+    mics = np.int16(2000 * np.random.default_rng(SEED).standard_normal((3, 10 * BLOCK)))
     mics[1, 20:] = mics[0, :-20]  # as far apart as the lags reach
     order, _ = direction.turned(0.0, places, mirrored)
     rearranged = direction.arranged(direction.features_of(mics[None])[0], order)
@@ -60,13 +60,13 @@ def test_activity_and_suppressed_microphones_stand_beside_the_clip(clips, librar
     """The talker is louder where he is said to speak; the suppressors' delay is taken off, in a run's first clip as in
     its last."""
     mics = clip_store.ClipStore(clips.path, direction.fields).signals["mics"]
-    blocks = direction.HOPS // direction.HOPS_PER_BLOCK
+    blocks = direction.HOPS // FRAMES_PER_BLOCK
     louder = []
     for i, about in enumerate(clips.about):
         _, active = clips.excerpt(i, 0, blocks, False)
         assert active.any() == (about["kind"] != "nobody")
         if about["kind"] == "phrase" and about["snr"] > 15 and about["ser"] is None:
-            mic = mics[i, 0, : blocks * engine.BLOCK].astype(float)
+            mic = mics[i, 0, : blocks * BLOCK].astype(float)
             power = (mic.reshape(blocks, -1) ** 2).mean(1)
             louder.append(10 * np.log10(power[active].mean() / power[~active].mean()))
     assert len(louder) > 3 and min(louder) > 3, louder

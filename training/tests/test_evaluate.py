@@ -7,9 +7,10 @@ import pytest
 from conftest import SEED, plane_wave
 from scipy import signal
 
+from training.device_facts import THRESHOLD
 from training.evaluate import intervals, metrics, scenes, sets, wake
 from training.evaluate.alignment import advance, find_delay
-from training.evaluate.device import Device, to_int16
+from training.evaluate.device import Device
 from training.evaluate.peers import Aligned, srp_phat
 from training.scenes.audio import RATE
 
@@ -149,6 +150,6 @@ def test_first_cost_below_the_threshold_is_where_the_device_wakes(always_hears, 
     cancelled, events = device.front_end(mics, 0 * mics[0])
     costs = device.wake_costs(cancelled)
     assert cancelled.shape == mics.shape and len(costs) == 20 * 1024 // 480
-    first = int(np.argmax(costs < wake.OPERATING_POINT))
+    first = int(np.argmax(costs < THRESHOLD))
     assert 0 < first < 10
     assert events[0][0] == pytest.approx(np.ceil((first + 1) * 480 / 1024) * 1024 / RATE)

@@ -8,9 +8,10 @@ import pytest
 from conftest import SEED
 from scipy import signal
 
-from training.library import MIC_DELAY, Library
+from training.device_facts import MIC_DELAY
+from training.library import Library
 from training.scenes import bank as banks
-from training.scenes import cache, echo, mixing, noisy, playback, simulate
+from training.scenes import cache, echo, noisy, playback, simulate
 from training.scenes.audio import RATE
 from training.scenes.loudspeaker import Linear, Loudspeaker, ScaledErf
 from training.scenes.room import SIMULATOR_DELAY, measured_rt60

@@ -1,14 +1,13 @@
 """What the wake-up network learns from, and the decoder's score it is trained on."""
 
-import ctypes
-
 import numpy as np
 import pytest
 import soundfile
 import torch
 
 from training import engine
-from training.evaluate import device as devices
+from training.device_facts import BLANK, CLASSES, FRAMES_PER_BLOCK
+from training.library import WakeUp
 from training.models import features, kws
 from training.neural_voices import __main__ as speech
 from training.neural_voices import lines
@@ -74,11 +73,11 @@ def test_syllables_may_be_said_once_they_have_been_heard():
         while pieces is None:
             pieces = texts.joined(rng, Bank(), "s", list(texts.PHRASE), 345)
         labels, first, last, _, certain = batch.alignment(pieces, 120)
-        ends = [(p.begin + p.frames) / batch.BLOCK_FRAMES for p in pieces]
+        ends = [(p.begin + p.frames) / FRAMES_PER_BLOCK for p in pieces]
         assert labels == list(texts.PHRASE) and certain
         assert all(l - batch.LATE == int(e) for l, e in zip(last, ends))
         for f, e, piece in zip(first, ends, pieces):
-            assert int(e) - f == batch.EARLY or piece.frames > 10 * batch.BLOCK_FRAMES and e - f < 0.5 * piece.frames
+            assert int(e) - f == batch.EARLY or piece.frames > 10 * FRAMES_PER_BLOCK and e - f < 0.5 * piece.frames
         assert first == sorted(first) and last[-1] < 120
 
 
@@ -192,10 +191,10 @@ def test_lines_for_a_synthesiser_are_equally_long_and_say_what_they_claim():
 
 def said(places, steps=40, classes=texts.PHRASE):
     """Log posteriors of a network that says `classes` at `places` and is silent elsewhere."""
-    p = torch.full((1, steps, kws.CLASSES), 1e-4)
-    p[..., kws.BLANK] = 0.98
+    p = torch.full((1, steps, CLASSES), 1e-4)
+    p[..., BLANK] = 0.98
     for c, t in zip(classes, places):
-        p[0, t, kws.BLANK], p[0, t, c] = 0.02, 0.97
+        p[0, t, BLANK], p[0, t, c] = 0.02, 0.97
     return decoder.merged((p / p.sum(-1, keepdim=True)).log())
 
 
@@ -219,18 +218,13 @@ def test_the_score_is_the_decoder_s(library_path):
     mic, rate = soundfile.read(ROOT / "samples/living_room.flac", dtype="int16")
     wave = np.ascontiguousarray(mic[:, 0] if mic.ndim > 1 else mic)[:12 * RATE]
     assert rate == RATE
-    library, posteriors, scores = engine.load(library_path, {}), [], []
-    handle = ctypes.c_void_p()
-    assert library.QuibWakeupInit(ctypes.byref(handle), 0) == 0
-    inner = devices._pointers(devices._pointers(handle)[0])
-    state = ctypes.cast(inner[0], ctypes.POINTER(engine.WakeState)).contents
-    word = ctypes.cast(inner[1], ctypes.POINTER(devices._Decoder)).contents.words[0]
-    for start in range(0, len(wave) - 479, 480):
-        word.threshold = -np.inf  # a wake would clear what is compared
-        library.QuibWakeupWriteData(handle, engine.pointer(wave[start:start + 480]))
-        posteriors.append(state.posteriors[:kws.CLASSES])
-        scores.append(word.scores[word.states - 2])
-    library.QuibWakeupUnit(handle)
+    posteriors, scores = [], []
+    with WakeUp(engine.load(library_path, {})) as listening:
+        listening.word.thres = -np.inf  # a wake would clear what is compared
+        for _ in listening.steps(wave):
+            posteriors.append(listening.data.posteriors())
+            scores.append(listening.word.score())
+            listening.word.thres = -np.inf
     p = torch.tensor(posteriors)  # the filler's share is in the blank's already
     ours = decoder.scores(torch.log(p.clamp_min(1e-30))[None])[0][0].numpy()
     assert len(scores) > 100 and np.allclose(ours, scores, rtol=1e-3, atol=1e-12)
