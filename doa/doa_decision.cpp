@@ -71,6 +71,7 @@ int32_t doa_decision(DoaNet* doanet) {
                 "out2 ends where the window begins");
   const int index = longest_row(dlayer);
   const float* vector = index >= 0 ? dlayer->doa_win_buff[index] : dlayer->out2 + DOA_LAYER_OUT - 2;
+  memcpy(dlayer->decided, vector, sizeof dlayer->decided);
   // Rounded to whole degrees by adding a half and truncating, so -90 (x < 0, y = 0) gives -89. An
   // angle that is not a number (x = 0, y = -1e-6) gives 0.
   const int32_t degrees = quibo::truncate_to_int32(change_xy_to_angle(vector[0], vector[1]) + 0.5f);

@@ -68,6 +68,7 @@ typedef struct {
   float xy[2];                       /* direction vector of this block */
   DOA_HIST dhist;                    /* reserved */
   int32_t prev_doa;                  /* 90; not used */
+  float decided[2]; /* vector that gave the last angle; for tools that look inside */
 } LAYER_DATA_DOA;
 
 /* A depth-wise-separable layer has its depth-wise taps in weight1 and its pointwise matrix in

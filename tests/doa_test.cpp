@@ -81,6 +81,7 @@ TEST_F(Doa, DecidesOnTheLongestOfTheLastFifteenTheEarlierOfEqualsAndOnce) {
   fill(12, 0.3f, 0.3f);
   fill(20, -0.3f, 0.3f);
   EXPECT_EQ(doa_decision(net), 45);
+  EXPECT_EQ(net->dlayer->decided[0], 0.3f);
   for (int i = 0; i < DOA_WINDOW; ++i) {
     EXPECT_EQ(std::vector<float>(row(i), row(i) + 4), (std::vector<float>{0, 0, 0, -1})) << i;
   }

@@ -291,4 +291,21 @@ TEST(KeywordTable, TakesUpToThirtyEightSyllablesAndAtLeastOneKeyword) {
   EXPECT_EQ("word dict is empty!\nNet init error!\n", printed);
 }
 
+TEST_F(Decoder, TellsAnObserverWhatEachStepDecidedOn) {
+  std::vector<KWS_STEP> told;
+  net.pdec->observer = &told;
+  net.pdec->observe = [](void* list, const KWS_STEP* step) {
+    static_cast<std::vector<KWS_STEP>*>(list)->push_back(*step);
+  };
+  const std::vector<Step> steps = phrase({kA, kB, kA, kB}, 1);
+  size_t woke_at = 0;
+  for (size_t i = 0; i < steps.size() && woke_at == 0; ++i) woke_at = step(steps[i]) == 0 ? i : 0;
+  ASSERT_GT(woke_at, 0u);
+  ASSERT_EQ(woke_at + 1, told.size());
+  for (size_t i = 0; i < told.size(); ++i) {
+    EXPECT_EQ(i == woke_at, told[i].woke) << i;
+    EXPECT_EQ(i == woke_at, told[i].cost < told[i].thres) << i;
+  }
+}
+
 }  // namespace
