@@ -27,6 +27,8 @@ struct LaecKernels {
 // Float network kernels; shapes and summation order in nn/float_kernels.h.
 enum class Activation { kSigmoid, kTanh };
 
+constexpr int kConvMaxTaps = 64 * 9;
+
 // A product of a layer over the frequency positions of consecutive steps. For output channel k and
 // position p of step s:
 //   y = sum over taps j of weight[k*row_stride + j] * input[s*input_step + tap_offset[j] + p]
@@ -40,7 +42,7 @@ struct ConvJob {
   const float* prelu;
   const float *scale, *shift;
   const int32_t* tap_offset;
-  int taps;          // a multiple of 4
+  int taps;          // a multiple of 4, at most kConvMaxTaps
   int out_channels;  // a multiple of 4
   int positions;     // a multiple of 32
   int steps;         // consecutive in time

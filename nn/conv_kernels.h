@@ -11,6 +11,7 @@
 
 #include "dsp/kernels.h"
 #include "nn/float_kernels.h"
+#include "nn/tap_loop.h"
 
 namespace quibo {
 namespace {
@@ -26,29 +27,43 @@ struct LaneSums {
   using Reg = typename V::Reg;
   Reg lane[4][C][P];
 
+  // Where V has a loop of its own, rows lie beside each other (row_stride = 1) and registers follow
+  // each other.
   void compute(const float* a, ptrdiff_t row_stride, ptrdiff_t tap_stride,
                const float* const (&x)[P], const int32_t* tap_offset, int taps) {
 #pragma GCC unroll 1  // one pass at a time, so that its sums have the registers to themselves
     for (int l = 0; l < 4; ++l) {
-      Reg sum[C][P];
+      if constexpr (TapLoop<V>::kWritten) {
+        static_assert(C == TapLoop<V>::kRows && P == TapLoop<V>::kRegisters, "its shape");
+        TapLoop<V>::sum(reinterpret_cast<float*>(lane[l]), a + l * tap_stride, 4 * tap_stride, x[0],
+                        tap_offset + l, (taps - l + 3) / 4);
+      } else {
+        pass(l, a, row_stride, tap_stride, x, tap_offset, taps);
+      }
+    }
+  }
+
+  [[gnu::always_inline]] void pass(int l, const float* a, ptrdiff_t row_stride,
+                                   ptrdiff_t tap_stride, const float* const (&x)[P],
+                                   const int32_t* tap_offset, int taps) {
+    Reg sum[C][P];
+    for (int c = 0; c < C; ++c) {
+      for (int p = 0; p < P; ++p) sum[c][p] = V::splat(0.0f);
+    }
+    for (int j = l; j < taps; j += 4) {
+      const ptrdiff_t offset = tap_offset[j];
+      // The next block's weights: since the last frame other networks' have taken their place in
+      // the caches. A row per pass spreads the requests over the block.
+      __builtin_prefetch(a + (C + l % C) * row_stride + j);
+      Reg value[P];
+      for (int p = 0; p < P; ++p) value[p] = V::load(x[p] + offset);
       for (int c = 0; c < C; ++c) {
-        for (int p = 0; p < P; ++p) sum[c][p] = V::splat(0.0f);
+        const Reg factor = V::splat(a[c * row_stride + j * tap_stride]);
+        for (int p = 0; p < P; ++p) sum[c][p] = V::add(sum[c][p], V::mul(value[p], factor));
       }
-      for (int j = l; j < taps; j += 4) {
-        const ptrdiff_t offset = tap_offset[j];
-        // The next block's weights: since the last frame other networks' have taken their place in
-        // the caches. A row per pass spreads the requests over the block.
-        __builtin_prefetch(a + (C + l % C) * row_stride + j);
-        Reg value[P];
-        for (int p = 0; p < P; ++p) value[p] = V::load(x[p] + offset);
-        for (int c = 0; c < C; ++c) {
-          const Reg factor = V::splat(a[c * row_stride + j * tap_stride]);
-          for (int p = 0; p < P; ++p) sum[c][p] = V::add(sum[c][p], V::mul(value[p], factor));
-        }
-      }
-      for (int c = 0; c < C; ++c) {
-        for (int p = 0; p < P; ++p) lane[l][c][p] = sum[c][p];
-      }
+    }
+    for (int c = 0; c < C; ++c) {
+      for (int p = 0; p < P; ++p) lane[l][c][p] = sum[c][p];
     }
   }
 
@@ -57,8 +72,14 @@ struct LaneSums {
   }
 };
 
+// The weights of a block of channels: `rows` and `taps` from one row and one tap to the next.
+struct BlockWeights {
+  const float* first;
+  ptrdiff_t rows, taps;
+};
+
 template <class V, int C, int P>
-void conv_block(const ConvJob& job, int channel, int first_register) {
+void conv_block(const ConvJob& job, const BlockWeights& weights, int channel, int first_register) {
   using Reg = typename V::Reg;
   const int per_step = job.positions / V::kWidth;
   const float* x[P];
@@ -71,8 +92,7 @@ void conv_block(const ConvJob& job, int channel, int first_register) {
     residual_at[p] = step * job.residual_step + position;
   }
   LaneSums<V, C, P> sums;
-  sums.compute(job.weight + static_cast<ptrdiff_t>(channel) * job.row_stride, job.row_stride, 1, x,
-               job.tap_offset, job.taps);
+  sums.compute(weights.first, weights.rows, weights.taps, x, job.tap_offset, job.taps);
   for (int c = 0; c < C; ++c) {
     const int k = channel + c;
     const Reg bias = V::splat(job.bias[k]);
@@ -91,14 +111,37 @@ void conv_block(const ConvJob& job, int channel, int first_register) {
 template <class V, int C, int P>
 void conv_blocks(const ConvJob& job, int registers) {
   for (int channel = 0; channel < job.out_channels; channel += C) {
-    for (int r = 0; r < registers; r += P) conv_block<V, C, P>(job, channel, r);
+    const BlockWeights weights = {job.weight + static_cast<ptrdiff_t>(channel) * job.row_stride,
+                                  job.row_stride, 1};
+    for (int r = 0; r < registers; r += P) conv_block<V, C, P>(job, weights, channel, r);
+  }
+}
+
+// The same with a written loop, which wants the weights of its rows beside each other: they are
+// copied once for all positions.
+template <class V>
+void conv_with_tap_loop(const ConvJob& job, int registers) {
+  constexpr int C = TapLoop<V>::kRows, P = TapLoop<V>::kRegisters;
+  static_assert(C == 4 && V::kWidth == 4, "store_columns() is the copy");
+  alignas(64) float beside[C * kConvMaxTaps];
+  for (int channel = 0; channel < job.out_channels; channel += C) {
+    const float* row = job.weight + static_cast<ptrdiff_t>(channel) * job.row_stride;
+    for (int j = 0; j < job.taps; j += V::kWidth) {
+      auto of_row = [&](int c) { return V::load(row + c * job.row_stride + j); };
+      V::store_columns(beside + C * j, of_row(0), of_row(1), of_row(2), of_row(3));
+    }
+    for (int r = 0; r < registers; r += P) {
+      conv_block<V, C, P>(job, {beside, 1, C}, channel, r);
+    }
   }
 }
 
 template <class V>
 void conv(const ConvJob& job) {
   const int registers = job.steps * job.positions / V::kWidth;
-  if constexpr (!kManyRegisters<V>) {
+  if constexpr (TapLoop<V>::kWritten) {
+    conv_with_tap_loop<V>(job, registers);
+  } else if constexpr (!kManyRegisters<V>) {
     static_assert(V::kWidth <= 8, "positions come in multiples of 32, so registers in fours");
     conv_blocks<V, 2, 4>(job, registers);
   } else if (registers % 4 == 0) {

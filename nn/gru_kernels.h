@@ -161,7 +161,10 @@ struct FrequencyGru {
   static constexpr int kRows = 3 * H;  // r, z, n
   static constexpr int kBlock = 8;     // positions whose x half is computed ahead
   static constexpr int kLanes = 4 * kRows;
-  static constexpr int kStripeRegisters = kManyRegisters<V> ? 6 : V::kWidth == 1 ? 4 : 2;
+  static constexpr int kStripeRegisters = TapLoop<V>::kWritten ? TapLoop<V>::kRegisters
+                                          : kManyRegisters<V>  ? 6
+                                          : V::kWidth == 1     ? 4
+                                                               : 2;
   static constexpr int kStripe = kStripeRegisters * V::kWidth;
   static_assert(kRows % kStripe == 0 && kStripe % 4 == 0, "whole stripes");
   static_assert(2 * H * kRows + kSteps * (kBlock * (kLanes + H) + kMap) <= gru_scratch(H), "fits");
