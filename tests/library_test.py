@@ -1,4 +1,5 @@
 """The built library and its installation, seen from outside: what it needs, what it exports, who can use it."""
+import platform
 import re
 import subprocess
 
@@ -62,6 +63,26 @@ def test_needs_libc_only(library, unsanitized):
     needed = re.findall(r"\(NEEDED\).*\[(.*)\]", dynamic)
     assert {name.split(".so")[0] for name in needed} <= {"libc", "ld-linux-x86-64", "ld-linux-aarch64"}
     assert re.findall(r"\(SONAME\).*\[(.*)\]", dynamic) == ["libquibo.so.3"]
+
+
+def test_symbols_are_bound_at_start_and_then_read_only(build, library):
+    for binary in library, build / "quibo_demo":
+        assert "BIND_NOW" in run("readelf", "-d", binary)
+        assert "GNU_RELRO" in run("readelf", "-lW", binary)
+
+
+@pytest.mark.skipif(platform.machine() != "x86_64", reason="marks of x86")
+def test_every_object_marks_where_indirect_jumps_may_land(build):
+    """So that an application built for control-flow enforcement stays one. The shared library carries no mark where the C
+    library's start-up files, which are part of it, have none."""
+    archive = build / "libquibo.a"
+    members = run("ar", "t", archive).split()
+    assert run("readelf", "-n", archive).count("IBT, SHSTK") == len(members)
+
+
+def test_programs_check_their_stack_and_their_buffers(build, unsanitized):
+    undefined = {name.split("@")[0] for _, name in symbols(build / "quibo_demo", "-D", "--undefined-only")}
+    assert {"__stack_chk_fail", "__printf_chk"} <= undefined
 
 
 def test_leaves_no_c_plus_plus_symbol_undefined(build, library, unsanitized):

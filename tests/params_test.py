@@ -234,12 +234,25 @@ def test_every_value_is_written_exactly(source, tmp_path):
     assert read_back.tobytes() == floats.tobytes(), f"seed {SEED}"
 
 
-def test_files_of_another_folder_are_built_in_and_rebuilt_when_they_change(source, tmp_path, unsanitized):
-    """A whole build of the library, unoptimised."""
-    own, build = tmp_path / "own", tmp_path / "build"
-    own.mkdir()
+@pytest.fixture(scope="module")
+def debug_build(source, tmp_path_factory, unsanitized):
+    """(parameter files, build folder, configure command) of a debug build with parameter files of its own."""
+    own, build = tmp_path_factory.mktemp("own"), tmp_path_factory.mktemp("debug")
     for path in (source / "params").glob("*.safetensors"):
         shutil.copy(path, own)
+    configure = ["cmake", "-S", source, "-B", build, f"-DQUIBO_PARAMS_DIR={own}", "-DCMAKE_BUILD_TYPE=Debug"]
+    subprocess.run(configure, check=True, capture_output=True)
+    return own, build, configure
+
+
+def make(build):
+    subprocess.run(["cmake", "--build", build, "--target", "quibo_shared", "-j", str(os.cpu_count())], check=True,
+                   capture_output=True)
+    return build / "libquibo.so"
+
+
+def test_files_of_another_folder_are_built_in_and_rebuilt_when_they_change(debug_build, tmp_path):
+    own, build, configure = debug_build
 
     def set_entry(value):
         content, metadata = safetensors_file.read(own / "codec.safetensors")
@@ -250,19 +263,23 @@ def test_files_of_another_folder_are_built_in_and_rebuilt_when_they_change(sourc
         safetensors_file.write(own / "codec.safetensors", content, metadata)
 
     def built_entry(copy):
-        subprocess.run(["cmake", "--build", build, "--target", "quibo_shared", "-j", str(os.cpu_count())], check=True,
-                       capture_output=True)
-        shutil.copy(build / "libquibo.so", tmp_path / copy)  # a path is loaded once per process
+        shutil.copy(make(build), tmp_path / copy)  # a path is loaded once per process
         return (ctypes.c_int16 * 4801).in_dll(ctypes.CDLL(tmp_path / copy), "enc_table")[4800]
 
-    configure = ["cmake", "-S", source, "-B", build, f"-DQUIBO_PARAMS_DIR={own}", "-DCMAKE_BUILD_TYPE=Debug"]
     set_entry(-123)
-    subprocess.run(configure, check=True, capture_output=True)
     assert built_entry("first.so") == -123
     set_entry(456)
     assert built_entry("second.so") == 456
 
+    codec = (own / "codec.safetensors").read_bytes()
     (own / "codec.safetensors").unlink()
     refused = subprocess.run(configure, capture_output=True, text=True)
+    (own / "codec.safetensors").write_bytes(codec)
     assert refused.returncode != 0
     assert "params: codec.safetensors: no such file" in refused.stderr
+
+
+def test_a_debug_build_too_needs_libc_only(debug_build):
+    dynamic = subprocess.run(["readelf", "-d", make(debug_build[1])], capture_output=True, text=True, check=True).stdout
+    needed = re.findall(r"\(NEEDED\).*\[(.*)\]", dynamic)
+    assert {name.split(".so")[0] for name in needed} <= {"libc", "ld-linux-x86-64", "ld-linux-aarch64"}

@@ -26,7 +26,7 @@
  *   Functions return a signed 32-bit status, 0 (or a non-negative result) on success, negative on
  *   failure. Buffers belong to the caller and are not kept. Handles are created by an init call
  *   and released by the matching unit call. Memory comes from malloc/calloc at init only; the
- *   per-frame calls allocate nothing. Diagnostics are the lines quoted below, on standard output.
+ *   per-frame calls allocate nothing. No call takes more than 40 KiB of stack. Diagnostics are the lines quoted below, on standard output.
  *
  * PROCESSORS
  *   The fastest kernels the processor has are chosen at the first call; all give the same bits. For
