@@ -18,6 +18,7 @@ from array import array
 
 import mel_filters
 import safetensors_file
+from syllable_names import class_names
 
 SEED = 20251103
 LARGEST_WEIGHT = 100
@@ -114,18 +115,10 @@ def make(net):
     return packed + [MIDDLE, SCORE_SCALE, MIDDLE]
 
 
-def class_names(folder):
-    names = {0: "<filler>", BLANK: "<blank>"}
-    for line in (folder / "syllables.txt").read_text().splitlines():
-        number, syllable = line.split()
-        names[int(number)] = syllable
-    return " ".join(names[i] for i in range(CLASSES))
-
-
 def main():
     if len(sys.argv) != 2:
         sys.exit("usage: make_kws_untrained.py OUT_DIR")
-    here, out = pathlib.Path(__file__).parent, pathlib.Path(sys.argv[1])
+    out = pathlib.Path(sys.argv[1])
     net = Net()
     packed = make(net)
     net.add("chinese_fix_param", "F32", [len(packed)], packed)
@@ -136,7 +129,7 @@ def main():
         "trained": "no",
         "training_run": "none",
         "version": "0",
-        "classes": class_names(here),
+        "classes": class_names(),
     })
 
 

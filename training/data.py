@@ -103,7 +103,8 @@ class SceneData:
 
     def prepare_syllables(self):
         from .syllables import backgrounds, cutting, voices
-        cutter = cutting.Cutter(self.library, self.cutter, voices.inventory()) if self.library else None
+        from .syllables.inventory import inventory
+        cutter = cutting.Cutter(self.library, self.cutter, inventory()) if self.library else None
         for split in SPLITS:
             with Progress(f"voices, {split}") as progress:
                 voices.build(self.corpus, self.syllables_path / "voices" / split, split, SEED,

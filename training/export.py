@@ -6,8 +6,11 @@ import subprocess
 import numpy as np
 import torch
 
+from params import safetensors_file
+from params.syllable_names import class_names
+
 from .cache_keys import file_digest
-from .shared import PARAMS, ROOT, class_names, safetensors_file
+from .shared import PARAMS, ROOT
 
 DTYPES = {"F32": np.float32, "I8": np.int8, "I16": np.int16, "I32": np.int32}
 
@@ -50,7 +53,7 @@ def describe(network, config, steps, digest, results):
                               capture_output=True).stdout.strip()
     metadata = {"generator": "training", "trained": "yes", "steps": str(steps), "config": json.dumps(config),
                 "data": digest, "revision": revision, "results": json.dumps(results)}
-    return metadata | ({"classes": class_names(PARAMS)} if network == "kws" else {})
+    return metadata | ({"classes": class_names()} if network == "kws" else {})
 
 
 def card(network, metadata, sources, digest):

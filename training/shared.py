@@ -1,11 +1,5 @@
-"""What training shares with the build of the library: the code in params/."""
+"""Where the toolkit finds the rest of the repository; commands run from its root, so that the code in params/ is a package."""
 import pathlib
-import sys
 
 ROOT = pathlib.Path(__file__).resolve().parents[1]
 PARAMS = ROOT / "params"
-sys.path.append(str(PARAMS))
-
-import mel_filters  # noqa: E402,F401
-import safetensors_file  # noqa: E402,F401
-from make_kws_untrained import class_names  # noqa: E402,F401

@@ -7,7 +7,7 @@ from .device_facts import BLANK, BLOCK, FULL_SCALE, MIC_DELAY, RATE
 from .models import kws
 from .scenes import array_geometry
 from .syllables.batch import EARLY, KINDS, LATE
-from .syllables.texts import PHRASE
+from .syllables.inventory import PHRASE
 
 
 def harmonic_speech(rng, samples):

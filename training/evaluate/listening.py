@@ -24,7 +24,8 @@ from training.scenes import echo, mixing, noisy, sources
 from training.scenes.audio import active_power, gain
 from training.scenes.bank import load_bank
 from training.shared import ROOT
-from training.syllables import decoder, texts, voices, waves
+from training.syllables import decoder, texts, waves
+from training.syllables.inventory import PHRASE, classes_of, holds_phrase, is_near_miss
 from training.tasks.kws import Task
 
 SEED = 20260102
@@ -41,7 +42,7 @@ SOONEST = 1.0  # s before an utterance's end; what wakes earlier was not it
 REFRACTORY = 1.0  # s in which a second wake is not counted
 RECIPE = ("device_facts", "evaluate.device", "evaluate.listening", "evaluate.scenes", "evaluate.sets", "scenes.array_geometry",
           "scenes.audio", "scenes.bank", "scenes.direction", "scenes.echo", "scenes.loudspeaker", "scenes.mixing", "scenes.noisy",
-          "scenes.room", "scenes.sources", "syllables.texts", "syllables.voices", "syllables.waves")
+          "scenes.room", "scenes.sources", "syllables.inventory", "syllables.texts", "syllables.waves")
 
 # Set -> (utterances, conditions as (name, SNR, SER or None)).
 CONDITIONS = (("quiet", QUIET, None), ("noise 10 dB", 10.0, None), ("noise 5 dB", 5.0, None),
@@ -61,10 +62,10 @@ def speakers(corpus):
 
 def fluent(corpus, what):
     """{test speaker: clips} of the phrase, or of what is nearly the phrase."""
-    found, wanted = {}, voices.holds_phrase if what == "fluent phrase" else voices.is_near_miss
+    found, wanted = {}, holds_phrase if what == "fluent phrase" else is_near_miss
     for clip in corpus.clips("mandarin", scenes.SPLIT):
-        said = voices.classes_of(clip.pinyin.split())
-        if clip.ends and len(said) == len(texts.PHRASE) and wanted(said):
+        said = classes_of(clip.pinyin.split())
+        if clip.ends and len(said) == len(PHRASE) and wanted(said):
             found.setdefault(clip.speaker, []).append(clip)
     return found
 
@@ -82,18 +83,18 @@ class Sayings:
         if not self.fluent:
             return utterance(rng, self.clips[speaker], speaker, self.what)
         clip = self.clips[speaker][rng.integers(len(self.clips[speaker]))]
-        return sources.levelled(waves.trimmed(self.corpus.read(clip))), voices.classes_of(clip.pinyin.split())
+        return sources.levelled(waves.trimmed(self.corpus.read(clip))), classes_of(clip.pinyin.split())
 
 
 def utterance(rng, clips, speaker, what):
     """The wave of an utterance and its syllables' classes."""
-    known, said, pause = list(clips.syllables[speaker]), list(texts.PHRASE), None
+    known, said, pause = list(clips.syllables[speaker]), list(PHRASE), None
     length = SLOW if what == "slow phrase" else rng.uniform(*LENGTH)
     if what == "one syllable off":
         said = texts.one_off(rng, known)
     elif what == "other order":
         said, pause = (said, 1) if rng.random() < PAUSED else (texts.disordered(rng, known), None)
-    if what not in PHRASES and pause is None and texts.holds_phrase(said):
+    if what not in PHRASES and pause is None and holds_phrase(said):
         return utterance(rng, clips, speaker, what)
     pieces = texts.joined(rng, clips, speaker, said, LONGEST * texts.FRAMES_PER_SECOND, pause, length)
     if pieces is None:

@@ -4,8 +4,9 @@ import ctypes
 import platform
 import subprocess
 
+from params import safetensors_file
 from training.cache_keys import file_digest
-from training.shared import ROOT, safetensors_file
+from training.shared import ROOT
 
 
 def describe(library, params):

@@ -15,7 +15,7 @@ from training.scenes.audio import LEVEL_FRAME, RATE, active_power, gain
 from training.scenes.room import SIMULATOR_DELAY
 
 SPLIT = "test"
-PHRASE = "ling dang ling dang"
+PHRASE_PINYIN = "ling dang ling dang"
 
 NOISY_FRAMES = 144  # 9.2 s: what DNSMOS listens to at once
 FAR_FRAMES, DOUBLE_FRAMES, NEAR_FRAMES = 125, 125, 94  # 8 s, 8 s, 6 s
@@ -133,11 +133,11 @@ class WakeScene:
 
 def phrases(corpus):
     """The wake phrase's clips by test speakers."""
-    return [c for c in corpus.clips("mandarin", SPLIT) if c.pinyin == PHRASE]
+    return [c for c in corpus.clips("mandarin", SPLIT) if c.pinyin == PHRASE_PINYIN]
 
 
 def without_phrases(corpus):
-    return corpus.where(lambda clip: clip.pinyin != PHRASE)
+    return corpus.where(lambda clip: clip.pinyin != PHRASE_PINYIN)
 
 
 def spoken_phrase(corpus, others, rooms, number):
@@ -200,7 +200,7 @@ def called(corpus, number):
     as far as a box of that size can be that dry.
     """
     rng = generator("direction", number)
-    call = direction.phrase(corpus, rng, SPLIT, int(rng.uniform(*direction.PHRASE) * RATE))
+    call = direction.phrase(corpus, rng, SPLIT, int(rng.uniform(*direction.PHRASE_SECONDS) * RATE))
     call = sources.levelled(call)
     start = CALL_LEAD_FRAMES * FRAME
     samples = -(-(start + len(call) + round(CALL_AFTER * RATE)) // FRAME) * FRAME

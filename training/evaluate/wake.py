@@ -22,7 +22,7 @@ NO_STEP = 99.0  # the lowest cost where no step could have woken the device
 
 def run(device, corpus, rooms, sizes, progress):
     if not scenes.phrases(corpus):
-        return {"left_out": f"no test speaker in the data says {scenes.PHRASE!r}"}
+        return {"left_out": f"no test speaker in the data says {scenes.PHRASE_PINYIN!r}"}
     others = scenes.without_phrases(corpus)
     rows = []
     for number in range(sizes.wake):

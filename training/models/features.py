@@ -3,8 +3,9 @@ import math
 
 import torch
 
+from params import mel_filters
+
 from ..device_facts import BLOCK, FRAMES_PER_BLOCK, HOP
-from ..shared import mel_filters
 
 MEL_FRAME, MEL_FFT, MEL_BANDS = 400, 512, 40
 PRE_EMPHASIS = 0.97

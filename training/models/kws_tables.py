@@ -2,7 +2,8 @@
 import numpy as np
 import torch
 
-from ..shared import mel_filters
+from params import mel_filters
+
 from .quantise import LARGEST_WEIGHT, multiplier, round_away, weight_scale
 
 

@@ -16,17 +16,16 @@ import torch
 import tqdm
 from scipy import signal
 
+from training.device_facts import FULL_SCALE, RATE
 from training.neural_voices import lines
 
-RATE, HOP = 22050, 256  # of the synthesiser
-OUT_RATE = 16000
+SPEECH_RATE, SPEECH_HOP = 22050, 256  # of the synthesiser
 STEPS = 450  # the longest line takes less
 ENDED = 0.5  # gate at which an utterance is over
 SURE = 0.5  # attention a syllable gets in one of its frames, at least
 SMALLEST = 1e-4
 MARGIN = 0.06  # s kept around a group
 SHORTEST, LONGEST = 0.06, 0.7  # s of a syllable that can be right
-SAMPLE_RANGE = 32768.0
 LICENCE = "ttskit, MIT"
 # One of the package's voices is left out: the recordings it was made from are not for commercial use.
 VOICES = ("Aibao Aicheng Aida Aijia Aijing Aimei Aina Aiqi Aitong Aiwei Aixia Aiya Aiyu Aiyue Siyue Xiaobei Xiaogang "
@@ -68,7 +67,7 @@ class Synthesiser:
             over = np.flatnonzero(gate[i] > ENDED)
             over = over[over > len(row) // 2]  # some voices seem to end before they begin
             frames = int(over[0]) if len(over) else mel.shape[2]
-            yield self.vocoder.inference(mel[i:i + 1, :, :frames]).numpy() / SAMPLE_RANGE, attention[i, :frames].numpy(), row
+            yield self.vocoder.inference(mel[i:i + 1, :, :frames]).numpy() / FULL_SCALE, attention[i, :frames].numpy(), row
 
 
 def spans(attention, row, chain):
@@ -98,13 +97,13 @@ def clips(samples, attention, row, text, chain):
         numbers = range(at, at + len(group))
         at += len(group) + 1  # and the pause
         places = [found[n] for n in numbers]
-        lengths = [(end - begin) * HOP / RATE for begin, end in places]
+        lengths = [(end - begin) * SPEECH_HOP / SPEECH_RATE for begin, end in places]
         sure = all(rests[n, begin:end].max(initial=0) > SURE for n, (begin, end) in zip(numbers, places))
         if not sure or min(lengths) < SHORTEST or max(lengths) > LONGEST:
             continue
-        begin = max(0, round(places[0][0] * HOP - MARGIN * RATE))
-        end = min(len(samples), round(places[-1][1] * HOP + MARGIN * RATE))
-        yield group, samples[begin:end], [(e * HOP - begin) / RATE for _, e in places]
+        begin = max(0, round(places[0][0] * SPEECH_HOP - MARGIN * SPEECH_RATE))
+        end = min(len(samples), round(places[-1][1] * SPEECH_HOP + MARGIN * SPEECH_RATE))
+        yield group, samples[begin:end], [(e * SPEECH_HOP - begin) / SPEECH_RATE for _, e in places]
 
 
 def main(argv=None):
@@ -134,8 +133,8 @@ def main(argv=None):
                     path = f"{name}/{len(rows):05d}.wav"
                     x = signal.resample_poly(samples, 320, 441)
                     (arguments.out / name).mkdir(exist_ok=True)
-                    soundfile.write(arguments.out / path, np.clip(x, -1, 1), OUT_RATE, subtype="PCM_16")
-                    rows.append({"path": path, "seconds": f"{len(x) / OUT_RATE:.3f}", "speaker": f"neural {name}",
+                    soundfile.write(arguments.out / path, np.clip(x, -1, 1), RATE, subtype="PCM_16")
+                    rows.append({"path": path, "seconds": f"{len(x) / RATE:.3f}", "speaker": f"neural {name}",
                                  "pinyin": " ".join(s[:-1] for s in said), "pinyin_tones": " ".join(said),
                                  "ends": " ".join(f"{e:.3f}" for e in ends), "licence": LICENCE})
         print(f"{name}: {len(rows)} of {lines.GROUPS * len(texts)} groups", file=sys.stderr)

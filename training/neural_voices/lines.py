@@ -7,7 +7,7 @@ import csv
 import numpy as np
 
 from training.syllables import texts
-from training.syllables.voices import DANG, LING, inventory
+from training.syllables.inventory import DANG, LING, PHRASE, inventory
 
 SYLLABLES, GROUPS = 12, 3
 SHORTEST, LONGEST = 2, 6  # syllables of a group
@@ -47,15 +47,15 @@ class Lines:
 
     def phrase(self):
         tones = self.any_of(TONES) if self.rng.random() < USUAL_TONES else self.rng.integers(1, 6, 4)
-        return [f"{self.names[c]}{t}" for c, t in zip(texts.PHRASE, tones)]
+        return [f"{self.names[c]}{t}" for c, t in zip(PHRASE, tones)]
 
     def near_miss(self):
         """Four syllables that are nearly the phrase."""
         a, b, x = LING, DANG, self.syllable_class()
         orders = ([b, a, b, a], [a, b, b, a], [a, a, b, b], [a, b, a, x], [x, a, b, a], [x, b, a, b], [a, b, x, a],
                   [a, x, a, b], [a, b, a, a], [b, b, a, b], [x, x, a, b], [a, b, x, x])
-        said = self.any_of(orders) if self.rng.random() < 0.3 else list(texts.PHRASE)
-        while tuple(said) == texts.PHRASE:
+        said = self.any_of(orders) if self.rng.random() < 0.3 else list(PHRASE)
+        while tuple(said) == PHRASE:
             said = texts.one_off(self.rng, list(self.names))
         return [self.toned(self.names[c]) for c in said]
 

@@ -47,7 +47,7 @@ HOPS = SAMPLES // HOP
 
 PLACES = {"talker": 0.5, "noise 1": 0.25, "noise 2": 0.25}  # where the talker is; noise has the others
 KINDS = {"phrase": 0.75, "talk": 0.15, "nobody": 0.1}
-PHRASE = (0.6, 1.2)  # s
+PHRASE_SECONDS = (0.6, 1.2)
 BEGIN = (0.9, 1.9)  # s
 TALK_BEGIN = (0.2, 1.5)
 PHRASE_CANDIDATES = 4  # stretches of talk, of which the loudest becomes the phrase
@@ -105,7 +105,7 @@ def speech(corpus, rng, split, kind):
     """The dry talker [SAMPLES]."""
     dry = np.zeros(SAMPLES, np.float32)
     if kind == "phrase":
-        n = int(rng.uniform(*PHRASE) * RATE)
+        n = int(rng.uniform(*PHRASE_SECONDS) * RATE)
         begin = int(rng.uniform(*BEGIN) * RATE)
         dry[begin : begin + n] = sources.levelled(phrase(corpus, rng, split, n))
     elif kind == "talk":

@@ -4,7 +4,6 @@ import dataclasses
 
 import numpy as np
 import pyroomacoustics as pra
-from scipy import signal
 
 from training.scenes import array_geometry
 from training.scenes.audio import RATE
@@ -62,12 +61,3 @@ class Room:
 def measured_rt60(response):
     """RT60 from the -5..-35 dB part of the backward-integrated response, seconds."""
     return float(pra.measure_rt60(response, fs=RATE, decay_db=30))
-
-
-def hear(response, x, delay=SIMULATOR_DELAY):
-    """x through [3, taps] responses, `delay` samples late in all: [3, len(x)].
-
-    SIMULATOR_DELAY samples of it are in the responses already, less is not possible.
-    """
-    y = signal.fftconvolve(x[None, :], response, axes=1)
-    return np.pad(y, ((0, 0), (delay - SIMULATOR_DELAY, 0)))[:, : len(x)]

@@ -50,7 +50,7 @@ def colour(rng):
     return np.float32(10**(decibels / 10))
 
 
-def speak(rng, bank, pieces, frames):
+def speak(rng, voices, pieces, frames):
     """Mel energies [frames, 40] of an utterance, active power about 1, in a voice of its own."""
     bins = np.arange(spectra.BINS) * (RATE / 2 / (spectra.BINS - 1))
     far = rng.random() < FAR_SHARE
@@ -66,7 +66,7 @@ def speak(rng, bank, pieces, frames):
         at = np.arange(max(0, int(np.ceil(begin - JOINT / 2))), min(frames, int(end + JOINT / 2) + 1))
         # Time within a syllable runs a little unevenly.
         u = np.clip((at - begin) / piece.frames, 0, 1)**(np.exp(rng.normal(0, 0.2)) if len(piece.said) == 1 else 1.0)
-        rows.append(bank.rows(piece.number, u))
+        rows.append(voices.rows(piece.number, u))
         places.append(at)
         ramp = np.clip(np.minimum(at - begin, end - at) / JOINT + 0.5, 0, 1)
         weights.append(ramp * 10**(piece.decibels / 10))
@@ -113,14 +113,14 @@ def unit(energies):
     return energies / np.float32((energies @ spectra.level_weights()).mean() + 1e-12)
 
 
-def features(rng, bank, backgrounds, kind, pieces, frames, hard=1.0):
+def features(rng, voices, backgrounds, kind, pieces, frames, hard=1.0):
     """Log mel energies [frames, 40] as the engine computes them. hard: factor of the shares of rooms, noise and masks."""
     if pieces is None:
         x = backgrounds.energies(rng, kind, frames)
         if kind == "far" and rng.random() < 0.5:
             x = reverberant(x, backgrounds.rooms[rng.integers(len(backgrounds.rooms))])
     else:
-        x = speak(rng, bank, pieces, frames)
+        x = speak(rng, voices, pieces, frames)
         if rng.random() < ROOM_SHARE * hard:
             x = reverberant(x, backgrounds.rooms[rng.integers(len(backgrounds.rooms))])
     x = x * colour(rng)
@@ -162,27 +162,27 @@ def alignment(pieces, steps):
     return labels, first, last, middle, certain
 
 
-def draw(rng, bank, backgrounds, kind, frames):
+def draw(rng, voices, backgrounds, kind, frames):
     if kind in WITHOUT_SPEECH and kind not in backgrounds.pieces:
         kind = "string"
     while True:
         pieces = None
         if kind not in WITHOUT_SPEECH:
             # The last syllable is to be heard and said before the end.
-            pieces = texts.utterance(rng, bank, kind, frames - (LATE + 1) * FRAMES_PER_BLOCK)
+            pieces = texts.utterance(rng, voices, kind, frames - (LATE + 1) * FRAMES_PER_BLOCK)
             if pieces is None:
                 continue
         return kind, pieces
 
 
-def batch(bank, backgrounds, rng, size, seconds, progress):
+def batch(voices, backgrounds, rng, size, seconds, progress):
     """features [B, frames, 40]; labels [B, L] with 0 behind the last, first, last and middle step of each (alignment());
     certain [B]; kind [B] of KINDS; progress."""
     frames = round(seconds * FRAMES_PER_SECOND) // FRAMES_PER_BLOCK * FRAMES_PER_BLOCK
     rows = []
     for _ in range(size):
-        kind, pieces = draw(rng, bank, backgrounds, KINDS[rng.choice(len(KINDS), p=shares(progress))], frames)
-        x = features(rng, bank, backgrounds, kind, pieces, frames, min(1.0, progress / EASY_UNTIL))
+        kind, pieces = draw(rng, voices, backgrounds, KINDS[rng.choice(len(KINDS), p=shares(progress))], frames)
+        x = features(rng, voices, backgrounds, kind, pieces, frames, min(1.0, progress / EASY_UNTIL))
         rows.append((x, *alignment(pieces, frames // FRAMES_PER_BLOCK), KINDS.index(kind)))
     longest = max(1, max(len(row[1]) for row in rows))
     pad = lambda values: np.pad(np.float32(values), (0, longest - len(values)))

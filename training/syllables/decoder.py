@@ -2,7 +2,7 @@
 import torch
 
 from ..device_facts import BLANK, DECAY, DECAY_AFTER, DIVISOR, FILLER, RESET_AFTER, SILENT, SMALLEST_SCORE
-from .texts import PHRASE
+from .inventory import PHRASE
 
 STATES = 2 * len(PHRASE) + 1
 CLASSES = [PHRASE[j // 2] if j % 2 else BLANK for j in range(STATES)]

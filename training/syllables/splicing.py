@@ -56,8 +56,8 @@ class Splice:
 class Splices:
     """classes: {syllable: class}."""
 
-    def __init__(self, bank, classes):
-        self.bank, self.kept, self.places, self.donors = bank, {}, {}, {}
+    def __init__(self, voices, classes):
+        self.voices, self.kept, self.places, self.donors = voices, {}, {}, {}
         self.parts = {c: parts(name) for name, c in classes.items()}
 
     def of_speaker(self, speaker):
@@ -65,7 +65,7 @@ class Splices:
         by."""
         if speaker not in self.donors:
             heads, tails = collections.defaultdict(list), collections.defaultdict(list)
-            for c, pieces in self.bank.syllables[speaker].items():
+            for c, pieces in self.voices.syllables[speaker].items():
                 if c:
                     initial, final, vowel = self.parts[c]
                     heads[initial, vowel] += pieces
@@ -125,8 +125,8 @@ class Splices:
 
     def candidates(self, piece):
         """Log mel energies of a piece, and the frames at which it may be joined."""
-        count = self.bank.pieces[piece][2]
-        power = np.exp(self.bank.at(piece, np.arange(count))) @ spectra.mel()
+        count = self.voices.pieces[piece][2]
+        power = np.exp(self.voices.at(piece, np.arange(count))) @ spectra.mel()
         loud = power @ spectra.level_weights()
         at = np.arange(max(CONTEXT, int(EARLIEST * count)), min(count - CONTEXT - 1, int(LATEST * count)))
         return np.log(power + 1e-9), at[loud[at] > VOICED * loud.max()]
@@ -135,5 +135,5 @@ class Splices:
         """Log spectra at u, which runs from 0 to 1 over the splice."""
         at = u * splice.frames
         share = np.float32(np.clip((at - splice.leave) / splice.fade + 0.5, 0, 1))[:, None]
-        head = self.bank.at(splice.head, at) + np.float32(splice.raised)
-        return head * (1 - share) + self.bank.at(splice.tail, at - splice.leave + splice.enter) * share
+        head = self.voices.at(splice.head, at) + np.float32(splice.raised)
+        return head * (1 - share) + self.voices.at(splice.tail, at - splice.leave + splice.enter) * share

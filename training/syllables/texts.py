@@ -4,8 +4,7 @@ import math
 
 import numpy as np
 
-from . import voices
-from .voices import DANG, LING, PHRASE, holds_phrase
+from .inventory import DANG, LIKE_DANG, LIKE_LING, LING, PHRASE, holds_phrase, inventory
 
 FRAMES_PER_SECOND = 100
 SYLLABLE = (0.13, 0.6)  # s, limits of the mean length of an utterance's syllables
@@ -15,7 +14,7 @@ LONGEST = 20  # syllables of a string
 NEUTRAL_SHARE = 0.12  # syllables said short and weak
 TOO_LONG = (0.95, 1.5)  # s between the halves of what is no longer the phrase
 FASTEST = 1.35  # by which a sentence is sped up to fit
-RATE = (0.6, 1.7)  # times the tempo in which something was said
+TEMPO_FACTORS = (0.6, 1.7)  # times the tempo in which something was said
 CONNECTED_SHARE = 0.5  # of the phrases and near misses, those that were said as a whole
 BEFORE_SHARE, BEHIND_SHARE = 0.2, 0.3  # of those, how often something else is said before and behind
 # How often recordings, a neural synthesiser's and a formant synthesiser's voices are heard, by how their names begin.
@@ -24,7 +23,7 @@ GROUPS = {"espeak-ng ": 0.15, "neural ": 0.45, "": 0.4}
 
 @dataclasses.dataclass
 class Piece:
-    number: object  # of the bank: what its choose() gave, or one of its pieces
+    number: object  # of the voices: what its choose() gave, or one of its pieces
     begin: float  # frames of 10 ms
     frames: float
     said: tuple  # classes
@@ -35,7 +34,7 @@ class Piece:
 def one_off(rng, known):
     """The phrase with one syllable wrong, in one place or in both. known: classes to choose from."""
     said, place = list(PHRASE), int(rng.integers(4))
-    close = [voices.inventory()[name] for name in (voices.LIKE_LING, voices.LIKE_DANG)[place % 2]]
+    close = [inventory()[name] for name in (LIKE_LING, LIKE_DANG)[place % 2]]
     close = [c for c in close if c in known]
     wrong = int(rng.choice(close if close and rng.random() < 0.7 else known))
     said[place] = wrong
@@ -62,10 +61,10 @@ def near_miss(rng, known):
             return said, pause
 
 
-def some(rng, bank, speaker, count):
+def some(rng, voices, speaker, count):
     """Classes of syllables that the speaker has said, drawn by frequency; 0 for those that have no class."""
-    mine = bank.syllables[speaker]
-    p = bank.frequency * np.isin(np.arange(len(bank.frequency)), list(mine))
+    mine = voices.syllables[speaker]
+    p = voices.frequency * np.isin(np.arange(len(voices.frequency)), list(mine))
     said = rng.choice(len(p), count, p=p / p.sum())
     return [0 if u < OUTSIDE_SHARE and 0 in mine else int(c) for c, u in zip(said, rng.random(count))]
 
@@ -81,7 +80,7 @@ def gap(rng):
     return rng.uniform(low, high)
 
 
-def joined(rng, bank, speaker, said, frames, pause=None, length=None, cut=False):
+def joined(rng, voices, speaker, said, frames, pause=None, length=None, cut=False):
     """Isolated syllables of one speaker joined to an utterance that ends within `frames`; None if it does not fit. cut:
     what does not fit is left away. length: mean s per syllable."""
     mean = length or tempo(rng)
@@ -97,7 +96,7 @@ def joined(rng, bank, speaker, said, frames, pause=None, length=None, cut=False)
         if cut and at + seconds > fits:
             break
         level = rng.normal(0, 1.5) - 5.0 * quiet
-        pieces.append(Piece(bank.choose(rng, speaker, c), at * FRAMES_PER_SECOND, seconds * FRAMES_PER_SECOND, (c,), level))
+        pieces.append(Piece(voices.choose(rng, speaker, c), at * FRAMES_PER_SECOND, seconds * FRAMES_PER_SECOND, (c,), level))
         end = at + seconds
         at = end + space
     spare = fits - end
@@ -114,12 +113,12 @@ def placed(rng, pieces, spare):
     return pieces
 
 
-def words(rng, bank, speaker, frames, core=None):
+def words(rng, voices, speaker, frames, core=None):
     """Words and sentences as somebody said them, one after the other; around the piece `core`, if there is one."""
-    available, speed = frames / FRAMES_PER_SECOND, Speed(rng, bank)
+    available, speed = frames / FRAMES_PER_SECOND, Speed(rng, voices)
     pieces, at, said = [], 0.0, []
-    for number in sequence(rng, bank.words[speaker], core):
-        _, _, _, classes, ends, _ = bank.pieces[number]
+    for number in sequence(rng, voices.words[speaker], core):
+        _, _, _, classes, ends, _ = voices.pieces[number]
         seconds = speed(number, classes, ends, None if pieces else available)
         if at + seconds > available:
             if number == core:
@@ -131,7 +130,7 @@ def words(rng, bank, speaker, frames, core=None):
                             ends and tuple(ends)))
         said += classes
         at += seconds + rng.uniform(0.0, 0.3)
-    if not pieces or holds_phrase(said) != (core is not None and holds_phrase(bank.pieces[core][3])):
+    if not pieces or holds_phrase(said) != (core is not None and holds_phrase(voices.pieces[core][3])):
         return None
     return placed(rng, pieces, frames - pieces[-1].begin - pieces[-1].frames)
 
@@ -150,14 +149,14 @@ def sequence(rng, others, core):
 class Speed:
     """Seconds a recorded piece takes in an utterance of one tempo."""
 
-    def __init__(self, rng, bank):
-        self.rng, self.bank, self.citation, self.length = rng, bank, rng.uniform(1.0, 1.8), tempo(rng)
+    def __init__(self, rng, voices):
+        self.rng, self.voices, self.citation, self.length = rng, voices, rng.uniform(1.0, 1.8), tempo(rng)
 
     def __call__(self, number, classes, ends, fits):
         """fits: s into which a sentence is to be brought, if a little haste does it."""
-        seconds = self.bank.seconds(number)
+        seconds = self.voices.seconds(number)
         if ends:  # spoken fluently
-            return seconds / np.clip(seconds / len(classes) / self.length, *RATE)
+            return seconds / np.clip(seconds / len(classes) / self.length, *TEMPO_FACTORS)
         if len(classes) <= 4:  # citation forms
             return seconds / self.citation
         seconds /= self.rng.uniform(0.9, 1.15)
@@ -175,30 +174,30 @@ def speaker_of(rng, speakers):
     return chosen[rng.choice(len(chosen), p=p / p.sum())]
 
 
-def said_as_a_whole(rng, bank, whole, frames):
+def said_as_a_whole(rng, voices, whole, frames):
     """whole: {speaker: pieces}, one of which is said."""
     speaker = speaker_of(rng, dict.fromkeys(whole, 1.0))
-    return words(rng, bank, speaker, frames, int(rng.choice(whole[speaker])))
+    return words(rng, voices, speaker, frames, int(rng.choice(whole[speaker])))
 
 
-def utterance(rng, bank, kind, frames):
+def utterance(rng, voices, kind, frames):
     """Pieces of an utterance of a kind: "phrase", "near miss", "string" or "words"; None if it came out too long."""
-    if kind == "words" and bank.words:
-        return words(rng, bank, speaker_of(rng, bank.word_speakers), frames)
-    whole = {"phrase": bank.phrases, "near miss": bank.near_misses}.get(kind)
+    if kind == "words" and voices.words:
+        return words(rng, voices, speaker_of(rng, voices.word_speakers), frames)
+    whole = {"phrase": voices.phrases, "near miss": voices.near_misses}.get(kind)
     if whole and rng.random() < CONNECTED_SHARE:
-        return said_as_a_whole(rng, bank, whole, frames)
-    speaker, pause = speaker_of(rng, bank.speakers), None
+        return said_as_a_whole(rng, voices, whole, frames)
+    speaker, pause = speaker_of(rng, voices.speakers), None
     if kind in ("phrase", "near miss"):
-        said, pause = (list(PHRASE), None) if kind == "phrase" else near_miss(rng, list(bank.syllables[speaker]))
+        said, pause = (list(PHRASE), None) if kind == "phrase" else near_miss(rng, list(voices.syllables[speaker]))
         if rng.random() < 0.4:
-            before, after = some(rng, bank, speaker, rng.integers(3)), some(rng, bank, speaker, rng.integers(3))
+            before, after = some(rng, voices, speaker, rng.integers(3)), some(rng, voices, speaker, rng.integers(3))
             longer = before + said + after
             if kind == "phrase" or pause is not None or not holds_phrase(longer):
                 said, pause = longer, None if pause is None else pause + len(before)
     else:
         # Most strings fill their time: there are many classes to learn.
-        said = some(rng, bank, speaker, LONGEST if rng.random() < 0.75 else int(rng.integers(3, 9)))
+        said = some(rng, voices, speaker, LONGEST if rng.random() < 0.75 else int(rng.integers(3, 9)))
         if holds_phrase(said):
             return None
-    return joined(rng, bank, speaker, said, frames, pause, cut=kind == "string")
+    return joined(rng, voices, speaker, said, frames, pause, cut=kind == "string")

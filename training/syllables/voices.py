@@ -1,12 +1,11 @@
 """Recorded and synthetic Mandarin as spectra, cut to where the voice is: what utterances are put together from.
 
-A bank is a folder for one split, named by what it was made from (cache_keys.py):
+They lie in a folder for one split, named by what it was made from (cache_keys.py):
   voices.json    per piece: speaker, first frame, frames, classes of its syllables (0 = another one),
                  where each ends (shares of the frames) or null
   spectra.f16    [frames, 257] float16, log power spectra every HOP samples; every clip's active power is 1
 """
 import collections
-import functools
 import json
 
 import numpy as np
@@ -14,8 +13,8 @@ import numpy as np
 from .. import cache_keys, synthetic
 from .. import corpus as corpora
 from ..device_facts import RATE
-from ..shared import PARAMS
 from . import spectra, splicing
+from .inventory import DANG, LIKE_DANG, LIKE_LING, LING, PHRASE, classes_of, holds_phrase, inventory, is_near_miss
 
 HOP = 80
 ACTIVE = 1e-3  # of the loudest frame's power: 30 dB
@@ -28,32 +27,8 @@ SPLICED_SHARE = 0.5  # of the syllables that can be spliced
 # Beside the phrase's own syllables every synthetic voice says its neighbours and some others.
 SYNTHETIC_OTHERS = 40
 FLOOR = 1e-3  # power below int16 steps
-LING, DANG = 125, 2
-PHRASE = (LING, DANG, LING, DANG)
 SHORTEST = 10  # frames of a syllable
-LIKE_LING = "li lie lin ning leng lang liang ding ming ping ting bing ying xing qing jing long yin nin".split()
-RECIPE = ("models.features", "syllables.cutting", "syllables.spectra", "syllables.voices")
-LIKE_DANG = "bang deng dong fang da dan dai tang gang zhang lang mang pang ang cang zang nang hang kang dao dou".split()
-
-
-@functools.cache
-def inventory():
-    """{syllable: class}"""
-    rows = (line.split() for line in (PARAMS / "syllables.txt").read_text().splitlines())
-    return {name: int(number) for number, name in rows}
-
-
-def classes_of(syllables):
-    """0 for those the network has no class for."""
-    return [inventory().get(s, 0) for s in syllables]
-
-
-def holds_phrase(said):
-    return any(tuple(said[i:i + 4]) == PHRASE for i in range(len(said) - 3))
-
-
-def is_near_miss(said):
-    return sum(c in PHRASE for c in said) > 1 and not holds_phrase(said)
+RECIPE = ("models.features", "syllables.cutting", "syllables.inventory", "syllables.spectra", "syllables.voices")
 
 
 def pieces(corpus, split, cutter=None):
@@ -102,14 +77,14 @@ def active(x):
 
 
 def made_from(corpus, split, seed, synthetic_voices, cutter):
-    """What the bank of a split is a function of; cutter: what cutting.made_from() says of it, or None."""
+    """What the voices of a split are a function of; cutter: what cutting.made_from() says of it, or None."""
     return {"seed": seed, "split": split, "synthetic_voices": synthetic_voices, "cutter": cutter,
             "corpus": corpus.used(("mandarin",), split), "synthesiser": synthetic.made_from("speech"),
             "classes": cache_keys.digest(inventory()), "recipe": cache_keys.constants(*RECIPE)}
 
 
 def build(corpus, parent, split, seed, synthetic_voices=100, cutter=None, progress=lambda done, of: None):
-    """Makes the bank of a split in the folder `parent`, unless it is there. Returns its own folder."""
+    """Makes those of a split in the folder `parent`, unless it is there. Returns its own folder."""
     path = cache_keys.begin(parent, made_from(corpus, split, seed, synthetic_voices, cutter and cutter.made_from))
     file = path / "voices.json"
     if file.exists():
@@ -139,10 +114,10 @@ def build(corpus, parent, split, seed, synthetic_voices=100, cutter=None, progre
 
 
 class Voices:
-    """Built banks, as one."""
+    """What was built in several folders, as one."""
 
     def __init__(self, *paths):
-        self.pieces, self.spectra = [], []  # pieces: speaker, first frame, frames, classes, ends, bank
+        self.pieces, self.spectra = [], []  # pieces: speaker, first frame, frames, classes, ends, folder
         for path in paths:
             description = json.loads((path / "voices.json").read_text())
             self.pieces += [[*piece, len(self.spectra)] for piece in description["pieces"]]
@@ -187,12 +162,12 @@ class Voices:
 
     def at(self, piece, frames):
         """Log spectra of a recorded piece at fractional frames."""
-        _, first, count, _, _, bank = self.pieces[piece]
+        _, first, count, _, _, folder = self.pieces[piece]
         frames = np.clip(frames, 0, count - 1.001)
         low = frames.astype(int)
         part = np.float32(frames - low)[:, None]
-        bank = self.spectra[bank]
-        return bank[first + low] * (1 - part) + bank[first + low + 1] * part
+        rows = self.spectra[folder]
+        return rows[first + low] * (1 - part) + rows[first + low + 1] * part
 
     def seconds(self, piece):
         return self.pieces[piece][2] * HOP / RATE

@@ -5,7 +5,8 @@ import numpy as np
 
 from ..scenes import sources
 from ..scenes.audio import RATE, fade, gain
-from . import voices
+from .inventory import inventory
+from .voices import ACTIVE
 
 FRAME, SEARCH = 400, 120  # samples of the time scaling
 ACTIVE_FRAME = 80
@@ -17,7 +18,7 @@ class Clips:
     def __init__(self, corpus, speaker, split):
         self.corpus, self.clips = corpus, []
         self.syllables = {speaker: collections.defaultdict(list)}
-        classes = voices.inventory()
+        classes = inventory()
         for clip in corpus.clips("mandarin", split):
             if clip.speaker == speaker and clip.pinyin and " " not in clip.pinyin:
                 self.syllables[speaker][classes.get(clip.pinyin, 0)].append(len(self.clips))
@@ -33,7 +34,7 @@ class Clips:
 def trimmed(x):
     """The part of a clip between its first and last frame within 30 dB of the loudest."""
     power = (x[:len(x) // ACTIVE_FRAME * ACTIVE_FRAME].reshape(-1, ACTIVE_FRAME)**2).mean(1)
-    on = np.flatnonzero(power > voices.ACTIVE * power.max())
+    on = np.flatnonzero(power > ACTIVE * power.max())
     return x[on[0] * ACTIVE_FRAME:(on[-1] + 1) * ACTIVE_FRAME]
 
 

@@ -12,7 +12,7 @@ from ..models import kws
 from ..models.quantise import set_mode
 from ..syllables import batch as batches
 from ..syllables import decoder
-from ..syllables.texts import PHRASE
+from ..syllables.inventory import PHRASE
 
 NOT_NOW = -20.0  # log probability taken from a class outside its windows
 SAID = 3  # steps from a syllable's end in which cross-entropy wants its class

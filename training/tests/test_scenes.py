@@ -8,6 +8,7 @@ import pytest
 from conftest import SEED
 from scipy import signal
 
+from make_sample import codec
 from training.device_facts import MIC_DELAY
 from training.library import Library
 from training.scenes import bank as banks
@@ -267,8 +268,6 @@ def test_a_cache_goes_on_where_it_stopped_and_other_scenes_get_their_own(
 
 
 def test_codec_of_the_library_is_that_of_the_scenes(library_path):
-    from training.scenes import codec
-
     samples = np.random.default_rng(SEED).integers(-32768, 32768, 4096).astype(np.int16)
     library = Library(library_path)
     assert np.array_equal(library.scramble(samples), codec.scramble(samples))

@@ -13,7 +13,7 @@ from training.neural_voices import __main__ as speech
 from training.neural_voices import lines
 from training.scenes.audio import RATE
 from training.shared import ROOT
-from training.syllables import batch, cutting, decoder, spectra, splicing, texts, voices, waves
+from training.syllables import batch, cutting, decoder, inventory, spectra, splicing, texts, waves
 from training.tasks import kws as task
 
 torch.set_num_threads(1)
@@ -42,7 +42,7 @@ def test_a_voice_s_formants_and_pitch_move_by_the_factors_asked_for():
     assert 160 / comb.argmax() == pytest.approx(5 * 0.8, rel=0.03)
 
 
-class Bank:
+class Everything:
     """Every class, said by one speaker."""
 
     def __init__(self):
@@ -59,9 +59,9 @@ def test_what_is_nearly_the_phrase_is_not_the_phrase():
     seen = set()
     for _ in range(500):
         said, pause = texts.near_miss(rng, known)
-        assert pause == 1 and tuple(said) == texts.PHRASE or not texts.holds_phrase(said)
+        assert pause == 1 and tuple(said) == inventory.PHRASE or not inventory.holds_phrase(said)
         seen.add(tuple(said))
-    a, b = voices.LING, voices.DANG
+    a, b = inventory.LING, inventory.DANG
     assert {(a, b, a), (b, a, b, a), (a, b, b, a)} <= seen  # the decoder's own weak spots are among them
 
 
@@ -71,10 +71,10 @@ def test_syllables_may_be_said_once_they_have_been_heard():
     for _ in range(50):
         pieces = None
         while pieces is None:
-            pieces = texts.joined(rng, Bank(), "s", list(texts.PHRASE), 345)
+            pieces = texts.joined(rng, Everything(), "s", list(inventory.PHRASE), 345)
         labels, first, last, _, certain = batch.alignment(pieces, 120)
         ends = [(p.begin + p.frames) / FRAMES_PER_BLOCK for p in pieces]
-        assert labels == list(texts.PHRASE) and certain
+        assert labels == list(inventory.PHRASE) and certain
         assert all(l - batch.LATE == int(e) for l, e in zip(last, ends))
         for f, e, piece in zip(first, ends, pieces):
             assert int(e) - f == batch.EARLY or piece.frames > 10 * FRAMES_PER_BLOCK and e - f < 0.5 * piece.frames
@@ -83,18 +83,18 @@ def test_syllables_may_be_said_once_they_have_been_heard():
 
 def test_what_is_said_as_a_whole_keeps_its_syllables_places():
     """Whatever its tempo becomes, and whatever is said around it."""
-    rng, bank = np.random.default_rng(5), Bank()
+    rng, voices = np.random.default_rng(5), Everything()
     ends, others = [0.2, 0.5, 0.8, 1.0], [7, 8]
-    bank.pieces = [["s", 0, 200, list(texts.PHRASE), ends, 0], ["s", 200, 90, others, [0.5, 1.0], 0]]
-    bank.words, bank.seconds = {"s": [1]}, lambda number: bank.pieces[number][2] / 200
+    voices.pieces = [["s", 0, 200, list(inventory.PHRASE), ends, 0], ["s", 200, 90, others, [0.5, 1.0], 0]]
+    voices.words, voices.seconds = {"s": [1]}, lambda number: voices.pieces[number][2] / 200
     longer = 0
     for _ in range(60):
-        pieces = texts.words(rng, bank, "s", 345, core=0)
+        pieces = texts.words(rng, voices, "s", 345, core=0)
         labels, _, last, _, certain = batch.alignment(pieces, 120)
-        at = labels.index(voices.LING)
-        assert certain and labels[at:at + 4] == list(texts.PHRASE) and labels.count(voices.LING) == 2
+        at = labels.index(inventory.LING)
+        assert certain and labels[at:at + 4] == list(inventory.PHRASE) and labels.count(inventory.LING) == 2
         core = next(p for p in pieces if p.number == 0)
-        assert 1 / texts.RATE[1] <= core.frames / 100 <= 1 / texts.RATE[0] + 1e-9
+        assert 1 / texts.TEMPO_FACTORS[1] <= core.frames / 100 <= 1 / texts.TEMPO_FACTORS[0] + 1e-9
         assert [l - batch.LATE for l in last[at:at + 4]] == [int((core.begin + e * core.frames) / 3) for e in ends]
         longer += len(pieces) > 1
     assert 10 < longer < 50
@@ -113,7 +113,7 @@ class Recordings:
     BANDS = {"l": 50, "i": 110, "a": 190, "n": 150, "e": 80}
 
     def __init__(self, **pieces):
-        classes = voices.inventory()
+        classes = inventory.inventory()
         self.spectra = [np.concatenate([self.sound(s, 20 if i else 8) for i, s in enumerate(sounds)])
                         for sounds in pieces.values()]
         self.pieces = [["s", 0, len(x), [classes[name]], 0] for name, x in zip(pieces, self.spectra)]
@@ -129,9 +129,9 @@ class Recordings:
 
 
 def test_a_splice_begins_as_one_syllable_and_ends_as_the_other():
-    bank = Recordings(li="li", nin="nin", lang="lan")
-    rng, classes = np.random.default_rng(4), voices.inventory()
-    splices = splicing.Splices(bank, classes)
+    voices = Recordings(li="li", nin="nin", lang="lan")
+    rng, classes = np.random.default_rng(4), inventory.inventory()
+    splices = splicing.Splices(voices, classes)
     splice = splices.choose(rng, "s", classes["lin"])
     assert (splice.head, splice.tail) == (0, 1)
     heard = splices.rows(splice, np.linspace(0, 0.999, splice.frames)).argmax(1)
@@ -144,9 +144,9 @@ def test_a_splice_begins_as_one_syllable_and_ends_as_the_other():
 def test_ing_may_have_a_schwa_before_its_nasal(monkeypatch):
     monkeypatch.setattr(splicing, "SCHWA_SHARE", 1.0)
     monkeypatch.setattr(splicing, "SCHWA_FADE", (2, 3))
-    bank = Recordings(li="li", leng="len")
-    rng, classes = np.random.default_rng(5), voices.inventory()
-    splices = splicing.Splices(bank, classes)
+    voices = Recordings(li="li", leng="len")
+    rng, classes = np.random.default_rng(5), inventory.inventory()
+    splices = splicing.Splices(voices, classes)
     splice = max((splices.choose(rng, "s", classes["ling"]) for _ in range(20)), key=lambda s: s.leave)
     heard = splices.rows(splice, np.linspace(0, 0.999, splice.frames)).argmax(1)
     heard = heard[[0, splice.leave - 2, splice.leave + 2, -1]]  # on either side of the glide
@@ -155,8 +155,8 @@ def test_ing_may_have_a_schwa_before_its_nasal(monkeypatch):
 
 
 def test_words_are_cut_where_their_syllables_end():
-    classes = [voices.LING, voices.LING, voices.DANG]
-    places, p = [10, 17, 24], said([10, 17, 24], classes=[voices.LING, voices.LING, voices.DANG])[0].exp().numpy()
+    classes = [inventory.LING, inventory.LING, inventory.DANG]
+    places, p = [10, 17, 24], said([10, 17, 24], classes=[inventory.LING, inventory.LING, inventory.DANG])[0].exp().numpy()
     assert [step for step, _ in cutting.last_steps(p, classes)] == places
     assert cutting.last_steps(p[:2], classes) is None
     log_mel = np.repeat([[1.0, 5.0], [3.0, 2.0]], [40, 60], axis=0)
@@ -170,14 +170,14 @@ def test_a_synthesiser_s_attention_tells_where_syllables_end():
     attention = np.eye(len(row))[symbols]
     found, rests = speech.spans(attention, row, chain)
     assert [found[n] for n in (0, 1)] == [(0, 4), (4, 8)] and found[3] == (11, 15)
-    samples = np.zeros(15 * speech.HOP)
+    samples = np.zeros(15 * speech.SPEECH_HOP)
     some = list(speech.clips(np.tile(samples, 10), np.repeat(attention, 10, 0), row, [["a1", "b2"], ["c3"]], chain))
     assert [said for said, _, _ in some] == [["a1", "b2"], ["c3"]]
-    assert some[0][2] == pytest.approx([n * 10 * speech.HOP / speech.RATE for n in (4, 8)])
+    assert some[0][2] == pytest.approx([n * 10 * speech.SPEECH_HOP / speech.SPEECH_RATE for n in (4, 8)])
 
 
 def test_lines_for_a_synthesiser_are_equally_long_and_say_what_they_claim():
-    known = sorted(voices.inventory())
+    known = sorted(inventory.inventory())
     source = lines.Lines(np.random.default_rng(1), [["ling2", "mu4"], ["ma1"] * 20], known)
     phrases = 0
     for _ in range(300):
@@ -189,7 +189,7 @@ def test_lines_for_a_synthesiser_are_equally_long_and_say_what_they_claim():
     assert all([s[:-1] for s in source.near_miss()] != ["ling", "dang"] * 2 for _ in range(300))
 
 
-def said(places, steps=40, classes=texts.PHRASE):
+def said(places, steps=40, classes=inventory.PHRASE):
     """Log posteriors of a network that says `classes` at `places` and is silent elsewhere."""
     p = torch.full((1, steps, CLASSES), 1e-4)
     p[..., BLANK] = 0.98
@@ -201,7 +201,7 @@ def said(places, steps=40, classes=texts.PHRASE):
 def test_the_losses_want_what_the_device_needs():
     """The phrase early, or in the wrong place, costs; so does a wake on anything else."""
     places = [10, 17, 24, 31]
-    example = {"labels": torch.tensor([texts.PHRASE]).float(), "first": torch.tensor([places]) - batch.EARLY,
+    example = {"labels": torch.tensor([inventory.PHRASE]).float(), "first": torch.tensor([places]) - batch.EARLY,
                "last": torch.tensor([places]) + batch.LATE, "certain": torch.ones(1),
                "kind": torch.tensor([batch.KINDS.index("phrase")])}
     in_time, early = said(places), said([t - 4 for t in places])

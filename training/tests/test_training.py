@@ -7,12 +7,12 @@ import numpy as np
 import pytest
 import torch
 
+from params import safetensors_file
 from training import __main__, data, export, losses, muon, parity, tasks, train
 from training.models import spectrum
 from training.models.doa import DirectionNetwork
 from training.models.layers import load_tables
 from training.models.ns import NoiseSuppressor
-from training.shared import safetensors_file
 
 torch.set_num_threads(1)
 

@@ -8,7 +8,7 @@ import numpy as np
 from scipy import signal
 
 from training.evaluate.peers import Absent
-from training.scenes.audio import FULL_SCALE
+from training.device_facts import FULL_SCALE
 
 UP = 3
 FRAME = 480
