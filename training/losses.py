@@ -5,7 +5,7 @@ compares several transforms of the wave, so that no frame grid is favoured (Yama
 """
 import torch
 
-from .models.spectrum import synthesise
+from .models.spectrum import RealTransform, synthesise
 
 COMPRESSION = 0.3
 POWER_FLOOR = 1e-5  # of a signal at 0 dBFS; keeps the compressed gradient finite
@@ -40,8 +40,7 @@ def multi_resolution(estimate, target, complex_share, over_suppression):
         window = torch.hann_window(size, device=estimate.device)
         # Spectra of every size have the level of a 1024-point frame, so that compression acts alike.
         scale = (1024 / size)**0.5
-        both = torch.stft(torch.cat([estimate, target]), size, size // 2, window=window, center=False,
-                          return_complex=True) * scale
+        both = RealTransform.apply(torch.cat([estimate, target]).unfold(-1, size, size // 2) * (window * scale))
         total = total + spectral(*both.chunk(2), complex_share, over_suppression)
     return total / len(RESOLUTIONS)
 

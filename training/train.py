@@ -14,6 +14,7 @@ import numpy as np
 import torch
 import tqdm
 
+from .models.layers import CausalConv
 from .muon import muon
 
 SPLITS = ("train", "valid", "test")
@@ -113,6 +114,7 @@ def train(task, config, folder, device, model=None, section="train"):
     c, seed = config[section], config["seed"]
     folder.mkdir(parents=True, exist_ok=True)
     torch.manual_seed(seed)
+    CausalConv.bfloat16 = c.get("bfloat16", False)
     model = (model or task.model()).to(device)
     if c.get("optimizer") == "muon":
         optimizer = muon(model, c["weight_decay"])

@@ -52,6 +52,8 @@ class CausalConv(nn.Module):
     Normalisation exists in training only: fold() moves it into weight and bias, which are the exported tables.
     """
 
+    bfloat16 = False  # products in training; sums and everything else stay float32
+
     def __init__(self, inputs, outputs, kernel, stride=1, activation=False, norm=False):
         super().__init__()
         self.conv = nn.Conv2d(inputs, outputs, kernel, stride=(1, stride))
@@ -59,7 +61,10 @@ class CausalConv(nn.Module):
         self.prelu = nn.PReLU(outputs) if activation else None
 
     def forward(self, x):
-        x = self.convolve(F.pad(x, (1, 1, self.conv.kernel_size[0] - 1, 0)))
+        x = F.pad(x, (1, 1, self.conv.kernel_size[0] - 1, 0))
+        with torch.autocast(x.device.type, torch.bfloat16, enabled=self.bfloat16 and self.training):
+            x = self.convolve(x)
+        x = x.float()
         if self.norm is not None:
             x = self.norm(x)
         return x if self.prelu is None else self.prelu(x)

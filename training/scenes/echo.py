@@ -21,7 +21,7 @@ from training.scenes.loudspeaker import (
     ZhangWang,
 )
 
-MATERIAL = {"speech": 0.6, "music": 0.3, "tones": 0.1}
+MATERIAL = {"speech": 0.47, "music": 0.43, "tones": 0.1}
 REFERENCE_LEVEL = (-32.0, -14.0)  # dBFS, active
 REFERENCE_PEAK = 0.98
 NONLINEARITIES = {"linear": 0.2, "clip": 0.25, "sigmoid": 0.25, "erf": 0.2, "tanh": 0.1}

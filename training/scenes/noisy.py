@@ -8,11 +8,11 @@ import math
 
 import numpy as np
 
-from training.scenes import array_geometry, mixing, sources
+from training.scenes import array_geometry, mixing, sources, steady
 from training.scenes.audio import RATE, active_power, gain
 from training.scenes.bank import diffuse
 
-LEVEL = (-35.0, -15.0)  # dBFS of talker and noise together
+LEVEL = (-42.0, -12.0)  # dBFS of talker and noise together
 PEAK = 0.98  # louder scenes are turned down to it, as whoever sets up the converter does
 SNR = (-5.0, 20.0)  # dB
 CLEAN_SNR, CLEAN_SHARE = (30.0, 50.0), 0.1
@@ -21,7 +21,8 @@ SELF_NOISE = (-85.0, -68.0)  # dBFS, of each microphone
 EARLY = 0.05  # s, reflections the target keeps
 LATE_DB = (6.0, 10.0)  # how much weaker than heard the target's late reverberation is
 
-NOISES = {"recorded": 0.5, "babble": 0.12, "talker": 0.08, "music": 0.2, "two": 0.1}
+NOISES = {"recorded": 0.22, "steady": 0.3, "babble": 0.12, "talker": 0.06, "music": 0.14, "two": 0.16}
+STEADY_OF_TWO = 0.6  # share of two noises each of which is one by formula
 DIFFUSE_SHARE = 0.3
 MIC_SPACING = math.sqrt(3.0) * array_geometry.MIC_RADIUS
 
@@ -34,26 +35,34 @@ def dry_noise(corpus, rng, split, samples, kinds=NOISES):
     """
     shares = np.array(list(kinds.values()))
     kind = rng.choice(list(kinds), p=shares / shares.sum())
-    point = np.zeros((2, samples), np.float32)
+    point, field = np.zeros((2, samples), np.float32), None
     if kind == "talker":
         point[0] = sources.talk(corpus, rng, "far", split, samples)
-        return point, None
-    if kind in ("babble", "music") or rng.random() >= DIFFUSE_SHARE:
-        if kind == "babble":
-            for place in point:
-                place[:] = sources.babble(corpus, rng, split, samples)
-        else:
-            role = "music" if kind == "music" else "noise"
-            point[0] = sources.excerpts(corpus, rng, role, split, samples)[0]
-        field = None
+    elif kind == "babble":
+        for place in point:
+            place[:] = sources.babble(corpus, rng, split, samples)
+    elif kind == "music":
+        point[0] = sources.excerpts(corpus, rng, "music", split, samples)[0]
     else:
-        field = diffuse(sources.excerpts(corpus, rng, "noise", split, samples, 3), MIC_SPACING)
+        around = rng.random() < DIFFUSE_SHARE
+        noise = background(corpus, rng, split, samples, kind, 3 if around else 1)
+        if around:
+            field = diffuse(noise, MIC_SPACING)
+        else:
+            point[0] = noise[0]
     if kind == "two":
-        second = sources.excerpts(corpus, rng, "noise", split, samples)[0]
+        second = background(corpus, rng, split, samples, kind)[0]
         level = mixing.power(point[0] if field is None else field[0])
         second *= np.sqrt(level / (mixing.power(second) + 1e-20)) * gain(rng.uniform(-10, 0))
         point[1] = second
     return point, field
+
+
+def background(corpus, rng, split, samples, kind, count=1):
+    """[count, samples]: a recording, a noise by formula, or for two of them either."""
+    if kind == "steady" or kind == "two" and rng.random() < STEADY_OF_TWO:
+        return steady.steady(rng, samples, count)
+    return sources.excerpts(corpus, rng, "noise", split, samples, count)
 
 
 def draw_scene(corpus, bank, rng, samples, split):

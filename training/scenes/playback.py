@@ -12,8 +12,9 @@ from training.scenes import echo, mixing, sources
 from training.scenes.audio import RATE, active_power, gain
 from training.scenes.noisy import LEVEL, MIC_GAIN, PEAK, SELF_NOISE, dry_noise
 
-SCENARIOS = {"double_talk": 0.75, "far_end": 0.15, "near_end": 0.1}
+SCENARIOS = {"double_talk": 0.73, "far_end": 0.12, "near_end": 0.15}
 SER = (-25.0, 10.0)  # dB, talker against echo
+USUAL_SER, USUAL_SHARE = (-15.0, 0.0), 0.6
 ECHO_SNR, ECHO_NOISY_SNR, ECHO_NOISY_SHARE = (10.0, 30.0), (-5.0, 10.0), 0.2
 COLD_START_SHARE = 0.3  # double talk from the beginning, before the canceller has converged
 LEARNING = (3.0, 8.0)  # s of far end alone otherwise
@@ -73,7 +74,7 @@ def aec_clip(corpus, bank, rng, seconds, split, scenario):
     """
     samples = math.ceil(seconds * RATE / FRAME) * FRAME
     room, other_room = bank.draw(rng, split), bank.draw(rng, split)
-    ser = rng.uniform(*SER)
+    ser = rng.uniform(*(USUAL_SER if rng.random() < USUAL_SHARE else SER))
     noisy = rng.random() < ECHO_NOISY_SHARE
     snr = rng.uniform(*(ECHO_NOISY_SNR if noisy else ECHO_SNR))
 
