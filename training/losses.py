@@ -9,7 +9,7 @@ from .models.spectrum import RealTransform, synthesise
 
 COMPRESSION = 0.3
 POWER_FLOOR = 1e-5  # of a signal at 0 dBFS; keeps the compressed gradient finite
-AUDIBLE = 1e-2  # power of a target, relative to the microphone's, that has a signal-to-distortion ratio
+AUDIBLE = 3e-3  # power of a target, relative to the microphone's, that has a signal-to-distortion ratio
 SI_SDR_ENOUGH = 20.0  # dB
 RESOLUTIONS = (256, 512, 2048)  # beside the network's own 1024
 
@@ -23,7 +23,7 @@ def compressed(spectrum):
 
 def spectral(estimate, target, complex_share, over_suppression, weight=None):
     """Mean squared difference of compressed spectra. Bins where the estimate lies under the target count
-    over_suppression times: speech taken away is worse than noise left."""
+    over_suppression times, a number or one for each bin: speech taken away is worse than noise left."""
     m, c = compressed(estimate)
     m_target, c_target = compressed(target)
     w = 1 + (over_suppression - 1) * (m < m_target).to(m.dtype)
@@ -45,18 +45,20 @@ def multi_resolution(estimate, target, complex_share, over_suppression):
     return total / len(RESOLUTIONS)
 
 
-def suppression(estimate, target, level, config, low_factors, weight=None):
+def suppression(estimate, target, level, config, low_factors, weight=None, near=None):
     """Loss of a suppressor's output.
 
     estimate, target: complex [B, frames, BINS], the estimate after mask, floor and low-bin factors; level [B]: RMS that
     the pair is divided by, so that quiet clips count like loud ones; low_factors [BINS]: the engine's fixed low-bin
-    attenuation, which the target gets too: nothing is to be learnt there; weight [B, frames, BINS] or None.
+    attenuation, which the target gets too: nothing is to be learnt there; weight [B, frames, BINS] or None; near, of
+    that shape or None: share of the target in what came in, which config["near_kept"] adds weight to.
     """
     gain = (1 / level.clamp_min(1e-4))[:, None, None]
     estimate, target = estimate * gain, target * gain * low_factors
     first = int((low_factors < 1).sum())
     share, over = config["complex_share"], config["over_suppression"]
-    loss = spectral(estimate[..., first:], target[..., first:], share, over,
+    kept = over if near is None else over + config["near_kept"] * near[..., first:]
+    loss = spectral(estimate[..., first:], target[..., first:], share, kept,
                     None if weight is None else weight[..., first:])
     estimate, target = synthesise(estimate), synthesise(target)
     loss = loss + config["multi_resolution"] * multi_resolution(estimate, target, share, over)

@@ -38,11 +38,13 @@ class Task:
 
     def suppression(self, batch, estimate, target, error):
         c = self.config["loss"]
-        # Bins where echo is left count more: there the network earns its keep.
+        # Bins where echo is left count more: there the network earns its keep. Where the talker is what there is, taking
+        # it away counts more.
         left, speech = (error - target).abs(), target.abs()
-        weight = 1 + c["echo_weight"] * left / (left + speech + 1e-6)
+        near = speech / (left + speech + 1e-6)
+        weight = 1 + c["echo_weight"] * (1 - near)
         level = batch["mic"].pow(2).mean(-1).sqrt()
-        return losses.suppression(estimate, target, level, c, self.low_factors.to(level.device), weight)
+        return losses.suppression(estimate, target, level, c, self.low_factors.to(level.device), weight, near)
 
     def loss(self, model, batch, rng):
         estimate, target, error, _ = self.outputs(model, batch)
