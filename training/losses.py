@@ -33,25 +33,26 @@ def spectral(estimate, target, complex_share, over_suppression, weight=None):
     return (w * ((1 - complex_share) * (m - m_target)**2 + complex_share * (d.real**2 + d.imag**2))).mean()
 
 
-def multi_resolution(estimate, target, complex_share, over_suppression):
+def multi_resolution(estimate, target, complex_share, over_suppression, sizes=RESOLUTIONS):
     """spectral() of two waves [B, samples] at several frame sizes, averaged."""
     total = 0
-    for size in RESOLUTIONS:
+    for size in sizes:
         window = torch.hann_window(size, device=estimate.device)
         # Spectra of every size have the level of a 1024-point frame, so that compression acts alike.
         scale = (1024 / size)**0.5
         both = RealTransform.apply(torch.cat([estimate, target]).unfold(-1, size, size // 2) * (window * scale))
         total = total + spectral(*both.chunk(2), complex_share, over_suppression)
-    return total / len(RESOLUTIONS)
+    return total / len(sizes)
 
 
-def suppression(estimate, target, level, config, low_factors, weight=None, near=None):
+def suppression(estimate, target, level, config, low_factors, weight=None, near=None, sizes=RESOLUTIONS):
     """Loss of a suppressor's output.
 
     estimate, target: complex [B, frames, BINS], the estimate after mask, floor and low-bin factors; level [B]: RMS that
     the pair is divided by, so that quiet clips count like loud ones; low_factors [BINS]: the engine's fixed low-bin
     attenuation, which the target gets too: nothing is to be learnt there; weight [B, frames, BINS] or None; near, of
-    that shape or None: share of the target in what came in, which config["near_kept"] adds weight to.
+    that shape or None: share of the target in what came in, which config["near_kept"] adds weight to; sizes: of the other
+    frames; one drawn for each batch is as good as all, and cheaper.
     """
     gain = (1 / level.clamp_min(1e-4))[:, None, None]
     estimate, target = estimate * gain, target * gain * low_factors
@@ -61,7 +62,7 @@ def suppression(estimate, target, level, config, low_factors, weight=None, near=
     loss = spectral(estimate[..., first:], target[..., first:], share, kept,
                     None if weight is None else weight[..., first:])
     estimate, target = synthesise(estimate), synthesise(target)
-    loss = loss + config["multi_resolution"] * multi_resolution(estimate, target, share, over)
+    loss = loss + config["multi_resolution"] * multi_resolution(estimate, target, share, over, sizes)
     audible = target.pow(2).mean(-1) > AUDIBLE
     if audible.any():
         ratio = si_sdr(estimate[audible], target[audible])

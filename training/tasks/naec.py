@@ -36,7 +36,7 @@ class Task:
                               for x in (batch["target"], batch["mic"] - batch["echo"], batch["mic"]))
         return estimate, target, error, mic
 
-    def suppression(self, batch, estimate, target, error):
+    def suppression(self, batch, estimate, target, error, sizes=losses.RESOLUTIONS):
         c = self.config["loss"]
         # Bins where echo is left count more: there the network earns its keep. Where the talker is what there is, taking
         # it away counts more.
@@ -44,11 +44,11 @@ class Task:
         near = speech / (left + speech + 1e-6)
         weight = 1 + c["echo_weight"] * (1 - near)
         level = batch["mic"].pow(2).mean(-1).sqrt()
-        return losses.suppression(estimate, target, level, c, self.low_factors.to(level.device), weight, near)
+        return losses.suppression(estimate, target, level, c, self.low_factors.to(level.device), weight, near, sizes)
 
     def loss(self, model, batch, rng):
         estimate, target, error, _ = self.outputs(model, batch)
-        return self.suppression(batch, estimate, target, error), {}
+        return self.suppression(batch, estimate, target, error, rng.choice(losses.RESOLUTIONS, 1)), {}
 
     def validate(self, model, batch):
         estimate, target, error, mic = self.outputs(model, batch)

@@ -23,11 +23,15 @@ class Task:
     def loss(self, model, batch, rng):
         c = self.config["loss"]
         floor = float(rng.choice(c["floors"]))
-        microphones = MICROPHONES if rng.random() < c["interleaved"] else 1
+        microphones = MICROPHONES
+        if rng.random() >= c["interleaved"]:  # one of each scene's microphones, which are much alike
+            microphones, one = 1, int(rng.integers(MICROPHONES))
+            batch = {name: batch[name][one::MICROPHONES] for name in ("mics", "target")}
         estimate = model(batch["mics"], microphones, floor)
         target = spectrum.analyse(batch["target"])[:, :estimate.shape[1]]
         level = batch["mics"].pow(2).mean(-1).sqrt()
-        return losses.suppression(estimate, target, level, c, self.low_factors.to(level.device)), {}
+        sizes = rng.choice(losses.RESOLUTIONS, 1)
+        return losses.suppression(estimate, target, level, c, self.low_factors.to(level.device), sizes=sizes), {}
 
     def validate(self, model, batch):
         estimate = model(batch["mics"], MICROPHONES, VALIDATION_FLOOR)
