@@ -62,6 +62,11 @@ class Corpus:
         self._pools = {}
         self._draws = {}
 
+    @property
+    def root(self):
+        """The folder, unpacked; None without recordings."""
+        return self._root
+
     def clips(self, role, split):
         """The clips of a role in a split, in a fixed order."""
         if (role, split) not in self._pools:

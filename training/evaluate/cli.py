@@ -8,7 +8,8 @@ import time
 
 from training.shared import ROOT
 
-SECTIONS = ("noise", "echo", "direction", "wake")
+SECTIONS = ("noise", "echo", "devices", "direction", "wake")
+SIZED = ("noise", "echo", "direction", "wake")
 
 
 def add_options(parser):
@@ -33,8 +34,11 @@ def add_options(parser):
     )
     parser.add_argument("--bank", type=pathlib.Path, help="room bank (default: bank in the cache)")
     parser.add_argument("--out", type=pathlib.Path, default=ROOT / "build-evaluate")
+    parser.add_argument(
+        "--gtcrn", type=pathlib.Path, help="gtcrn_simple.onnx of Xiaobin-Rong/gtcrn: one more noise suppressor to compare with"
+    )
     parser.add_argument("--sections", default=",".join(SECTIONS), help=f"of {','.join(SECTIONS)}")
-    for name in SECTIONS:
+    for name in SIZED:
         parser.add_argument(f"--{name}-scenes", type=int, help="instead of the set's number")
 
 
@@ -46,7 +50,7 @@ def run(arguments):
 
     from training.corpus import open_corpus
     from training.data import SEED
-    from training.evaluate import direction, echo_path, noise, report, revision, scenes, sets, wake
+    from training.evaluate import devices, direction, echo_path, noise, report, revision, scenes, sets, wake
     from training.evaluate.device import Device
     from training.scenes.bank import build_bank
 
@@ -58,7 +62,7 @@ def run(arguments):
             f"evaluate: no library {arguments.library}: build it, or name one with --library"
         )
     sizes = sets.SHORT if arguments.short else sets.LONG
-    chosen = {name: getattr(arguments, f"{name}_scenes") for name in SECTIONS}
+    chosen = {name: getattr(arguments, f"{name}_scenes") for name in SIZED}
     sizes = dataclasses.replace(sizes, **{name: n for name, n in chosen.items() if n is not None})
 
     started = time.time()
@@ -82,11 +86,12 @@ def run(arguments):
     counts = {
         "noise": sizes.noise,
         "echo": sizes.echo,
+        "devices": None,
         "direction": sizes.direction,
         "wake": sizes.wake + round(sizes.silence_minutes),
     }
     for name in SECTIONS:
-        if name not in wanted:
+        if name not in wanted or name == "devices" and not has_devices(corpus):
             continue
         with tqdm.tqdm(
             total=counts[name], desc=name, unit="scene", mininterval=1 if os.isatty(2) else 60
@@ -95,9 +100,12 @@ def run(arguments):
                 results[name] = wake.run(device, corpus, rooms, sizes, bar.update)
             elif name == "direction":
                 results[name] = direction.run(device, others, sizes, bar.update)
+            elif name == "devices":
+                results[name] = devices.run(device, corpus.root, speech, bar.update)
+            elif name == "noise":
+                results[name] = noise.run(device, others, rooms, sizes, speech, bar.update, arguments.gtcrn)
             else:
-                section = {"noise": noise, "echo": echo_path}[name]
-                results[name] = section.run(device, others, rooms, sizes, speech, bar.update)
+                results[name] = echo_path.run(device, others, rooms, sizes, speech, bar.update)
     results["about"]["minutes"] = round((time.time() - started) / 60, 1)
 
     arguments.out.mkdir(parents=True, exist_ok=True)
@@ -105,6 +113,13 @@ def run(arguments):
     report.write(results, arguments.out / "evaluation.html")
     print(report.terminal(results))
     print(f"wrote {arguments.out / 'evaluation.json'} and {arguments.out / 'evaluation.html'}")
+
+
+def has_devices(corpus):
+    """Whether the corpus has recordings of real devices."""
+    from training.evaluate.devices import FOLDER
+
+    return corpus.root is not None and (corpus.root / FOLDER).exists()
 
 
 def clean_speech(corpus):

@@ -1,11 +1,11 @@
 """Section 1: the noise suppressor. Microphone 1 is judged."""
 
-from training.evaluate import intervals, metrics, peers, scenes, sets
+from training.evaluate import intervals, metrics, peers, scenes
 
 MEASURES = ("si_sdr", "estoi", "ovrl", "sig", "bak")
 
 
-def systems(device, speech):
+def systems(device, speech, gtcrn=None):
     """name -> function of mics [3, n] giving microphone 1 [n]; the peers' delays; lines about absent ones."""
     ours = {
         "Quibo, floor 0.1": lambda mics: device.suppress_noise(mics[:1], 0.1)[0],
@@ -13,7 +13,7 @@ def systems(device, speech):
         "Quibo, floor 0.1, three microphones": lambda mics: device.suppress_noise(mics, 0.1)[0],
         "Quibo, floor 0.3, three microphones": lambda mics: device.suppress_noise(mics, 0.3)[0],
     }
-    installed, absent = peers.noise_suppressors()
+    installed, absent = peers.noise_suppressors(gtcrn)
     theirs, delays = {}, {}
     for peer in installed:
         process = peers.Aligned(peer.suppress_noise, speech)
@@ -30,15 +30,15 @@ def measure(output, target):
     }
 
 
-def run(device, corpus, rooms, sizes, speech, progress):
+def run(device, corpus, rooms, sizes, speech, progress, gtcrn=None):
     """{rows: one per scene, condition and system; summary; absent}."""
-    table, delays, absent = systems(device, speech)
+    table, delays, absent = systems(device, speech, gtcrn)
     rows = []
     for number in range(sizes.noise):
-        for snr, mics, target in scenes.noisy_speech(corpus, rooms, number):
+        for condition, mics, target in scenes.noisy_speech(corpus, rooms, number):
             for name, process in table.items():
                 values = measure(process(mics), target[0])
-                rows.append({"scene": number, "condition": f"{snr:g} dB", "system": name, **values})
+                rows.append({"scene": number, "condition": condition, "system": name, **values})
         progress()
     return {"rows": rows, "summary": summarise(rows), "delays": delays, "absent": absent}
 
@@ -47,7 +47,7 @@ def summarise(rows):
     """condition -> system -> measure -> figure; also the improvement of SI-SDR over the noisy one."""
     noisy = {(r["scene"], r["condition"]): r["si_sdr"] for r in rows if r["system"] == "noisy"}
     summary = {}
-    for condition in (f"{snr:g} dB" for snr in sets.SNRS):
+    for condition in dict.fromkeys(r["condition"] for r in rows):
         for system in dict.fromkeys(r["system"] for r in rows):
             chosen = [r for r in rows if (r["condition"], r["system"]) == (condition, system)]
             figures = {m: intervals.bootstrap([r[m] for r in chosen]) for m in MEASURES}

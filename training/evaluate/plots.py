@@ -41,6 +41,7 @@ STYLES = {
     "speexdsp": ("#c8701b", "-", "^"),
     "WebRTC": ("#2f8a57", "-", "D"),
     "RNNoise": ("#a0409a", "-", "v"),
+    "GTCRN": ("#b3343a", "-", "P"),
 }
 CONDITION_COLOURS = ("#1f5fd1", "#2f8a57", "#c8701b", "#a0409a")
 DIRECTION_COLOURS = {"Quibo": "#1f5fd1", "SRP-PHAT, whole phrase": "#c8701b"}
@@ -62,7 +63,7 @@ def noise(summary):
     """SI-SDR gained, ESTOI and DNSMOS against SNR."""
     figure, axes = plt.subplots(1, 3, figsize=(11, 3.1), layout="constrained")
     panels = (("si_sdr_gain", "SI-SDR gained, dB"), ("estoi", "ESTOI"), ("ovrl", "DNSMOS overall"))
-    conditions = list(summary)
+    conditions = [c for c in summary if "," not in c]  # the steady noises have one ratio only
     systems = [s for s in STYLES if s in summary[conditions[0]]]
     spread = np.linspace(-0.5, 0.5, len(systems))  # dB beside each other, so that all are seen
     for axis, (measure, title) in zip(axes, panels):
@@ -110,6 +111,29 @@ def echo_over_time(summary, window):
         )
     figure.axes[0].set_ylabel("ERLE, dB")
     legend(figure, figure.axes[0], 4)
+    return svg(figure)
+
+
+def levels(rows, window):
+    """Level over time of every recording, a panel each."""
+    recordings = list(dict.fromkeys(r["recording"] for r in rows))
+    columns = 2
+    lines = -(-len(recordings) // columns)
+    figure, axes = plt.subplots(
+        lines, columns, figsize=(11, 2.2 * lines), sharey=True, squeeze=False, layout="constrained"
+    )
+    for axis, recording in zip(axes.ravel(), recordings):
+        for row in (r for r in rows if r["recording"] == recording):
+            colour, line, _ = STYLES[row["system"]]
+            t = window * (np.arange(len(row["levels"])) + 0.5)
+            axis.plot(t, row["levels"], color=colour, linestyle=line, linewidth=1.3, label=row["system"])
+        axis.set_title(recording, fontsize=8.5)
+        axis.set_ylim(-80, None)
+    for axis in axes.ravel()[len(recordings) :]:
+        axis.set_visible(False)
+    figure.supxlabel("s", fontsize=9)
+    figure.supylabel("dBFS", fontsize=9)
+    legend(figure, figure.axes[0], 5)
     return svg(figure)
 
 

@@ -2,8 +2,9 @@
 
 import html
 
-from training.evaluate import direction, plots, sets, wake
+from training.evaluate import devices, direction, plots, sets, wake
 from training.evaluate.metrics import ERLE_WINDOW, HIGH_PASS_HZ
+from training.evaluate.peers.gtcrn import Gtcrn
 from training.evaluate.peers.rnnoise import RNNoise
 from training.evaluate.peers.speex import Speex
 from training.evaluate.peers.webrtc import WebRtc
@@ -29,6 +30,7 @@ ECHO_COLUMNS = {
     "deg_near_end": ("degrad. MOS", 2, 1),
 }
 ECHO_GROUPS = (("playback alone", 2), ("both at once", 4), ("talker alone", 3))
+DEVICES_COLUMNS = {"echo": ("echo MOS", 2, 1), "degradation": ("degrad. MOS", 2, 1)}
 DIRECTION_COLUMNS = {
     "median": ("median, °", 0, -1),
     "p90": ("90th percentile, °", 0, -1),
@@ -101,12 +103,12 @@ def _noise(section, about):
     yield "<h2>Noise suppressor</h2>"
     yield (
         f"<p>{about['sizes']['noise']} scenes, each at every SNR: a talker 0.5 to 5 m away and recorded noise, babble, "
-        "music or a second talker. Microphone 1 is judged against the talker as it hears him, with late reverberation "
+        "music or a second talker; then the same with white noise, a fan or six talkers instead. Microphone 1 is judged against the talker as it hears him, with late reverberation "
         "6 to 10 dB down.</p>"
     )
     yield f"<figure>{plots.noise(section['summary'])}</figure>"
     for condition, systems in section["summary"].items():
-        yield f"<h3>SNR {condition}</h3>" + _table(systems, NOISE_COLUMNS)
+        yield f"<h3>{condition.removesuffix(' dB')} dB signal-to-noise</h3>" + _table(systems, NOISE_COLUMNS)
     yield (
         f"<p class=note>SI-SDR is taken above {HIGH_PASS_HZ:.0f} Hz of both signals: the suppressor holds the lowest "
         "bins down on purpose. The mask's floor limits how much can be taken away: 0.1 is 20 dB, 0.3 is 10 dB. "
@@ -138,6 +140,20 @@ def _echo(section, about):
         "<em>Path changes</em>: after 4 s of playback alone the room is another one.</p>"
         + _peers(section)
     )
+
+
+def _devices(section, about):
+    yield "<h2>Echo path, real devices</h2>"
+    count = len({r["recording"] for r in section["rows"]})
+    yield (
+        f"<p>{count} recordings of microphone and playback by people's own devices, the delay between the two files taken "
+        "off. Nobody knows what the talkers alone sounded like: AECMOS is a network's opinion.</p>"
+    )
+    yield f"<figure>{plots.levels(section['rows'], devices.WINDOW)}</figure>"
+    for kind, systems in section["summary"].items():
+        title = "Playback alone" if kind == "far_end" else "Both at once"
+        yield f"<h3>{title}</h3>" + _table(systems, DEVICES_COLUMNS)
+    yield _peers(section)
 
 
 def _direction(section, about):
@@ -245,7 +261,7 @@ def _cell(figure, digits, factor=1, unit="", best=False):
 
 
 def _peers(section):
-    about = {peer.name: peer.about for peer in (Speex, WebRtc, RNNoise)}
+    about = {peer.name: peer.about for peer in (Speex, WebRtc, RNNoise, Gtcrn)}
     lines = [
         f"{about[name]}; its delay of {delay} samples and its fixed phase are taken off"
         for name, delay in section["delays"].items()
@@ -270,7 +286,7 @@ def _about(results):
 def terminal(results):
     """Tables in plain text."""
     lines = []
-    for name, columns in (("noise", NOISE_COLUMNS), ("echo", ECHO_COLUMNS)):
+    for name, columns in (("noise", NOISE_COLUMNS), ("echo", ECHO_COLUMNS), ("devices", DEVICES_COLUMNS)):
         for condition, systems in results.get(name, {}).get("summary", {}).items():
             lines += ["", f"{name}, {condition}"]
             lines.append(f"  {'':38}" + "".join(f"{m:>18}" for m in columns))
@@ -309,4 +325,4 @@ def terminal(results):
     return "\n".join(lines)
 
 
-SECTIONS = {"noise": _noise, "echo": _echo, "direction": _direction, "wake": _wake}
+SECTIONS = {"noise": _noise, "echo": _echo, "devices": _devices, "direction": _direction, "wake": _wake}

@@ -57,11 +57,40 @@ class TestRooms:
 
 
 def noisy_speech(corpus, rooms, number):
-    """Yields (SNR, mics [3, n], target [3, n]) of one scene."""
-    scene = noisy.draw_scene(corpus, rooms, generator("noise", number), NOISY_FRAMES * FRAME, SPLIT)
+    """Yields (condition, mics [3, n], target [3, n]) of one scene."""
+    rng, samples = generator("noise", number), NOISY_FRAMES * FRAME
+    scene = noisy.draw_scene(corpus, rooms, rng, samples, SPLIT, sets.NOISE_KINDS)
     for snr in sets.SNRS:
         mics, target = noisy.mix([{**scene, "snr": snr}], lambda x: x)
-        yield snr, mics[0], target[0]
+        yield f"{snr:g} dB", mics[0], target[0]
+    for name in sets.STEADY:
+        dry = scene["dry"].copy()
+        dry[1:] = steady(corpus, rng, name, samples)
+        other = {**scene, "dry": dry, "field": np.zeros_like(scene["field"]), "snr": sets.STEADY_SNR}
+        mics, target = noisy.mix([other], lambda x: x)
+        yield f"{name}, {sets.STEADY_SNR:g} dB", mics[0], target[0]
+
+
+def steady(corpus, rng, name, samples):
+    """[2, samples], what sounds at the two places of noise."""
+    point = np.zeros((2, samples), np.float32)
+    if name == "babble of six":
+        for talker in range(6):
+            point[talker % 2] += sources.talk(corpus, rng, "far", SPLIT, samples)
+    elif name == "white":
+        point[0] = rng.standard_normal(samples)
+    else:
+        point[0] = fan(rng, samples)
+    return point
+
+
+def fan(rng, samples):
+    """Pink air, and the tones of blades 5 dB below it."""
+    hz = np.maximum(np.fft.rfftfreq(samples, 1.0 / RATE), 40.0)
+    air = np.fft.irfft(np.fft.rfft(rng.standard_normal(samples)) / np.sqrt(hz), samples)
+    blade, t = rng.uniform(80.0, 200.0), np.arange(samples) / RATE
+    tones = sum(np.sin(2 * np.pi * k * blade * t + rng.uniform(0, 2 * np.pi)) / k for k in range(1, 7))
+    return air / air.std() + gain(-5.0) * tones / tones.std()
 
 
 @dataclasses.dataclass(frozen=True)

@@ -20,6 +20,9 @@ SHORT = Sizes(noise=8, echo=5, direction=15, wake=8, silence_minutes=4.0, rooms=
 LONG = Sizes(noise=120, echo=60, direction=200, wake=200, silence_minutes=600.0, rooms=3000)
 
 SNRS = (0.0, 5.0, 10.0, 15.0)  # dB
+NOISE_KINDS = {"recorded": 0.6, "babble": 0.12, "talker": 0.08, "music": 0.2}  # at those ratios
+STEADY = ("white", "fan", "babble of six")  # noises the same scenes are heard in, too
+STEADY_SNR = 5.0
 SERS = (0.0, -10.0, -20.0)
 CHANGED_SER = -10.0  # the condition in which the echo path changes
 DIRECTION_CONDITIONS = {  # name -> (RT60 in s, SNR, SER or None in dB)

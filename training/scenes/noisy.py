@@ -65,14 +65,14 @@ def background(corpus, rng, split, samples, kind, count=1):
     return sources.excerpts(corpus, rng, "noise", split, samples, count)
 
 
-def draw_scene(corpus, bank, rng, samples, split):
+def draw_scene(corpus, bank, rng, samples, split, kinds=NOISES):
     """Everything random of one scene, dry."""
     room = bank.draw(rng, split)
     speech = bank.responses(room, "talker")
     onset = bank.rooms["onset"][room][0]
     early = mixing.early_part(speech, onset, EARLY)
     late_gain = gain(-rng.uniform(*LATE_DB))
-    point, field = dry_noise(corpus, rng, split, samples)
+    point, field = dry_noise(corpus, rng, split, samples, kinds)
     lead = 1.5 if rng.random() < 0.1 else 0.3
     return {
         "dry": np.concatenate(

@@ -108,6 +108,16 @@ def test_a_call_is_heard_when_it_is_said_to_be(corpus):
         assert metrics.power(call.mics[0, begin:end]) > 4 * before
 
 
+def test_steady_noises_are_what_they_are_called():
+    """White: equal in every band. Fan: tones stand 10 dB out of it. Six talkers come from two places."""
+    rng, samples = np.random.default_rng(SEED), 4 * RATE
+    white, fan = (np.abs(np.fft.rfft(scenes.steady(None, rng, name, samples)[0])) ** 2 for name in ("white", "fan"))
+    bands = [white[a : a + 4000].mean() for a in range(0, 32000, 4000)]
+    assert max(bands) / min(bands) < 1.2
+    floor = np.array([np.median(fan[max(0, f - 80) : f + 80]) for f in range(320, 800)])
+    assert (fan[320:800] / floor).max() > 100
+
+
 def test_the_library_comes_out_aligned_with_its_input(library_path, rng):
     """A silent reference leaves the canceller's microphone as it was; the noise suppressor's delay
     is the one taken off, whatever its tables do: some of the input is where it was."""

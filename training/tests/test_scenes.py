@@ -12,7 +12,7 @@ from make_sample import codec
 from training.device_facts import MIC_DELAY
 from training.library import Library
 from training.scenes import bank as banks
-from training.scenes import cache, echo, noisy, playback, simulate
+from training.scenes import cache, echo, noisy, playback, simulate, steady
 from training.scenes.audio import RATE
 from training.scenes.loudspeaker import Linear, Loudspeaker, ScaledErf
 from training.scenes.room import SIMULATOR_DELAY, measured_rt60
@@ -142,6 +142,36 @@ def test_target_keeps_the_first_50_ms_and_has_6_to_10_dB_less_of_what_is_later(c
         split = int(np.flatnonzero(heard[0] != wanted[0])[0])
         assert split - direct <= 0.05 * RATE + 1
         assert -10.01 < db(wanted[0, split + 40 :]) - db(heard[0, split + 40 :]) < -5.99
+
+
+@pytest.mark.parametrize("kind", steady.KINDS)
+def test_noise_by_formula_is_new_every_time_and_of_unit_power(kind):
+    first, again, other = (steady.steady(np.random.default_rng(n), 2 * RATE, 3, {kind: 1.0}) for n in (1, 1, 2))
+    assert first.shape == (3, 2 * RATE) and np.isfinite(first).all()
+    assert db(first) == pytest.approx(0.0, abs=0.01)
+    assert np.array_equal(first, again) and not np.allclose(first, other)
+    places = np.corrcoef(first)[0, 1]
+    if kind in ("coloured", "speech", "hiss", "rain"):
+        assert abs(places) < 0.3  # heard from all around: no two places have the same
+
+
+def test_noise_by_formula_has_the_spectra_it_is_named_after():
+    """Means over 40 draws: slopes, tones at multiples of the mains, impulses."""
+
+    def octaves(kind):
+        x = np.stack([steady.steady(np.random.default_rng(n), RATE, 1, {kind: 1.0})[0] for n in range(40)])
+        power = np.abs(np.fft.rfft(x)) ** 2
+        return 10 * np.log10(np.stack([power[:, f : 2 * f].mean(1) for f in (125, 500, 2000)]).T)
+
+    falls = {kind: np.mean(octaves(kind)[:, 2] - octaves(kind)[:, 0]) for kind in ("coloured", "air", "hiss", "speech")}
+    assert falls["air"] < falls["coloured"] - 5 < falls["hiss"] - 15 and falls["speech"] < -12
+    white = [abs(o[2] - o[0]) < 1.0 for o in octaves("coloured")]
+    assert 5 <= sum(white) <= 25
+
+    def peak(kind):
+        return np.median([np.abs(steady.steady(np.random.default_rng(n), RATE, 1, {kind: 1.0})).max() for n in range(20)])
+
+    assert peak("knocks") > 1.5 * peak("coloured") and peak("rain") > 1.5 * peak("coloured")
 
 
 def test_torch_mixes_what_numpy_mixes_within_1e_5(corpus, bank):

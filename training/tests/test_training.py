@@ -11,7 +11,7 @@ from params import safetensors_file
 from training import __main__, data, export, losses, muon, parity, tasks, train
 from training.models import spectrum
 from training.models.doa import DirectionNetwork
-from training.models.layers import load_tables
+from training.models.layers import CausalConv, load_tables
 from training.models.ns import NoiseSuppressor
 
 torch.set_num_threads(1)
@@ -47,6 +47,42 @@ def test_a_stopped_run_goes_on_as_if_it_had_not_been_stopped(network, optimizer,
     resumed = train.train(straight, config, tmp_path / "parts", "cpu")
     for name, value in whole.state_dict().items():
         assert torch.equal(value, resumed.state_dict()[name]), name
+
+
+def test_real_transform_has_the_gradient_of_the_frameworks():
+    torch.manual_seed(1)
+    x, weight = torch.randn(3, 64, dtype=torch.double), torch.randn(3, 33, dtype=torch.cdouble)
+    gradients = []
+    for transform in (torch.fft.rfft, spectrum.RealTransform.apply):
+        own = x.clone().requires_grad_()
+        (transform(own) * weight).abs().square().sum().backward()
+        gradients.append(own.grad)
+    assert torch.allclose(*gradients)
+
+
+def test_products_are_in_bfloat16_in_training_only(monkeypatch):
+    """Within 2 % of float32 then, equal to it when the network is judged."""
+    torch.manual_seed(1)
+    layer, x = CausalConv(8, 8, (3, 3), activation=True), torch.randn(2, 8, 10, 32)
+    exact = layer(x)
+    monkeypatch.setattr(CausalConv, "bfloat16", True)
+    rough = layer(x)
+    assert rough.dtype == torch.float32
+    assert 0 < (rough - exact).abs().max() < 0.02 * exact.abs().max()
+    assert torch.equal(layer.eval()(x), exact)
+
+
+def test_talker_taken_away_costs_more_where_nothing_else_is_heard():
+    """The same error twice, too little and too much; and more so the larger the talker's share."""
+    target = torch.full((1, 4, spectrum.BINS), 1.0 + 0.5j)
+    config = {"complex_share": 0.3, "over_suppression": 1.0, "near_kept": 3.0, "multi_resolution": 0.0, "si_sdr": 0.0}
+
+    def cost(gain, near):
+        factors, share = torch.ones(spectrum.BINS), torch.full(target.shape, near)
+        return losses.suppression(gain * target, target, torch.ones(1), config, factors, near=share).item()
+
+    assert cost(0.8, 1.0) == pytest.approx(4 * cost(0.8, 0.0))
+    assert cost(1.2, 1.0) == pytest.approx(cost(1.2, 0.0))
 
 
 @pytest.mark.parametrize("shape", [(24, 8), (8, 24), (16, 16)])

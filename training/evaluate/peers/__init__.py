@@ -18,10 +18,10 @@ class Absent(Exception):
     """The peer is not installed; the message says what to install."""
 
 
-def noise_suppressors():
-    from training.evaluate.peers import rnnoise, speex, webrtc
+def noise_suppressors(gtcrn_file=None):
+    from training.evaluate.peers import gtcrn, rnnoise, speex, webrtc
 
-    return _opened([speex.Speex, webrtc.WebRtc, rnnoise.RNNoise])
+    return _opened([speex.Speex, webrtc.WebRtc, rnnoise.RNNoise, gtcrn.Gtcrn], [(), (), (), (gtcrn_file,)])
 
 
 def echo_cancellers():
@@ -30,12 +30,12 @@ def echo_cancellers():
     return _opened([speex.Speex, webrtc.WebRtc])
 
 
-def _opened(classes):
+def _opened(classes, arguments=None):
     """(peers that are installed, lines about those that are not)."""
     peers, absent = [], []
-    for peer in classes:
+    for peer, given in zip(classes, arguments or [()] * len(classes)):
         try:
-            peers.append(peer())
+            peers.append(peer(*given))
         except Absent as reason:
             absent.append(f"{peer.name}: left out, {reason}")
     return peers, absent
