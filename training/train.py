@@ -114,8 +114,10 @@ def train(task, config, folder, device, model=None, section="train"):
     c, seed = config[section], config["seed"]
     folder.mkdir(parents=True, exist_ok=True)
     torch.manual_seed(seed)
-    CausalConv.bfloat16 = c.get("bfloat16", False)
     model = (model or task.model()).to(device)
+    for module in model.modules():
+        if isinstance(module, CausalConv):
+            module.bfloat16 = c.get("bfloat16", False)
     if c.get("optimizer") == "muon":
         optimizer = muon(model, c["weight_decay"])
     else:

@@ -52,7 +52,7 @@ class CausalConv(nn.Module):
     Normalisation exists in training only: fold() moves it into weight and bias, which are the exported tables.
     """
 
-    bfloat16 = False  # products in training; sums and everything else stay float32
+    bfloat16 = False  # the products of training; everything else stays float32
 
     def __init__(self, inputs, outputs, kernel, stride=1, activation=False, norm=False):
         super().__init__()
