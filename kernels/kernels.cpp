@@ -21,6 +21,8 @@ extern const Kernels kernels_sse2, kernels_avx2, kernels_avxvnni, kernels_avx512
     kernels_avx512vnni;
 #elif defined(__aarch64__)
 extern const Kernels kernels_neon, kernels_neon_dotprod, kernels_neon_i8mm;
+#elif defined(__wasm_simd128__)
+extern const Kernels kernels_wasm;
 #endif
 
 namespace {
@@ -83,6 +85,8 @@ const Variant kVariants[] = {
     {&kernels_neon, always},
     {&kernels_neon_dotprod, has_dotprod},
     {&kernels_neon_i8mm, has_i8mm},
+#elif defined(__wasm_simd128__)
+    {&kernels_wasm, always},
 #endif
 };
 
