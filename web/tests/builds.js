@@ -14,3 +14,6 @@ export function capture() {
   const file = join(SOURCE, "samples/living_room.flac");
   return execFileSync("flac", ["--decode", "--silent", "--stdout", ...raw, file], { maxBuffer: 2 ** 28 });
 }
+
+// The npm package, where the build puts quibo.wasm.
+export const PACKAGE = join(SOURCE, "web/package/");

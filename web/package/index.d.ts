@@ -1,0 +1,101 @@
+/** Samples per second and channel of all audio here. */
+export declare const SAMPLE_RATE: 16000;
+/** Samples per channel and call: 64 ms. */
+export declare const FRAME: 1024;
+/** Samples by which the outputs follow the input. */
+export declare const DELAYS: { readonly mics: 20; readonly clean: 2580 };
+
+/** Something is missing or does not fit; the message says what. */
+export declare class QuiboError extends Error {}
+
+/** int16 as it is, or floats of full scale 1.0, which are rounded and limited. */
+export type Samples = Int16Array | Float32Array;
+/** Of the microphones' samples. The reference is always plain. */
+export type Encoding = "plain" | "scrambled";
+/** quibo.wasm: compiled, its bytes, a response that brings them, or where they are. */
+export type Wasm = WebAssembly.Module | BufferSource | Response | URL | string;
+
+export interface Wake {
+  /** Frame in which the phrase was heard, counted from 0. */
+  frame: number;
+  /** End of that frame in seconds. */
+  seconds: number;
+  /** Direction of the talker in degrees, 0 to 359, clockwise from above, 0 at microphone 1; null: none was found. */
+  angle: number | null;
+}
+
+export interface Processed {
+  /** The three microphones without the linear echo, DELAYS.mics late. */
+  mics: [Int16Array, Int16Array, Int16Array];
+  /** Microphone 1 with the residual echo suppressed, DELAYS.clean late. */
+  clean: Int16Array;
+  wake: Wake | null;
+}
+
+export declare class FrontEnd {
+  constructor(module: WebAssembly.Module, options?: { encoding?: Encoding });
+  /** Name of the kernels in use. */
+  readonly kernels: string;
+  /** One frame: FRAME samples each. Returns new arrays. */
+  process(mic1: Samples, mic2: Samples, mic3: Samples, ref: Samples): Processed;
+}
+
+/** A front end on the thread that calls; each is an instance of its own. */
+export declare function createFrontEnd(options?: { wasm?: Wasm; encoding?: Encoding }): Promise<FrontEnd>;
+
+/** Four tracks of one length. */
+export interface Recording {
+  mic1: Samples;
+  mic2: Samples;
+  mic3: Samples;
+  ref: Samples;
+}
+
+/** Outputs as long as the recording and lined up with it. */
+export interface Result {
+  mics: [Int16Array, Int16Array, Int16Array];
+  clean: Int16Array;
+  wakes: Wake[];
+  kernels: string;
+  secondsUsed: number;
+}
+
+/** Plays a whole recording in a worker of its own, which ends with it. */
+export declare function processRecording(
+  tracks: Recording,
+  options?: {
+    wasm?: Exclude<Wasm, WebAssembly.Module>;
+    encoding?: Encoding;
+    /** A worker that runs worker.js, where a bundler or a policy asks for another way to make it. */
+    worker?: Worker;
+    /** Samples done, samples in all. */
+    onProgress?: (done: number, total: number) => void;
+    onWake?: (wake: Wake) => void;
+    signal?: AbortSignal;
+  },
+): Promise<Result>;
+
+/** Mean powers of a frame, full scale 1.0: microphone 1, reference, microphone 1 cancelled, clean. */
+export interface Powers {
+  mic: number;
+  ref: number;
+  cancelled: number;
+  clean: number;
+}
+
+/**
+ * An AudioWorkletNode with a front end inside, in a context of 16 kHz. Input 0: the microphones as channels 0 to 2;
+ * input 1: the reference as channel 0; output 0: the clean microphone.
+ */
+export declare function createFrontEndNode(
+  context: BaseAudioContext,
+  options?: {
+    wasm?: Exclude<Wasm, WebAssembly.Module>;
+    encoding?: Encoding;
+    /** Where worklet.js is. */
+    worklet?: URL | string;
+    onWake?: (wake: Wake) => void;
+    onFrame?: (powers: Powers) => void;
+    onError?: (error: QuiboError) => void;
+  },
+): Promise<AudioWorkletNode>;

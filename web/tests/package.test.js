@@ -1,0 +1,207 @@
+// The npm package in node and in Chromium: the sample's wakes, the native output bits, clear complaints.
+
+import assert from "node:assert/strict";
+import { execFileSync } from "node:child_process";
+import { createHash } from "node:crypto";
+import { mkdirSync, mkdtempSync, readFileSync, rmSync, writeFileSync } from "node:fs";
+import { tmpdir } from "node:os";
+import { join } from "node:path";
+import { after, before, test } from "node:test";
+import { launch } from "./browser.js";
+import { NATIVE, PACKAGE, capture } from "./builds.js";
+import { serve } from "./server.js";
+import { DELAYS, FRAME, FrontEnd, QuiboError, createFrontEnd, createFrontEndNode } from "../package/index.js";
+
+const INPUT = "wav/input_frame_20251107_140756.pcm"; // fixed by the driver
+const CHANNELS = { mic1: 0, mic2: 1, mic3: 2, ref: 4 };
+
+let folder, samples, driver, tracks, server, browser;
+before(async () => {
+  folder = mkdtempSync(join(tmpdir(), "quibo-package-"));
+  const raw = capture();
+  samples = new Int16Array(raw.buffer, raw.byteOffset, raw.length / 2);
+  tracks = Object.fromEntries(
+    Object.entries(CHANNELS).map(([name, channel]) => [
+      name,
+      Int16Array.from({ length: samples.length / 6 }, (_, i) => samples[6 * i + channel]),
+    ]),
+  );
+  for (const name of ["wav", "wav2"]) mkdirSync(join(folder, name));
+  writeFileSync(join(folder, INPUT), raw);
+  driver = execFileSync(join(NATIVE, "quibo_demo"), { cwd: folder, encoding: "utf8" });
+  for (const [name, track] of Object.entries(tracks)) writeFileSync(join(folder, name), track);
+  writeFileSync(join(folder, "index.html"), "");
+  server = await serve({ "/": folder, "/package/": PACKAGE });
+  browser = await launch();
+});
+after(async () => {
+  await browser?.close();
+  await server?.close();
+  rmSync(folder, { recursive: true });
+});
+
+const hash = (data) => createHash("sha256").update(data).digest("hex");
+const nativeOutput = () => readFileSync(join(folder, "wav2/nnaec.pcm"));
+// [ms, degrees] of each wake that the driver printed.
+const nativeWakes = () =>
+  [...driver.matchAll(/Doa:(\d+)\n-+>is_wakeup:0 \(time:(\d+) m,(\d+) s,(\d+) ms/g)].map(([, angle, m, s, ms]) => [
+    60000 * m + 1000 * s + Number(ms),
+    Number(angle),
+  ]);
+const told = (wakes) => wakes.map(({ seconds, angle }) => [Math.round(1000 * seconds), angle]);
+
+test("node: the sample's wakes at the native angles, the driver's output to the bit", async () => {
+  const frontEnd = await createFrontEnd({ encoding: "scrambled" });
+  assert.equal(frontEnd.kernels, "wasm");
+  const wakes = [];
+  const clean = [];
+  for (let start = 0; start + FRAME <= tracks.ref.length; start += FRAME) {
+    const frame = Object.keys(CHANNELS).map((name) => tracks[name].subarray(start, start + FRAME));
+    const result = frontEnd.process(...frame);
+    clean.push(Buffer.from(result.clean.buffer));
+    if (result.wake) wakes.push(result.wake);
+  }
+  assert.equal(wakes.length, 5);
+  assert.deepEqual(told(wakes), nativeWakes());
+  assert.equal(hash(Buffer.concat(clean)), hash(nativeOutput()));
+});
+
+test("Chromium, in a worker: the same, lined up, with progress", async () => {
+  const page = await browser.newPage();
+  await page.goto(server.url);
+  const { result, progress, early } = await page.evaluate(async () => {
+    const { processRecording } = await import("/package/index.js");
+    const track = async (name) => new Int16Array(await (await fetch(name)).arrayBuffer());
+    const [mic1, mic2, mic3, ref] = await Promise.all(["mic1", "mic2", "mic3", "ref"].map(track));
+    const progress = [];
+    const early = [];
+    const result = await processRecording(
+      { mic1, mic2, mic3, ref },
+      {
+        encoding: "scrambled",
+        onProgress: (done, total) => progress.push(done / total),
+        onWake: (wake) => early.push(wake),
+      },
+    );
+    return { result: { ...result, mics: null, clean: [...result.clean] }, progress, early };
+  });
+  assert.deepEqual(told(result.wakes), nativeWakes());
+  assert.deepEqual(early, result.wakes);
+  assert.ok(progress.length > 20 && progress.every((share, i) => share >= (progress[i - 1] ?? 0) && share <= 1));
+  const output = nativeOutput();
+  const lined = Buffer.from(Int16Array.from(result.clean).buffer);
+  assert.equal(lined.length, 2 * tracks.ref.length);
+  assert.ok(lined.subarray(0, output.length - 2 * DELAYS.clean).equals(output.subarray(2 * DELAYS.clean)));
+  await page.close();
+});
+
+test("Chromium, in a worklet: wakes of a recording that is played to it", async () => {
+  const page = await browser.newPage();
+  await page.goto(server.url);
+  const wakes = await page.evaluate(async () => {
+    const { createFrontEndNode } = await import("/package/index.js");
+    const seconds = 12;
+    const context = new OfflineAudioContext(1, seconds * 16000, 16000);
+    const buffer = new AudioBuffer({ length: seconds * 16000, numberOfChannels: 4, sampleRate: 16000 });
+    for (const [channel, name] of ["mic1", "mic2", "mic3", "ref"].entries()) {
+      const track = new Int16Array(await (await fetch(name)).arrayBuffer()).subarray(0, buffer.length);
+      buffer.copyToChannel(
+        Float32Array.from(track, (sample) => sample / 32768),
+        channel,
+      );
+    }
+    const wakes = [];
+    const node = await createFrontEndNode(context, { encoding: "scrambled", onWake: (wake) => wakes.push(wake) });
+    const source = new AudioBufferSourceNode(context, { buffer });
+    const splitter = new ChannelSplitterNode(context, { numberOfOutputs: 4 });
+    const mics = new ChannelMergerNode(context, { numberOfInputs: 3 });
+    source.connect(splitter);
+    for (const mic of [0, 1, 2]) splitter.connect(mics, mic, mic);
+    mics.connect(node, 0, 0);
+    splitter.connect(node, 3, 1);
+    node.connect(context.destination);
+    source.start();
+    await context.startRendering();
+    await new Promise((delivered) => setTimeout(delivered, 200));
+    return wakes;
+  });
+  assert.deepEqual(told(wakes), nativeWakes().slice(0, 1));
+  await page.close();
+});
+
+test("plain microphones give what scrambled ones give", async () => {
+  const plain = await createFrontEnd();
+  const scrambled = await createFrontEnd({ encoding: "scrambled" });
+  const descramble = descrambler();
+  for (let frame = 100; frame < 104; ++frame) {
+    const cut = (name) => tracks[name].subarray(frame * FRAME, (frame + 1) * FRAME);
+    const mics = ["mic1", "mic2", "mic3"].map(cut);
+    const expected = scrambled.process(...mics, cut("ref"));
+    const floats = Float32Array.from(cut("ref"), (sample) => sample / 32768); // as a page has them
+    assert.deepEqual(plain.process(...mics.map(descramble), floats), expected);
+  }
+});
+
+// The codec's table, as params/codec.safetensors holds it.
+function descrambler() {
+  const file = readFileSync(new URL("../../params/codec.safetensors", import.meta.url));
+  const header = Number(file.readBigUInt64LE(0));
+  const [from, to] = JSON.parse(file.subarray(8, 8 + header)).dec_table.data_offsets;
+  const table = new Int16Array(
+    file.buffer.slice(file.byteOffset + 8 + header + from, file.byteOffset + 8 + header + to),
+  );
+  return (samples) => samples.map((x) => (x === 0 || Math.abs(x) > 4800 ? x : Math.sign(x) * table[Math.abs(x)]));
+}
+
+test("what does not fit is said", async () => {
+  const frontEnd = await createFrontEnd();
+  const frame = new Int16Array(FRAME);
+  const complaint = (call, message) =>
+    assert.throws(call, (error) => error instanceof QuiboError && message.test(error.message));
+  complaint(
+    () => frontEnd.process(frame, frame, new Int16Array(512), frame),
+    /^mic3: 1024 samples are needed, not 512$/,
+  );
+  complaint(() => frontEnd.process(frame, frame, frame), /^ref: 1024 samples are needed, not undefined$/);
+  complaint(() => frontEnd.process([...frame], frame, frame, frame), /^mic1: an Int16Array or a Float32Array/);
+  const wrong = (promise, message) =>
+    assert.rejects(promise, (error) => error instanceof QuiboError && message.test(error.message));
+  await wrong(createFrontEnd({ wasm: new Uint8Array([1, 2, 3]) }), /^this is no quibo\.wasm/);
+  await wrong(createFrontEnd({ wasm: `${server.url}nothing.wasm` }), /nothing\.wasm: 404/);
+  await wrong(createFrontEnd({ encoding: "mp3" }), /no encoding is called mp3/);
+  await wrong(createFrontEndNode({ sampleRate: 48000 }), /runs at 48000 Hz: create it with/);
+  await wrong(createFrontEndNode({ sampleRate: 16000 }), /https or localhost/);
+  assert.ok(new FrontEnd(await WebAssembly.compile(readFileSync(join(PACKAGE, "quibo.wasm")))));
+});
+
+test("silence, not a number and full scale are processed", async () => {
+  const frontEnd = await createFrontEnd();
+  for (const value of [0, NaN, 2, -2, Infinity]) {
+    const frame = new Float32Array(FRAME).fill(value);
+    const { clean, mics, wake } = frontEnd.process(frame, frame, frame, frame);
+    assert.deepEqual([clean.length, ...mics.map((mic) => mic.length), wake], [FRAME, FRAME, FRAME, FRAME, null]);
+  }
+});
+
+test("npm packs what a user needs", () => {
+  const packed = execFileSync("npm", ["pack", "--dry-run", "--json"], {
+    cwd: PACKAGE,
+    encoding: "utf8",
+    stdio: ["ignore", "pipe", "ignore"],
+  });
+  const [{ files, version }] = JSON.parse(packed);
+  assert.deepEqual(files.map(({ path }) => path).sort(), [
+    "README.md",
+    "front_end.js",
+    "index.d.ts",
+    "index.js",
+    "package.json",
+    "quibo.wasm",
+    "worker.js",
+    "worklet.js",
+  ]);
+  assert.match(
+    readFileSync(new URL("../../CMakeLists.txt", import.meta.url), "utf8"),
+    new RegExp(`VERSION ${version} `),
+  );
+});
