@@ -5,7 +5,7 @@
     for wake in result.events:
         print(wake.seconds, wake.angle)
 
-The modules alone: LinearCanceller, EchoSuppressor, NoiseSuppressor, WakeUp, Direction, Limiter.
+Whole recordings: read, run. The modules alone: LinearCanceller, EchoSuppressor, NoiseSuppressor, WakeUp, Direction, Limiter.
 """
 
 from importlib.metadata import PackageNotFoundError, version
@@ -24,6 +24,7 @@ from .modules import (
     scramble,
     unscramble,
 )
+from .recordings import Recording, Run, about, read, run
 
 OUTPUT_DELAY = 20
 """Samples by which the cancelled microphones are late."""
@@ -52,9 +53,14 @@ __all__ = [
     "Limiter",
     "LinearCanceller",
     "NoiseSuppressor",
+    "Recording",
     "Result",
+    "Run",
     "Wake",
     "WakeUp",
+    "about",
+    "read",
+    "run",
     "scramble",
     "unscramble",
 ]

@@ -16,6 +16,7 @@ THRESHOLD = 1.2
 """Cost below which the phrase counts, as shipped."""
 
 Encoding = Literal["plain", "scrambled"]
+_Wake = tuple[int, float, float, float, int | None, float | None]
 
 
 @dataclass(frozen=True)
@@ -28,6 +29,12 @@ class Wake:
     """Where the talker is: degrees, 0 to 359, or None where no direction could be told."""
     cost: float
     """What the decoder compared with the threshold; smaller is surer."""
+    start: float
+    """Estimated start of the phrase, in seconds."""
+    end: float
+    """Its estimated end."""
+    angle_length: float | None
+    """How sure the angle is, 0 to about 1; None without an angle."""
 
     @property
     def seconds(self) -> float:
@@ -63,7 +70,7 @@ class FrontEnd(Stream[_quibo.FrontEnd]):
         if rate != RATE:
             raise ValueError(f"rate: {rate} Hz, expected {RATE}: resample first")
         super().__init__(_quibo.FrontEnd(_arrays.positive("threshold", threshold)), FRAME)
-        self._plain = encoding == "plain"
+        self._scrambled = encoding == "scrambled"
 
     def process(self, mics: ArrayLike, ref: ArrayLike, *, last: bool = False) -> Result:
         """One chunk, of any length: the same samples in any chunks give the same bits.
@@ -75,12 +82,13 @@ class FrontEnd(Stream[_quibo.FrontEnd]):
         """
         chunks = [_arrays.int16("mics", mics, (3, None)), _arrays.int16("ref", ref, (None,))]
         _arrays.same_length(mics=chunks[0], ref=chunks[1])
-        start = self._done
         (outputs, clean, wakes), n = self._run(self._step, chunks, last)
-        events = tuple(Wake(start + (frame + 1) * FRAME, angle, cost) for frame, angle, cost in wakes)
+        events = tuple(
+            Wake(sample, angle, cost, start, end, length) for sample, start, end, cost, angle, length in wakes
+        )
         return Result(outputs[:, :n], clean[:n], events)
 
     def _step(
         self, engine: _quibo.FrontEnd, mics: NDArray[np.int16], ref: NDArray[np.int16]
-    ) -> tuple[NDArray[np.int16], NDArray[np.int16], list[tuple[int, int | None, float]]]:
-        return engine.process(mics, ref, self._plain)
+    ) -> tuple[NDArray[np.int16], NDArray[np.int16], list[_Wake]]:
+        return engine.process(mics, ref, self._scrambled)

@@ -87,5 +87,7 @@ void require_open(const std::optional<OnlyOne>& owner);
 
 void bind_front_end(nb::module_& m);
 void bind_modules(nb::module_& m);
+// Nothing is bound in a build without the libraries for files.
+void bind_recordings(nb::module_& m);
 
 }  // namespace quibo::python

@@ -6,53 +6,49 @@
 #include <cstring>
 #include <optional>
 #include <stdexcept>
-#include <string>
 #include <tuple>
 #include <utility>
 #include <vector>
 
-#include "api/WakeupApi.h"
 #include "engine.h"
-#include "records.h"
-#include "wakeup/QuibWakeupApi.h"
+#include "tools/quibo/front_end.h"
 
 namespace quibo::python {
 namespace {
 
-constexpr size_t kMics = 3;
+using recordings::kMics;
+using recordings::kRef;
 
-// Frame in which the phrase was heard, direction in degrees where there was one, cost.
-using Wake = std::tuple<size_t, std::optional<int>, float>;
+// End of the frame, start and end of the phrase, cost, angle and length of its vector.
+using Wake = std::tuple<int64_t, double, double, float, std::optional<int>, std::optional<float>>;
+
+Wake to_wake(const recordings::Wake& wake) {
+  const bool angle = wake.angle >= 0;
+  return {wake.sample,
+          wake.start,
+          wake.end,
+          wake.cost,
+          angle ? std::optional(wake.angle) : std::nullopt,
+          angle ? std::optional(wake.angle_length) : std::nullopt};
+}
 
 class FrontEnd {
  public:
   explicit FrontEnd(double threshold) {
     const std::lock_guard<std::mutex> mine(turn());
-    const int32_t status = Quibo_wakeup_init(&handle_, 0);
-    if (status != 0) {
-      throw std::runtime_error("the front end could not be created (status " +
-                               std::to_string(status) + ")");
-    }
-    // The library keeps the noise suppressors' states over a front end's life; here every front end
-    // starts like the first.
-    for (size_t i = 0; i < kNoiseLayers; ++i) {
-      std::memset(noise_layer(handle_->DAncHnadle0, i)->prev_stat, 0, kNoiseStates * sizeof(float));
-    }
-    observer_.attach(*static_cast<KTWakeupParam*>(handle_->handle4)->handle0, threshold);
+    front_end_.emplace(recordings::FrontEndOptions{threshold, false});
   }
-
   ~FrontEnd() { close(); }
 
   void close() {
-    if (!handle_ || !only_->here()) return;
+    if (!front_end_ || !only_->here()) return;
     const std::lock_guard<std::mutex> mine(turn());
-    Quibo_wakeup_unit(handle_);
-    handle_ = nullptr;
+    front_end_.reset();
     only_.reset();
   }
 
-  // mics [3, n] and ref [n], n whole frames; plain: the microphones are not scrambled yet.
-  auto process(const Input<int16_t, 2>& mics, const Input<int16_t, 1>& ref, bool plain) {
+  // mics [3, n] and ref [n], n whole frames; scrambled: the microphones are in the codec's encoding.
+  auto process(const Input<int16_t, 2>& mics, const Input<int16_t, 1>& ref, bool scrambled) {
     require_open(only_);
     const size_t samples = ref.shape(0);
     if (mics.shape(0) != kMics || mics.shape(1) != samples || samples % QUIBO_FRAME) {
@@ -62,30 +58,27 @@ class FrontEnd {
     std::vector<Wake> wakes;
     for_each(samples / QUIBO_FRAME, [&](size_t k) {
       const size_t at = k * QUIBO_FRAME;
-      int16_t scrambled[kMics][QUIBO_FRAME];
-      int16_t* out[kMics];
+      recordings::Frame frame;
+      recordings::Output output;
+      frame.samples = QUIBO_FRAME;
       for (size_t m = 0; m < kMics; ++m) {
-        std::memcpy(scrambled[m], mics.data() + m * samples + at, sizeof scrambled[m]);
-        if (plain) enc_data(scrambled[m], QUIBO_FRAME);
-        out[m] = outputs.row(m) + at;
+        std::memcpy(frame.track[m], mics.data() + m * samples + at, sizeof frame.track[m]);
+        if (scrambled) dec_data(frame.track[m], QUIBO_FRAME);
       }
-      int16_t* const cleaned = clean.row(0) + at;
-      Quibo_wakeup_three_write_data(handle_, scrambled[0], scrambled[1], scrambled[2],
-                                    ref.data() + at, out[0], out[1], out[2], cleaned);
-      int32_t heard;
-      const int32_t angle =
-          Quibo_doa_three_write_data(handle_, &heard, out[0], out[1], out[2], cleaned, QUIBO_FRAME);
-      if (heard < 0) return;
-      wakes.emplace_back(k, angle >= 0 ? std::optional(angle) : std::nullopt,
-                         observer_.cost_of_wake());
+      std::memcpy(frame.track[kRef], ref.data() + at, sizeof frame.track[kRef]);
+      front_end_->process(frame, &output);
+      for (size_t m = 0; m < kMics; ++m) {
+        std::memcpy(outputs.row(m) + at, output.mic[m], sizeof output.mic[m]);
+      }
+      std::memcpy(clean.row(0) + at, output.clean, sizeof output.clean);
+      if (output.wake) wakes.push_back(to_wake(*output.wake));
     });
     return std::make_tuple(outputs.matrix(), clean.vector(), wakes);
   }
 
  private:
   std::optional<OnlyOne> only_{std::in_place};
-  Observer observer_;
-  KTWakeup handle_ = nullptr;
+  std::optional<recordings::FrontEnd> front_end_;
 };
 
 }  // namespace
@@ -94,8 +87,10 @@ void bind_front_end(nb::module_& m) {
   nb::class_<FrontEnd>(m, "FrontEnd")
       .def(nb::init<double>(), nb::arg("threshold"))
       .def("close", &FrontEnd::close)
-      .def("process", &FrontEnd::process, nb::arg("mics"), nb::arg("ref"), nb::arg("plain"),
-           "(outputs [3, n], clean [n], [(frame, angle, cost)]) of whole frames");
+      .def(
+          "process", &FrontEnd::process, nb::arg("mics"), nb::arg("ref"), nb::arg("scrambled"),
+          "(outputs [3, n], clean [n], [(sample, start, end, cost, angle, angle_length)]) of whole "
+          "frames");
 }
 
 }  // namespace quibo::python

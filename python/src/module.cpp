@@ -20,4 +20,5 @@ NB_MODULE(_quibo, m) {
   m.attr("RATE") = static_cast<int>(QUIBO_SAMPLE_RATE);
   bind_front_end(m);
   bind_modules(m);
+  bind_recordings(m);
 }

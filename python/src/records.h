@@ -30,18 +30,16 @@ class Observer {
 
   // Infinite where the step could not have woken, whatever the threshold.
   float cost() const { return cost_; }
-  float cost_of_wake() const { return cost_of_wake_; }
 
  private:
   void see(const KWS_STEP& step) {
-    cost_ = static_cast<float>(step.cost * scale_);
-    if (step.woke) cost_of_wake_ = cost_;
-    if (decoder_->blank_cnt > 0) cost_ = std::numeric_limits<float>::infinity();
+    cost_ = decoder_->blank_cnt > 0 ? std::numeric_limits<float>::infinity()
+                                    : static_cast<float>(step.cost * scale_);
   }
 
   DECODER* decoder_ = nullptr;
   double scale_ = 1.0;
-  float cost_ = 0.0f, cost_of_wake_ = 0.0f;
+  float cost_ = 0.0f;
 };
 
 // The recurrent states of the noise suppressor, which all instances of the library share.

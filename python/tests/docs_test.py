@@ -22,20 +22,21 @@ def examples(tmp_path_factory):
     return script
 
 
-def run(*arguments, **environment):
+def run(folder, *arguments, **environment):
     done = subprocess.run(
-        [sys.executable, *arguments], capture_output=True, text=True, env={**os.environ, **environment}
+        [sys.executable, *arguments], capture_output=True, text=True, env={**os.environ, **environment}, cwd=folder
     )
     assert done.returncode == 0, done.stdout + done.stderr
 
 
 def test_examples_run(examples):
-    run(examples)
+    run(examples.parent, examples)
 
 
 def test_examples_and_package_pass_mypy_strict(examples):
     installed = "site-packages" in PACKAGE.parts  # then mypy finds it by itself
     run(
+        examples.parent,
         *("-m", "mypy", "--strict", "--cache-dir", examples.parent / "cache", examples, PACKAGE),
         **({} if installed else {"MYPYPATH": str(PACKAGE.parent)}),
     )

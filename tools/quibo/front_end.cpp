@@ -1,10 +1,13 @@
 #include "front_end.h"
 
+#include <algorithm>
 #include <cmath>
 #include <cstring>
 #include <new>
+#include <optional>
 
 #include "api/WakeupApi.h"
+#include "denoise/denoise.h"
 #include "doa/customs_doa_api.h"
 #include "quiet.h"
 #include "wakeup/ChineseConv.h"
@@ -14,17 +17,34 @@ namespace quibo::recordings {
 
 namespace {
 
+constexpr double kThreshold = 1.2;  // the engine's own
+
 DECODER* decoder_of(KTWakeup front_end) {
   return static_cast<KTWakeupParam*>(front_end->handle4)->handle0->mynet.pdec;
 }
 
+void clear_recurrent_states(void* noise_suppressor) {
+  constexpr size_t kStates = 32 * 32;  // positions x units
+  const DenoiseNet& net = *static_cast<KTANCParams*>(noise_suppressor)->Mynet;
+  for (const LAYER_GRU_COMMON* layer : {net.t_gru1, net.t_gru2, net.t_gru3}) {
+    std::fill_n(layer->prev_stat, kStates, 0.0f);
+  }
+}
+
 }  // namespace
 
-FrontEnd::FrontEnd() {
-  const QuietOutput quiet;
+FrontEnd::FrontEnd(const FrontEndOptions& options)
+    : threshold_scale_(static_cast<float>(options.threshold / kThreshold)) {
+  std::optional<QuietOutput> quiet;
+  if (options.silence) quiet.emplace();
   if (Quibo_wakeup_init(&handle_, 0) != 0) throw std::bad_alloc();
-  decoder_of(handle_)->observe = observe;
-  decoder_of(handle_)->observer = this;
+  clear_recurrent_states(handle_->DAncHnadle0);  // shared by all three
+  DECODER* decoder = decoder_of(handle_);
+  decoder->observe = observe;
+  decoder->observer = this;
+  // The engine sets its threshold at every step. The divisor of the costs stays as it is set: it
+  // makes them as many times smaller as the threshold is to be larger.
+  decoder->pWords[0].div *= threshold_scale_;
 }
 
 FrontEnd::~FrontEnd() {
@@ -42,8 +62,8 @@ void FrontEnd::observe(void* self, const KWS_STEP* step) {
   Wake wake{};
   wake.start = static_cast<double>(start) / QUIBO_SAMPLE_RATE;
   wake.end = static_cast<double>(end) / QUIBO_SAMPLE_RATE;
-  wake.cost = step->cost;
-  wake.threshold = step->thres;
+  wake.cost = step->cost * front_end->threshold_scale_;
+  wake.threshold = step->thres * front_end->threshold_scale_;
   front_end->woken_ = wake;
 }
 

@@ -32,11 +32,17 @@ struct Output {
   double mic_power, echo_power, shared_power;
 };
 
-// The library's rules hold: one at a time per process, and a new process where runs are to be
-// reproduced (the noise suppressors' recurrent states outlive a front end).
+struct FrontEndOptions {
+  double threshold =
+      1.2;  // cost below which the phrase counts; after ten minutes without, 1/1.2 of it
+  bool silence = true;  // keep the library's lines from standard output
+};
+
+// The library's rule holds: one at a time per process. Each starts like the first: the noise
+// suppressors' recurrent states, which outlive a front end, are cleared.
 class FrontEnd {
  public:
-  FrontEnd();  // throws std::bad_alloc; the library's lines do not reach standard output
+  explicit FrontEnd(const FrontEndOptions& options = {});  // throws std::bad_alloc
   ~FrontEnd();
   FrontEnd(const FrontEnd&) = delete;
   FrontEnd& operator=(const FrontEnd&) = delete;
@@ -48,6 +54,7 @@ class FrontEnd {
   void describe(Wake* wake) const;
 
   KTWakeup handle_ = nullptr;
+  float threshold_scale_ = 1.0f;  // of the engine's costs to those told
   PhraseFinder phrase_;
   int64_t frame_ = 0;
   int64_t block_end_ = 0;  // of the wake-up engine's current block, samples in the recording

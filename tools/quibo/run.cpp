@@ -69,7 +69,7 @@ class Trimmer {
 RunResult run(FrameReader& frames, const RunOptions& options, const RunCallbacks& callbacks) {
   const double start = processor_seconds();
   RunResult result;
-  FrontEnd front_end;
+  FrontEnd front_end(options.front_end);
   Trimmer trimmer(options.raw_timing, callbacks);
   LevelMeter track_meters[kTracks];
   EchoMeter echo_meter;

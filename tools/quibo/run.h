@@ -17,6 +17,7 @@ extern const char* const kOutputNames[kOutputs];  // "mic1", "mic2", "mic3", "cl
 
 struct RunOptions {
   bool raw_timing = false;  // leave the outputs as late as they are
+  FrontEndOptions front_end;
 };
 
 // What a run tells while it goes on; functions may be empty.

@@ -47,13 +47,15 @@ SessionResult run_session(const std::string& path, const SessionOptions& options
     if (callbacks.note) callbacks.note(note);
   }
 
-  make_folder(options.folder);
   std::vector<std::unique_ptr<WavFile>> outputs;
-  for (const char* name : kOutputNames) {
-    outputs.push_back(std::make_unique<WavFile>(options.folder + "/" + name + ".wav"));
-  }
   std::unique_ptr<OutputFile> events;
-  if (options.events != "-") {
+  if (!options.folder.empty()) {
+    make_folder(options.folder);
+    for (const char* name : kOutputNames) {
+      outputs.push_back(std::make_unique<WavFile>(options.folder + "/" + name + ".wav"));
+    }
+  }
+  if (options.events != "-" && !(options.events.empty() && options.folder.empty())) {
     events = std::make_unique<OutputFile>(options.events.empty() ? options.folder + "/events.jsonl"
                                                                  : options.events);
   }
@@ -67,7 +69,8 @@ SessionResult run_session(const std::string& path, const SessionOptions& options
   int wakes = 0;
   RunCallbacks during;
   during.outputs = [&](const int16_t* const samples[kOutputs], int count) {
-    for (size_t o = 0; o < kOutputs; ++o) outputs[o]->write(samples[o], count);
+    for (size_t o = 0; o < outputs.size(); ++o) outputs[o]->write(samples[o], count);
+    if (callbacks.outputs) callbacks.outputs(samples, count);
   };
   during.wake = [&](const Wake& wake) {
     tell(wake_event(path, ++wakes, wake));

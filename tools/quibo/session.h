@@ -14,7 +14,7 @@ namespace quibo::recordings {
 struct SessionOptions {
   InputOptions input;
   RunOptions run;
-  std::string folder;   // for the outputs; made where it is missing
+  std::string folder;   // for the outputs, made where it is missing; empty: nothing is written
   std::string events;   // file of the events; empty: events.jsonl in the folder; "-": none
   bool report = false;  // report.html in the folder
 };
@@ -23,7 +23,8 @@ struct SessionOptions {
 struct SessionCallbacks {
   std::function<void(const std::string& note)> note;  // what was assumed
   std::function<void(int number, const Wake&)> wake;
-  std::function<void(const Json& event)> event;            // every line of the events
+  std::function<void(const Json& event)> event;  // every line of the events
+  std::function<void(const int16_t* const outputs[kOutputs], int samples)> outputs;
   std::function<bool(int64_t done, int64_t total)> go_on;  // samples; total -1: not known
 };
 
