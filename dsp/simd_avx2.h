@@ -20,6 +20,7 @@ struct Avx2F32 {
   static Reg add(Reg a, Reg b) { return _mm256_add_ps(a, b); }
   static Reg sub(Reg a, Reg b) { return _mm256_sub_ps(a, b); }
   static Reg mul(Reg a, Reg b) { return _mm256_mul_ps(a, b); }
+  static Reg mul_add(Reg sum, Reg a, Reg b) { return add(sum, mul(a, b)); }
   static Reg div(Reg a, Reg b) { return _mm256_div_ps(a, b); }
   static Reg sqrt(Reg a) { return _mm256_sqrt_ps(a); }
   static Reg larger(Reg a, Reg b) { return _mm256_max_ps(a, b); }

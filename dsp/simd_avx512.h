@@ -20,6 +20,7 @@ struct Avx512F32 {
   static Reg add(Reg a, Reg b) { return _mm512_add_ps(a, b); }
   static Reg sub(Reg a, Reg b) { return _mm512_sub_ps(a, b); }
   static Reg mul(Reg a, Reg b) { return _mm512_mul_ps(a, b); }
+  static Reg mul_add(Reg sum, Reg a, Reg b) { return add(sum, mul(a, b)); }
   static Reg div(Reg a, Reg b) { return _mm512_div_ps(a, b); }
   static Reg sqrt(Reg a) { return _mm512_sqrt_ps(a); }
   static Reg larger(Reg a, Reg b) { return _mm512_max_ps(a, b); }

@@ -20,6 +20,7 @@ struct NeonF32 {
   static Reg add(Reg a, Reg b) { return vaddq_f32(a, b); }
   static Reg sub(Reg a, Reg b) { return vsubq_f32(a, b); }
   static Reg mul(Reg a, Reg b) { return vmulq_f32(a, b); }
+  static Reg mul_add(Reg sum, Reg a, Reg b) { return add(sum, mul(a, b)); }
   static Reg div(Reg a, Reg b) { return vdivq_f32(a, b); }
   static Reg sqrt(Reg a) { return vsqrtq_f32(a); }
   // vmaxq and vminq would return the NaN; a comparison and a select keep the second operand

@@ -2,8 +2,10 @@
 //
 // Each simd_*.h defines one struct with the same static functions, so that one algorithm body
 // serves every instruction set. All arithmetic is the IEEE single-precision operation, rounded
-// once; nothing is fused. A register of W lanes holds W independent positions:
+// once; nothing is fused, but for the registers of simd_fused.h. A register of W lanes holds W
+// independent positions:
 //
+// - mul_add(sum, a, b): sum + a * b, the product rounded before it is added
 // - larger(a, b): a > b ? a : b per lane, so b when either is a NaN
 // - smaller(a, b): a < b ? a : b per lane, likewise
 // - where_greater(a, b, x, y): a > b ? x : y per lane, so y when a or b is a NaN
@@ -17,7 +19,7 @@
 // - store_quads: p[16*g + 4*r + i] = lane 4*g+i of y_r (p[4*r] = y_r for W = 1)
 //
 // `Four` is the register of exactly four lanes in which one row of a matrix is summed, whatever W:
-// load, store, splat, add and mul as above, fold(a) = (a0 + a2) + (a1 + a3), and transpose of a 4 x
+// load, store, splat, add, mul and mul_add as above, fold(a) = (a0 + a2) + (a1 + a3), and transpose of a 4 x
 // 4 matrix held in four registers.
 //
 // These headers are included by one kernels_*.cpp each, compiled for that instruction set.
@@ -45,6 +47,7 @@ struct ScalarFour {
   static Reg mul(Reg x, Reg y) {
     return {{x.a[0] * y.a[0], x.a[1] * y.a[1], x.a[2] * y.a[2], x.a[3] * y.a[3]}};
   }
+  static Reg mul_add(Reg sum, Reg x, Reg y) { return add(sum, mul(x, y)); }
   static float fold(Reg x) { return (x.a[0] + x.a[2]) + (x.a[1] + x.a[3]); }
   static void store(float* p, Reg x) { memcpy(p, x.a, sizeof x.a); }
   static void transpose(Reg& x0, Reg& x1, Reg& x2, Reg& x3) {
@@ -68,6 +71,7 @@ struct ScalarF32 {
   static Reg add(Reg a, Reg b) { return a + b; }
   static Reg sub(Reg a, Reg b) { return a - b; }
   static Reg mul(Reg a, Reg b) { return a * b; }
+  static Reg mul_add(Reg sum, Reg a, Reg b) { return sum + a * b; }
   static Reg div(Reg a, Reg b) { return a / b; }
   static Reg sqrt(Reg a) { return sqrtf(a); }
   static Reg larger(Reg a, Reg b) { return a > b ? a : b; }

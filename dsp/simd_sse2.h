@@ -20,6 +20,7 @@ struct Sse2F32 {
   static Reg add(Reg a, Reg b) { return _mm_add_ps(a, b); }
   static Reg sub(Reg a, Reg b) { return _mm_sub_ps(a, b); }
   static Reg mul(Reg a, Reg b) { return _mm_mul_ps(a, b); }
+  static Reg mul_add(Reg sum, Reg a, Reg b) { return add(sum, mul(a, b)); }
   static Reg div(Reg a, Reg b) { return _mm_div_ps(a, b); }
   static Reg sqrt(Reg a) { return _mm_sqrt_ps(a); }
   static Reg larger(Reg a, Reg b) { return _mm_max_ps(a, b); }

@@ -20,6 +20,7 @@ struct WasmF32 {
   static Reg add(Reg a, Reg b) { return wasm_f32x4_add(a, b); }
   static Reg sub(Reg a, Reg b) { return wasm_f32x4_sub(a, b); }
   static Reg mul(Reg a, Reg b) { return wasm_f32x4_mul(a, b); }
+  static Reg mul_add(Reg sum, Reg a, Reg b) { return add(sum, mul(a, b)); }
   static Reg div(Reg a, Reg b) { return wasm_f32x4_div(a, b); }
   static Reg sqrt(Reg a) { return wasm_f32x4_sqrt(a); }
   static Reg larger(Reg a, Reg b) { return wasm_f32x4_pmax(b, a); }   // b < a ? a : b

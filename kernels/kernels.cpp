@@ -18,9 +18,9 @@ namespace quibo {
 extern const Kernels kernels_scalar;
 #if defined(__x86_64__)
 extern const Kernels kernels_sse2, kernels_avx2, kernels_avxvnni, kernels_avx512,
-    kernels_avx512vnni;
+    kernels_avx512vnni, kernels_avx2_fused, kernels_avx512_fused;
 #elif defined(__aarch64__)
-extern const Kernels kernels_neon, kernels_neon_dotprod, kernels_neon_i8mm;
+extern const Kernels kernels_neon, kernels_neon_dotprod, kernels_neon_i8mm, kernels_neon_fused;
 #elif defined(__wasm_simd128__)
 extern const Kernels kernels_wasm;
 #endif
@@ -49,6 +49,12 @@ bool has_avxvnni() {
   unsigned eax, ebx, ecx, edx;
   return has_avx2() && __get_cpuid_count(kExtendedFeatures, kSubleaf, &eax, &ebx, &ecx, &edx) &&
          (eax & kAvxVnni);
+}
+bool has_avx2_and_fma() {
+  return has_avx2() && __builtin_cpu_supports("fma");
+}
+bool has_avx512_and_fma() {
+  return has_avx512() && __builtin_cpu_supports("fma");
 }
 bool has_avx512vnni() {
   return has_avx512() && __builtin_cpu_supports("avx512vnni");
@@ -90,12 +96,26 @@ const Variant kVariants[] = {
 #endif
 };
 
+// Not the same bits: in use where QUIBO_FUSED was built in, or by name. Slowest first, too.
+const Variant kFusedVariants[] = {
+#if defined(__x86_64__)
+    {&kernels_avx2_fused, has_avx2_and_fma},
+    {&kernels_avx512_fused, has_avx512_and_fma},
+#elif defined(__aarch64__)
+    {&kernels_neon_fused, always},
+#endif
+    {nullptr, always},
+};
+
 const Kernels* in_use;
 
 void choose_kernels() {
   const char* wanted = getenv("QUIBO_KERNELS");
   if (wanted && *wanted && use_kernels(wanted)) return;
   for (int i = 0; available_kernels(i); ++i) in_use = available_kernels(i);
+#ifdef QUIBO_FUSED
+  for (int i = 0; fused_kernels(i); ++i) in_use = fused_kernels(i);
+#endif
   if (wanted && *wanted) {
     fprintf(stderr, "quibo: QUIBO_KERNELS=%s is not available here, using %s\n", wanted,
             in_use->name);
@@ -113,21 +133,42 @@ const Kernels& kernels() {
 #endif
 }
 
-const Kernels* available_kernels(int i) {
-  for (const Variant& v : kVariants) {
+namespace {
+
+template <int count>
+const Kernels* nth_that_runs(const Variant (&variants)[count], int i) {
+  for (const Variant& v : variants) {
     if (v.runs_here() && i-- == 0) return v.kernels;
   }
   return nullptr;
 }
 
-bool use_kernels(const char* name) {
-  for (int i = 0; const Kernels* k = available_kernels(i); ++i) {
+}  // namespace
+
+const Kernels* available_kernels(int i) {
+  return nth_that_runs(kVariants, i);
+}
+
+const Kernels* fused_kernels(int i) {
+  return nth_that_runs(kFusedVariants, i);
+}
+
+namespace {
+
+bool use_named(const Kernels* (*variants)(int), const char* name) {
+  for (int i = 0; const Kernels* k = variants(i); ++i) {
     if (strcmp(k->name, name) == 0) {
       in_use = k;
       return true;
     }
   }
   return false;
+}
+
+}  // namespace
+
+bool use_kernels(const char* name) {
+  return use_named(available_kernels, name) || use_named(fused_kernels, name);
 }
 
 }  // namespace quibo

@@ -59,7 +59,7 @@ struct LaneSums {
       for (int p = 0; p < P; ++p) value[p] = V::load(x[p] + offset);
       for (int c = 0; c < C; ++c) {
         const Reg factor = V::splat(a[c * row_stride + j * tap_stride]);
-        for (int p = 0; p < P; ++p) sum[c][p] = V::add(sum[c][p], V::mul(value[p], factor));
+        for (int p = 0; p < P; ++p) sum[c][p] = V::mul_add(sum[c][p], value[p], factor);
       }
     }
     for (int c = 0; c < C; ++c) {
@@ -99,7 +99,7 @@ void conv_block(const ConvJob& job, const BlockWeights& weights, int channel, in
     for (int p = 0; p < P; ++p) {
       Reg y = V::add(sums.fold(c, p), bias);
       if (job.prelu) y = prelu<V>(y, V::splat(job.prelu[k]));
-      if (job.scale) y = V::add(V::mul(V::splat(job.scale[k]), y), V::splat(job.shift[k]));
+      if (job.scale) y = V::mul_add(V::splat(job.shift[k]), V::splat(job.scale[k]), y);
       if (job.residual) {
         y = V::add(y, V::load(job.residual + k * job.residual_stride + residual_at[p]));
       }
@@ -161,8 +161,8 @@ void bin_groups(float* out, const float* weight, const float* bias, const float*
     const typename F::Reg low = F::load(in + k), high = F::load(in + k + 4);
     for (int r = k; r < k + 8; ++r) {
       const typename F::Reg zero = F::splat(0.0f);
-      const typename F::Reg sum = F::add(zero, F::mul(F::load(weight + 8 * r), low));
-      out[r] = F::fold(F::add(sum, F::mul(F::load(weight + 8 * r + 4), high))) + bias[r];
+      const typename F::Reg sum = F::mul_add(zero, F::load(weight + 8 * r), low);
+      out[r] = F::fold(F::mul_add(sum, F::load(weight + 8 * r + 4), high)) + bias[r];
     }
   }
 }

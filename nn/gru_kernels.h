@@ -66,8 +66,8 @@ template <class V, template <class> class Gates>
 typename V::Reg next_state(typename V::Reg r_sum, typename V::Reg z_sum, typename V::Reg n_x,
                            typename V::Reg n_h, typename V::Reg h) {
   const typename V::Reg r = Gates<V>::sigmoid(r_sum), z = Gates<V>::sigmoid(z_sum);
-  const typename V::Reg n = Gates<V>::tanh(V::add(n_x, V::mul(r, n_h)));
-  return V::add(V::mul(V::sub(V::splat(1.0f), z), n), V::mul(z, h));
+  const typename V::Reg n = Gates<V>::tanh(V::mul_add(n_x, r, n_h));
+  return V::mul_add(V::mul(V::sub(V::splat(1.0f), z), n), z, h);
 }
 
 template <class V>
@@ -249,7 +249,7 @@ struct FrequencyGru {
           for (int p = 0; p < P; ++p) {
             const Reg weight = V::load(column + p * V::kWidth);
             for (int s = 0; s < kSteps; ++s) {
-              lane[s][p] = V::add(lane[s][p], V::mul(weight, value[s]));
+              lane[s][p] = V::mul_add(lane[s][p], weight, value[s]);
             }
           }
         };

@@ -2,8 +2,8 @@
 // positions, of one lane of the sums (float_kernels.h).
 //
 // A compiler takes fifty instructions per tap here, spills a sum, and where it keeps the order of
-// the source each addition waits for its product. These are 39, and no addition follows its product
-// closely, which is what processors that issue in order (Cortex-A53, A55) want: the products of a
+// the source each addition waits for its product. These are 39 (23 fused), and no addition follows its
+// product closely, which is what processors that issue in order (Cortex-A53, A55) want: the products of a
 // row stand between those of the row before and their additions, and the next tap's values are
 // under way before the last additions.
 #pragma once
@@ -12,7 +12,7 @@
 #include <stdint.h>
 
 #if defined(__aarch64__)
-#include "dsp/simd_neon.h"
+#include "dsp/simd_fused.h"
 #endif
 
 namespace quibo {
@@ -51,6 +51,17 @@ struct TapLoop {
   low QUIBO_ADD("v28", "v9") QUIBO_ADD("v29", "v10")                                  \
   high QUIBO_ADD("v30", "v11") factors QUIBO_ADD("v31", "v12")
 
+#define QUIBO_FUSED(row, a, b, c, d)      \
+  "fmla " a ".4s, v0.4s, v4.s[" row "]\n" \
+  "fmla " b ".4s, v1.4s, v4.s[" row "]\n" \
+  "fmla " c ".4s, v2.4s, v4.s[" row "]\n" \
+  "fmla " d ".4s, v3.4s, v4.s[" row "]\n"
+#define QUIBO_FUSED_TAP(offset, address, low, high, factors) \
+  QUIBO_FUSED("0", "v16", "v17", "v18", "v19") offset        \
+  QUIBO_FUSED("1", "v20", "v21", "v22", "v23") address       \
+  QUIBO_FUSED("2", "v24", "v25", "v26", "v27")               \
+  QUIBO_FUSED("3", "v28", "v29", "v30", "v31") low high factors
+
 #define QUIBO_ZERO(a, b, c, d) \
   "movi v" a ".4s, #0\nmovi v" b ".4s, #0\nmovi v" c ".4s, #0\nmovi v" d ".4s, #0\n"
 #define QUIBO_STORE(at, a, b) "stp q" a ", q" b ", [%[sums], #" at "]\n"
@@ -85,12 +96,15 @@ struct TapLoop {
         "v28", "v29", "v30", "v31", "cc", "memory")
 // clang-format on
 
-template <>
-struct TapLoop<NeonF32> {
+// Four rows of sixteen sums: sums[16*c + p] = sum over t < count of
+//   factors[t*step + c] * x[offset[4*t] + p].
+struct WrittenTapLoop {
   static constexpr bool kWritten = true;
   static constexpr int kRows = 4, kRegisters = 4;
+};
 
-  // sums[16*c + p] = sum over t < count of factors[t*step + c] * x[offset[4*t] + p], c < 4, p < 16.
+template <>
+struct TapLoop<NeonF32> : WrittenTapLoop {
   static void sum(float* sums, const float* factors, ptrdiff_t step, const float* x,
                   const int32_t* offset, int count) {
     const ptrdiff_t step_bytes = step * static_cast<ptrdiff_t>(sizeof(float));
@@ -99,9 +113,21 @@ struct TapLoop<NeonF32> {
   }
 };
 
+template <>
+struct TapLoop<NeonFusedF32> : WrittenTapLoop {
+  static void sum(float* sums, const float* factors, ptrdiff_t step, const float* x,
+                  const int32_t* offset, int count) {
+    const ptrdiff_t step_bytes = step * static_cast<ptrdiff_t>(sizeof(float));
+    ptrdiff_t at;
+    QUIBO_TAP_LOOP(QUIBO_FUSED_TAP);
+  }
+};
+
 #undef QUIBO_PRODUCTS
 #undef QUIBO_ADD
 #undef QUIBO_TAP
+#undef QUIBO_FUSED
+#undef QUIBO_FUSED_TAP
 #undef QUIBO_ZERO
 #undef QUIBO_STORE
 #undef QUIBO_OFFSET

@@ -2,8 +2,9 @@
 // everything each module computed, and the wakes and angles. Two builds, platforms or instruction
 // sets (QUIBO_KERNELS) agree to the bit where they print the same lines.
 //
-//   quibo_digest FILE [FRAMES]
-//   quibo_digest --variants        the instruction sets that run here
+//   quibo_digest FILE [FRAMES [OUT]]   OUT: receives what the suppressors put out, int16
+//   quibo_digest --variants            the instruction sets that run here
+//   quibo_digest --fused               those whose multiply-adds round once, and do not agree
 
 #include <stdio.h>
 #include <stdlib.h>
@@ -59,7 +60,7 @@ void run_limiter(KTWakeup h) {
 }
 
 // Returns whether it woke.
-bool play(KTWakeup h, const int16_t* capture, int frame) {
+bool play(KTWakeup h, const int16_t* capture, int frame, FILE* suppressed) {
   int16_t in[kChannels][QUIBO_FRAME], out[3][QUIBO_FRAME], naec[QUIBO_FRAME];
   for (int i = 0; i < QUIBO_FRAME; ++i) {
     for (int c = 0; c < kChannels; ++c) in[c][i] = capture[kChannels * i + c];
@@ -70,12 +71,14 @@ bool play(KTWakeup h, const int16_t* capture, int frame) {
   }
   cancellers.add(out, sizeof out);
   echo_suppressor.add(naec, sizeof naec);
+  if (suppressed) fwrite(naec, sizeof naec, 1, suppressed);
 
   int32_t wake = -1;
   const int32_t angle =
       Quibo_doa_three_write_data(h, &wake, out[0], out[1], out[2], naec, QUIBO_FRAME);
   for (const int16_t* fifo : {h->mic1_doa_data, h->mic2_doa_data, h->mic3_doa_data}) {
     noise_suppressors.add(fifo, sizeof h->mic1_doa_data);
+    if (suppressed) fwrite(fifo, sizeof h->mic1_doa_data, 1, suppressed);
   }
   const LAYER_DATA* heard = wake_network(h)->dlayer;
   features.add(heard->in_feat, KWS_FRAMES * KWS_BANDS * sizeof(float));
@@ -86,19 +89,21 @@ bool play(KTWakeup h, const int16_t* capture, int frame) {
   return wake >= 0;
 }
 
-int list_variants() {
-  for (int i = 0; const quibo::Kernels* k = quibo::available_kernels(i); ++i) puts(k->name);
+int list(const quibo::Kernels* (*variants)(int)) {
+  for (int i = 0; const quibo::Kernels* k = variants(i); ++i) puts(k->name);
   return 0;
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
-  if (argc == 2 && strcmp(argv[1], "--variants") == 0) return list_variants();
+  if (argc == 2 && strcmp(argv[1], "--variants") == 0) return list(quibo::available_kernels);
+  if (argc == 2 && strcmp(argv[1], "--fused") == 0) return list(quibo::fused_kernels);
   FILE* file = argc > 1 ? fopen(argv[1], "rb") : nullptr;
   KTWakeup front_end = nullptr;
-  if (!file || Quibo_wakeup_init(&front_end, 0) != 0) {
-    fprintf(stderr, "usage: quibo_digest FILE [FRAMES] | --variants\n");
+  FILE* suppressed = argc > 3 ? fopen(argv[3], "wb") : nullptr;
+  if (!file || (argc > 3 && !suppressed) || Quibo_wakeup_init(&front_end, 0) != 0) {
+    fprintf(stderr, "usage: quibo_digest FILE [FRAMES [OUT]] | --variants | --fused\n");
     return 1;
   }
   const int limit = argc > 2 ? atoi(argv[2]) : INT32_MAX;
@@ -106,10 +111,11 @@ int main(int argc, char** argv) {
   int frames = 0, last_wake = 0;
   while (frames < limit && fread(capture, sizeof capture, 1, file) == 1) {
     make_ready(front_end, frames - last_wake >= kWakeEvery);
-    if (play(front_end, capture, frames)) last_wake = frames;
+    if (play(front_end, capture, frames, suppressed)) last_wake = frames;
     ++frames;
   }
   fclose(file);
+  if (suppressed) fclose(suppressed);
   for (const Digest* digest : {&cancellers, &echo_suppressor, &noise_suppressors, &features,
                                &posteriors, &directions, &limiter}) {
     digest->print();

@@ -1,0 +1,45 @@
+// The registers of the other families with a multiply-add that rounds once, for who wants speed more
+// than the same bits on every processor. Only what sums products is fused: the networks' kernels
+// take mul_add(), the transforms and the canceller keep their bits.
+#pragma once
+
+#if defined(__FMA__)
+#include "dsp/simd_avx2.h"
+#endif
+#if defined(__FMA__) && defined(__AVX512F__)
+#include "dsp/simd_avx512.h"
+#endif
+#if defined(__aarch64__)
+#include "dsp/simd_neon.h"
+#endif
+
+namespace quibo {
+namespace {
+
+#if defined(__FMA__)
+struct Sse2FusedF32 : Sse2F32 {
+  static Reg mul_add(Reg sum, Reg a, Reg b) { return _mm_fmadd_ps(a, b, sum); }
+};
+
+struct Avx2FusedF32 : Avx2F32 {
+  using Four = Sse2FusedF32;
+  static Reg mul_add(Reg sum, Reg a, Reg b) { return _mm256_fmadd_ps(a, b, sum); }
+};
+#endif
+
+#if defined(__FMA__) && defined(__AVX512F__)
+struct Avx512FusedF32 : Avx512F32 {
+  using Four = Sse2FusedF32;
+  static Reg mul_add(Reg sum, Reg a, Reg b) { return _mm512_fmadd_ps(a, b, sum); }
+};
+#endif
+
+#if defined(__aarch64__)
+struct NeonFusedF32 : NeonF32 {
+  using Four = NeonFusedF32;
+  static Reg mul_add(Reg sum, Reg a, Reg b) { return vfmaq_f32(sum, a, b); }
+};
+#endif
+
+}  // namespace
+}  // namespace quibo
