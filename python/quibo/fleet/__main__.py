@@ -76,6 +76,9 @@ def main(argv: list[str] | None = None) -> int:
             failed += row["error"] is not None
             store.add(row)
             shown.add(row["seconds"], row["error"] is not None)
+    except (ImportError, RuntimeError, ConnectionError) as error:
+        print(f"quibo.fleet: {error}", file=sys.stderr)
+        return 2
     except KeyboardInterrupt:
         print("\nstopped; the same command goes on from here", file=sys.stderr)
         return 130

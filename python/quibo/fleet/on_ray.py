@@ -19,37 +19,54 @@ def run(
     """work(task) for every task, as they are done, by as many actors as the cluster has cores, or jobs.
 
     address: of a cluster ("auto" finds the one of this machine); without one Ray starts on this machine
-    alone. An actor that dies with its process or its machine is started again, and its task tried again.
+    alone. An actor that dies with its process or its machine is replaced, and its task tried again.
     """
-    os.environ.setdefault("RAY_USAGE_STATS_ENABLED", "0")
+    alone: dict[str, Any] = {}
+    if not address:  # nothing but loopback, nothing reported
+        alone = {"include_dashboard": False, "num_cpus": jobs or len(os.sched_getaffinity(0))}
+        os.environ.update(RAY_USAGE_STATS_ENABLED="0", RAY_ENABLE_WINDOWS_OR_OSX_CLUSTER="0")
     import ray  # type: ignore[import-not-found, unused-ignore]
     from ray.exceptions import RayActorError  # type: ignore[import-not-found, unused-ignore]
 
     started = not ray.is_initialized()
     if started:
-        alone: dict[str, Any] = {} if address else {"include_dashboard": False, "num_cpus": jobs or os.cpu_count()}
         ray.init(address=address, log_to_driver=False, **alone)
     try:
         waiting = deque((task, 1) for task in tasks)
         cores = int(ray.cluster_resources().get("CPU", 1))
-        actor: Any = ray.remote(num_cpus=1, max_restarts=-1)(_Actor)
-        idle = [actor.remote(work) for _ in range(min(jobs or cores, cores, len(waiting)))]
+        actor: Any = ray.remote(num_cpus=1)(_Actor)
+        idle: list[Any] = []
+        starting: dict[Any, Any] = {}  # may wait for a core for ever, where a machine was lost
         running: dict[Any, tuple[Any, Task, int]] = {}
+
+        def start() -> None:
+            worker = actor.remote(work)
+            starting[worker.ready.remote()] = worker
+
+        for _ in range(min(jobs or cores, cores, len(waiting))):
+            start()
         while waiting or running:
             while waiting and idle:
                 worker, (task, attempt) = idle.pop(), waiting.popleft()
                 running[worker.work.remote(task)] = worker, task, attempt
-            done, _ = ray.wait(list(running))
-            for answer in done:
-                worker, task, attempt = running.pop(answer)
-                idle.append(worker)
+            (answer,), _ = ray.wait([*running, *starting])
+            if answer in starting:
+                idle.append(starting.pop(answer))
                 try:
-                    yield task, ray.get(answer)
+                    ray.get(answer)
                 except RayActorError as error:
-                    if attempt < ATTEMPTS:
-                        waiting.appendleft((task, attempt + 1))
-                    else:
-                        yield task, Died(f"the worker process died: {error.error_msg}")
+                    raise RuntimeError(f"a worker cannot start; is quibo installed on every machine? {error}") from None
+                continue
+            worker, task, attempt = running.pop(answer)
+            try:
+                yield task, ray.get(answer)
+                idle.append(worker)
+            except RayActorError as error:
+                start()
+                if attempt < ATTEMPTS:
+                    waiting.appendleft((task, attempt + 1))
+                else:
+                    yield task, Died(f"the worker process died: {error.error_msg}")
     finally:
         if started:
             ray.shutdown()
@@ -58,6 +75,9 @@ def run(
 class _Actor:
     def __init__(self, work: Callable[[Any], Any]) -> None:
         self._work = work
+
+    def ready(self) -> None:
+        pass
 
     def work(self, task: Any) -> Any:
         return self._work(task)
