@@ -2,6 +2,7 @@
 sets it."""
 import os
 import pathlib
+import subprocess
 import sys
 
 import pytest
@@ -25,3 +26,24 @@ def unsanitized():
     """For tests of the library as shipped."""
     if os.environ.get("QUIBO_SANITIZE") == "ON":
         pytest.skip("a sanitized library brings the sanitizers' runtime along")
+
+
+@pytest.fixture(scope="session")
+def quibo(build):
+    """Runs the command."""
+    if not (build / "quibo").exists():
+        pytest.skip("the command was not built: its libraries are missing")
+
+    def run(*arguments, **options):
+        options = {"capture_output": True, "text": True, "timeout": 300, **options}
+        return subprocess.run([build / "quibo", *map(str, arguments)], **options)
+
+    return run
+
+
+@pytest.fixture(scope="session")
+def plain(build, unsanitized):
+    """The sample's microphones in clear, and its reference."""
+    import recordings
+
+    return recordings.plain_sample(build / "libquibo.so")

@@ -1,11 +1,11 @@
 """`quibo run` on the sample recording and on bad input: the driver's bits and angles, events by their schema, exit
 status, files whole or not there."""
+import base64
 import contextlib
-import ctypes
 import json
 import math
 import os
-import pathlib
+import re
 import signal
 import subprocess
 import wave
@@ -14,29 +14,10 @@ import pytest
 
 numpy = pytest.importorskip("numpy")
 
+from recordings import SAMPLE, upsampled, write_wav
+
 FRAME, RATE, DELAY = 1024, 16000, 2580
-SAMPLE = pathlib.Path(__file__).parent.parent / "samples" / "living_room.flac"
 OUTPUTS = {"clean.wav", "mic1.wav", "mic2.wav", "mic3.wav", "events.jsonl"}
-
-
-@pytest.fixture(scope="session")
-def quibo(build):
-    if not (build / "quibo").exists():
-        pytest.skip("the command was not built: its libraries are missing")
-
-    def run(*arguments, **options):
-        options = {"capture_output": True, "text": True, "timeout": 300, **options}
-        return subprocess.run([build / "quibo", *map(str, arguments)], **options)
-
-    return run
-
-
-def write_wav(path, samples, rate=RATE):
-    """samples: int16, one row per instant."""
-    with wave.open(str(path), "wb") as f:
-        f.setparams((samples.shape[1], 2, rate, 0, "NONE", ""))
-        f.writeframes(samples.astype("<i2").tobytes())
-    return path
 
 
 def read_wav(path):
@@ -75,20 +56,6 @@ def driver(build, tmp_path_factory):
             m, s, ms = (int(part.split()[0]) for part in line.split("time:")[1].rstrip(")").split(","))
             found.append((((60 * m + s) * 1000 + ms) * RATE // 1000, angle))
     return numpy.fromfile(folder / "wav2/nnaec.pcm", "<i2"), found
-
-
-@pytest.fixture(scope="module")
-def plain(quibo, build, unsanitized):
-    """The sample's microphones and reference, descrambled by the library itself."""
-    decode = "flac -d -s -c --force-raw-format --endian=little --sign=signed".split()
-    raw = subprocess.run([*decode, SAMPLE], check=True, stdout=subprocess.PIPE).stdout
-    tracks = numpy.frombuffer(raw, "<i2").reshape(-1, 6)[:, [0, 1, 2, 4]].copy()
-    library = ctypes.CDLL(str(build / "libquibo.so"))
-    for channel in range(3):
-        mic = numpy.ascontiguousarray(tracks[:, channel])
-        library.dec_data(mic.ctypes.data_as(ctypes.POINTER(ctypes.c_int16)), ctypes.c_int32(len(mic)))
-        tracks[:, channel] = mic
-    return tracks
 
 
 def test_the_sample_as_it_is_gives_the_drivers_bits_lined_up(quibo, driver, tmp_path):
@@ -141,10 +108,7 @@ def test_a_plain_copy_gives_the_same_bits(quibo, plain, driver, tmp_path, contai
 
 
 def test_a_48_khz_copy_is_resampled_and_gives_the_same_wakes(quibo, plain, driver, tmp_path):
-    spectrum = numpy.zeros((3 * len(plain) // 2 + 1, 4), complex)
-    spectrum[: len(plain) // 2 + 1] = numpy.fft.rfft(plain, axis=0)
-    copy = 3 * numpy.fft.irfft(spectrum, 3 * len(plain), axis=0)
-    write_wav(tmp_path / "plain.wav", numpy.clip(numpy.rint(copy), -32768, 32767), 3 * RATE)
+    write_wav(tmp_path / "plain.wav", upsampled(plain, 3), 3 * RATE)
     result = quibo("run", tmp_path / "plain.wav", "-o", tmp_path / "out")
     assert result.returncode == 0 and "48000 Hz: resampled to 16000 Hz" in result.stderr
     assert len(read_wav(tmp_path / "out/clean.wav")) == len(plain)
@@ -315,3 +279,20 @@ def test_version_and_help_say_what_is_inside(quibo):
         assert word in version
     assert "Example:" in quibo("run", "--help").stdout
     assert quibo().returncode == 2
+
+
+def test_a_report_is_one_page_with_the_data_and_the_sound_in_it(quibo, plain, tmp_path):
+    write_wav(tmp_path / "a <script>.wav", plain)
+    result = quibo("run", tmp_path / "a <script>.wav", "-o", tmp_path / "out", "--report")
+    assert result.returncode == 0, result.stderr
+    page = (tmp_path / "out/report.html").read_text()
+    assert not re.findall(r"""(?:src|href)=["']?https?:""", page)
+    data = json.loads(re.search(r'id="quibo-report">(.*?)</script>', page, re.S)[1])
+    assert (data["format"], data["version"], data["title"]) == ("quibo-report", 1, "a <script>.wav")
+    assert [w["angle"] for w in data["wakes"]] == [a for _, a in wakes(tmp_path / "out")]
+    assert data["check"]["verdict"] == "fit" and len(data["levels"]["clean"]) == 48
+    assert all(abs(p["ms"] - 15.24) < 0.05 for p in data["reference_delay"]["points"])
+    flac = base64.b64decode(data["audio"]["after"]["base64"])
+    decoded = subprocess.run(["flac", "-d", "-s", "-c", "-"], input=flac, capture_output=True, check=True).stdout
+    (tmp_path / "decoded.wav").write_bytes(decoded)
+    assert (read_wav(tmp_path / "decoded.wav") == read_wav(tmp_path / "out/clean.wav")).all()

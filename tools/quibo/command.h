@@ -21,6 +21,7 @@ enum ExitStatus {
 using Action = std::function<int()>;
 
 Action add_run(CLI::App& app);
+Action add_check(CLI::App& app);
 
 // The options that say how a recording is read, filled in by the command line.
 struct ReadingOptions {

@@ -1,9 +1,12 @@
 #include "session.h"
 
 #include <algorithm>
+#include <filesystem>
 #include <memory>
 
+#include "check_json.h"
 #include "outputs.h"
+#include "report.h"
 
 namespace quibo::recordings {
 
@@ -31,6 +34,15 @@ std::vector<std::string> to_look_at(const FileTracks& tracks, const FrameReader&
   }
   return lines;
 }
+
+// What a report needs and a run does not: a check of the recording, and the signals.
+struct ReportBuilder {
+  explicit ReportBuilder(int rate) : check(rate) {}
+
+  Check check;
+  ReportSignal before, after;
+  std::vector<Json> wakes;
+};
 
 }  // namespace
 
@@ -65,15 +77,32 @@ SessionResult run_session(const std::string& path, const SessionOptions& options
     if (callbacks.event) callbacks.event(event);
   };
 
+  std::unique_ptr<OutputFile> page;
+  std::unique_ptr<ReportBuilder> report;
+  if (options.report && !options.folder.empty()) {
+    page = std::make_unique<OutputFile>(options.folder + "/report.html");
+    report = std::make_unique<ReportBuilder>(tracks.rate());
+    feed(&report->check, &frames);
+  }
+
   SessionResult result;
   int wakes = 0;
   RunCallbacks during;
   during.outputs = [&](const int16_t* const samples[kOutputs], int count) {
     for (size_t o = 0; o < outputs.size(); ++o) outputs[o]->write(samples[o], count);
+    if (report) report->after.add(samples[kClean], count);
     if (callbacks.outputs) callbacks.outputs(samples, count);
   };
+  if (report) {
+    during.frame = [&](const Frame& frame, const Output&) {
+      if (frame.samples == QUIBO_FRAME) report->check.add_frame(frame.track);
+      report->before.add(frame.track[0], frame.samples);
+    };
+  }
   during.wake = [&](const Wake& wake) {
-    tell(wake_event(path, ++wakes, wake));
+    const Json event = wake_event(path, ++wakes, wake);
+    tell(event);
+    if (report) report->wakes.push_back(event);
     if (callbacks.wake) callbacks.wake(wakes, wake);
   };
   during.second = [&](int second, const float levels[kTracks + kOutputs]) {
@@ -88,11 +117,26 @@ SessionResult run_session(const std::string& path, const SessionOptions& options
   for (const std::string& line : result.warnings) tell(warning_event(path, line));
   tell(end_event(path, result.run));
 
+  if (report) {
+    report->before.finish();
+    report->after.finish();
+    Json recording = about_recording(path, tracks);
+    recording["notes"] = notes;
+    const Json data =
+        report_data(std::filesystem::path(path).filename().string(), recording, result.run,
+                    options.run.raw_timing, report->wakes, report->check.finish(), result.warnings,
+                    report->before, report->after);
+    const std::string text = report_page(data);
+    page->write(text.data(), text.size());
+    page->finish();
+  }
+
   // All are whole before the first one gets its name.
   for (const auto& output : outputs) output->finish();
   if (events) events->finish();
   for (const auto& output : outputs) output->keep();
   if (events) events->keep();
+  if (page) page->keep();
   return result;
 }
 
