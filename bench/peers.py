@@ -13,7 +13,6 @@ import importlib.util
 import pathlib
 import sys
 import time
-import typing
 
 import numpy as np
 
@@ -26,7 +25,7 @@ class Row:
     what: str                       # the work, with its length
     ours: float                     # microseconds
     peer: str
-    theirs: typing.Optional[float]  # None: not installed
+    theirs: float | None  # None: not installed
     note: str
 
 

@@ -31,7 +31,8 @@ def arrow(points, label, at=None):
 
 
 def band(y, height, title, note):
-    out.append(f'<rect x="14" y="{y}" width="1132" height="{height}" rx="10" fill="none" stroke="#b9c4ce" stroke-dasharray="5 4"/>')
+    out.append(f'<rect x="14" y="{y}" width="1132" height="{height}" rx="10" fill="none" stroke="#b9c4ce" '
+               'stroke-dasharray="5 4"/>')
     text(28, y + 20, [title], 13, "bold", "start")
     text(28, y + 37, [note], 11, "normal", "start", "#44525f")
 

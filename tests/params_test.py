@@ -13,7 +13,6 @@ import subprocess
 import sys
 
 import pytest
-
 import safetensors_file
 from conftest import SOURCE
 from parser_property import hold

@@ -3,8 +3,8 @@ import argparse
 import json
 import pathlib
 import sys
-import tomllib
 
+import tomllib
 import torch
 
 from . import data, export, parity, tasks, train

@@ -23,10 +23,10 @@ import hashlib
 import os
 import pathlib
 import subprocess
-import tomllib
 
 import numpy as np
 import soundfile
+import tomllib
 
 from training import cache_keys, synthetic
 from training.device_facts import RATE

@@ -110,5 +110,5 @@ def kws_batch(corpus, bank, rng, batch, seconds, split, progress):
     end = np.tile((starts + len(t)) // BLOCK, (batch, 1))
     waves = torch.from_numpy(np.float32(np.round(FULL_SCALE * np.clip(waves, -0.99, 0.99))))
     return {"features": kws.inputs(waves).numpy(), "labels": np.float32(labels), "first": np.float32(end - EARLY),
-            "last": np.float32(end + LATE), "middle": np.float32(end - 4), "certain": np.ones(batch, np.float32), "kind": np.float32(kind),
-            "progress": np.array(progress, np.float32)}
+            "last": np.float32(end + LATE), "middle": np.float32(end - 4), "certain": np.ones(batch, np.float32),
+            "kind": np.float32(kind), "progress": np.array(progress, np.float32)}

@@ -8,7 +8,6 @@ import sys
 
 import numpy as np
 import pytest
-
 import quibo
 
 PAGE = pathlib.Path(__file__).resolve().parents[2] / "docs/python.md"

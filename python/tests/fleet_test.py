@@ -8,11 +8,10 @@ import sys
 
 import numpy as np
 import pytest
-from recordings_test import write_wav
-
 import quibo
 from quibo.fleet import __main__ as fleet
 from quibo.fleet import addresses, local, retry
+from recordings_test import write_wav
 
 pq = pytest.importorskip("pyarrow.parquet")
 MACHINE = "kernels", "host", "processor_seconds"

@@ -12,7 +12,6 @@ import threading
 
 import numpy as np
 import pytest
-
 import quibo
 
 SEED = 20251103

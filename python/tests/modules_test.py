@@ -2,8 +2,8 @@
 
 import numpy as np
 import pytest
-
 import quibo
+
 
 @pytest.fixture(scope="module")
 def scene(sample):

@@ -8,7 +8,6 @@ import wave
 
 import numpy as np
 import pytest
-
 import quibo
 
 SAMPLE = pathlib.Path(__file__).resolve().parents[2] / "samples/living_room.flac"

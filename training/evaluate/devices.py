@@ -43,7 +43,14 @@ def run(device, root, speech, progress):
             for system, output in zip(names, process(mic, ref)):
                 echo, other = metrics.aecmos(kind, ref, mic, output)
                 rows.append(
-                    {"recording": name, "kind": kind, "system": system, "echo": echo, "degradation": other, "levels": levels(output)}
+                    {
+                        "recording": name,
+                        "kind": kind,
+                        "system": system,
+                        "echo": echo,
+                        "degradation": other,
+                        "levels": levels(output),
+                    }
                 )
         progress()
     return {"rows": rows, "summary": summarise(rows), "delays": delays, "absent": absent}

@@ -3,7 +3,8 @@ else, by speakers, in rooms and among noises it was not trained with.
 
 Phrases are joined from isolated syllables of test speakers, each with a length and a place of its own, or fluent: clips in
 which a test speaker says the whole. Every utterance is heard in every condition of its set. What the engine hears is made
-once and kept (mixes are a function of seed and number, and of made_from()). The microphones' mean goes to the engine; where the device plays, each microphone goes through the canceller first.
+once and kept (mixes are a function of seed and number, and of made_from()). The microphones' mean goes to the engine; where
+the device plays, each microphone goes through the canceller first.
 """
 import json
 import pathlib
@@ -14,8 +15,8 @@ import tqdm
 
 from training import cache_keys, engine, export, train
 from training.corpus import ROLES, open_corpus
-from training.device_facts import BLOCK, RATE, THRESHOLD
 from training.data import SEED as SEED_OF_SPLITS
+from training.device_facts import BLOCK, RATE, THRESHOLD
 from training.evaluate import device as devices
 from training.evaluate import intervals, scenes
 from training.library import WakeUp
@@ -41,8 +42,9 @@ STEP = BLOCK / RATE
 SOONEST = 1.0  # s before an utterance's end; what wakes earlier was not it
 REFRACTORY = 1.0  # s in which a second wake is not counted
 RECIPE = ("device_facts", "evaluate.device", "evaluate.listening", "evaluate.scenes", "evaluate.sets", "scenes.array_geometry",
-          "scenes.audio", "scenes.bank", "scenes.direction", "scenes.echo", "scenes.loudspeaker", "scenes.mixing", "scenes.noisy",
-          "scenes.room", "scenes.sources", "syllables.inventory", "syllables.texts", "syllables.waves")
+          "scenes.audio", "scenes.bank", "scenes.direction", "scenes.echo", "scenes.loudspeaker", "scenes.mixing",
+          "scenes.noisy", "scenes.room", "scenes.sources", "syllables.inventory", "syllables.texts", "syllables.voices",
+          "syllables.waves")
 
 # Set -> (utterances, conditions as (name, SNR, SER or None)).
 CONDITIONS = (("quiet", QUIET, None), ("noise 10 dB", 10.0, None), ("noise 5 dB", 5.0, None),
@@ -170,6 +172,14 @@ class Kept:
             yield np.array(audio[row["start"]:row["start"] + row["samples"]]), row
 
 
+def utterances(device, corpus, rooms, sayings, count, conditions):
+    """Yields (wave, what is known about it) of a set, its speakers taking turns."""
+    for number in tqdm.trange(count, desc=sayings.what, mininterval=60):
+        speaker = sayings.speakers[number % len(sayings.speakers)]
+        for name, wave, end, said in heard(device, corpus, rooms, sayings, speaker, number, conditions):
+            yield wave, {"condition": name, "end": end, "said": said, "speaker": speaker}
+
+
 def prepare(device, corpus, rooms, folder, hours):
     """{set: Kept}; hours of what is not the phrase."""
     others, kept = scenes.without_phrases(corpus), {}
@@ -177,13 +187,9 @@ def prepare(device, corpus, rooms, folder, hours):
         raise SystemExit("no test speaker says 'ling' and 'dang' by themselves")
     for what, (count, conditions) in SETS.items():
         sayings = Sayings(corpus, what)
-        def utterances():
-            for number in tqdm.trange(count, desc=what, mininterval=60):
-                speaker = sayings.speakers[number % len(sayings.speakers)]
-                for name, wave, end, said in heard(device, others, rooms, sayings, speaker, number, conditions):
-                    yield wave, {"condition": name, "end": end, "said": said, "speaker": speaker}
         if sayings.speakers:
-            kept[what] = Kept(folder, what.replace(" ", "_")).make(utterances())
+            made = utterances(device, others, rooms, sayings, count, conditions)
+            kept[what] = Kept(folder, what.replace(" ", "_")).make(made)
     stretches = ((without_phrase(device, others, rooms, i), {"condition": ("talk", "playback")[i % 2]})
                  for i in tqdm.trange(round(hours * 3600 / STRETCH), desc="without the phrase", mininterval=60))
     kept["without"] = Kept(folder, f"without_{hours:g}_h").make(stretches)

@@ -2,7 +2,8 @@
 
 import html
 
-from training.evaluate import devices, direction, plots, sets, wake
+from training.device_facts import THRESHOLD
+from training.evaluate import devices, direction, plots, sets
 from training.evaluate.metrics import ERLE_WINDOW, HIGH_PASS_HZ
 from training.evaluate.peers.gtcrn import Gtcrn
 from training.evaluate.peers.rnnoise import RNNoise
@@ -103,7 +104,8 @@ def _noise(section, about):
     yield "<h2>Noise suppressor</h2>"
     yield (
         f"<p>{about['sizes']['noise']} scenes, each at every SNR: a talker 0.5 to 5 m away and recorded noise, babble, "
-        "music or a second talker; then the same with white noise, a fan or six talkers instead. Microphone 1 is judged against the talker as it hears him, with late reverberation "
+        "music or a second talker; then the same with white noise, a fan or six talkers instead. Microphone 1 is "
+        "judged against the talker as it hears him, with late reverberation "
         "6 to 10 dB down.</p>"
     )
     yield f"<figure>{plots.noise(section['summary'])}</figure>"
@@ -209,8 +211,11 @@ def _wake(section, about):
         if max(summary["det"]["false_per_hour"]) > 0 or any(
             min(m) < 1 for m in summary["det"]["missed"].values()
         ):
-            yield f"<figure>{plots.det(summary, wake.OPERATING_POINT)}</figure>"
-            yield "<p class=note>A dot marks the decoder's threshold. The engine alone, kept from waking, on the same cancelled microphones.</p>"
+            yield f"<figure>{plots.det(summary, THRESHOLD)}</figure>"
+            yield (
+                "<p class=note>A dot marks the decoder's threshold. The engine alone, kept from waking, on the same "
+                "cancelled microphones.</p>"
+            )
         else:
             yield "<p class=note>No detection error curve: at no threshold is anything heard, said or not.</p>"
     yield "<h3>Direction, asked for 0.1 s after every phrase, heard or not</h3>"
@@ -232,7 +237,7 @@ def _table(systems, columns, groups=()):
     best = {}
     for measure, (_, digits, better) in columns.items():
         values = [f[measure]["value"] for s, f in systems.items() if f[measure] and s not in INPUTS]
-        if better and len(set(round(v, digits) for v in values)) > 1:
+        if better and len({round(v, digits) for v in values}) > 1:
             best[measure] = round(max(values) if better > 0 else min(values), digits)
     rows = ""
     for system, figures in systems.items():
@@ -276,7 +281,8 @@ def _about(results):
     for name, f in about["parameters"].items():
         trained = f"{f['trained']}{', ' + f['steps'] + ' steps' if f['steps'] else ''}"
         compiled = "yes" if f["compiled_in"] else "no"
-        yield f"<tr><td>{name}<td><code>{f['sha256']}</code><td>{compiled}<td>{trained if name != 'codec.safetensors' else ''}</tr>"
+        trained = trained if name != "codec.safetensors" else ""
+        yield f"<tr><td>{name}<td><code>{f['sha256']}</code><td>{compiled}<td>{trained}</tr>"
     yield (
         f"</table><p class=note>Data {about['data']}, rooms {about['rooms']} (the first {about['sizes']['rooms']}; test rooms "
         f"are a tenth), {about['speech']}; took {about['minutes']} min.</p></html>"

@@ -1,10 +1,10 @@
 import json
 import shutil
-import tomllib
 
 import numpy as np
 import pytest
 import soundfile
+import tomllib
 from conftest import ROOT, SEED
 
 from training import synthetic

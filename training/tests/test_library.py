@@ -67,7 +67,8 @@ def test_numbers_are_the_headers(tmp_path):
 
 def test_every_call_has_the_types_of_the_header(tmp_path):
     """As many arguments, results and numbers of the declared kind, addresses where it has pointers."""
-    kinds = {None: "std::is_void_v<{}>", ctypes.c_int32: "std::is_same_v<{}, int32_t>", ctypes.c_float: "std::is_same_v<{}, float>"}
+    kinds = {None: "std::is_void_v<{}>", ctypes.c_int32: "std::is_same_v<{}, int32_t>",
+             ctypes.c_float: "std::is_same_v<{}, float>"}
     lines = ["#include <tuple>", "#include <type_traits>",
              "template <class R, class... A> std::tuple<R (*)(), A...> of(R (*)(A...));"]
     for name, (result, arguments) in library.CALLS.items():

@@ -7,8 +7,8 @@ import pathlib
 import numpy as np
 from scipy import signal
 
-from training.evaluate.peers import Absent
 from training.device_facts import FULL_SCALE
+from training.evaluate.peers import Absent
 
 UP = 3
 FRAME = 480
