@@ -57,7 +57,7 @@ def describe(network, config, steps, digest, results):
 
 
 def card(network, metadata, sources, digest):
-    """Draft of the model card for params/README.md; figures of the full evaluation and known limits are to be added.
+    """Draft of the model card, params/NETWORK.md; figures of the full evaluation and known limits are to be added.
 
     sources: {(licence, folder): hours} of the audio trained on.
     """

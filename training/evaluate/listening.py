@@ -43,8 +43,8 @@ SOONEST = 1.0  # s before an utterance's end; what wakes earlier was not it
 REFRACTORY = 1.0  # s in which a second wake is not counted
 RECIPE = ("device_facts", "evaluate.device", "evaluate.listening", "evaluate.scenes", "evaluate.sets", "scenes.array_geometry",
           "scenes.audio", "scenes.bank", "scenes.direction", "scenes.echo", "scenes.loudspeaker", "scenes.mixing",
-          "scenes.noisy", "scenes.room", "scenes.sources", "syllables.inventory", "syllables.texts", "syllables.voices",
-          "syllables.waves")
+          "scenes.noisy", "scenes.room", "scenes.sources", "scenes.steady", "syllables.inventory", "syllables.texts",
+          "syllables.voices", "syllables.waves")
 
 # Set -> (utterances, conditions as (name, SNR, SER or None)).
 CONDITIONS = (("quiet", QUIET, None), ("noise 10 dB", 10.0, None), ("noise 5 dB", 5.0, None),

@@ -32,6 +32,7 @@ RECIPE = (
     "scenes.playback",
     "scenes.room",
     "scenes.sources",
+    "scenes.steady",
 )
 
 

@@ -78,6 +78,7 @@ RECIPE = (
     "scenes.noisy",
     "scenes.room",
     "scenes.sources",
+    "scenes.steady",
 )
 HEARING = ("device_facts", "models.doa", "models.features", "scenes.direction")
 
