@@ -32,15 +32,13 @@ CHANNELS = [
     {"channel": 2, "holds": "microphone 3", "encoding": "scrambled"},
     {
         "channel": 3,
-        "holds": "ground truth: the talkers alone as microphone 1 hears them, no echo, no "
-        "noise; not read by the front end",
+        "holds": "ground truth: the talkers alone as microphone 1 hears them, no echo, no noise; not read by the front end",
         "encoding": "plain",
     },
     {"channel": 4, "holds": "loudspeaker reference", "encoding": "plain"},
     {
         "channel": 5,
-        "holds": "ground truth: the loudspeaker's echo alone as microphone 1 hears it; not "
-        "read by the front end",
+        "holds": "ground truth: the loudspeaker's echo alone as microphone 1 hears it; not read by the front end",
         "encoding": "plain",
     },
 ]
@@ -83,9 +81,7 @@ def stretch(recording, about):
         "plays": [p["what"] for p in PLAYS if during(p["start"], p["end"])],
         "noise": [TAP["what"]] if during(*TAP_OPEN) else [],
         "speaks": [
-            talker(recording, t, end)
-            for t, end in zip(TALKERS, recording.ends)
-            if about["start"] <= t["start"] < about["end"]
+            talker(recording, t, end) for t, end in zip(TALKERS, recording.ends) if about["start"] <= t["start"] < about["end"]
         ],
     }
 
@@ -159,9 +155,7 @@ def sources(recording, recordings):
         }
 
     return {
-        "played": [
-            source(p, p["file"], p["from"], g) for p, g in zip(PLAYS, recording.play_gains)
-        ],
+        "played": [source(p, p["file"], p["from"], g) for p, g in zip(PLAYS, recording.play_gains)],
         "spoken": [
             source(t, file, start, g)
             for t, gains in zip(TALKERS, recording.talker_gains)

@@ -41,9 +41,7 @@ def si_sdr_db(e, s):
 
 
 def main():
-    parser = argparse.ArgumentParser(
-        description=__doc__, formatter_class=argparse.RawDescriptionHelpFormatter
-    )
+    parser = argparse.ArgumentParser(description=__doc__, formatter_class=argparse.RawDescriptionHelpFormatter)
     parser.add_argument("--scene", default="samples/living_room.json")
     parser.add_argument("--library", default="build-release/libquibo.so")
     parser.add_argument("--converge", type=float, default=5.0, help="seconds left out at the start")
@@ -75,10 +73,7 @@ def main():
             if stretch["kind"] == "near_end":
                 line += f" SI-SDR against the microphone {si_sdr_db(e, d):5.1f} dB"
             if m == 0:
-                line += (
-                    f" SI-SDR against the talkers alone: before {si_sdr_db(d, s):5.1f} dB,"
-                    f" after {si_sdr_db(e, s):5.1f} dB"
-                )
+                line += f" SI-SDR against the talkers alone: before {si_sdr_db(d, s):5.1f} dB, after {si_sdr_db(e, s):5.1f} dB"
             if stretch["kind"] == "near_end" or m == 0:
                 print(line)
 

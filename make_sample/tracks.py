@@ -61,10 +61,7 @@ def reference(recordings):
 
 def say(recordings, talker):
     """The talker's pieces one after the other, each as loud as the first; their gains in dB."""
-    pieces = [
-        recordings.clip(file, start, None if end is None else end - start)
-        for file, start, end in talker["pieces"]
-    ]
+    pieces = [recordings.clip(file, start, None if end is None else end - start) for file, start, end in talker["pieces"]]
     gains = [active_dbfs(pieces[0]) - active_dbfs(x) for x in pieces]
     return np.concatenate([fade(x * gain(g), 0.01) for x, g in zip(pieces, gains)]), gains
 
@@ -116,9 +113,7 @@ def record(recordings):
     """The scene as the device records it."""
     random = np.random.default_rng(SEED)
     offsets = {
-        f"talker {k}": array_geometry.offset(
-            t["heading"], t["distance"], t["height"] - ROOM.array[2]
-        )
+        f"talker {k}": array_geometry.offset(t["heading"], t["distance"], t["height"] - ROOM.array[2])
         for k, t in enumerate(TALKERS)
     }
     offsets |= {"loudspeaker": array_geometry.loudspeaker_offset(), "tap": TAP_OFFSET}
@@ -140,6 +135,4 @@ def record(recordings):
     channels = np.stack(
         [*scrambled, to_int16(near[0]), to_int16(ref), to_int16(echo[0])]  # MIC_GAIN_DB[0] is 0 dB
     )
-    return Recording(
-        channels, responses, ref, echo, near, tap, mics, volume, play_gains, talker_gains, tap_gain, ends
-    )
+    return Recording(channels, responses, ref, echo, near, tap, mics, volume, play_gains, talker_gains, tap_gain, ends)

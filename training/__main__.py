@@ -1,4 +1,5 @@
 """python -m training COMMAND: see --help. Commands run from the repository root."""
+
 import argparse
 import json
 import pathlib
@@ -133,20 +134,38 @@ def main():
     p.add_argument("--stub", action="store_true", help="signals from formulas instead of the scene simulator")
     p.add_argument("--data", type=pathlib.Path, help="folder of audio; without it synthetic speech only")
     p.add_argument("--stages", default=",".join(STAGES), help=f"which of {','.join(STAGES)} to run (default: all)")
-    p.add_argument("--steps", type=int, help="length of the training instead of the configuration's; a run that is "
-                   "resumed with fewer steps comes to its end sooner")
+    p.add_argument(
+        "--steps",
+        type=int,
+        help="length of the training instead of the configuration's; a run that is "
+        "resumed with fewer steps comes to its end sooner",
+    )
     p.add_argument("--start", type=pathlib.Path, help="ns, naec, doa: parameter file to go on from, instead of a new network")
     p.add_argument("--config", type=pathlib.Path, help="TOML instead of training/configs/NETWORK.toml")
-    p.add_argument("--out", type=pathlib.Path, default=ROOT / "build-training",
-                   help="rooms, cached audio, checkpoints, logs, exported files")
+    p.add_argument(
+        "--out",
+        type=pathlib.Path,
+        default=ROOT / "build-training",
+        help="rooms, cached audio, checkpoints, logs, exported files",
+    )
     p.add_argument("--params", type=pathlib.Path, help="folder to export to (default: the run's own)")
-    p.add_argument("--library", type=pathlib.Path, help="built libquibo.so: canceller and noise suppressor for the scenes, "
-                   "parity at export")
-    p.add_argument("--suppressor", type=pathlib.Path, default=PARAMS / "ns.safetensors",
-                   help="doa: parameter file of the noise suppressor to listen through (default: %(default)s)")
-    p.add_argument("--cutter", type=pathlib.Path, default=PARAMS / "kws.safetensors",
-                   help="kws: parameter file of the wake-up network that finds the syllables inside words (default: "
-                   "%(default)s)")
+    p.add_argument(
+        "--library",
+        type=pathlib.Path,
+        help="built libquibo.so: canceller and noise suppressor for the scenes, parity at export",
+    )
+    p.add_argument(
+        "--suppressor",
+        type=pathlib.Path,
+        default=PARAMS / "ns.safetensors",
+        help="doa: parameter file of the noise suppressor to listen through (default: %(default)s)",
+    )
+    p.add_argument(
+        "--cutter",
+        type=pathlib.Path,
+        default=PARAMS / "kws.safetensors",
+        help="kws: parameter file of the wake-up network that finds the syllables inside words (default: %(default)s)",
+    )
     p.set_defaults(run=run_training)
     p = commands.add_parser("parity", help="training graphs against the built library, random tables")
     p.add_argument("networks", nargs="*")

@@ -10,6 +10,7 @@ is the same to the bit: a key that knew which part of a library matters would be
 Code is not looked at, only its constants: who changes what a function makes without touching one gives its module a
 constant REVISION, or raises it.
 """
+
 import dataclasses
 import hashlib
 import importlib
@@ -59,9 +60,13 @@ def _plain(value):
 
 def constants(*modules):
     """{module: digest of what stands in capitals in it}. modules: names such as "scenes.echo"."""
+
     def of(module):
-        return {name: value for name, value in sorted(vars(importlib.import_module(f"training.{module}")).items())
-                if name.isupper() and not isinstance(value, NO_CONTENT)}
+        return {
+            name: value
+            for name, value in sorted(vars(importlib.import_module(f"training.{module}")).items())
+            if name.isupper() and not isinstance(value, NO_CONTENT)
+        }
 
     return {module: digest(of(module)) for module in modules}
 
@@ -82,8 +87,10 @@ def begin(parent, made_from):
         if earlier:
             before, now = _flat(json.loads(earlier.read_text(encoding="utf-8"))), _flat(json.loads(text))
             other = sorted(name for name in before.keys() | now.keys() if before.get(name) != now.get(name))
-            print(f"{path.parent}: made anew in {path.name}, other than {earlier.parent.name}: {', '.join(other)}",
-                  file=sys.stderr)
+            print(
+                f"{path.parent}: made anew in {path.name}, other than {earlier.parent.name}: {', '.join(other)}",
+                file=sys.stderr,
+            )
     return path
 
 

@@ -72,9 +72,7 @@ class Corpus:
         if (role, split) not in self._pools:
             if role not in ROLES or split not in SPLITS:
                 raise ValueError(f"no role {role!r} or split {split!r}")
-            self._pools[role, split] = [
-                c for c in self._clips if c.split == split and role in c.roles
-            ]
+            self._pools[role, split] = [c for c in self._clips if c.split == split and role in c.roles]
         return self._pools[role, split]
 
     def where(self, keep):
@@ -133,8 +131,7 @@ class Corpus:
         """Digest of what a draw from these clips depends on: their audio, in this order, their speakers and shares;
         labels: what is said, too."""
         rows = [
-            [c.path, self._content(c), c.speaker, c.set, c.share]
-            + ([c.pinyin, c.ends, c.flags] if labels else [])
+            [c.path, self._content(c), c.speaker, c.set, c.share] + ([c.pinyin, c.ends, c.flags] if labels else [])
             for c in clips
         ]
         self._digests.save()
@@ -223,9 +220,7 @@ class _Description:
         name = str(pathlib.PurePath(row["path"]).with_suffix(""))
         if name in self.held_out:
             return None
-        rule = next(
-            (s for s in self.sets if any(fnmatch.fnmatchcase(name, p) for p in s["clips"])), {}
-        )
+        rule = next((s for s in self.sets if any(fnmatch.fnmatchcase(name, p) for p in s["clips"])), {})
         folder = name.split("/")[0]
         kind = next((k for k in ("noise", "music") if folder.lower().startswith(k)), None)
         roles = row.get("roles", "").split() or rule.get("roles")
@@ -352,6 +347,4 @@ def open_corpus(path, cache_dir, seed=0, description=None):
     for clip in by_speech:
         if own_splits[clip.speaker] != clip.split:
             raise ValueError(f"speaker {clip.speaker} is in two splits")
-    return Corpus(
-        root, cache_dir, clips + _synthetic_clips(seed, ("train",), rules.synthetic_share)
-    )
+    return Corpus(root, cache_dir, clips + _synthetic_clips(seed, ("train",), rules.synthetic_share))

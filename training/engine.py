@@ -3,6 +3,7 @@
 Every table is an exported constant array, read when an instance is created. A private copy of the library is loaded
 (fresh recurrent states) and its tables are overwritten in this process's memory before anything runs.
 """
+
 import contextlib
 import ctypes
 import mmap
@@ -57,8 +58,8 @@ def suppress_noise(library, microphones, floor):
     out = np.zeros_like(microphones)
     for start in range(0, microphones.shape[1], FRAME):
         for handle, samples, cleaned in zip(handles, microphones, out):
-            frame = np.ascontiguousarray(samples[start:start + FRAME])
-            library.QuibAncRun(handle, pointer(frame), pointer(cleaned[start:start + FRAME]))
+            frame = np.ascontiguousarray(samples[start : start + FRAME])
+            library.QuibAncRun(handle, pointer(frame), pointer(cleaned[start : start + FRAME]))
     for handle in handles:
         library.QuibAncUnit(ctypes.byref(handle))
     return out
@@ -81,7 +82,7 @@ def directions(library, microphones):
     net, vectors = libraries.DoaNet(), []
     assert library.init_doa_net(ctypes.byref(net)) == 0
     for start in range(0, microphones.shape[1], BLOCK):
-        block = [np.ascontiguousarray(m[start:start + BLOCK]) for m in microphones]
+        block = [np.ascontiguousarray(m[start : start + BLOCK]) for m in microphones]
         library.proc_one_frame(ctypes.byref(net), *map(pointer, block), 0)
         vectors.append(net.dlayer[0].xy[:])
     library.destroy_doa_net(ctypes.byref(net))

@@ -1,4 +1,5 @@
 """Trained weights -> params/FILE.safetensors, with what they were made from in the file's metadata."""
+
 import json
 import pathlib
 import subprocess
@@ -36,8 +37,14 @@ def write(network, tables, metadata, folder):
     """Returns the path and SHA-256 of the file. tables: {name: array} as fit() returns them."""
     path = pathlib.Path(folder) / f"{network}.safetensors"
     entries = manifest(network)
-    safetensors_file.write(path, {name: (entries[name]["dtype"], list(a.shape), a.astype(a.dtype.newbyteorder("<")).tobytes())
-                                  for name, a in tables.items()}, metadata)
+    safetensors_file.write(
+        path,
+        {
+            name: (entries[name]["dtype"], list(a.shape), a.astype(a.dtype.newbyteorder("<")).tobytes())
+            for name, a in tables.items()
+        },
+        metadata,
+    )
     return path, file_digest(path)
 
 
@@ -49,10 +56,18 @@ def read(path):
 
 def describe(network, config, steps, digest, results):
     """Metadata of an exported file: enough to make it again."""
-    revision = subprocess.run(["git", "describe", "--always", "--dirty", "--abbrev=12"], cwd=ROOT, text=True,
-                              capture_output=True).stdout.strip()
-    metadata = {"generator": "training", "trained": "yes", "steps": str(steps), "config": json.dumps(config),
-                "data": digest, "revision": revision, "results": json.dumps(results)}
+    revision = subprocess.run(
+        ["git", "describe", "--always", "--dirty", "--abbrev=12"], cwd=ROOT, text=True, capture_output=True
+    ).stdout.strip()
+    metadata = {
+        "generator": "training",
+        "trained": "yes",
+        "steps": str(steps),
+        "config": json.dumps(config),
+        "data": digest,
+        "revision": revision,
+        "results": json.dumps(results),
+    }
     return metadata | ({"classes": class_names()} if network == "kws" else {})
 
 

@@ -1,6 +1,7 @@
 """Muon: AdamW for what is no matrix; matrices move along their momentum made orthogonal, so that every direction of a layer
 learns at the same rate (K. Jordan et al. 2024, "Muon: an optimizer for hidden layers in neural networks"; size of the step
 and weight decay after J. Liu et al. 2025, "Muon is scalable for LLM training")."""
+
 import torch
 
 MOMENTUM = 0.95
@@ -46,7 +47,7 @@ class Muon(torch.optim.Optimizer):
         average = state.setdefault("average", torch.zeros_like(p))
         average.lerp_(p.grad, 1 - MOMENTUM)
         ahead = p.grad.lerp(average, MOMENTUM).flatten(1)
-        return torch.cat([LIKE_ADAM * max(m.shape)**0.5 * orthogonal(m) for m in ahead.chunk(parts)]).view_as(p)
+        return torch.cat([LIKE_ADAM * max(m.shape) ** 0.5 * orthogonal(m) for m in ahead.chunk(parts)]).view_as(p)
 
     @staticmethod
     def adam(p, state):
@@ -54,7 +55,7 @@ class Muon(torch.optim.Optimizer):
         state["step"] = n = state.get("step", 0) + 1
         average.lerp_(p.grad, 1 - BETAS[0])
         square.lerp_(p.grad.square(), 1 - BETAS[1])
-        return average / (1 - BETAS[0]**n) / ((square / (1 - BETAS[1]**n)).sqrt() + EPSILON)
+        return average / (1 - BETAS[0] ** n) / ((square / (1 - BETAS[1] ** n)).sqrt() + EPSILON)
 
 
 def muon(model, weight_decay):
@@ -67,5 +68,6 @@ def muon(model, weight_decay):
             matrices += own
             parts += [3 if isinstance(module, torch.nn.GRU) else 1] * len(own)
     taken = set(matrices)
-    return Muon([{"params": matrices, "parts": parts}, {"params": [p for p in model.parameters() if p not in taken]}],
-                weight_decay)
+    return Muon(
+        [{"params": matrices, "parts": parts}, {"params": [p for p in model.parameters() if p not in taken]}], weight_decay
+    )

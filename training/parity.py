@@ -1,4 +1,5 @@
 """Is what was trained what the library computes? The same signal through both, sample by sample."""
+
 import numpy as np
 import torch
 
@@ -34,7 +35,7 @@ def compare(ours, theirs, what):
 def signals(rng, rows, frames, size=FRAME):
     """Noise bursts at speech-like levels, int16."""
     samples = frames * size
-    envelope = np.repeat(10**rng.uniform(-3, -0.7, (rows, frames * 4)), samples // (frames * 4), axis=1)
+    envelope = np.repeat(10 ** rng.uniform(-3, -0.7, (rows, frames * 4)), samples // (frames * 4), axis=1)
     return np.int16(np.clip(rng.standard_normal((rows, samples)) * envelope, -0.99, 0.99) * FULL_SCALE)
 
 
@@ -136,10 +137,12 @@ def random_model(kind, seed):
 
 
 # Network -> check, maker of a random network, its class, unit of the check's result.
-CHECKS = {"ns": (noise_suppressor, random_model, NoiseSuppressor, "int16 steps at most"),
-          "naec": (echo_suppressor, random_model, EchoSuppressor, "int16 steps at most"),
-          "doa": (direction, random_model, doa.DirectionNetwork, "at most"),
-          "kws": (wake_up, random_wake_up, kws.SyllableNetwork, "steps equal to the bit")}
+CHECKS = {
+    "ns": (noise_suppressor, random_model, NoiseSuppressor, "int16 steps at most"),
+    "naec": (echo_suppressor, random_model, EchoSuppressor, "int16 steps at most"),
+    "doa": (direction, random_model, doa.DirectionNetwork, "at most"),
+    "kws": (wake_up, random_wake_up, kws.SyllableNetwork, "steps equal to the bit"),
+}
 
 
 def random_tables(network, library_path, seed=0):

@@ -1,4 +1,5 @@
 """Where the toolkit finds the rest of the repository; commands run from its root, so that the code in params/ is a package."""
+
 import pathlib
 
 ROOT = pathlib.Path(__file__).resolve().parents[1]

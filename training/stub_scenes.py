@@ -1,5 +1,6 @@
 """Stand-ins with the scene simulator's shapes, from formulas alone: harmonic "speech", coloured noise, a short echo
 path. For the tests and the smoke runs of a machine that has neither corpus nor speech synthesiser."""
+
 import numpy as np
 import torch
 
@@ -18,7 +19,7 @@ def harmonic_speech(rng, samples):
     formants = rng.uniform([300, 900, 2000], [800, 2000, 3500])
     wave = np.zeros(samples)
     for k in range(1, 25):
-        gain = sum(np.exp(-((k * pitch - f) / 250)**2) for f in formants) + 0.02
+        gain = sum(np.exp(-(((k * pitch - f) / 250) ** 2)) for f in formants) + 0.02
         wave += gain * np.sin(k * phase)
     syllables = (rng.random(samples // 3200 + 2) > 0.3) * rng.uniform(0.3, 1, samples // 3200 + 2)
     envelope = np.interp(t * 5, np.arange(len(syllables)), syllables) * np.abs(np.sin(np.pi * 5 * t))
@@ -28,7 +29,7 @@ def harmonic_speech(rng, samples):
 
 def coloured_noise(rng, samples):
     spectrum = np.fft.rfft(rng.standard_normal(samples))
-    tilt = np.maximum(np.fft.rfftfreq(samples, 1 / RATE), 50)**-rng.uniform(0, 1)
+    tilt = np.maximum(np.fft.rfftfreq(samples, 1 / RATE), 50) ** -rng.uniform(0, 1)
     return scale(np.fft.irfft(spectrum * tilt, samples), 0.05)
 
 
@@ -40,9 +41,9 @@ def ns_batch(corpus, bank, rng, batch, seconds, split):
     samples = round(seconds * RATE)
     mics, target, snr = [], [], rng.uniform(-5, 20, batch)
     for db in snr:
-        speech, level = harmonic_speech(rng, samples), 10**rng.uniform(-1, 0.5)
+        speech, level = harmonic_speech(rng, samples), 10 ** rng.uniform(-1, 0.5)
         delayed = np.stack([np.roll(speech, d) for d in rng.integers(0, 5, 3)]) * level
-        noise = np.stack([coloured_noise(rng, samples) for _ in range(3)]) * level * 10**(-db / 20)
+        noise = np.stack([coloured_noise(rng, samples) for _ in range(3)]) * level * 10 ** (-db / 20)
         target.append(delayed)
         mics.append(delayed + noise)
     return {"mics": np.float32(mics), "target": np.float32(target), "snr": np.float32(snr)}
@@ -65,8 +66,12 @@ class EchoClips:
         noise = 0.05 * coloured_noise(rng, samples)
         target = near + 0.2 * noise
         late = lambda x: np.float32(np.concatenate([np.zeros(MIC_DELAY), x[:-MIC_DELAY]]))
-        return {"mic": late(near + np.tanh(2 * played) / 2 + noise), "echo": late(echo_estimate),
-                "target": late(target), "scenario": str(scenario)}
+        return {
+            "mic": late(near + np.tanh(2 * played) / 2 + noise),
+            "echo": late(echo_estimate),
+            "target": late(target),
+            "scenario": str(scenario),
+        }
 
     def __len__(self):
         return len(self.clips)
@@ -90,8 +95,11 @@ def doa_batch(corpus, bank, rng, batch, seconds, split):
         noise = 0.002 * rng.standard_normal((3, samples))
         mics.append(np.fft.irfft(speech * turn, samples) + noise)
         active.append(on)
-    return {"mics": np.float32(np.round(FULL_SCALE * np.clip(mics, -0.99, 0.99))), "heading": np.float32(headings),
-            "active": np.float32(active)}
+    return {
+        "mics": np.float32(np.round(FULL_SCALE * np.clip(mics, -0.99, 0.99))),
+        "heading": np.float32(headings),
+        "active": np.float32(active),
+    }
 
 
 def kws_batch(corpus, bank, rng, batch, seconds, split, progress):
@@ -106,9 +114,16 @@ def kws_batch(corpus, bank, rng, batch, seconds, split, progress):
     for wave, row in zip(waves, labels):
         for start, label in zip(starts, row):
             tones = np.sin(2 * np.pi * (300 + 60 * (label % 12)) * t) + np.sin(2 * np.pi * (1300 + 200 * (label // 12)) * t)
-            wave[start:start + len(t)] += 0.05 * tones * np.hanning(len(t)) * 10**rng.uniform(-0.5, 0.5)
+            wave[start : start + len(t)] += 0.05 * tones * np.hanning(len(t)) * 10 ** rng.uniform(-0.5, 0.5)
     end = np.tile((starts + len(t)) // BLOCK, (batch, 1))
     waves = torch.from_numpy(np.float32(np.round(FULL_SCALE * np.clip(waves, -0.99, 0.99))))
-    return {"features": kws.inputs(waves).numpy(), "labels": np.float32(labels), "first": np.float32(end - EARLY),
-            "last": np.float32(end + LATE), "middle": np.float32(end - 4), "certain": np.ones(batch, np.float32),
-            "kind": np.float32(kind), "progress": np.array(progress, np.float32)}
+    return {
+        "features": kws.inputs(waves).numpy(),
+        "labels": np.float32(labels),
+        "first": np.float32(end - EARLY),
+        "last": np.float32(end + LATE),
+        "middle": np.float32(end - 4),
+        "certain": np.ones(batch, np.float32),
+        "kind": np.float32(kind),
+        "progress": np.array(progress, np.float32),
+    }

@@ -118,12 +118,8 @@ class Device:
                 part = slice(start, start + FRAME)
                 inputs = [np.ascontiguousarray(m[part]) for m in scrambled]
                 outputs = [np.zeros(FRAME, np.int16) for _ in inputs]
-                so.Quibo_wakeup_three_write_data(
-                    handle, *map(pointer, [*inputs, ref[part], *outputs, clean])
-                )
-                angle = so.Quibo_doa_three_write_data(
-                    handle, ctypes.byref(wake), *map(pointer, [*outputs, clean]), FRAME
-                )
+                so.Quibo_wakeup_three_write_data(handle, *map(pointer, [*inputs, ref[part], *outputs, clean]))
+                angle = so.Quibo_doa_three_write_data(handle, ctypes.byref(wake), *map(pointer, [*outputs, clean]), FRAME)
                 cancelled[:, part] = outputs
                 if wake.value >= 0:
                     events.append(((start + FRAME) / RATE, angle if angle >= 0 else None))
@@ -163,9 +159,7 @@ class Device:
             for block in range(last + 1):
                 part = slice(block * BLOCK, (block + 1) * BLOCK)
                 inputs = [np.ascontiguousarray(m[part]) for m in mics]
-                angle = so.kesto_customs_doa_write(
-                    handle, *map(pointer, inputs), None, int(block == last)
-                )
+                angle = so.kesto_customs_doa_write(handle, *map(pointer, inputs), None, int(block == last))
             so.kesto_customs_doa_unit(handle)
         return None if angle < 0 else float((angle + HEADING_OFFSET) % 360)
 

@@ -24,9 +24,7 @@ def run(device, corpus, sizes, progress):
         for condition, scene in scenes.called(corpus, number):
             rows.append({"scene": number, "condition": condition, **measure(device, scene)})
         progress()
-    conditions = {
-        name: [r for r in rows if r["condition"] == name] for name in sets.DIRECTION_CONDITIONS
-    }
+    conditions = {name: [r for r in rows if r["condition"] == name] for name in sets.DIRECTION_CONDITIONS}
     return {
         "rows": rows,
         "summary": {name: directions(chosen) for name, chosen in conditions.items() if chosen},

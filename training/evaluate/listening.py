@@ -6,6 +6,7 @@ which a test speaker says the whole. Every utterance is heard in every condition
 once and kept (mixes are a function of seed and number, and of made_from()). The microphones' mean goes to the engine; where
 the device plays, each microphone goes through the canceller first.
 """
+
 import json
 import pathlib
 
@@ -41,16 +42,44 @@ STRETCH = 60.0  # s of one scene without the phrase
 STEP = BLOCK / RATE
 SOONEST = 1.0  # s before an utterance's end; what wakes earlier was not it
 REFRACTORY = 1.0  # s in which a second wake is not counted
-RECIPE = ("device_facts", "evaluate.device", "evaluate.listening", "evaluate.scenes", "evaluate.sets", "scenes.array_geometry",
-          "scenes.audio", "scenes.bank", "scenes.direction", "scenes.echo", "scenes.loudspeaker", "scenes.mixing",
-          "scenes.noisy", "scenes.room", "scenes.sources", "scenes.steady", "syllables.inventory", "syllables.texts",
-          "syllables.voices", "syllables.waves")
+RECIPE = (
+    "device_facts",
+    "evaluate.device",
+    "evaluate.listening",
+    "evaluate.scenes",
+    "evaluate.sets",
+    "scenes.array_geometry",
+    "scenes.audio",
+    "scenes.bank",
+    "scenes.direction",
+    "scenes.echo",
+    "scenes.loudspeaker",
+    "scenes.mixing",
+    "scenes.noisy",
+    "scenes.room",
+    "scenes.sources",
+    "scenes.steady",
+    "syllables.inventory",
+    "syllables.texts",
+    "syllables.voices",
+    "syllables.waves",
+)
 
 # Set -> (utterances, conditions as (name, SNR, SER or None)).
-CONDITIONS = (("quiet", QUIET, None), ("noise 10 dB", 10.0, None), ("noise 5 dB", 5.0, None),
-              ("music played, -10 dB", QUIET, -10.0))
-SETS = {"phrase": (200, CONDITIONS), "slow phrase": (100, CONDITIONS[:2]), "one syllable off": (300, CONDITIONS[:2]),
-        "other order": (150, CONDITIONS[:1]), "fluent phrase": (200, CONDITIONS), "fluent near miss": (300, CONDITIONS[:2])}
+CONDITIONS = (
+    ("quiet", QUIET, None),
+    ("noise 10 dB", 10.0, None),
+    ("noise 5 dB", 5.0, None),
+    ("music played, -10 dB", QUIET, -10.0),
+)
+SETS = {
+    "phrase": (200, CONDITIONS),
+    "slow phrase": (100, CONDITIONS[:2]),
+    "one syllable off": (300, CONDITIONS[:2]),
+    "other order": (150, CONDITIONS[:1]),
+    "fluent phrase": (200, CONDITIONS),
+    "fluent near miss": (300, CONDITIONS[:2]),
+}
 PHRASES = ("phrase", "slow phrase")
 
 
@@ -121,7 +150,7 @@ def heard(device, corpus, rooms, sayings, speaker, number, conditions):
         start = round(lead * RATE)
         samples = -(-(start + end + round(AFTER * RATE)) // scenes.FRAME) * scenes.FRAME
         x = np.zeros(samples, np.float32)
-        x[start:start + end] = dry
+        x[start : start + end] = dry
         near = mixing.convolve(x, rooms.responses(room, "talker"))
         noise = scenes.ambience(corpus, own, rooms, room, samples)
         mics = scenes.at_power(near, active_power(near[0]), level)
@@ -169,7 +198,7 @@ class Kept:
     def __iter__(self):
         audio = np.memmap(self.audio, np.int16, "r")
         for row in json.loads(self.rows.read_text()):
-            yield np.array(audio[row["start"]:row["start"] + row["samples"]]), row
+            yield np.array(audio[row["start"] : row["start"] + row["samples"]]), row
 
 
 def utterances(device, corpus, rooms, sayings, count, conditions):
@@ -190,8 +219,10 @@ def prepare(device, corpus, rooms, folder, hours):
         if sayings.speakers:
             made = utterances(device, others, rooms, sayings, count, conditions)
             kept[what] = Kept(folder, what.replace(" ", "_")).make(made)
-    stretches = ((without_phrase(device, others, rooms, i), {"condition": ("talk", "playback")[i % 2]})
-                 for i in tqdm.trange(round(hours * 3600 / STRETCH), desc="without the phrase", mininterval=60))
+    stretches = (
+        (without_phrase(device, others, rooms, i), {"condition": ("talk", "playback")[i % 2]})
+        for i in tqdm.trange(round(hours * 3600 / STRETCH), desc="without the phrase", mininterval=60)
+    )
     kept["without"] = Kept(folder, f"without_{hours:g}_h").make(stretches)
     return kept
 
@@ -219,7 +250,7 @@ class FloatListener:
 
     @torch.no_grad()
     def __call__(self, wave):
-        whole = torch.from_numpy(wave[:len(wave) // BLOCK * BLOCK]).float()
+        whole = torch.from_numpy(wave[: len(wave) // BLOCK * BLOCK]).float()
         p = decoder.merged(kws.posteriors(self.model(kws.inputs(whole)[None])))
         score, may_wake = decoder.scores(p)
         wakes = may_wake & (decoder.cost(score) < THRESHOLD)
@@ -243,8 +274,9 @@ def summary(kept, listen):
                 if times and what == "phrase":
                     latencies.append(times[0] - row["end"])
         if what == "without":
-            result[what] = {name: intervals.rate(*map(sum, zip(*rows))) | {"hours": sum(h for _, h in rows)}
-                            for name, rows in found.items()}
+            result[what] = {
+                name: intervals.rate(*map(sum, zip(*rows))) | {"hours": sum(h for _, h in rows)} for name, rows in found.items()
+            }
             everything = [r for rows in found.values() for r in rows]
             result[what]["all"] = intervals.rate(*map(sum, zip(*everything))) | {"hours": sum(h for _, h in everything)}
         else:
@@ -261,21 +293,31 @@ def table(results):
         for what in (w for w in (*SETS, "without") if w in result):
             for name, r in result[what].items():
                 if what == "without":
-                    lines.append(f"  {'wakes without the phrase, ' + name:45} {r['n']} in {r['hours']:.2f} h: "
-                                 f"{r['value']:.2f} per hour ({r['low']:.2f} to {r['high']:.2f})")
+                    lines.append(
+                        f"  {'wakes without the phrase, ' + name:45} {r['n']} in {r['hours']:.2f} h: "
+                        f"{r['value']:.2f} per hour ({r['low']:.2f} to {r['high']:.2f})"
+                    )
                 else:
-                    lines.append(f"  {what + ', ' + name:45} {100 * r['value']:5.1f} % "
-                                 f"({100 * r['low']:.1f} to {100 * r['high']:.1f}) of {r['n']}")
+                    lines.append(
+                        f"  {what + ', ' + name:45} {100 * r['value']:5.1f} % "
+                        f"({100 * r['low']:.1f} to {100 * r['high']:.1f}) of {r['n']}"
+                    )
         if result["latency"]:
-            lines.append("  wake after the phrase's end, 5/50/95 %        "
-                         + " / ".join(f"{t:+.2f} s" for t in result["latency"].values()))
+            lines.append(
+                "  wake after the phrase's end, 5/50/95 %        "
+                + " / ".join(f"{t:+.2f} s" for t in result["latency"].values())
+            )
     return "\n".join(lines)
 
 
 def made_from(corpus, bank, library):
     """What the waves are a function of (cache_keys.py)."""
-    return {"library": cache_keys.file_digest(library), "corpus": corpus.used(ROLES, scenes.SPLIT),
-            "bank": bank.contents(bank.numbers(scenes.SPLIT)), "recipe": cache_keys.constants(*RECIPE)}
+    return {
+        "library": cache_keys.file_digest(library),
+        "corpus": corpus.used(ROLES, scenes.SPLIT),
+        "bank": bank.contents(bank.numbers(scenes.SPLIT)),
+        "recipe": cache_keys.constants(*RECIPE),
+    }
 
 
 def add_options(parser):

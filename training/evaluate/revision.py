@@ -31,8 +31,7 @@ def _compiled_in(so, tensors):
     """Whether the library's tables are these; those it does not export cannot be told."""
     exported = {name: data for name, (_, _, data) in tensors.items() if hasattr(so, name)}
     return bool(exported) and all(
-        bytes((ctypes.c_char * len(data)).in_dll(so, name)) == data
-        for name, data in exported.items()
+        bytes((ctypes.c_char * len(data)).in_dll(so, name)) == data for name, data in exported.items()
     )
 
 

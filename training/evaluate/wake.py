@@ -80,9 +80,7 @@ def accepts(costs, threshold):
 
 
 def summarise(rows, silence):
-    conditions = {
-        name: [r for r in rows if r["condition"] == name] for name in sets.WAKE_CONDITIONS
-    }
+    conditions = {name: [r for r in rows if r["condition"] == name] for name in sets.WAKE_CONDITIONS}
     hours = sum(len(s["costs"]) for s in silence) * STEP / 3600
     false = [sum(accepts(s["costs"], t) for s in silence) for t in THRESHOLDS]
     at_work = sum(accepts(s["costs"], THRESHOLD) for s in silence)
@@ -103,9 +101,7 @@ def summarise(rows, silence):
 
 def _condition(rows):
     heard = [r for r in rows if r["heard"]]
-    pointed = [
-        r for r in heard if direction.off(r["angle"], r["heading"]) <= direction.POINTED
-    ]
+    pointed = [r for r in heard if direction.off(r["angle"], r["heading"]) <= direction.POINTED]
     return {
         "said": len(rows),
         "heard": intervals.share(len(heard), len(rows)),

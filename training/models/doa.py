@@ -1,4 +1,5 @@
 """The direction network (doa/): a vector per 30 ms whose heading is the talker's and whose length is confidence."""
+
 import torch
 from torch import nn
 from torch.nn import functional as F
@@ -34,7 +35,7 @@ class MemoryLayer(nn.Module):
     def forward(self, x):
         p = self.project(x)
         past = F.pad(p, (0, 0, TAPS, 0))
-        memory = sum(past[:, k:k + p.shape[1]] * self.taps[:, k] for k in range(TAPS))
+        memory = sum(past[:, k : k + p.shape[1]] * self.taps[:, k] for k in range(TAPS))
         return self.norm(F.relu(self.output(p + memory)))
 
 
@@ -45,7 +46,8 @@ class DirectionNetwork(nn.Module):
         deviation = [GCC_DEVIATION] * 3 + [mel_deviation]
         self.register_buffer("deviation", torch.tensor(deviation)[:, None, None])
         separable = lambda i, o, kernel, stride: nn.ModuleList(
-            [nn.Conv2d(i, i, kernel, stride, groups=i, bias=False), nn.Conv2d(i, o, 1)])
+            [nn.Conv2d(i, i, kernel, stride, groups=i, bias=False), nn.Conv2d(i, o, 1)]
+        )
         self.conv1 = nn.Conv2d(4, 16, (2, 4), (1, 2))
         self.conv2, self.conv3 = separable(16, 28, (2, 4), (1, 2)), separable(28, 36, (2, 4), (1, 2))
         self.conv4 = separable(36, STATE, (3, 3), (3, 3))  # folds a block's three frames into one step
@@ -81,16 +83,23 @@ class DirectionNetwork(nn.Module):
     def tables(self):
         """The library's tables. The input normalisation goes into the first layer."""
         scaled = self.conv1.weight / self.deviation
-        tables = {"ring_conv1_weight": scaled,
-                  "ring_conv1_bias": self.conv1.bias - (scaled * self.mean).sum((1, 2, 3))}
+        tables = {"ring_conv1_weight": scaled, "ring_conv1_bias": self.conv1.bias - (scaled * self.mean).sum((1, 2, 3))}
         for i, (depthwise, pointwise) in enumerate((self.conv2, self.conv3, self.conv4), 2):
-            tables |= {f"ring_conv{i}_1_weight": depthwise.weight, f"ring_conv{i}_2_weight": pointwise.weight,
-                       f"ring_conv{i}_2_bias": pointwise.bias}
+            tables |= {
+                f"ring_conv{i}_1_weight": depthwise.weight,
+                f"ring_conv{i}_2_weight": pointwise.weight,
+                f"ring_conv{i}_2_bias": pointwise.bias,
+            }
         tables |= {f"ring_gru_{name}": p for name, p in self.gru.named_parameters()}
         for i, layer in enumerate(self.memory, 1):
-            tables |= {f"ring_d{i}_conv_in": layer.project.weight, f"ring_d{i}_conv_left": layer.taps,
-                       f"ring_d{i}_conv_out": layer.output.weight, f"ring_d{i}_out_bias": layer.output.bias,
-                       f"ring_ln{i}_weight": layer.norm.weight, f"ring_ln{i}_bias": layer.norm.bias}
+            tables |= {
+                f"ring_d{i}_conv_in": layer.project.weight,
+                f"ring_d{i}_conv_left": layer.taps,
+                f"ring_d{i}_conv_out": layer.output.weight,
+                f"ring_d{i}_out_bias": layer.output.bias,
+                f"ring_ln{i}_weight": layer.norm.weight,
+                f"ring_ln{i}_bias": layer.norm.bias,
+            }
         return tables | {"ring_fc_weight": self.output.weight, "ring_fc_bias": self.output.bias}
 
     def load_blocks(self, tables):

@@ -1,4 +1,5 @@
 """The features of the wake-up engine and of the direction estimator, from int16-valued waves."""
+
 import math
 
 import torch
@@ -39,7 +40,7 @@ def log_mel(wave, history):
     """wave [..., samples], whole blocks, int16 values as floats -> [..., frames, 40], three frames per block. A block's
     first frame starts `history` samples before the block; before the start is silence."""
     padded = torch.nn.functional.pad(wave, (history, 0))
-    frames = padded.unfold(-1, MEL_FRAME, HOP)[..., :wave.shape[-1] // HOP, :]
+    frames = padded.unfold(-1, MEL_FRAME, HOP)[..., : wave.shape[-1] // HOP, :]
     frames = frames - frames.mean(-1, keepdim=True)
     # The first sample of a frame has no predecessor in it and stays as it is.
     frames = torch.cat([frames[..., :1], frames[..., 1:] - PRE_EMPHASIS * frames[..., :-1]], -1)
@@ -60,5 +61,5 @@ def gcc_phat(waves, lags=LAGS):
         cross = spectra[:, a] * spectra[:, b].conj()
         cross = cross / cross.abs().clamp_min(1e-8)
         c = torch.fft.irfft(cross, n=GCC_FFT)
-        pairs.append(torch.cat([c[..., -LAGS // 2:], c[..., :lags - LAGS // 2]], -1))
+        pairs.append(torch.cat([c[..., -LAGS // 2 :], c[..., : lags - LAGS // 2]], -1))
     return torch.stack(pairs, 1)

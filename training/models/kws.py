@@ -1,4 +1,5 @@
 """The wake-up network (wakeup/), float or with the engine's rounding: log-mel frames to 146 syllable scores per 30 ms."""
+
 import torch
 from torch import nn
 from torch.nn import functional as F
@@ -32,8 +33,7 @@ class Conv(nn.Module):
     def __init__(self, into, inputs, outputs, kernel, stride=1, per_channel=False, rectified=False):
         super().__init__()
         # A per-channel layer has no bias: its input has zero point 0, so there is nothing to absorb either.
-        self.conv = nn.Conv2d(inputs, outputs, kernel, stride, groups=inputs if per_channel else 1,
-                              bias=not per_channel)
+        self.conv = nn.Conv2d(inputs, outputs, kernel, stride, groups=inputs if per_channel else 1, bias=not per_channel)
         self.into, self.out = [into], Quantiser(rectified)  # the list keeps another layer's module out of this one
 
     def forward(self, x):
@@ -73,8 +73,9 @@ class Recurrent(nn.Module):
         g, outputs = self.gru, []
         per_gate = lambda weight, bias, into: [as_codes(w, b, into) for w, b in zip(weight.chunk(3), bias.chunk(3))]
         recurrent = per_gate(g.weight_hh_l0, g.bias_hh_l0, self.out)
-        from_input = [q(F.linear(x, *layer)) for q, layer in
-                      zip(self.input_gates, per_gate(g.weight_ih_l0, g.bias_ih_l0, self.into[0]))]
+        from_input = [
+            q(F.linear(x, *layer)) for q, layer in zip(self.input_gates, per_gate(g.weight_ih_l0, g.bias_ih_l0, self.into[0]))
+        ]
         for t in range(x.shape[1]):
             h_r, h_z, h_n = (q(F.linear(h, *layer)) for q, layer in zip(self.state_gates, recurrent))
             i_r, i_z, i_n = (gate[:, t] for gate in from_input)

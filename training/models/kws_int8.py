@@ -3,6 +3,7 @@
 Works on the library's tables. What the engine computes, this computes to the bit; training's fake quantisation is held
 against it.
 """
+
 import numpy as np
 
 f32 = np.float32
@@ -20,7 +21,7 @@ def round_away(x):
 
 
 def pair(m0, m1):
-    return f32(f32(m0) * f32(2.0)**f32(-m1))
+    return f32(f32(m0) * f32(2.0) ** f32(-m1))
 
 
 def requantise(sums, m, zero):
@@ -68,7 +69,7 @@ class Network:
         self.memory = np.zeros((4, 164, 8), np.int64)
 
     def whole(self, first, count):
-        return [int(v) for v in self.packed[first:first + count]]
+        return [int(v) for v in self.packed[first : first + count]]
 
     def dense(self, name, x, at):
         m0, m1, zero_point = self.whole(at, 3)
@@ -86,7 +87,7 @@ class Network:
         scaled = features.astype(f32) / self.packed[0] + self.packed[1]
         x = np.where(scaled > 255, 255, np.where(scaled < 0, 0, np.trunc(scaled.astype(np.float64) + 0.5)))
         x = self.with_left(0, x.astype(np.int64))
-        windows = np.stack([x[t:t + 2, f:f + 4].ravel() for t in range(FRAMES) for f in range(0, 37, 2)])
+        windows = np.stack([x[t : t + 2, f : f + 4].ravel() for t in range(FRAMES) for f in range(0, 37, 2)])
         x = self.dense("conv1", windows, 2).reshape(FRAMES, 19, 16)
         x = self.separable("conv2", self.with_left(1, x), 8, 5)
         x = self.separable("conv3", self.with_left(2, x), 3, 11)
@@ -103,8 +104,9 @@ class Network:
         return joined
 
     def separable(self, name, x, positions, at):
-        windows = np.stack([[x[t:t + 2, 2 * f:2 * f + 4].reshape(8, -1).T for f in range(positions)]
-                            for t in range(FRAMES)])
+        windows = np.stack(
+            [[x[t : t + 2, 2 * f : 2 * f + 4].reshape(8, -1).T for f in range(positions)] for t in range(FRAMES)]
+        )
         return self.dense(f"{name}_2", self.per_channel(f"{name}_1", windows, at), at + 3)
 
     def recurrent(self, x):

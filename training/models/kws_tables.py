@@ -1,4 +1,5 @@
 """The trained wake-up network as the library's integers."""
+
 import numpy as np
 import torch
 
@@ -20,11 +21,11 @@ class Writer:
         parts, biases, pairs = [], [], []
         rows = weight.shape[0] // len(outputs)
         for i, out in enumerate(outputs):
-            part = weight[i * rows:(i + 1) * rows].flatten(1)
+            part = weight[i * rows : (i + 1) * rows].flatten(1)
             scale = float(weight_scale(part))
             codes = round_away(part / scale).clamp(-LARGEST_WEIGHT, LARGEST_WEIGHT)
             unit = scale_in * scale
-            real = torch.zeros(rows) if bias is None else bias[i * rows:(i + 1) * rows]
+            real = torch.zeros(rows) if bias is None else bias[i * rows : (i + 1) * rows]
             parts.append(codes)
             biases.append(torch.round(real.double() / unit) - zero_in * codes.sum(1).double())
             pairs.append(multiplier(unit / float(out.scale)))
@@ -56,8 +57,10 @@ def tables(model):
 
     gru, state = model.gru, codes_of(model.gru.out)
     w.packed += state
-    sides = (("ih", gru.gru.weight_ih_l0, gru.gru.bias_ih_l0, into, gru.input_gates),
-             ("hh", gru.gru.weight_hh_l0, gru.gru.bias_hh_l0, state, gru.state_gates))
+    sides = (
+        ("ih", gru.gru.weight_ih_l0, gru.gru.bias_ih_l0, into, gru.input_gates),
+        ("hh", gru.gru.weight_hh_l0, gru.gru.bias_hh_l0, state, gru.state_gates),
+    )
     for side, weight, bias, codes, gates in sides:
         pairs = w.layer("gru_", weight, bias, codes, *gates, suffix=f"_{side}_l0")
         for pair, gate in zip(pairs, gates):

@@ -1,4 +1,5 @@
 """Layers both suppressors are made of."""
+
 import torch
 from torch import nn
 from torch.nn import functional as F
@@ -172,8 +173,8 @@ def load_gru(gru, w_i, w_h, bias):
     h = gru.hidden_size
     gru.weight_ih_l0.copy_(w_i)
     gru.weight_hh_l0.copy_(w_h)
-    gru.bias_ih_l0.copy_(bias[:3 * h])
-    gru.bias_hh_l0.copy_(torch.cat([torch.zeros(2 * h), bias[3 * h:]]))
+    gru.bias_ih_l0.copy_(bias[: 3 * h])
+    gru.bias_hh_l0.copy_(torch.cat([torch.zeros(2 * h), bias[3 * h :]]))
 
 
 @torch.no_grad()

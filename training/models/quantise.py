@@ -2,6 +2,7 @@
 
 A code q stands for (q - zero_point) * scale. Halves round away from zero, as in the engine.
 """
+
 import math
 
 import torch

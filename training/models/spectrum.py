@@ -1,4 +1,5 @@
 """The short-time transform of both suppressors: 1024-point frames, 512-sample hops, perfect reconstruction."""
+
 import math
 
 import torch
@@ -10,7 +11,7 @@ LOOKAHEAD = 4  # hops: the mask of step t is applied to the spectrum of step t -
 def _windows():
     n = torch.arange(FRAME, dtype=torch.float64)
     hann = 0.5 - 0.5 * torch.cos(2 * math.pi * n / FRAME)
-    inverse = hann / (hann**2 + hann.roll(-HOP)**2)
+    inverse = hann / (hann**2 + hann.roll(-HOP) ** 2)
     # The library's windows are these, rounded to six decimals.
     return [(w * 1e6).round().div(1e6).float() for w in (hann, inverse)]
 
@@ -49,7 +50,7 @@ def synthesise(spectrum):
 
 def as_channels(spectrum):
     """Complex [B, steps, BINS] -> [B, 2, steps, 512]: real and imaginary parts as channels, the last bin dropped."""
-    return torch.stack([spectrum.real, spectrum.imag], 1)[..., :BINS - 1]
+    return torch.stack([spectrum.real, spectrum.imag], 1)[..., : BINS - 1]
 
 
 def apply_mask(mask, spectrum, low_bins, low_factor, floor=0.0):
@@ -60,7 +61,8 @@ def apply_mask(mask, spectrum, low_bins, low_factor, floor=0.0):
     """
     mask = torch.nn.functional.pad(mask, (0, 1), value=0.5).clamp_min(floor)
     return torch.complex(mask[:, 0] * spectrum.real, mask[:, 1] * spectrum.imag) * low_bin_factors(
-        low_bins, low_factor, spectrum.device)
+        low_bins, low_factor, spectrum.device
+    )
 
 
 def low_bin_factors(low_bins, low_factor, device=None):

@@ -3,6 +3,7 @@
 Two dozen voices that speak connectedly, where recordings are isolated syllables of few. The synthesiser is a package of
 its own (requirements.txt); where in a clip each syllable ends is read off its attention.
 """
+
 import argparse
 import csv
 import hashlib
@@ -28,11 +29,15 @@ MARGIN = 0.06  # s kept around a group
 SHORTEST, LONGEST = 0.06, 0.7  # s of a syllable that can be right
 LICENCE = "ttskit, MIT"
 # One of the package's voices is left out: the recordings it was made from are not for commercial use.
-VOICES = ("Aibao Aicheng Aida Aijia Aijing Aimei Aina Aiqi Aitong Aiwei Aixia Aiya Aiyu Aiyue Siyue Xiaobei Xiaogang "
-          "Xiaomei Xiaomeng Xiaowei Xiaoxue Xiaoyun Yina").split()
+VOICES = (
+    "Aibao Aicheng Aida Aijia Aijing Aimei Aina Aiqi Aitong Aiwei Aixia Aiya Aiyu Aiyue Siyue Xiaobei Xiaogang "
+    "Xiaomei Xiaomeng Xiaowei Xiaoxue Xiaoyun Yina"
+).split()
 # What is half one voice and half another is a voice, too. None of them has a part in a voice that is held out.
-MIXED = ("Aicheng+Aiyue Aicheng+Aibao Xiaogang+Aina Xiaogang+Xiaowei Aicheng+Xiaogang Aibao+Yina Aitong+Xiaoyun "
-         "Aiwei+Aijia Aixia+Xiaoxue Aiya+Aicheng Xiaomeng+Xiaogang Aimei+Aitong").split()
+MIXED = (
+    "Aicheng+Aiyue Aicheng+Aibao Xiaogang+Aina Xiaogang+Xiaowei Aicheng+Xiaogang Aibao+Yina Aitong+Xiaoyun "
+    "Aiwei+Aijia Aixia+Xiaoxue Aiya+Aicheng Xiaomeng+Xiaogang Aimei+Aitong"
+).split()
 
 
 class Synthesiser:
@@ -41,6 +46,7 @@ class Synthesiser:
         sys.path.append(str(package))  # its stored models name their modules so
         from mellotron import text
         from phkit.chinese.phoneme import shengyun2ph_dict
+
         folder = package / "resource" / "model"
         self.text = text
         self.speech = torch.load(folder / "mellotron.kuangdd-mspk.pt", map_location="cpu")
@@ -67,7 +73,7 @@ class Synthesiser:
             over = np.flatnonzero(gate[i] > ENDED)
             over = over[over > len(row) // 2]  # some voices seem to end before they begin
             frames = int(over[0]) if len(over) else mel.shape[2]
-            yield self.vocoder.inference(mel[i:i + 1, :, :frames]).numpy() / FULL_SCALE, attention[i, :frames].numpy(), row
+            yield self.vocoder.inference(mel[i : i + 1, :, :frames]).numpy() / FULL_SCALE, attention[i, :frames].numpy(), row
 
 
 def spans(attention, row, chain):
@@ -127,16 +133,24 @@ def main(argv=None):
         texts = [source.line() for _ in range(arguments.lines)]
         torch.manual_seed(0)  # the synthesiser's dropout stays on
         for start in range(0, len(texts), arguments.batch):
-            some = texts[start:start + arguments.batch]
+            some = texts[start : start + arguments.batch]
             for text, spoken in zip(some, synthesiser.speak(name, some)):
                 for said, samples, ends in clips(*spoken, text, chain):
                     path = f"{name}/{len(rows):05d}.wav"
                     x = signal.resample_poly(samples, 320, 441)
                     (arguments.out / name).mkdir(exist_ok=True)
                     soundfile.write(arguments.out / path, np.clip(x, -1, 1), RATE, subtype="PCM_16")
-                    rows.append({"path": path, "seconds": f"{len(x) / RATE:.3f}", "speaker": f"neural {name}",
-                                 "pinyin": " ".join(s[:-1] for s in said), "pinyin_tones": " ".join(said),
-                                 "ends": " ".join(f"{e:.3f}" for e in ends), "licence": LICENCE})
+                    rows.append(
+                        {
+                            "path": path,
+                            "seconds": f"{len(x) / RATE:.3f}",
+                            "speaker": f"neural {name}",
+                            "pinyin": " ".join(s[:-1] for s in said),
+                            "pinyin_tones": " ".join(said),
+                            "ends": " ".join(f"{e:.3f}" for e in ends),
+                            "licence": LICENCE,
+                        }
+                    )
         print(f"{name}: {len(rows)} of {lines.GROUPS * len(texts)} groups", file=sys.stderr)
         write(manifest, rows)
     together(arguments.out)

@@ -2,6 +2,7 @@
 
 All lines have the same number of syllables and pauses, so that they can be spoken as one batch.
 """
+
 import csv
 
 import numpy as np
@@ -52,8 +53,20 @@ class Lines:
     def near_miss(self):
         """Four syllables that are nearly the phrase."""
         a, b, x = LING, DANG, self.syllable_class()
-        orders = ([b, a, b, a], [a, b, b, a], [a, a, b, b], [a, b, a, x], [x, a, b, a], [x, b, a, b], [a, b, x, a],
-                  [a, x, a, b], [a, b, a, a], [b, b, a, b], [x, x, a, b], [a, b, x, x])
+        orders = (
+            [b, a, b, a],
+            [a, b, b, a],
+            [a, a, b, b],
+            [a, b, a, x],
+            [x, a, b, a],
+            [x, b, a, b],
+            [a, b, x, a],
+            [a, x, a, b],
+            [a, b, a, a],
+            [b, b, a, b],
+            [x, x, a, b],
+            [a, b, x, x],
+        )
         said = self.any_of(orders) if self.rng.random() < 0.3 else list(PHRASE)
         while tuple(said) == PHRASE:
             said = texts.one_off(self.rng, list(self.names))

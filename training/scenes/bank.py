@@ -225,9 +225,7 @@ class RoomBank:
         self.path = pathlib.Path(path)
         self.description = json.loads((self.path / "bank.json").read_text(encoding="utf-8"))
         self.rooms = np.load(self.path / "rooms.npy", mmap_mode="r")
-        self._responses = np.memmap(
-            self.path / "responses.f16", np.float16, "r", shape=_shape(len(self.rooms))
-        )
+        self._responses = np.memmap(self.path / "responses.f16", np.float16, "r", shape=_shape(len(self.rooms)))
         done = np.flatnonzero(self.rooms["done"])
         self._by_split = {s: [int(i) for i in done if split_of(i) == s] for s in SPLITS}
 
@@ -270,9 +268,7 @@ def _simulate(arguments):
     return simulate_room(*arguments)
 
 
-def build_bank(
-    path, rooms, seed, jobs=1, recipe=Recipe(), progress=lambda done, rooms: None
-):
+def build_bank(path, rooms, seed, jobs=1, recipe=Recipe(), progress=lambda done, rooms: None):
     """Builds, or goes on building, a bank of `rooms` rooms; a bank grows when asked for more."""
     path = pathlib.Path(path)
     path.mkdir(parents=True, exist_ok=True)

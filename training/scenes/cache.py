@@ -135,7 +135,5 @@ def aec_cache(
     """Makes, or goes on making, a cache of `clips` clips of `seconds` in the folder `path`, beside
     those made from anything else; library: path of the shared library. Returns the cache."""
     scenes = corpus, bank, library, seconds, seed, split
-    folder = clip_store.fill(
-        path, fields, made_from(*scenes), clips, Maker, scenes, jobs, progress
-    )
+    folder = clip_store.fill(path, fields, made_from(*scenes), clips, Maker, scenes, jobs, progress)
     return AecCache(folder, clips)

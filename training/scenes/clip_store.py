@@ -58,9 +58,7 @@ def _make(number):
     return _maker(number)
 
 
-def fill(
-    parent, fields, made_from, clips, kind, arguments, jobs=1, progress=lambda done, clips: None
-):
+def fill(parent, fields, made_from, clips, kind, arguments, jobs=1, progress=lambda done, clips: None):
     """Makes, or goes on making, a store of `clips` clips, more if there are more already.
 
     made_from: what the clips are a function of, beside their number, `samples` among it.

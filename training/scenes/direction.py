@@ -318,9 +318,7 @@ def direction_clips(
 
     runs = -(-clips // RUN)
     scenes = corpus, bank, library, seed, split
-    folder = clip_store.fill(
-        path, fields, made_from(*scenes), runs * RUN, Maker, scenes, jobs, progress
-    )
+    folder = clip_store.fill(path, fields, made_from(*scenes), runs * RUN, Maker, scenes, jobs, progress)
     for through in (None, suppressor):
         arguments = folder, library, through and export.read(through)
         heard = heard_folder(folder, through), heard_fields, heard_from(through)

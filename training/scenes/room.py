@@ -45,16 +45,13 @@ class Room:
             max_order=int(np.ceil(343.0 * self.rt60 / min(self.size))),
             air_absorption=True,
         )
-        shoebox.add_microphone_array(
-            np.stack([self.place(m) for m in array_geometry.mic_offsets()], axis=1)
-        )
+        shoebox.add_microphone_array(np.stack([self.place(m) for m in array_geometry.mic_offsets()], axis=1))
         for offset in offsets.values():
             shoebox.add_source(self.place(offset))
         shoebox.compute_rir()
         taps = max(len(h) for mic in shoebox.rir for h in mic)
         return {
-            name: np.stack([np.pad(mic[s], (0, taps - len(mic[s]))) for mic in shoebox.rir])
-            for s, name in enumerate(offsets)
+            name: np.stack([np.pad(mic[s], (0, taps - len(mic[s]))) for mic in shoebox.rir]) for s, name in enumerate(offsets)
         }
 
 

@@ -4,6 +4,7 @@ leaves of playback; and rooms as decays of mel energies.
 A folder for one split, named by what it was made from (cache_keys.py): backgrounds.json, features.f16 [frames, 40] log mel
 energies (level of their recordings), rooms.npy.
 """
+
 import json
 
 import numpy as np
@@ -27,9 +28,9 @@ def room_decay(responses):
     """Responses [3, taps] to the microphones -> energy in each band and each 10 ms of what the engine hears, their mean."""
     h = responses.mean(0)
     start = max(0, int(np.abs(h).argmax()) - 16)
-    h = h[start:start + DECAY_FRAMES * spectra.FEATURE_HOP]
+    h = h[start : start + DECAY_FRAMES * spectra.FEATURE_HOP]
     h = np.pad(h, (0, DECAY_FRAMES * spectra.FEATURE_HOP - len(h))).reshape(DECAY_FRAMES, -1)
-    spectrum = np.abs(np.fft.rfft(h, 512))**2
+    spectrum = np.abs(np.fft.rfft(h, 512)) ** 2
     energy = spectrum @ spectra.mel() / spectra.mel().sum(0)
     return np.float32(energy / energy.mean(1).sum())
 
@@ -59,7 +60,7 @@ def residual(clips):
         for kind, start, end in clip["spans"]:
             if kind != "far_end" or end - start < RATE:
                 continue
-            played = float((clip["mic"][start:end]**2).mean())
+            played = float((clip["mic"][start:end] ** 2).mean())
             left = clip["mic"][start:end] - clip["echo"][start:end]
             if played > 1e-9:
                 yield "residual", log_mel(left / np.sqrt(played))
@@ -67,9 +68,13 @@ def residual(clips):
 
 def made_from(corpus, bank, clips, split):
     """What the backgrounds of a split are a function of."""
-    return {"split": split, "corpus": {role: corpus.contents(chosen) for role, chosen in clips_of(corpus, split).items()},
-            "bank": bank.contents(bank.numbers(split)[:ROOMS]), "canceller": clips and [clips.path.name, len(clips)],
-            "recipe": cache_keys.constants(*RECIPE)}
+    return {
+        "split": split,
+        "corpus": {role: corpus.contents(chosen) for role, chosen in clips_of(corpus, split).items()},
+        "bank": bank.contents(bank.numbers(split)[:ROOMS]),
+        "canceller": clips and [clips.path.name, len(clips)],
+        "recipe": cache_keys.constants(*RECIPE),
+    }
 
 
 def build(corpus, bank, clips, parent, split, progress=lambda done, of: None):
@@ -124,7 +129,7 @@ class Backgrounds:
             first = int(rng.integers(max(1, length - missing + 1)))
             if role == "residual" and rng.random() < 1 / 3:
                 first = 0
-            part = self.features[start + first:start + min(length, first + missing)]
+            part = self.features[start + first : start + min(length, first + missing)]
             found.append(part)
             missing -= len(part)
         return np.exp(np.concatenate(found).astype(np.float32))

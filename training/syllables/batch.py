@@ -3,6 +3,7 @@
 Speech is warped, put through rooms and mixed as mel energies: powers add, phases are not modelled. That is hundreds of
 times faster than on waves and lets every utterance have a voice, a room and noises of its own.
 """
+
 import numpy as np
 
 from ..device_facts import FRAMES_PER_BLOCK, RATE
@@ -47,7 +48,7 @@ def colour(rng):
     decibels = rng.normal(0, 4.0) * (x - 0.5)
     for k in range(1, 5):
         decibels = decibels + rng.normal(0, 1.6) * np.cos(np.pi * (k * x + rng.uniform(0, 2)))
-    return np.float32(10**(decibels / 10))
+    return np.float32(10 ** (decibels / 10))
 
 
 def speak(rng, voices, pieces, frames):
@@ -65,11 +66,11 @@ def speak(rng, voices, pieces, frames):
         begin, end = piece.begin, piece.begin + piece.frames
         at = np.arange(max(0, int(np.ceil(begin - JOINT / 2))), min(frames, int(end + JOINT / 2) + 1))
         # Time within a syllable runs a little unevenly.
-        u = np.clip((at - begin) / piece.frames, 0, 1)**(np.exp(rng.normal(0, 0.2)) if len(piece.said) == 1 else 1.0)
+        u = np.clip((at - begin) / piece.frames, 0, 1) ** (np.exp(rng.normal(0, 0.2)) if len(piece.said) == 1 else 1.0)
         rows.append(voices.rows(piece.number, u))
         places.append(at)
         ramp = np.clip(np.minimum(at - begin, end - at) / JOINT + 0.5, 0, 1)
-        weights.append(ramp * 10**(piece.decibels / 10))
+        weights.append(ramp * 10 ** (piece.decibels / 10))
     log_power = np.concatenate(rows) @ warp[:, used]
     energy = np.exp(np.minimum(log_power, LOUDEST)) @ mel[used] * np.float32(np.concatenate(weights))[:, None]
     heard = np.zeros((frames, 40), np.float32)
@@ -128,15 +129,15 @@ def features(rng, voices, backgrounds, kind, pieces, frames, hard=1.0):
     if pieces is not None or kind == "far" and rng.random() < 0.5:
         other, decibels = noise(rng, backgrounds, frames, hard)
         if other is not None:
-            x = x + other * np.float32(10**(-decibels / 10))
-    x = x * np.float32(10**(rng.uniform(*LEVEL) / 10))
+            x = x + other * np.float32(10 ** (-decibels / 10))
+    x = x * np.float32(10 ** (rng.uniform(*LEVEL) / 10))
     hiss = unit(backgrounds.energies(rng, "hiss", frames))
-    y = np.log(x + hiss * np.float32(10**(rng.uniform(*SELF_NOISE) / 10)))
+    y = np.log(x + hiss * np.float32(10 ** (rng.uniform(*SELF_NOISE) / 10)))
     if rng.random() < MASK_SHARE * hard:
         start, band = rng.integers(frames - MASK_FRAMES), rng.integers(40 - MASK_BANDS)
         low = y.min()
-        y[start:start + rng.integers(1, MASK_FRAMES)] = low
-        y[:, band:band + rng.integers(1, MASK_BANDS)] = low
+        y[start : start + rng.integers(1, MASK_FRAMES)] = low
+        y[:, band : band + rng.integers(1, MASK_BANDS)] = low
     return y
 
 
@@ -186,11 +187,13 @@ def batch(voices, backgrounds, rng, size, seconds, progress):
         rows.append((x, *alignment(pieces, frames // FRAMES_PER_BLOCK), KINDS.index(kind)))
     longest = max(1, max(len(row[1]) for row in rows))
     pad = lambda values: np.pad(np.float32(values), (0, longest - len(values)))
-    return {"features": np.float32([row[0] for row in rows]),
-            "labels": np.stack([pad(row[1]) for row in rows]),
-            "first": np.stack([pad(row[2]) for row in rows]),
-            "last": np.stack([pad(row[3]) for row in rows]),
-            "middle": np.stack([pad(row[4]) for row in rows]),
-            "certain": np.float32([row[5] for row in rows]),
-            "kind": np.float32([row[6] for row in rows]),
-            "progress": np.array(progress, np.float32)}
+    return {
+        "features": np.float32([row[0] for row in rows]),
+        "labels": np.stack([pad(row[1]) for row in rows]),
+        "first": np.stack([pad(row[2]) for row in rows]),
+        "last": np.stack([pad(row[3]) for row in rows]),
+        "middle": np.stack([pad(row[4]) for row in rows]),
+        "certain": np.float32([row[5] for row in rows]),
+        "kind": np.float32([row[6] for row in rows]),
+        "progress": np.array(progress, np.float32),
+    }

@@ -2,6 +2,7 @@
 
 Isolated syllables are few and slow. Those inside words are many, of more speakers, and as people say them.
 """
+
 import numpy as np
 
 from .. import cache_keys, engine, export
@@ -37,9 +38,9 @@ class Cutter:
     def posteriors(self, x):
         """Per step of the wave and of what is put around it, as the decoder has them [steps, 146]."""
         noise = np.random.default_rng(len(x)).standard_normal(len(x) + (LEAD + TAIL) * BLOCK) * QUIETEST
-        noise[LEAD * BLOCK:LEAD * BLOCK + len(x)] += x * (LEVEL / (np.sqrt((x**2).mean()) + 1e-9))
+        noise[LEAD * BLOCK : LEAD * BLOCK + len(x)] += x * (LEVEL / (np.sqrt((x**2).mean()) + 1e-9))
         wave = np.int16(np.clip(noise, -0.99, 0.99) * FULL_SCALE)
-        return np.float64(list(engine.posteriors(self.library, wave[:len(wave) // BLOCK * BLOCK])))
+        return np.float64(list(engine.posteriors(self.library, wave[: len(wave) // BLOCK * BLOCK])))
 
     def cut(self, x, said):
         """Yields (syllable, begin, end) in samples for those whose both ends are known."""
@@ -106,5 +107,5 @@ def boundary(log_mel, seconds):
     low, high = max(SIDE, at - around), min(len(log_mel) - SIDE, at + around + 1)
     if high <= low:
         return seconds
-    change = [np.abs(log_mel[i:i + SIDE].mean(0) - log_mel[i - SIDE:i].mean(0)).mean() for i in range(low, high)]
+    change = [np.abs(log_mel[i : i + SIDE].mean(0) - log_mel[i - SIDE : i].mean(0)).mean() for i in range(low, high)]
     return (low + int(np.argmax(change))) / per_second

@@ -1,4 +1,5 @@
 """The decoder's score of the wake phrase (wakeup/decoder.cpp), differentiable: what decides is trained and measured itself."""
+
 import torch
 
 from ..device_facts import BLANK, DECAY, DECAY_AFTER, DIVISOR, FILLER, RESET_AFTER, SILENT, SMALLEST_SCORE

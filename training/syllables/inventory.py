@@ -1,4 +1,5 @@
 """The syllables the network has classes for, the wake phrase made of them, and what sounds like its syllables."""
+
 import functools
 
 from params import syllable_names
@@ -21,7 +22,7 @@ def classes_of(syllables):
 
 
 def holds_phrase(said):
-    return any(tuple(said[i:i + 4]) == PHRASE for i in range(len(said) - 3))
+    return any(tuple(said[i : i + 4]) == PHRASE for i in range(len(said) - 3))
 
 
 def is_near_miss(said):

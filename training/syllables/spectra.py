@@ -1,4 +1,5 @@
 """Power spectra as the engine's features see them, in numpy and at any hop, and voices bent in them."""
+
 import functools
 
 import numpy as np
@@ -22,7 +23,7 @@ def mel():
 def level_weights():
     """Mel energies times these, summed, are the power of the wave: pre-emphasis, window and transform undone."""
     centre = (mel() * np.arange(BINS)[:, None]).sum(0) / mel().sum(0)
-    emphasis = np.abs(1 - features.PRE_EMPHASIS * np.exp(-2j * np.pi * centre / features.MEL_FFT))**2
+    emphasis = np.abs(1 - features.PRE_EMPHASIS * np.exp(-2j * np.pi * centre / features.MEL_FFT)) ** 2
     frame = features.MEL_FFT / 2 * float((features.WINDOW**2).sum()) * FULL_SCALE**2
     return np.float32(1 / emphasis / frame)
 

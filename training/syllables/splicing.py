@@ -7,6 +7,7 @@ most alike.
 Many speakers, most of all in the north, say "-ing" with a schwa before the nasal, others do not: the former is made of
 "li" and "feng", one going over into the other.
 """
+
 import collections
 import dataclasses
 
@@ -29,12 +30,24 @@ SCHWA_FADE = (8, 20)  # frames
 def parts(name):
     """Initial, final and the vowel the final begins with, of a toneless syllable: "liang" -> ("l", "iang", "i")."""
     if name[0] in "yw":
-        final = {"yi": "i", "yin": "in", "ying": "ing", "wu": "u", "you": "iu", "wei": "ui", "wen": "un", "yu": "v",
-                 "yue": "ve", "yuan": "van", "yun": "vn", "yong": "iong"}.get(name)
+        final = {
+            "yi": "i",
+            "yin": "in",
+            "ying": "ing",
+            "wu": "u",
+            "you": "iu",
+            "wei": "ui",
+            "wen": "un",
+            "yu": "v",
+            "yue": "ve",
+            "yuan": "van",
+            "yun": "vn",
+            "yong": "iong",
+        }.get(name)
         final = final or {"y": "i", "w": "u"}[name[0]] + name[1:]
         return "", final, final[0]
     initial = next((i for i in INITIALS if name.startswith(i)), "")
-    final = name[len(initial):]
+    final = name[len(initial) :]
     if initial in ("j", "q", "x") and final[0] == "u":
         final = "v" + final[1:]
     # The vowel of "shi" and "zi" is another than that of "li".
@@ -44,6 +57,7 @@ def parts(name):
 @dataclasses.dataclass(frozen=True)
 class Splice:
     """Frames 0..leave of piece `head`, then of piece `tail` from `enter` on."""
+
     head: int
     tail: int
     leave: int
@@ -70,8 +84,11 @@ class Splices:
                     initial, final, vowel = self.parts[c]
                     heads[initial, vowel] += pieces
                     tails[final, vowel] += pieces
-            self.donors[speaker] = {c: (heads[i, v], tails[f, v], tails["eng", "e"] if f == "ing" else [])
-                                    for c, (i, f, v) in self.parts.items() if i}
+            self.donors[speaker] = {
+                c: (heads[i, v], tails[f, v], tails["eng", "e"] if f == "ing" else [])
+                for c, (i, f, v) in self.parts.items()
+                if i
+            }
         return self.donors[speaker]
 
     def choose(self, rng, speaker, syllable):

@@ -1,4 +1,5 @@
 """What is said, and when: the wake phrase, what is nearly it, strings of syllables, words, sentences."""
+
 import dataclasses
 import math
 
@@ -45,8 +46,21 @@ def one_off(rng, known):
 
 def disordered(rng, known):
     a, b, x = LING, DANG, int(rng.choice(known))
-    orders = ([a, b, a], [b, a, b], [b, a, b, a], [a, b, b, a], [a, a, b, b], [b, a, a, b], [a, b], [a, b, x, a, b],
-              [a, x, b, a, b], [a, b, a, x, b], [a, b, a, a], [a, a, a, b], [a, b, b, b])
+    orders = (
+        [a, b, a],
+        [b, a, b],
+        [b, a, b, a],
+        [a, b, b, a],
+        [a, a, b, b],
+        [b, a, a, b],
+        [a, b],
+        [a, b, x, a, b],
+        [a, x, b, a, b],
+        [a, b, a, x, b],
+        [a, b, a, a],
+        [a, a, a, b],
+        [a, b, b, b],
+    )
     return list(orders[rng.integers(len(orders))])
 
 
@@ -126,8 +140,16 @@ def words(rng, voices, speaker, frames, core=None):
             if pieces or len(classes) > 4:
                 break
             continue
-        pieces.append(Piece(number, at * FRAMES_PER_SECOND, seconds * FRAMES_PER_SECOND, tuple(classes), rng.normal(0, 1),
-                            ends and tuple(ends)))
+        pieces.append(
+            Piece(
+                number,
+                at * FRAMES_PER_SECOND,
+                seconds * FRAMES_PER_SECOND,
+                tuple(classes),
+                rng.normal(0, 1),
+                ends and tuple(ends),
+            )
+        )
         said += classes
         at += seconds + rng.uniform(0.0, 0.3)
     if not pieces or holds_phrase(said) != (core is not None and holds_phrase(voices.pieces[core][3])):

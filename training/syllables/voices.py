@@ -5,6 +5,7 @@ They lie in a folder for one split, named by what it was made from (cache_keys.p
                  where each ends (shares of the frames) or null
   spectra.f16    [frames, 257] float16, log power spectra every HOP samples; every clip's active power is 1
 """
+
 import collections
 import json
 
@@ -72,15 +73,22 @@ def active(x):
         return None
     on = np.flatnonzero(loud > ACTIVE * loud.max())
     first = max(0, on[0] - EDGE)
-    p = p[first:on[-1] + 1 + EDGE] / loud[on].mean()
+    p = p[first : on[-1] + 1 + EDGE] / loud[on].mean()
     return np.log(np.maximum(p, FLOOR)), int(first)
 
 
 def made_from(corpus, split, seed, synthetic_voices, cutter):
     """What the voices of a split are a function of; cutter: what cutting.made_from() says of it, or None."""
-    return {"seed": seed, "split": split, "synthetic_voices": synthetic_voices, "cutter": cutter,
-            "corpus": corpus.used(("mandarin",), split), "synthesiser": synthetic.made_from("speech"),
-            "classes": cache_keys.digest(inventory()), "recipe": cache_keys.constants(*RECIPE)}
+    return {
+        "seed": seed,
+        "split": split,
+        "synthetic_voices": synthetic_voices,
+        "cutter": cutter,
+        "corpus": corpus.used(("mandarin",), split),
+        "synthesiser": synthetic.made_from("speech"),
+        "classes": cache_keys.digest(inventory()),
+        "recipe": cache_keys.constants(*RECIPE),
+    }
 
 
 def build(corpus, parent, split, seed, synthetic_voices=100, cutter=None, progress=lambda done, of: None):
@@ -105,8 +113,11 @@ def build(corpus, parent, split, seed, synthetic_voices=100, cutter=None, progre
                     places = ends and [min(frames, max(0, e // HOP - first)) for e in ends]
                     rows.append([speaker, at, frames, said, ends and [p / frames for p in places]])
                     if ends:
-                        rows += [[speaker, at + begin, end - begin, [c], None]
-                                 for c, begin, end in zip(said, [0, *places], places) if end - begin >= SHORTEST]
+                        rows += [
+                            [speaker, at + begin, end - begin, [c], None]
+                            for c, begin, end in zip(said, [0, *places], places)
+                            if end - begin >= SHORTEST
+                        ]
                     at += frames
                 progress(len(rows), max(total, len(rows)))
     file.write_text(json.dumps({"frames": at, "pieces": rows}))
@@ -142,10 +153,11 @@ class Voices:
         count[0] = 0
         self.frequency = 0.5 * count / max(1.0, count.sum()) + 0.5 * (np.arange(len(count)) > 0) / (len(count) - 1)
         # Somebody with one sentence is not heard as often as somebody with hundreds, nor is he forgotten.
-        self.word_speakers = {s: sum(map(self.seconds, pieces))**0.5 for s, pieces in self.words.items()}
+        self.word_speakers = {s: sum(map(self.seconds, pieces)) ** 0.5 for s, pieces in self.words.items()}
         # Who can say the phrase, and how often he does: more often with more syllables, but not in proportion.
-        self.speakers = {s: sum(map(len, said.values()))**0.25 for s, said in self.syllables.items()
-                         if LING in said and DANG in said}
+        self.speakers = {
+            s: sum(map(len, said.values())) ** 0.25 for s, said in self.syllables.items() if LING in said and DANG in said
+        }
         self.splices = splicing.Splices(self, inventory())
 
     def choose(self, rng, speaker, syllable):

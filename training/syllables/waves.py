@@ -1,4 +1,5 @@
 """Utterances joined as waves, from one speaker's own syllables: what is listened to, not what is trained on."""
+
 import collections
 
 import numpy as np
@@ -33,9 +34,9 @@ class Clips:
 
 def trimmed(x):
     """The part of a clip between its first and last frame within 30 dB of the loudest."""
-    power = (x[:len(x) // ACTIVE_FRAME * ACTIVE_FRAME].reshape(-1, ACTIVE_FRAME)**2).mean(1)
+    power = (x[: len(x) // ACTIVE_FRAME * ACTIVE_FRAME].reshape(-1, ACTIVE_FRAME) ** 2).mean(1)
     on = np.flatnonzero(power > ACTIVE * power.max())
-    return x[on[0] * ACTIVE_FRAME:(on[-1] + 1) * ACTIVE_FRAME]
+    return x[on[0] * ACTIVE_FRAME : (on[-1] + 1) * ACTIVE_FRAME]
 
 
 def time_scaled(x, samples):
@@ -48,13 +49,13 @@ def time_scaled(x, samples):
     for out in range(0, samples + hop, hop):
         at = min(int(out * ratio), len(x))
         if last is not None:
-            around = padded[at:at + FRAME + 2 * SEARCH]
-            at += int(np.correlate(around, padded[last + hop:last + hop + FRAME], "valid").argmax())
+            around = padded[at : at + FRAME + 2 * SEARCH]
+            at += int(np.correlate(around, padded[last + hop : last + hop + FRAME], "valid").argmax())
         else:
             at += SEARCH
-        y[out:out + FRAME] += window * padded[at:at + FRAME]
+        y[out : out + FRAME] += window * padded[at : at + FRAME]
         last = min(at, len(padded) - FRAME - hop)
-    return y[hop:hop + samples]
+    return y[hop : hop + samples]
 
 
 def say(clips, pieces, samples):
@@ -64,6 +65,6 @@ def say(clips, pieces, samples):
         x = time_scaled(np.pad(clips.read(piece.number), (FRAME // 2, 0)), round(piece.frames / 100 * RATE) + FRAME // 2)
         x = sources.levelled(fade(x, 0.005)) * np.float32(gain(piece.decibels))
         start = round(piece.begin / 100 * RATE)
-        part = y[start:start + len(x)]
-        part += x[:len(part)]
+        part = y[start : start + len(x)]
+        part += x[: len(part)]
     return y

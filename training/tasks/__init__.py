@@ -10,6 +10,7 @@ and, where the recipe has a stage for it (kws),
     calibrate(model, batches)             sets the ranges of the codes; the model rounds from then on
     set_operating_point(model, **values)  before the export
 """
+
 import importlib
 
 NETWORKS = ("ns", "naec", "doa", "kws")

@@ -1,11 +1,12 @@
 """Direction network: a vector towards the talker while he speaks, none while nobody does."""
+
 import torch
 
 from ..device_facts import DECISION_BLOCKS, HEADING_OFFSET
 from ..models import doa
 
-LENGTH = 0.9            # of a speaking talker's vector: the tangent need not saturate
-CHORD_ROUNDING = 0.03   # of the heading's loss near zero, radians
+LENGTH = 0.9  # of a speaking talker's vector: the tangent need not saturate
+CHORD_ROUNDING = 0.03  # of the heading's loss near zero, radians
 
 
 class Task:
@@ -48,5 +49,9 @@ class Task:
         x, y = estimate[torch.arange(len(estimate)), longest].unbind(-1)
         error = torch.rad2deg(torch.atan2(x, y)) + HEADING_OFFSET - heading
         error = ((error + 180) % 360 - 180).abs()
-        return {"loss": loss, "median_degrees": error.median().item(), "p90_degrees": error.quantile(0.9).item(),
-                "within_15_degrees": (error <= 15).float().mean().item()}
+        return {
+            "loss": loss,
+            "median_degrees": error.median().item(),
+            "p90_degrees": error.quantile(0.9).item(),
+            "within_15_degrees": (error <= 15).float().mean().item(),
+        }

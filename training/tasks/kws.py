@@ -3,6 +3,7 @@
 Three losses, one after the other: cross-entropy on the known places of the syllables; CTC within a window around each
 syllable's end, so that nothing is said before it has been heard; beside it, in the last part, the decoder's own score.
 """
+
 import math
 
 import torch
@@ -111,8 +112,9 @@ def ctc(p, batch):
     lengths = (labels > 0).sum(1)
     steps = torch.full_like(lengths, p.shape[1])
     p = torch.where(windows(batch, p.shape[1]), p, p + NOT_NOW)
-    nats = torch.nn.functional.ctc_loss(p.transpose(0, 1), labels, steps, lengths, blank=BLANK, reduction="none",
-                                        zero_infinity=True)
+    nats = torch.nn.functional.ctc_loss(
+        p.transpose(0, 1), labels, steps, lengths, blank=BLANK, reduction="none", zero_infinity=True
+    )
     weight = (batch["kind"] != batches.KINDS.index("far")).float()
     return (weight * nats / (lengths + PER_TEXT)).mean()
 
@@ -142,5 +144,4 @@ def hinge(p, batch, enough, too_much):
     missed = torch.relu(decoder.cost(best) - enough)
     worst = score.amax(1)
     false = torch.relu(decoder.cost(worst.new_tensor(too_much)) - decoder.cost(worst))
-    return ((phrase * missed).sum() / (phrase.sum() + 1e-6),
-            ((1 - phrase) * false).sum() / ((1 - phrase).sum() + 1e-6))
+    return ((phrase * missed).sum() / (phrase.sum() + 1e-6), ((1 - phrase) * false).sum() / ((1 - phrase).sum() + 1e-6))

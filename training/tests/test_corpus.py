@@ -35,9 +35,7 @@ def test_no_speaker_and_no_noise_is_in_two_splits(corpus, tmp_path):
 def test_a_speaker_in_two_splits_is_refused(audio, tmp_path):
     root = tmp_path / "audio"
     shutil.copytree(audio, root)
-    (root / "corpus.toml").write_text(
-        '[[set]]\nclips = ["speech/*_0"]\nsplit = "test"\nroles = ["near"]\n', encoding="utf-8"
-    )
+    (root / "corpus.toml").write_text('[[set]]\nclips = ["speech/*_0"]\nsplit = "test"\nroles = ["near"]\n', encoding="utf-8")
     with pytest.raises(ValueError, match="two splits"):
         open_corpus(root, tmp_path / "cache")
 
@@ -77,9 +75,7 @@ def test_stereo_44100_flac_is_read_as_16k_mono_within_1_percent(tmp_path):
     (tmp_path / "voices/anna").mkdir(parents=True)
     soundfile.write(tmp_path / "voices/anna/a.flac", np.stack([left, 0 * left], 1), rate)
     corpus = open_corpus(tmp_path, tmp_path / "cache")
-    (clip,) = [
-        c for split in SPLITS for c in corpus.clips("near", split) if "synthetic" not in c.path
-    ]
+    (clip,) = [c for split in SPLITS for c in corpus.clips("near", split) if "synthetic" not in c.path]
     assert clip.speaker == "voices/anna"
     x = corpus.read(clip)
     expected = 0.2 * np.sin(2 * np.pi * 440 * np.arange(RATE) / RATE)

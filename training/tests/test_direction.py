@@ -76,9 +76,7 @@ def test_activity_and_suppressed_microphones_stand_beside_the_clip(clips, librar
         assert find_delay(run[i, 0].astype(float), cleaned[i, 0].astype(float), 4096) == 0
 
 
-def test_clips_go_on_where_they_stopped_and_another_suppressor_gets_its_own(
-    clips, corpus, bank, library_path, tmp_path
-):
+def test_clips_go_on_where_they_stopped_and_another_suppressor_gets_its_own(clips, corpus, bank, library_path, tmp_path):
     half = corpus, bank, tmp_path, direction.RUN, SEED, "train", library_path
     direction.direction_clips(*half, PARAMS / "ns.safetensors")
     whole = corpus, bank, tmp_path, 2 * direction.RUN, SEED, "train", library_path

@@ -39,12 +39,12 @@ def places(record):
         if name == "layers":
             continue
         field = f"{record.__name__}, {name.removesuffix('_')}"
-        yield f"static_assert(offsetof({field}) == {getattr(record, name).offset}, \"{field}\");"
+        yield f'static_assert(offsetof({field}) == {getattr(record, name).offset}, "{field}");'
         size = ctypes.sizeof(kind)
-        yield f"static_assert(sizeof(((({record.__name__}*)0)->{name.removesuffix('_')})) == {size}, \"{field}\");"
+        yield f'static_assert(sizeof(((({record.__name__}*)0)->{name.removesuffix("_")})) == {size}, "{field}");'
     if record in WHOLE:
         size = ">=" if record is library.LAYER_DATA else "=="
-        yield f"static_assert(sizeof({record.__name__}) {size} {ctypes.sizeof(record)}, \"{record.__name__}\");"
+        yield f'static_assert(sizeof({record.__name__}) {size} {ctypes.sizeof(record)}, "{record.__name__}");'
 
 
 @pytest.mark.parametrize("record", [r for records in RECORDS.values() for r in records])
@@ -61,24 +61,30 @@ def test_a_record_that_lies_otherwise_is_noticed(tmp_path):
 
 def test_numbers_are_the_headers(tmp_path):
     facts = vars(device_facts)
-    lines = [f"static_assert({theirs} == {facts[ours]}, \"{ours}\");" for ours, theirs in FACTS.items()]
+    lines = [f'static_assert({theirs} == {facts[ours]}, "{ours}");' for ours, theirs in FACTS.items()]
     assert compiled(lines, tmp_path) == ""
 
 
 def test_every_call_has_the_types_of_the_header(tmp_path):
     """As many arguments, results and numbers of the declared kind, addresses where it has pointers."""
-    kinds = {None: "std::is_void_v<{}>", ctypes.c_int32: "std::is_same_v<{}, int32_t>",
-             ctypes.c_float: "std::is_same_v<{}, float>"}
-    lines = ["#include <tuple>", "#include <type_traits>",
-             "template <class R, class... A> std::tuple<R (*)(), A...> of(R (*)(A...));"]
+    kinds = {
+        None: "std::is_void_v<{}>",
+        ctypes.c_int32: "std::is_same_v<{}, int32_t>",
+        ctypes.c_float: "std::is_same_v<{}, float>",
+    }
+    lines = [
+        "#include <tuple>",
+        "#include <type_traits>",
+        "template <class R, class... A> std::tuple<R (*)(), A...> of(R (*)(A...));",
+    ]
     for name, (result, arguments) in library.CALLS.items():
         call = f"decltype(of({name}))"
-        lines.append(f"static_assert(std::tuple_size_v<{call}> == {len(arguments) + 1}, \"{name}\");")
+        lines.append(f'static_assert(std::tuple_size_v<{call}> == {len(arguments) + 1}, "{name}");')
         kind = kinds.get(result, "std::is_pointer_v<{}>").format(f"decltype(std::declval<std::tuple_element_t<0, {call}>>()())")
-        lines.append(f"static_assert({kind}, \"{name}\");")
+        lines.append(f'static_assert({kind}, "{name}");')
         for i, argument in enumerate(arguments, 1):
             kind = kinds.get(argument, "std::is_pointer_v<{}>").format(f"std::tuple_element_t<{i}, {call}>")
-            lines.append(f"static_assert({kind}, \"{name}, {i}\");")
+            lines.append(f'static_assert({kind}, "{name}, {i}");')
     assert compiled(lines, tmp_path) == ""
 
 

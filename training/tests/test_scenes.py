@@ -279,9 +279,7 @@ def test_targets_are_the_talker_as_late_as_the_microphone(corpus, bank, library_
     pytest.fail("no near-end clip among them")
 
 
-def test_a_cache_goes_on_where_it_stopped_and_other_scenes_get_their_own(
-    corpus, bank, library_path, tmp_path
-):
+def test_a_cache_goes_on_where_it_stopped_and_other_scenes_get_their_own(corpus, bank, library_path, tmp_path):
     options = 2.0, SEED, "valid", library_path
     simulate.aec_cache(corpus, bank, tmp_path / "parts", 2, *options)
     parts = simulate.aec_cache(corpus, bank, tmp_path / "parts", 4, *options, jobs=2)

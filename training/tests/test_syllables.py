@@ -27,14 +27,14 @@ def test_spectra_are_those_of_the_engine_s_features():
     # A frame here is centred on its time; the engine's ends with its block, 40 samples earlier.
     wave = torch.from_numpy(np.concatenate([x[40:], np.zeros(40, np.float32)]) * 32768)
     expected = features.log_mel(wave, kws.MEL_HISTORY).numpy()
-    assert np.abs(mel[3:len(expected) - 3] - expected[3:-3]).max() < 1e-3
+    assert np.abs(mel[3 : len(expected) - 3] - expected[3:-3]).max() < 1e-3
     level = 10 * np.log10((np.exp(mel) @ spectra.level_weights()).mean())
     assert abs(level - 20 * np.log10(0.05)) < 1.5  # some of white noise lies outside the bands
 
 
 def test_a_voice_s_formants_and_pitch_move_by_the_factors_asked_for():
     k = np.arange(spectra.BINS)
-    log_power = 10 + 6 * np.exp(-((k - 60) / 12)**2) + np.cos(2 * np.pi * k / 5)  # one formant, harmonics 5 bins apart
+    log_power = 10 + 6 * np.exp(-(((k - 60) / 12) ** 2)) + np.cos(2 * np.pi * k / 5)  # one formant, harmonics 5 bins apart
     bent = log_power @ spectra.voice(1.2, 0.8, 1.0)
     smooth = spectra.envelope() @ bent
     assert abs(int(smooth[20:150].argmax()) + 20 - 72) <= 2
@@ -92,17 +92,25 @@ def test_what_is_said_as_a_whole_keeps_its_syllables_places():
         pieces = texts.words(rng, voices, "s", 345, core=0)
         labels, _, last, _, certain = batch.alignment(pieces, 120)
         at = labels.index(inventory.LING)
-        assert certain and labels[at:at + 4] == list(inventory.PHRASE) and labels.count(inventory.LING) == 2
+        assert certain and labels[at : at + 4] == list(inventory.PHRASE) and labels.count(inventory.LING) == 2
         core = next(p for p in pieces if p.number == 0)
         assert 1 / texts.TEMPO_FACTORS[1] <= core.frames / 100 <= 1 / texts.TEMPO_FACTORS[0] + 1e-9
-        assert [l - batch.LATE for l in last[at:at + 4]] == [int((core.begin + e * core.frames) / 3) for e in ends]
+        assert [l - batch.LATE for l in last[at : at + 4]] == [int((core.begin + e * core.frames) / 3) for e in ends]
         longer += len(pieces) > 1
     assert 10 < longer < 50
 
 
-@pytest.mark.parametrize("name, expected", [("liang", ("l", "iang", "i")), ("zhuang", ("zh", "uang", "u")),
-                                            ("ying", ("", "ing", "i")), ("shi", ("sh", "i", "-")), ("xu", ("x", "v", "v")),
-                                            ("ang", ("", "ang", "a"))])
+@pytest.mark.parametrize(
+    "name, expected",
+    [
+        ("liang", ("l", "iang", "i")),
+        ("zhuang", ("zh", "uang", "u")),
+        ("ying", ("", "ing", "i")),
+        ("shi", ("sh", "i", "-")),
+        ("xu", ("x", "v", "v")),
+        ("ang", ("", "ang", "a")),
+    ],
+)
 def test_syllables_fall_into_initial_and_final(name, expected):
     assert splicing.parts(name) == expected
 
@@ -114,15 +122,16 @@ class Recordings:
 
     def __init__(self, **pieces):
         classes = inventory.inventory()
-        self.spectra = [np.concatenate([self.sound(s, 20 if i else 8) for i, s in enumerate(sounds)])
-                        for sounds in pieces.values()]
+        self.spectra = [
+            np.concatenate([self.sound(s, 20 if i else 8) for i, s in enumerate(sounds)]) for sounds in pieces.values()
+        ]
         self.pieces = [["s", 0, len(x), [classes[name]], 0] for name, x in zip(pieces, self.spectra)]
         self.syllables = {"s": {classes[name]: [i] for i, name in enumerate(pieces)}}
 
     def sound(self, name, frames):
         k = np.arange(spectra.BINS)
         level = 12 if name in "iae" else 6  # vowels are loudest
-        return np.tile(np.float32(level - ((k - self.BANDS[name]) / 30)**2).clip(-6), (frames, 1))
+        return np.tile(np.float32(level - ((k - self.BANDS[name]) / 30) ** 2).clip(-6), (frames, 1))
 
     def at(self, piece, frames):
         return self.spectra[piece][np.clip(frames, 0, len(self.spectra[piece]) - 1).astype(int)]
@@ -201,9 +210,13 @@ def said(places, steps=40, classes=inventory.PHRASE):
 def test_the_losses_want_what_the_device_needs():
     """The phrase early, or in the wrong place, costs; so does a wake on anything else."""
     places = [10, 17, 24, 31]
-    example = {"labels": torch.tensor([inventory.PHRASE]).float(), "first": torch.tensor([places]) - batch.EARLY,
-               "last": torch.tensor([places]) + batch.LATE, "certain": torch.ones(1),
-               "kind": torch.tensor([batch.KINDS.index("phrase")])}
+    example = {
+        "labels": torch.tensor([inventory.PHRASE]).float(),
+        "first": torch.tensor([places]) - batch.EARLY,
+        "last": torch.tensor([places]) + batch.LATE,
+        "certain": torch.ones(1),
+        "kind": torch.tensor([batch.KINDS.index("phrase")]),
+    }
     in_time, early = said(places), said([t - 4 for t in places])
     assert task.ctc(in_time, example) < 0.5 < task.ctc(early, example)
     assert task.cross_entropy(in_time, example) < task.cross_entropy(early, example)
@@ -216,7 +229,7 @@ def test_the_losses_want_what_the_device_needs():
 def test_the_score_is_the_decoder_s(library_path):
     """On the sample recording, step by step: what is trained is what decides."""
     mic, rate = soundfile.read(ROOT / "samples/living_room.flac", dtype="int16")
-    wave = np.ascontiguousarray(mic[:, 0] if mic.ndim > 1 else mic)[:12 * RATE]
+    wave = np.ascontiguousarray(mic[:, 0] if mic.ndim > 1 else mic)[: 12 * RATE]
     assert rate == RATE
     posteriors, scores = [], []
     with WakeUp(engine.load(library_path, {})) as listening:

@@ -50,8 +50,9 @@ def test_microphones_of_a_scene_stay_together():
     turns = interleave(x, 3)
     assert torch.equal(separate(turns, 3), x)
     # Two steps of microphone 1, two of 2, two of 3, then the next two of 1.
-    assert [int(v) for v in turns[0, :8, 0, 0]] == [int(x[m, t, 0, 0]) for m, t in
-                                                   ((0, 0), (0, 1), (1, 0), (1, 1), (2, 0), (2, 1), (0, 2), (0, 3))]
+    assert [int(v) for v in turns[0, :8, 0, 0]] == [
+        int(x[m, t, 0, 0]) for m, t in ((0, 0), (0, 1), (1, 0), (1, 1), (2, 0), (2, 1), (0, 2), (0, 3))
+    ]
 
 
 def test_a_batch_is_a_function_of_its_number_whoever_makes_it():
@@ -78,6 +79,7 @@ def test_progress_goes_from_the_recipe_s_beginning_to_its_end():
 
 def test_sets_are_drawn_by_their_shares_and_speakers_evenly():
     """Whatever the number of clips: within 0.03 of 1 to 3, and of one half each."""
+
     def clips(of, share, speaker, count):
         return [Clip(f"{of}/{speaker}{i}.wav", speaker, "train", ("near",), of, share) for i in range(count)]
 

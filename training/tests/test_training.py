@@ -19,8 +19,15 @@ torch.set_num_threads(1)
 
 def task(network, **schedule):
     config = __main__.configuration(network, None, smoke=True)
-    config["data"] |= {"workers": 0, "batch": 2, "seconds": 1.024, "validation_batches": 1, "clips": 2, "valid_clips": 1,
-                       "clip_seconds": 2.0}
+    config["data"] |= {
+        "workers": 0,
+        "batch": 2,
+        "seconds": 1.024,
+        "validation_batches": 1,
+        "clips": 2,
+        "valid_clips": 1,
+        "clip_seconds": 2.0,
+    }
     config["train"] |= schedule
     return tasks.create(network, config, data.StubData(config)), config
 
@@ -98,7 +105,7 @@ def test_muon_moves_all_directions_of_a_matrix_alike(shape):
     for group in optimizer.param_groups:
         group["lr"] = 0.1
     optimizer.step()
-    moved = torch.linalg.svdvals(before - layer.weight.detach()) / (0.1 * muon.LIKE_ADAM * max(shape)**0.5)
+    moved = torch.linalg.svdvals(before - layer.weight.detach()) / (0.1 * muon.LIKE_ADAM * max(shape) ** 0.5)
     assert 0.3 < moved.min() and moved.max() < 1.3
     torch.testing.assert_close(bias - layer.bias.detach(), torch.full((shape[0],), 0.1))
 
@@ -146,7 +153,8 @@ def test_an_export_holds_the_library_s_tables_and_where_they_come_from(network, 
     read, metadata = safetensors_file.read(path)
     entries = export.manifest(network)
     assert {name: (dtype, shape) for name, (dtype, shape, _) in read.items()} == {
-        name: (entry["dtype"], entry["shape"]) for name, entry in entries.items()}
+        name: (entry["dtype"], entry["shape"]) for name, entry in entries.items()
+    }
     assert all(np.isfinite(a).all() for a in tables.values())
     assert (metadata["steps"], metadata["data"], metadata["trained"]) == ("7", "digest", "yes")
     assert json.loads(metadata["config"]) == config and metadata["revision"]

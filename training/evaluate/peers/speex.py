@@ -48,9 +48,7 @@ class Speex:
             part = slice(start, start + FRAME)
             frame[:] = heard[part]
             if canceller:
-                so.speex_echo_cancellation(
-                    canceller, _address(heard[part]), _address(played[part]), _address(frame)
-                )
+                so.speex_echo_cancellation(canceller, _address(heard[part]), _address(played[part]), _address(frame))
             so.speex_preprocess_run(denoiser, _address(frame))
             out[part] = frame
         so.speex_preprocess_state_destroy(denoiser)

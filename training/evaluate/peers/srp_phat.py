@@ -37,10 +37,7 @@ def heading(mics):
 def _steering(frequencies):
     """Per pair, [elevations x headings, frequencies]: what brings a wave's phases in line."""
     towards = np.concatenate(
-        [
-            [array_geometry.offset(h, np.cos(e), np.sin(e)) for h in HEADINGS]
-            for e in np.deg2rad(ELEVATIONS)
-        ]
+        [[array_geometry.offset(h, np.cos(e), np.sin(e)) for h in HEADINGS] for e in np.deg2rad(ELEVATIONS)]
     )
     # A microphone that lies further towards the talker hears him earlier.
     early = towards @ array_geometry.mic_offsets().T / SPEED_OF_SOUND
