@@ -1,4 +1,4 @@
-"""Executed instructions per frame of the whole chain: on x86 under callgrind, by module; on AArch64 under qemu-user.
+"""Executed instructions per frame of the whole chain: on x86 under callgrind, by module; cycles.py counts on AArch64.
 The demonstration driver runs on two lengths of the recording, and the difference is what the frames between them
 cost."""
 import os
@@ -40,9 +40,3 @@ def under_callgrind(demo, capture, variant):
             return int(re.search(rf"^ *([\d,]+) .*{pattern}", text, re.MULTILINE)[1].replace(",", ""))
         return {**{name: of(rf":{call} ") for name, call in MODULES.items()}, "total": of("PROGRAM TOTALS")}
     return per_frame(count, ["valgrind", "--tool=callgrind", "--callgrind-out-file=profile", demo], capture, variant)
-
-
-def under_qemu(demo, capture, variant, plugin):
-    def count(text):
-        return {"total": int(re.search(r"executed (\d+)", text)[1])}
-    return per_frame(count, [*QEMU, "-plugin", plugin, demo], capture, variant)

@@ -16,6 +16,7 @@ import statistics
 import subprocess
 import tempfile
 
+import cycles
 import instructions
 import peers
 
@@ -130,12 +131,10 @@ def measure(build, arm):
                              for v in variants if v in ("scalar", "sse2", "avx2")}
     found["digests"] = {"x86-64": digests(build / "quibo_digest", capture)}
     if (arm / "quibo_demo").exists():
-        plugin = (build / "count_instructions.so").resolve()
-        text_of("cc", "-shared", "-fPIC", "-O2", "-o", plugin, ROOT / "bench/count_instructions.c")
         found["digests"]["AArch64 (qemu)"] = digests(arm / "quibo_digest", capture, instructions.QEMU)
-        for v in ("scalar", "neon", "neon_i8mm"):
-            demo = arm.resolve() / "quibo_demo"
-            found["instructions"]["AArch64, " + v] = instructions.under_qemu(demo, samples, v, plugin)
+        on_arm = cycles.measure(arm.resolve() / "quibo_demo_static", samples, ("scalar", "neon", "neon_i8mm", "neon_fused"))
+        found["instructions"] |= {"AArch64, " + v: count for v, count in on_arm["instructions"].items()}
+        found["cycles"] = on_arm["cycles"]
     found["load"] = max(load)
     return found
 
@@ -263,6 +262,15 @@ and direction estimator.
 Executed instructions do not depend on the machine: callgrind on x86 (which does not know AVX-512), qemu-user on AArch64.
 
 {instruction_section(found)}
+### Estimated cycles on devices' cores
+
+Nobody here has these cores: the counts of the basic blocks above, weighted by what llvm-mca says of each on a core's
+pipelines (`bench/cycles.py`; caches always hit, branches are always foreseen). `bound` is the busiest unit alone; the rest
+is the whole pipeline, which llvm-mca makes complete in order, so that it loses cycles beside loads that the real cores do not.
+The truth should lie between the two.
+
+{cycles.table(found) if "cycles" in found else "Not measured: no build for AArch64."}
+
 ## Memory
 
 {size_section(found)}
