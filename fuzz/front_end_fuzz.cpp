@@ -9,7 +9,7 @@ using Samples = std::vector<int16_t>;
 
 namespace {
 
-constexpr int kMaxFrames = 4, kMaxFrontEnds = 2;  // of one input: what takes time
+constexpr int kMaxFrames = 3, kMaxFrontEnds = 2;  // of one input: what takes time
 
 void echo_path(Input& in, KTWakeup h) {
   Samples mics[3], outs[3] = {Samples(QUIBO_FRAME), Samples(QUIBO_FRAME), Samples(QUIBO_FRAME)};

@@ -4,6 +4,7 @@ import array
 import os
 import pty
 import random
+import resource
 import subprocess
 import time
 import tty
@@ -168,3 +169,10 @@ def test_an_output_that_is_the_input_is_refused_and_left_as_it_is(build, folder,
     assert (result.returncode, result.stdout) == (1, "")
     assert result.stderr == f"quibo_demo: ./{OUTPUT} is the input itself\n"
     assert (folder / INPUT).read_bytes() == before
+
+
+def test_48_kib_of_stack_are_enough(build, folder, unsanitized):
+    write_capture(folder, noise(4))
+    result = subprocess.run([build / "quibo_demo"], cwd=folder, capture_output=True, text=True,
+                            preexec_fn=lambda: resource.setrlimit(resource.RLIMIT_STACK, (48 << 10, 48 << 10)))
+    assert (result.returncode, result.stderr) == (0, "")

@@ -63,9 +63,10 @@ int main() {
   }
   printf("Quibo_wakeup_init\n");
 
+  // Static as well: the stack is left to the library's calls.
   static int16_t capture[kChannels * QUIBO_FRAME];
-  int16_t mic1[QUIBO_FRAME], mic2[QUIBO_FRAME], mic3[QUIBO_FRAME], ref[QUIBO_FRAME];
-  int16_t out1[QUIBO_FRAME], out2[QUIBO_FRAME], out3[QUIBO_FRAME], naec[QUIBO_FRAME];
+  static int16_t mic1[QUIBO_FRAME], mic2[QUIBO_FRAME], mic3[QUIBO_FRAME], ref[QUIBO_FRAME];
+  static int16_t out1[QUIBO_FRAME], out2[QUIBO_FRAME], out3[QUIBO_FRAME], naec[QUIBO_FRAME];
   int32_t Iswakeup = -1;
   int wakes = 0;
   unsigned frames = 0;
