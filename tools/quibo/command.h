@@ -22,6 +22,7 @@ using Action = std::function<int()>;
 
 Action add_run(CLI::App& app);
 Action add_check(CLI::App& app);
+Action add_live(CLI::App& app);
 
 // The options that say how a recording is read, filled in by the command line.
 struct ReadingOptions {

@@ -5,7 +5,6 @@
 
 #include <algorithm>
 #include <chrono>
-#include <cmath>
 #include <filesystem>
 #include <memory>
 #include <set>
@@ -13,6 +12,7 @@
 #include "command.h"
 #include "problem.h"
 #include "session.h"
+#include "show.h"
 #include "workers.h"
 
 namespace quibo::command {
@@ -30,29 +30,6 @@ struct RunRequest {
   bool raw_timing = false, report = false;
   size_t jobs = 1;
 };
-
-// "1:02.50"
-std::string clock_time(double seconds, int decimals = 2) {
-  const int minutes = static_cast<int>(seconds / 60);
-  char text[48];
-  snprintf(text, sizeof text, "%d:%0*.*f", minutes, decimals ? 3 + decimals : 2, decimals,
-           seconds - 60 * minutes);
-  return text;
-}
-
-std::string wake_line(int number, const Wake& wake) {
-  char angle[32] = "no angle";
-  if (wake.angle >= 0) {
-    snprintf(angle, sizeof angle, "%3d deg (length %.2f)", wake.angle,
-             static_cast<double>(wake.angle_length));
-  }
-  char text[160];
-  snprintf(text, sizeof text, "wake %d at %s  %s  cost %.2f of %.2f  said %s - %s", number,
-           clock_time(static_cast<double>(wake.sample) / QUIBO_SAMPLE_RATE).c_str(), angle,
-           static_cast<double>(wake.cost), static_cast<double>(wake.threshold),
-           clock_time(wake.start).c_str(), clock_time(wake.end).c_str());
-  return text;
-}
 
 // A folder per recording: its name without the ending, made different where two are alike.
 std::vector<std::string> folders(const RunRequest& request) {

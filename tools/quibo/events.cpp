@@ -89,7 +89,7 @@ Json end_event(const std::string& name, const RunResult& result) {
   e["samples"] = result.samples;
   e["seconds"] = rounded(seconds, 3);
   e["wakes"] = result.wakes.size();
-  e["echo_reduction_db"] = rounded(static_cast<double>(result.echo.mean), 1);
+  e["echo_reduction_db"] = rounded(static_cast<double>(result.echo.median), 1);
   e["only_device_seconds"] = std::count(only_device.begin(), only_device.end(), true);
   e["processor_seconds"] = rounded(result.processor_seconds, 3);
   e["core_share"] = rounded(result.processor_seconds / seconds, 5);

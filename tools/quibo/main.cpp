@@ -75,7 +75,7 @@ int main(int argc, char** argv) {
       "130 ended by Ctrl-C. `quibo COMMAND --help` shows a command's options and an example.");
   const std::vector<std::pair<CLI::App*, Action>> actions = [&] {
     std::vector<std::pair<CLI::App*, Action>> list;
-    for (const auto add : {add_run, add_check}) {
+    for (const auto add : {add_run, add_check, add_live}) {
       Action action = add(app);
       list.emplace_back(app.get_subcommands({}).back(), action);
     }

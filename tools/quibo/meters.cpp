@@ -68,18 +68,17 @@ void EchoMeter::finish() {
 EchoReduction echo_reduction(const std::vector<float>& mic, const std::vector<float>& ref,
                              const std::vector<float>& clean, const std::vector<bool>& explained) {
   EchoReduction result;
-  double before = 0, after = 0;
+  std::vector<float> counted;
   const size_t seconds = std::min({mic.size(), ref.size(), clean.size()});
   for (size_t s = 0; s < seconds; ++s) {
     const bool active = ref[s] > kActive;
-    const bool counts = active && s < explained.size() && explained[s];
     result.per_second.push_back(active ? mic[s] - clean[s] : NAN);
-    result.only_device.push_back(counts);
-    if (!counts) continue;
-    before += std::pow(10.0, 0.1 * static_cast<double>(mic[s]));
-    after += std::pow(10.0, 0.1 * static_cast<double>(clean[s]));
+    result.only_device.push_back(active && s < explained.size() && explained[s]);
+    if (result.only_device.back()) counted.push_back(mic[s] - clean[s]);
   }
-  result.mean = before > 0 ? static_cast<float>(power_db(before) - power_db(after)) : NAN;
+  const auto middle = counted.begin() + static_cast<std::ptrdiff_t>(counted.size() / 2);
+  std::nth_element(counted.begin(), middle, counted.end());
+  result.median = counted.empty() ? NAN : *middle;
   return result;
 }
 

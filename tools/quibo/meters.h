@@ -51,8 +51,8 @@ class EchoMeter {
 // Of a whole recording, from its levels per second.
 struct EchoReduction {
   std::vector<float> per_second;  // dB; NaN where the reference is silent
-  std::vector<bool> only_device;  // seconds that count in the mean
-  float mean;                     // dB, power over power; NaN: there were none
+  std::vector<bool> only_device;  // seconds that count in the median
+  float median;                   // dB, of those seconds; NaN: there were none
 };
 EchoReduction echo_reduction(const std::vector<float>& mic, const std::vector<float>& ref,
                              const std::vector<float>& clean, const std::vector<bool>& explained);

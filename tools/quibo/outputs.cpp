@@ -8,7 +8,6 @@
 #include <vector>
 
 #include "problem.h"
-#include "quibo/quibo.h"
 
 namespace quibo::recordings {
 
@@ -84,16 +83,17 @@ void WavFile::write_header() {
   h.tag(large ? "ds64" : "JUNK").number(kSizes, 4);
   h.number(large ? riff : 0, 8)
       .number(large ? data : 0, 8)
-      .number(large ? samples_ : 0, 8)
+      .number(large ? samples_ / channels_ : 0, 8)
       .number(0, 4);
-  h.tag("fmt ").number(kFormat, 4).number(1, 2).number(1, 2);
-  h.number(QUIBO_SAMPLE_RATE, 4).number(QUIBO_SAMPLE_RATE * kSampleSize, 4);
-  h.number(kSampleSize, 2).number(8 * kSampleSize, 2);
+  h.tag("fmt ").number(kFormat, 4).number(1, 2).number(channels_, 2);
+  h.number(rate_, 4).number(rate_ * channels_ * kSampleSize, 4);
+  h.number(channels_ * kSampleSize, 2).number(8 * kSampleSize, 2);
   h.tag("data").number(large ? kElsewhere : data, 4);
   file_.write_at(0, h.bytes.data(), h.bytes.size());
 }
 
-WavFile::WavFile(const std::string& path) : file_(path) {
+WavFile::WavFile(const std::string& path, int channels, int rate)
+    : file_(path), channels_(static_cast<uint64_t>(channels)), rate_(static_cast<uint64_t>(rate)) {
   write_header();
 }
 

@@ -5,6 +5,8 @@
 #include <cstdio>
 #include <string>
 
+#include "quibo/quibo.h"
+
 namespace quibo::recordings {
 
 // Creates a folder and those above it. Throws FileProblem.
@@ -31,11 +33,11 @@ class OutputFile {
   bool kept_ = false;
 };
 
-// 16 bit, mono, 16 kHz; RF64 where WAV's 4 GiB do not suffice.
+// 16 bit; RF64 where WAV's 4 GiB do not suffice.
 class WavFile {
  public:
-  explicit WavFile(const std::string& path);
-  void write(const int16_t* samples, int count);
+  explicit WavFile(const std::string& path, int channels = 1, int rate = QUIBO_SAMPLE_RATE);
+  void write(const int16_t* samples, int count);  // of all channels, interleaved
   void finish();
   void keep() { file_.keep(); }
 
@@ -43,7 +45,7 @@ class WavFile {
   void write_header();
 
   OutputFile file_;
-  uint64_t samples_ = 0;
+  uint64_t channels_, rate_, samples_ = 0;
 };
 
 }  // namespace quibo::recordings

@@ -219,7 +219,7 @@ Json report_data(const std::string& title, const Json& recording, const RunResul
   data["echo"] = {{"seconds_per_point", 1},
                   {"reduction_db", series(run.echo.per_second)},
                   {"only_device", run.echo.only_device},
-                  {"mean_reduction_db", rounded(static_cast<double>(run.echo.mean), 1)}};
+                  {"median_reduction_db", rounded(static_cast<double>(run.echo.median), 1)}};
   data["check"] = check_json(check);
   data["reference_delay"] = data["check"]["reference_delay"];
   data["check"].erase("reference_delay");
@@ -227,7 +227,7 @@ Json report_data(const std::string& title, const Json& recording, const RunResul
   data["warnings"] = warnings;
   data["summary"] = {{"wakes", run.wakes.size()},
                      {"seconds", rounded(seconds, 3)},
-                     {"echo_reduction_db", rounded(static_cast<double>(run.echo.mean), 1)},
+                     {"echo_reduction_db", rounded(static_cast<double>(run.echo.median), 1)},
                      {"core_share", rounded(run.processor_seconds / seconds, 5)},
                      {"seconds_used", rounded(run.processor_seconds, 2)}};
   return data;

@@ -1,0 +1,12 @@
+# `cpack` makes a Debian package: library, headers, the quibo command and its manual page.
+
+set(CPACK_GENERATOR DEB)
+set(CPACK_PACKAGE_NAME quibo)
+set(CPACK_PACKAGE_CONTACT "The Quibo developers")
+set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "${PROJECT_DESCRIPTION}")
+set(CPACK_PACKAGING_INSTALL_PREFIX /usr)
+set(CPACK_STRIP_FILES ON)
+set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
+set(CPACK_DEBIAN_PACKAGE_SECTION sound)
+set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
+include(CPack)
