@@ -36,7 +36,7 @@ def test_examples_and_package_pass_mypy_strict(examples):
     installed = "site-packages" in PACKAGE.parts  # then mypy finds it by itself
     run(
         examples.parent,
-        *("-m", "mypy", "--strict", "--cache-dir", examples.parent / "cache", examples, PACKAGE),
+        *("-m", "mypy", "--strict", "--cache-dir", examples.parent / "cache", "-m", "examples", "-p", "quibo"),
         **({} if installed else {"MYPYPATH": str(PACKAGE.parent)}),
     )
 

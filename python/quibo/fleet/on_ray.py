@@ -2,6 +2,7 @@
 
 from __future__ import annotations
 
+import importlib
 import os
 from collections import deque
 from collections.abc import Callable, Iterable, Iterator
@@ -25,9 +26,11 @@ def run(
     if not address:  # nothing but loopback, nothing reported
         alone = {"include_dashboard": False, "num_cpus": jobs or len(os.sched_getaffinity(0))}
         os.environ.update(RAY_USAGE_STATS_ENABLED="0", RAY_ENABLE_WINDOWS_OR_OSX_CLUSTER="0")
-    import ray  # type: ignore[import-not-found, unused-ignore]
-    from ray.exceptions import RayActorError  # type: ignore[import-not-found, unused-ignore]
-
+    try:
+        ray: Any = importlib.import_module("ray")
+    except ModuleNotFoundError:
+        raise RuntimeError("Ray is missing: pip install quibo[ray]") from None
+    RayActorError: Any = ray.exceptions.RayActorError
     started = not ray.is_initialized()
     if started:
         ray.init(address=address, log_to_driver=False, **alone)
