@@ -53,6 +53,8 @@ def _plain(value):
         return [type(value).__name__, _plain({f.name: getattr(value, f.name) for f in dataclasses.fields(value)})]
     if isinstance(value, np.dtype):
         return str(value)
+    if isinstance(value, types.FunctionType):  # code is not looked at
+        return f"{value.__module__}.{value.__qualname__}"
     if hasattr(value, "tolist"):  # arrays and scalars of numpy, tensors
         return _plain(value.tolist())
     raise TypeError(f"{type(value).__name__} cannot be part of a key")

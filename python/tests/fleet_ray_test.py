@@ -6,7 +6,6 @@ import signal
 
 import pytest
 from fleet_test import folder, of_one_process, rows, run  # noqa: F401 (fixtures)
-
 from quibo.fleet import on_ray, retry
 
 # Read when Ray is imported: nothing but loopback, nothing reported.

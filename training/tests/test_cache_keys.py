@@ -247,5 +247,6 @@ def test_a_key_takes_values_and_no_addresses():
     same = {"a": np.arange(3), "b": ({2, 1}, None, banks.Recipe())}
     assert cache_keys.digest(value) == cache_keys.digest(same)
     assert cache_keys.digest(value) != cache_keys.digest(dict(reversed(value.items())))  # draws go by a dict's order
+    assert cache_keys.digest(imported) == cache_keys.digest(imported) != cache_keys.digest(rewrite)  # functions by name
     with pytest.raises(TypeError):
         cache_keys.digest(object())
