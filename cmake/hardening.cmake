@@ -3,6 +3,9 @@
 # AArch64; older processors take the marks for no-operations). For programs, which meet files and arguments, also stack
 # canaries and checked string functions; the library has no strings and no buffer whose length a caller chooses.
 
+if(CMAKE_SYSTEM_PROCESSOR STREQUAL wasm32)  # WebAssembly has all that by construction
+  return()
+endif()
 include(CheckCXXCompilerFlag)
 
 add_link_options(-Wl,-z,relro,-z,now)

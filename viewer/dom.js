@@ -5,6 +5,8 @@ const SVG = "http://www.w3.org/2000/svg";
 function fill(node, attributes, children) {
   for (const [name, value] of Object.entries(attributes)) {
     if (name.startsWith("on")) node.addEventListener(name.slice(2), value);
+    else if (name === "style")
+      node.style.cssText = value; // a page's policy may forbid the attribute
     else if (value === true) node.setAttribute(name, "");
     else if (value !== false && value != null) node.setAttribute(name, value);
   }

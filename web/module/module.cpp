@@ -1,56 +1,126 @@
 // The calls of the WebAssembly module, one front end per instance: JavaScript writes a frame into the inputs, calls
 // module_process() and reads the outputs.
 
-#include "api/WakeupApi.h"
+#include <algorithm>
+#include <optional>
+#include <vector>
+
 #include "dsp/kernels.h"
+#include "tools/quibo/channels.h"
+#include "tools/quibo/front_end.h"
+#include "tools/quibo/meters.h"
 
 namespace {
 
-constexpr int kMics = 3;
-constexpr int kTracks =
-    kMics + 1;  // microphones, then the reference; cancelled microphones, then the clean one
+using namespace quibo::recordings;
 
-int16_t inputs[kTracks][QUIBO_FRAME];
-int16_t outputs[kTracks][QUIBO_FRAME];
-KTWakeup front_end;
-int32_t wake, angle;
+constexpr int kOutputs = kMics + 1;
+constexpr int kMetered = kTracks + 1;  // and the clean output
+
+// What is told of a recording as a whole. Each second of it takes memory: not for what never ends.
+struct Meters {
+  LevelMeter tracks[kTracks];
+  LevelMeter clean{kCleanDelay};
+  EchoMeter echo;
+  EchoReduction reduction;
+  std::vector<uint8_t> only_device;
+
+  const LevelMeter& of(int i) const { return i < kTracks ? tracks[i] : clean; }
+};
+
+Frame frame;
+Output output;
+std::optional<FrontEnd> front_end;
+std::optional<Meters> meters;
+std::vector<int16_t> guess;
 
 }  // namespace
 
 extern "C" {
 
-// Quibo_wakeup_init()'s codes.
-int32_t module_create() {
-  return Quibo_wakeup_init(&front_end, 0);
+void module_create(int32_t measure) {
+  front_end.emplace();
+  if (measure) meters.emplace();
 }
 
+// microphones 1 to 3, reference
 int16_t* module_input(int32_t track) {
-  return inputs[track];
+  return frame.track[track];
 }
 
-const int16_t* module_output(int32_t track) {
-  return outputs[track];
+// cancelled microphones 1 to 3, clean
+const int16_t* module_output(int32_t i) {
+  return i < kMics ? output.mic[i] : output.clean;
 }
 
-// One frame; microphones that are not in the codec's encoding are put into it first, which loses nothing.
-void module_process(int32_t scrambled) {
-  if (!scrambled) {
-    for (int mic = 0; mic < kMics; ++mic) enc_data(inputs[mic], QUIBO_FRAME);
+// One frame, of which `samples` are the recording's; scrambled microphones are decoded in place.
+void module_process(int32_t scrambled, int32_t samples) {
+  if (scrambled) {
+    for (int mic = 0; mic < kMics; ++mic) dec_data(frame.track[mic], QUIBO_FRAME);
   }
-  Quibo_wakeup_three_write_data(front_end, inputs[0], inputs[1], inputs[2], inputs[kMics],
-                                outputs[0], outputs[1], outputs[2], outputs[kMics]);
-  angle = Quibo_doa_three_write_data(front_end, &wake, outputs[0], outputs[1], outputs[2],
-                                     outputs[kMics], QUIBO_FRAME);
+  frame.samples = samples;
+  front_end->process(frame, &output);
+  if (!meters) return;
+  for (int t = 0; t < kTracks; ++t) meters->tracks[t].add(frame.track[t], samples);
+  meters->clean.add(output.clean, QUIBO_FRAME);
+  if (samples > 0) {
+    meters->echo.add(output.mic_power, output.echo_power, output.shared_power, samples);
+  }
 }
 
-// Of the last frame: 1 where the wake phrase was heard.
+// Of the last frame: 1 where the wake phrase was heard. The other calls then tell of that wake.
 int32_t module_woke() {
-  return wake >= 0;
+  return output.wake.has_value();
 }
 
-// Of the last frame: degrees, or -1.
-int32_t module_angle() {
-  return angle;
+int32_t module_angle() {  // degrees; -1: none was given
+  return output.wake->angle;
+}
+
+double module_wake_value(int32_t i) {  // start and end in s, cost, length of the angle's vector
+  const Wake& wake = *output.wake;
+  const double values[] = {wake.start, wake.end, wake.cost, wake.angle_length};
+  return values[i];
+}
+
+// After the last frame: how many seconds the meters hold.
+int32_t module_finish() {
+  for (LevelMeter& meter : meters->tracks) meter.finish();
+  meters->clean.finish();
+  meters->echo.finish();
+  meters->reduction = echo_reduction(meters->of(0).level(), meters->of(kRef).level(),
+                                     meters->clean.level(), meters->echo.explained());
+  const std::vector<bool>& only = meters->reduction.only_device;
+  meters->only_device.assign(only.begin(), only.end());
+  return static_cast<int32_t>(only.size());
+}
+
+// Values per second: levels of the tracks and of the clean output (0 to 4), their peaks (5 to 9), the
+// echo reduction (10).
+const float* module_meter(int32_t i) {
+  if (i < kMetered) return meters->of(i).level().data();
+  if (i < 2 * kMetered) return meters->of(i - kMetered).peak().data();
+  return meters->reduction.per_second.data();
+}
+
+const uint8_t* module_only_device() {
+  return meters->only_device.data();
+}
+
+float module_mean_reduction() {  // NaN: the device never played alone
+  return meters->reduction.mean;
+}
+
+// Room for `count` samples of a microphone, of which module_scrambled() then says whether they are in the
+// codec's encoding: 1, 0, or -1 where that is not to be told.
+int16_t* module_guess(int32_t count) {
+  guess.resize(static_cast<size_t>(count));
+  return guess.data();
+}
+
+int32_t module_scrambled() {
+  const std::optional<bool> answer = looks_scrambled(guess);
+  return answer ? *answer : -1;
 }
 
 // The instruction set in use, a C string.

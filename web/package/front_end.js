@@ -5,7 +5,6 @@ export const FRAME = 1024; // samples per channel and call, 64 ms
 export const DELAYS = Object.freeze({ mics: 20, clean: 2580 }); // samples by which the outputs follow the input
 
 const TRACKS = ["mic1", "mic2", "mic3", "ref"];
-const CLEAN = 3;
 
 // The smallest module with an operation of 128-bit SIMD (i8x16.popcnt on a splat).
 const SIMD = [
@@ -23,27 +22,31 @@ function complainAboutThisPlace() {
   }
 }
 
-// What the module asks of its surroundings: nothing but to print, and nobody reads that.
-function surroundings(memory) {
+// What the module asks of its surroundings: to print, which nobody reads; everything else is refused (-1).
+function surroundings(module, memory) {
   const view = () => new DataView(memory().buffer);
-  return {
-    wasi_snapshot_preview1: {
-      environ_get: () => 0,
-      environ_sizes_get: (count, size) => {
-        view().setUint32(count, 0, true);
-        view().setUint32(size, 0, true);
-        return 0;
-      },
-      fd_close: () => 0,
-      fd_seek: () => 0,
-      fd_write: (descriptor, pieces, count, written) => {
-        let bytes = 0;
-        for (let i = 0; i < count; ++i) bytes += view().getUint32(pieces + 8 * i + 4, true);
-        view().setUint32(written, bytes, true);
-        return 0;
-      },
+  const granted = {
+    environ_sizes_get: (count, size) => {
+      view().setUint32(count, 0, true);
+      view().setUint32(size, 0, true);
+      return 0;
+    },
+    fd_write: (descriptor, pieces, count, written) => {
+      let bytes = 0;
+      for (let i = 0; i < count; ++i) bytes += view().getUint32(pieces + 8 * i + 4, true);
+      view().setUint32(written, bytes, true);
+      return 0;
+    },
+    proc_exit: (code) => {
+      throw new QuiboError(`the module ended itself (${code})`);
     },
   };
+  const imports = {};
+  for (const { module: from, name } of WebAssembly.Module.imports(module)) {
+    imports[from] ??= {};
+    imports[from][name] = granted[name] ?? (() => -1);
+  }
+  return imports;
 }
 
 // Floats of full scale 1.0 to the nearest int16, limited to the range.
@@ -69,21 +72,14 @@ export class FrontEnd {
   #scrambled;
 
   // module: a WebAssembly.Module of quibo.wasm. encoding: of the microphones, "plain" or the codec's "scrambled".
-  constructor(module, { encoding = "plain" } = {}) {
+  // measure: keep meters of the recording, for finish().
+  constructor(module, { encoding = "plain", measure = false } = {}) {
     complainAboutThisPlace();
     if (encoding !== "plain" && encoding !== "scrambled") throw new QuiboError(`no encoding is called ${encoding}`);
     this.#scrambled = encoding === "scrambled" ? 1 : 0;
-    let memory;
-    const calls = new WebAssembly.Instance(
-      module,
-      surroundings(() => memory),
-    ).exports;
-    memory = calls.memory;
-    calls._initialize();
-    const code = calls.module_create();
-    if (code !== 0) throw new QuiboError(`the front end could not be created (${code})`);
-    // The memory does not grow after this: no call of a frame allocates.
-    const frame = (address) => new Int16Array(memory.buffer, address, FRAME);
+    const calls = instance(module);
+    calls.module_create(measure ? 1 : 0);
+    const frame = (address) => new Int16Array(calls.memory.buffer, address, FRAME);
     this.#calls = calls;
     this.#inputs = TRACKS.map((_, track) => frame(calls.module_input(track)));
     this.#outputs = TRACKS.map((_, track) => frame(calls.module_output(track)));
@@ -95,21 +91,63 @@ export class FrontEnd {
     return String.fromCharCode(...bytes.subarray(0, bytes.indexOf(0)));
   }
 
-  // One frame: FRAME samples of each microphone and of the reference. Returns new arrays.
-  process(mic1, mic2, mic3, ref) {
-    [mic1, mic2, mic3, ref].forEach((samples, track) => copySamples(samples, this.#inputs[track], TRACKS[track]));
-    this.#calls.module_process(this.#scrambled);
+  // Of the last frame: microphone 1 as it came, decoded where it was scrambled.
+  get microphone() {
+    return this.#inputs[0].slice();
+  }
+
+  // One frame: FRAME samples of each microphone and of the reference, the first `samples` of which are the recording's.
+  // Returns new arrays.
+  process(mic1, mic2, mic3, ref, samples = FRAME) {
+    [mic1, mic2, mic3, ref].forEach((from, track) => copySamples(from, this.#inputs[track], TRACKS[track]));
+    this.#calls.module_process(this.#scrambled, samples);
     this.#frame += 1;
-    const [out1, out2, out3, clean] = this.#outputs.map((samples) => samples.slice());
+    const [out1, out2, out3, clean] = this.#outputs.map((output) => output.slice());
     return { mics: [out1, out2, out3], clean, wake: this.#calls.module_woke() ? this.#wake() : null };
   }
 
   #wake() {
     const angle = this.#calls.module_angle();
+    const [start, end, cost, angleLength] = [0, 1, 2, 3].map((i) => this.#calls.module_wake_value(i));
+    const seconds = (this.#frame * FRAME) / SAMPLE_RATE;
+    return { frame: this.#frame - 1, seconds, start, end, cost, angle: angle < 0 ? null : angle, angleLength };
+  }
+
+  // After the last frame of a front end that measures: what its meters hold per second.
+  finish() {
+    const calls = this.#calls;
+    const seconds = calls.module_finish();
+    const values = (i) => Array.from(new Float32Array(calls.memory.buffer, calls.module_meter(i), seconds), known);
+    const named = (first) => Object.fromEntries([...TRACKS, "clean"].map((name, i) => [name, values(first + i)]));
+    const only = new Uint8Array(calls.memory.buffer, calls.module_only_device(), seconds);
     return {
-      frame: this.#frame - 1,
-      seconds: (this.#frame * FRAME) / SAMPLE_RATE,
-      angle: angle < 0 ? null : angle,
+      levels: named(0),
+      peaks: named(TRACKS.length + 1),
+      reduction: values(2 * (TRACKS.length + 1)),
+      onlyDevice: Array.from(only, Boolean),
+      meanReduction: known(calls.module_mean_reduction()),
     };
   }
+}
+
+const known = (value) => (Number.isNaN(value) ? null : Math.round(value * 100) / 100);
+
+// Instances do not grow: what JavaScript sees of their memory stays good.
+function instance(module) {
+  let memory;
+  const calls = new WebAssembly.Instance(
+    module,
+    surroundings(module, () => memory),
+  ).exports;
+  memory = calls.memory;
+  calls._initialize();
+  return calls;
+}
+
+// Whether samples of a microphone are in the codec's encoding; null: not to be told.
+export function looksScrambled(module, samples) {
+  const calls = instance(module);
+  new Int16Array(calls.memory.buffer, calls.module_guess(samples.length), samples.length).set(samples);
+  const answer = calls.module_scrambled();
+  return answer < 0 ? null : answer === 1;
 }

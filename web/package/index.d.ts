@@ -20,8 +20,15 @@ export interface Wake {
   frame: number;
   /** End of that frame in seconds. */
   seconds: number;
+  /** Estimated span of the phrase in seconds. */
+  start: number;
+  end: number;
+  /** The lower the surer. */
+  cost: number;
   /** Direction of the talker in degrees, 0 to 359, clockwise from above, 0 at microphone 1; null: none was found. */
   angle: number | null;
+  /** Length of the vector that gave the angle, 0 to about 1: how sure it is. */
+  angleLength: number;
 }
 
 export interface Processed {
@@ -33,11 +40,15 @@ export interface Processed {
 }
 
 export declare class FrontEnd {
-  constructor(module: WebAssembly.Module, options?: { encoding?: Encoding });
+  constructor(module: WebAssembly.Module, options?: { encoding?: Encoding; measure?: boolean });
   /** Name of the kernels in use. */
   readonly kernels: string;
-  /** One frame: FRAME samples each. Returns new arrays. */
-  process(mic1: Samples, mic2: Samples, mic3: Samples, ref: Samples): Processed;
+  /** Of the last frame: microphone 1 as it came, decoded where it was scrambled. */
+  readonly microphone: Int16Array;
+  /** One frame: FRAME samples each, the first `samples` of which count for the meters. Returns new arrays. */
+  process(mic1: Samples, mic2: Samples, mic3: Samples, ref: Samples, samples?: number): Processed;
+  /** After the last frame, where `measure` was asked for. */
+  finish(): Meters;
 }
 
 /** A front end on the thread that calls; each is an instance of its own. */
@@ -51,11 +62,27 @@ export interface Recording {
   ref: Samples;
 }
 
+/** Per second; levels and peaks in dBFS (a sine at full scale has a level of -3), no less than -120. */
+export interface Meters {
+  levels: Record<"mic1" | "mic2" | "mic3" | "ref" | "clean", number[]>;
+  peaks: Record<"mic1" | "mic2" | "mic3" | "ref" | "clean", number[]>;
+  /** Level of microphone 1 over that of the output in dB; null where the reference is silent. */
+  reduction: (number | null)[];
+  /** Seconds in which the device plays and nobody talks. */
+  onlyDevice: boolean[];
+  /** Over those seconds; null: there were none. */
+  meanReduction: number | null;
+}
+
 /** Outputs as long as the recording and lined up with it. */
 export interface Result {
+  /** Microphone 1 as it came, decoded. */
+  mic1: Int16Array;
   mics: [Int16Array, Int16Array, Int16Array];
   clean: Int16Array;
   wakes: Wake[];
+  meters: Meters;
+  encoding: Encoding;
   kernels: string;
   secondsUsed: number;
 }
@@ -65,7 +92,8 @@ export declare function processRecording(
   tracks: Recording,
   options?: {
     wasm?: Exclude<Wasm, WebAssembly.Module>;
-    encoding?: Encoding;
+    /** "guess": by listening to microphone 1, for int16. */
+    encoding?: Encoding | "guess";
     /** A worker that runs worker.js, where a bundler or a policy asks for another way to make it. */
     worker?: Worker;
     /** Samples done, samples in all. */

@@ -5,7 +5,7 @@ import { FrontEnd, QuiboError, SAMPLE_RATE } from "./front_end.js";
 
 export { DELAYS, FRAME, FrontEnd, QuiboError, SAMPLE_RATE } from "./front_end.js";
 
-const WASM = new URL("./quibo.wasm", import.meta.url);
+const beside = (file) => new URL(file, import.meta.url);
 
 async function bytesOf(wasm) {
   if (wasm instanceof ArrayBuffer || ArrayBuffer.isView(wasm)) return wasm;
@@ -38,18 +38,18 @@ async function compiled(wasm) {
 }
 
 // A front end for frames, on the thread that calls. Every one is an instance of its own.
-export async function createFrontEnd({ wasm = WASM, encoding } = {}) {
+export async function createFrontEnd({ wasm = beside("./quibo.wasm"), encoding } = {}) {
   return new FrontEnd(await compiled(wasm), { encoding });
 }
 
-// A whole recording, in a worker of its own: tracks is { mic1, mic2, mic3, ref }, equally long.
+// A whole recording, in a worker of its own: tracks is { mic1, mic2, mic3, ref }, equally long. encoding may be "guess".
 export async function processRecording(
   tracks,
-  { wasm = WASM, encoding, worker, onProgress = () => {}, onWake = () => {}, signal } = {},
+  { wasm = beside("./quibo.wasm"), encoding, worker, onProgress = () => {}, onWake = () => {}, signal } = {},
 ) {
   if (typeof Worker === "undefined") throw new QuiboError("there are no web workers here: use createFrontEnd()");
   const bytes = await bytesOf(wasm);
-  const thread = worker ?? new Worker(new URL("./worker.js", import.meta.url), { type: "module" });
+  const thread = worker ?? new Worker(beside("./worker.js"), { type: "module" });
   const stopped = new Promise((_, reject) => {
     thread.onerror = (event) => reject(new QuiboError(event.message || "the worker could not be loaded"));
     signal?.addEventListener("abort", () => reject(signal.reason));
@@ -75,7 +75,7 @@ export async function processRecording(
 // its first channel. Output 0: the clean microphone 1. The context has to run at 16 kHz.
 export async function createFrontEndNode(
   context,
-  { wasm = WASM, encoding, worklet, onWake = () => {}, onFrame = () => {}, onError = () => {} } = {},
+  { wasm = beside("./quibo.wasm"), encoding, worklet, onWake = () => {}, onFrame = () => {}, onError = () => {} } = {},
 ) {
   if (context.sampleRate !== SAMPLE_RATE) {
     throw new QuiboError(
@@ -84,7 +84,7 @@ export async function createFrontEndNode(
   }
   if (!context.audioWorklet) throw new QuiboError("there are no audio worklets here: they need https or localhost");
   const bytes = await bytesOf(wasm);
-  await context.audioWorklet.addModule(worklet ?? new URL("./worklet.js", import.meta.url));
+  await context.audioWorklet.addModule(worklet ?? beside("./worklet.js"));
   const node = new AudioWorkletNode(context, "quibo-front-end", {
     numberOfInputs: 2,
     numberOfOutputs: 1,

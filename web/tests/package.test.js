@@ -3,32 +3,21 @@
 import assert from "node:assert/strict";
 import { execFileSync } from "node:child_process";
 import { createHash } from "node:crypto";
-import { mkdirSync, mkdtempSync, readFileSync, rmSync, writeFileSync } from "node:fs";
+import { mkdtempSync, readFileSync, rmSync, writeFileSync } from "node:fs";
 import { tmpdir } from "node:os";
 import { join } from "node:path";
 import { after, before, test } from "node:test";
 import { launch } from "./browser.js";
-import { NATIVE, PACKAGE, capture } from "./builds.js";
+import { PACKAGE, capture, descramble, playNatively, tracksOf } from "./builds.js";
 import { serve } from "./server.js";
 import { DELAYS, FRAME, FrontEnd, QuiboError, createFrontEnd, createFrontEndNode } from "../package/index.js";
 
-const INPUT = "wav/input_frame_20251107_140756.pcm"; // fixed by the driver
-const CHANNELS = { mic1: 0, mic2: 1, mic3: 2, ref: 4 };
-
-let folder, samples, driver, tracks, server, browser;
+let folder, native, tracks, server, browser;
 before(async () => {
   folder = mkdtempSync(join(tmpdir(), "quibo-package-"));
   const raw = capture();
-  samples = new Int16Array(raw.buffer, raw.byteOffset, raw.length / 2);
-  tracks = Object.fromEntries(
-    Object.entries(CHANNELS).map(([name, channel]) => [
-      name,
-      Int16Array.from({ length: samples.length / 6 }, (_, i) => samples[6 * i + channel]),
-    ]),
-  );
-  for (const name of ["wav", "wav2"]) mkdirSync(join(folder, name));
-  writeFileSync(join(folder, INPUT), raw);
-  driver = execFileSync(join(NATIVE, "quibo_demo"), { cwd: folder, encoding: "utf8" });
+  native = playNatively(folder, raw);
+  tracks = tracksOf(raw);
   for (const [name, track] of Object.entries(tracks)) writeFileSync(join(folder, name), track);
   writeFileSync(join(folder, "index.html"), "");
   server = await serve({ "/": folder, "/package/": PACKAGE });
@@ -41,13 +30,6 @@ after(async () => {
 });
 
 const hash = (data) => createHash("sha256").update(data).digest("hex");
-const nativeOutput = () => readFileSync(join(folder, "wav2/nnaec.pcm"));
-// [ms, degrees] of each wake that the driver printed.
-const nativeWakes = () =>
-  [...driver.matchAll(/Doa:(\d+)\n-+>is_wakeup:0 \(time:(\d+) m,(\d+) s,(\d+) ms/g)].map(([, angle, m, s, ms]) => [
-    60000 * m + 1000 * s + Number(ms),
-    Number(angle),
-  ]);
 const told = (wakes) => wakes.map(({ seconds, angle }) => [Math.round(1000 * seconds), angle]);
 
 test("node: the sample's wakes at the native angles, the driver's output to the bit", async () => {
@@ -56,14 +38,14 @@ test("node: the sample's wakes at the native angles, the driver's output to the 
   const wakes = [];
   const clean = [];
   for (let start = 0; start + FRAME <= tracks.ref.length; start += FRAME) {
-    const frame = Object.keys(CHANNELS).map((name) => tracks[name].subarray(start, start + FRAME));
+    const frame = Object.values(tracks).map((track) => track.subarray(start, start + FRAME));
     const result = frontEnd.process(...frame);
     clean.push(Buffer.from(result.clean.buffer));
     if (result.wake) wakes.push(result.wake);
   }
   assert.equal(wakes.length, 5);
-  assert.deepEqual(told(wakes), nativeWakes());
-  assert.equal(hash(Buffer.concat(clean)), hash(nativeOutput()));
+  assert.deepEqual(told(wakes), native.wakes);
+  assert.equal(hash(Buffer.concat(clean)), hash(native.output));
 });
 
 test("Chromium, in a worker: the same, lined up, with progress", async () => {
@@ -78,20 +60,27 @@ test("Chromium, in a worker: the same, lined up, with progress", async () => {
     const result = await processRecording(
       { mic1, mic2, mic3, ref },
       {
-        encoding: "scrambled",
+        encoding: "guess",
         onProgress: (done, total) => progress.push(done / total),
         onWake: (wake) => early.push(wake),
       },
     );
-    return { result: { ...result, mics: null, clean: [...result.clean] }, progress, early };
+    return { result: { ...result, mics: null, mic1: null, clean: [...result.clean] }, progress, early };
   });
-  assert.deepEqual(told(result.wakes), nativeWakes());
+  assert.deepEqual(told(result.wakes), native.wakes);
   assert.deepEqual(early, result.wakes);
+  assert.ok(
+    Math.abs(result.wakes[1].start - 15.8) < 0.2 && result.wakes[1].cost < 2 && result.wakes[1].angleLength > 0.5,
+  );
+  const { meanReduction, onlyDevice, levels } = result.meters;
+  assert.ok(meanReduction > 20 && onlyDevice[5] && !onlyDevice[20] && levels.clean.length === 48);
+  assert.equal(result.encoding, "scrambled"); // as it guessed
   assert.ok(progress.length > 20 && progress.every((share, i) => share >= (progress[i - 1] ?? 0) && share <= 1));
-  const output = nativeOutput();
   const lined = Buffer.from(Int16Array.from(result.clean).buffer);
   assert.equal(lined.length, 2 * tracks.ref.length);
-  assert.ok(lined.subarray(0, output.length - 2 * DELAYS.clean).equals(output.subarray(2 * DELAYS.clean)));
+  assert.ok(
+    lined.subarray(0, native.output.length - 2 * DELAYS.clean).equals(native.output.subarray(2 * DELAYS.clean)),
+  );
   await page.close();
 });
 
@@ -125,14 +114,13 @@ test("Chromium, in a worklet: wakes of a recording that is played to it", async 
     await new Promise((delivered) => setTimeout(delivered, 200));
     return wakes;
   });
-  assert.deepEqual(told(wakes), nativeWakes().slice(0, 1));
+  assert.deepEqual(told(wakes), native.wakes.slice(0, 1));
   await page.close();
 });
 
 test("plain microphones give what scrambled ones give", async () => {
   const plain = await createFrontEnd();
   const scrambled = await createFrontEnd({ encoding: "scrambled" });
-  const descramble = descrambler();
   for (let frame = 100; frame < 104; ++frame) {
     const cut = (name) => tracks[name].subarray(frame * FRAME, (frame + 1) * FRAME);
     const mics = ["mic1", "mic2", "mic3"].map(cut);
@@ -141,17 +129,6 @@ test("plain microphones give what scrambled ones give", async () => {
     assert.deepEqual(plain.process(...mics.map(descramble), floats), expected);
   }
 });
-
-// The codec's table, as params/codec.safetensors holds it.
-function descrambler() {
-  const file = readFileSync(new URL("../../params/codec.safetensors", import.meta.url));
-  const header = Number(file.readBigUInt64LE(0));
-  const [from, to] = JSON.parse(file.subarray(8, 8 + header)).dec_table.data_offsets;
-  const table = new Int16Array(
-    file.buffer.slice(file.byteOffset + 8 + header + from, file.byteOffset + 8 + header + to),
-  );
-  return (samples) => samples.map((x) => (x === 0 || Math.abs(x) > 4800 ? x : Math.sign(x) * table[Math.abs(x)]));
-}
 
 test("what does not fit is said", async () => {
   const frontEnd = await createFrontEnd();

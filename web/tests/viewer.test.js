@@ -7,6 +7,7 @@ import { tmpdir } from "node:os";
 import { join } from "node:path";
 import { after, before, test } from "node:test";
 import { fileURLToPath, pathToFileURL } from "node:url";
+import { wav } from "./builds.js";
 import { launch, noSeriousAccessibilityFault, noSidewaysScroll, open } from "./browser.js";
 
 const VIEWER = fileURLToPath(new URL("../../viewer/", import.meta.url));
@@ -22,25 +23,9 @@ after(async () => {
   rmSync(folder, { recursive: true });
 });
 
-// A tone of full scale 2^-n, as a WAV file in base64.
-function wav(seconds, amplitude) {
-  const samples = Math.round(seconds * RATE);
-  const bytes = Buffer.alloc(44 + 2 * samples);
-  bytes.write("RIFF", 0);
-  bytes.writeUInt32LE(36 + 2 * samples, 4);
-  bytes.write("WAVEfmt ", 8);
-  bytes.writeUInt32LE(16, 16);
-  bytes.writeUInt16LE(1, 20);
-  bytes.writeUInt16LE(1, 22);
-  bytes.writeUInt32LE(RATE, 24);
-  bytes.writeUInt32LE(2 * RATE, 28);
-  bytes.writeUInt16LE(2, 32);
-  bytes.writeUInt16LE(16, 34);
-  bytes.write("data", 36);
-  bytes.writeUInt32LE(2 * samples, 40);
-  for (let i = 0; i < samples; ++i)
-    bytes.writeInt16LE(Math.round(32767 * amplitude * Math.sin((2 * Math.PI * 1000 * i) / RATE)), 44 + 2 * i);
-  return bytes.toString("base64");
+function tone(seconds, amplitude) {
+  const sample = (_, i) => Math.round(32767 * amplitude * Math.sin((2 * Math.PI * 1000 * i) / RATE));
+  return wav([Int16Array.from({ length: seconds * RATE }, sample)]).toString("base64");
 }
 
 function report(seconds, changes = {}) {
@@ -61,8 +46,8 @@ function report(seconds, changes = {}) {
       notes: ["resampled"],
     },
     audio: changes.audio ?? {
-      before: { label: "Microphone 1", base64: wav(seconds, 0.5) },
-      after: { label: "Output", base64: wav(seconds, 0.05) },
+      before: { label: "Microphone 1", base64: tone(seconds, 0.5) },
+      after: { label: "Output", base64: tone(seconds, 0.05) },
     },
     levels: { seconds_per_point: 1, mic1: perSecond(-9), ref: perSecond(-12), clean: perSecond(-29) },
     peaks: { seconds_per_point: 1, mic1: perSecond(-6), ref: perSecond(-9), clean: perSecond(0) },
