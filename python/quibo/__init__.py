@@ -5,7 +5,7 @@
     for wake in result.events:
         print(wake.seconds, wake.angle)
 
-Whole recordings: read, run. The modules alone: LinearCanceller, EchoSuppressor, NoiseSuppressor, WakeUp, Direction, Limiter.
+Whole recordings: read, check, run. The modules alone: LinearCanceller, EchoSuppressor, NoiseSuppressor, WakeUp, Direction, Limiter.
 """
 
 from importlib.metadata import PackageNotFoundError, version
@@ -24,7 +24,7 @@ from .modules import (
     scramble,
     unscramble,
 )
-from .recordings import Recording, Run, about, read, run
+from .recordings import Check, Finding, Recording, Run, about, check, read, run
 
 OUTPUT_DELAY = 20
 """Samples by which the cancelled microphones are late."""
@@ -46,8 +46,10 @@ __all__ = [
     "SUPPRESSOR_DELAY",
     "THRESHOLD",
     "Cancelled",
+    "Check",
     "Direction",
     "EchoSuppressor",
+    "Finding",
     "FrontEnd",
     "Heard",
     "Limiter",
@@ -59,6 +61,7 @@ __all__ = [
     "Wake",
     "WakeUp",
     "about",
+    "check",
     "read",
     "run",
     "scramble",

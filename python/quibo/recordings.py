@@ -53,6 +53,34 @@ class Run:
     """events.jsonl, line by line."""
 
 
+@dataclass(frozen=True)
+class Finding:
+    """Something a check found."""
+
+    id: str
+    """"reference_late", "clipped", ...: stays the same from version to version."""
+    severity: Literal["note", "warning", "fault"]
+    channel: str | None
+    """"mic1" to "mic3", "ref", or None for the recording."""
+    start: float | None
+    """Where, in seconds; None: all of it."""
+    end: float | None
+    what: str
+    how_bad: str
+    advice: str
+
+
+@dataclass(frozen=True)
+class Check:
+    """Is a recording fit for an echo canceller?"""
+
+    verdict: Literal["fit", "look", "unfit"]
+    findings: tuple[Finding, ...]
+    """The worst first."""
+    about: dict[str, Any] = field(repr=False)
+    """All that `quibo check --json` tells: levels and peaks of the channels, the reference's delay over time, ..."""
+
+
 def read(path: Path, *, channels: str = "", encoding: Guess = "guess", raw: str = "") -> Recording:
     """Reads a recording of any format, sample rate and layout, resampled to 16 kHz.
 
@@ -67,10 +95,21 @@ def read(path: Path, *, channels: str = "", encoding: Guess = "guess", raw: str 
     return Recording(tracks[:3], tracks[3], json.loads(about), tuple(warnings))
 
 
+def check(path: Path, *, channels: str = "", encoding: Guess = "guess", raw: str = "") -> Check:
+    """Looks at a recording as `quibo check` does: delay, drift and polarity of the reference, levels, clipping,
+    dropouts, dead, doubled and swapped channels. Options as for read()."""
+    _arrays.choice("encoding", encoding, ("guess", "plain", "scrambled"))
+    with _named(path):
+        told = json.loads(_bound("check")(os.fspath(path), channels, encoding, raw))
+    findings = tuple(Finding(advice=finding.pop("do"), **finding) for finding in told.pop("findings"))
+    return Check(told["verdict"], findings, told)
+
+
 def run(
     path: Path,
     *,
     out: Path | None = None,
+    report: bool = False,
     channels: str = "",
     encoding: Guess = "guess",
     raw: str = "",
@@ -80,16 +119,18 @@ def run(
 ) -> Run:
     """Plays a recording through a front end, which must be the only one in this process.
 
-    out: a folder for clean.wav, mic1.wav to mic3.wav and events.jsonl, as `quibo run` writes them; without it
-    nothing is written. raw_timing: outputs as late as they are. keep=False: without outputs in memory, for long
+    out: a folder for clean.wav, mic1.wav to mic3.wav and events.jsonl, as `quibo run` writes them, and with report
+    for report.html, a page about the recording; without it nothing is written. raw_timing: outputs as late as they are. keep=False: without outputs in memory, for long
     recordings. The rest as for read() and FrontEnd.
     """
     _arrays.choice("encoding", encoding, ("guess", "plain", "scrambled"))
+    if report and out is None:
+        raise ValueError("report: expected out, the folder to write it to")
     folder = os.fspath(out) if out is not None else ""
     threshold = _arrays.positive("threshold", threshold)
     with _named(path):
         samples, lines = _bound("run")(
-            os.fspath(path), channels, encoding, raw, folder, raw_timing, keep, threshold
+            os.fspath(path), channels, encoding, raw, folder, report, raw_timing, keep, threshold
         )
     events = [json.loads(line) for line in lines]
     levels = [[*e["in"].values(), *e["out"].values()] for e in events if e["type"] == "levels"]

@@ -13,6 +13,7 @@
 #include <tuple>
 #include <vector>
 
+#include "tools/quibo/check_json.h"
 #include "tools/quibo/events.h"
 #include "tools/quibo/frames.h"
 #include "tools/quibo/problem.h"
@@ -99,14 +100,30 @@ class Turns {
   size_t frames_ = 0;
 };
 
+auto check(const std::string& path, const std::string& channels, const std::string& encoding,
+           const std::string& raw) {
+  std::string told;
+  bool stopped = false;
+  {
+    const nb::gil_scoped_release released;
+    Turns turns;
+    FileTracks tracks(path, input_options(channels, encoding, raw));
+    const CheckResult result = check_recording(tracks, [&] { return !(stopped = !turns.next()); });
+    told = to_line(checked_recording(path, tracks, result));
+  }
+  if (stopped) throw nb::python_error();
+  return told;
+}
+
 auto run(const std::string& path, const std::string& channels, const std::string& encoding,
-         const std::string& raw, const std::string& folder, bool raw_timing, bool keep,
+         const std::string& raw, const std::string& folder, bool report, bool raw_timing, bool keep,
          double threshold) {
   Samples outputs(kOutputs);
   std::vector<std::string> events;
   SessionOptions options;
   options.input = input_options(channels, encoding, raw);
   options.folder = folder;
+  options.report = report;
   options.run.raw_timing = raw_timing;
   options.run.front_end = {threshold, false};
   SessionCallbacks callbacks;
@@ -142,8 +159,10 @@ void bind_recordings(nb::module_& m) {
   });
   m.def("about", [] { return to_line(about_quibo()); });
   m.def("read", &read, nb::arg("path"), nb::arg("channels"), nb::arg("encoding"), nb::arg("raw"));
+  m.def("check", &check, nb::arg("path"), nb::arg("channels"), nb::arg("encoding"), nb::arg("raw"));
   m.def("run", &run, nb::arg("path"), nb::arg("channels"), nb::arg("encoding"), nb::arg("raw"),
-        nb::arg("folder"), nb::arg("raw_timing"), nb::arg("keep"), nb::arg("threshold"));
+        nb::arg("folder"), nb::arg("report"), nb::arg("raw_timing"), nb::arg("keep"),
+        nb::arg("threshold"));
 }
 
 }  // namespace quibo::python

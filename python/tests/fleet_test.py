@@ -59,6 +59,9 @@ def test_rows_tell_what_a_run_tells(folder, of_one_process):
     assert event["recording"] == str(folder / "wake.wav")
     assert (event["sample"], event["angle"]) == (alone.events[0].sample, alone.events[0].angle)
     assert (recordings[3]["wakes"], recordings[3]["seconds"]) == (1, 10.0)
+    check = quibo.check(folder / "wake.wav")
+    assert recordings[3]["verdict"] == check.verdict
+    assert [finding["id"] for finding in recordings[3]["findings"]] == [finding.id for finding in check.findings]
     digests = {row["name"]: row["digest"] for row in recordings[1]["parameters"]}
     assert digests == quibo.about()["parameters"]
 

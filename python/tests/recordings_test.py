@@ -49,7 +49,8 @@ def test_read_gives_plain_tracks_whatever_the_layout(recording, capture):
 
 def test_run_is_the_front_end_lined_up(recording, tmp_path):
     path, mics, ref = recording
-    run = quibo.run(path, out=tmp_path)
+    run = quibo.run(path, out=tmp_path, report=True)
+    assert (tmp_path / "report.html").stat().st_size > 10_000
     n = len(ref)
     quiet = np.zeros((3, 3 * quibo.FRAME), np.int16)
     with quibo.FrontEnd() as front_end:
@@ -81,6 +82,22 @@ def test_run_gives_what_the_command_gives(recording, tmp_path):
     assert np.array_equal(read_wav(tmp_path / "mic3.wav"), run.outputs[2])
 
 
+def test_check_gives_what_the_command_gives(recording, tmp_path):
+    _, mics, ref = recording
+    path = tmp_path / "clipped.wav"
+    write_wav(path, [np.clip(mics[0], -500, 500), mics[1], mics[2], ref])
+    check = quibo.check(path)
+    assert check.verdict != "fit" and {finding.channel for finding in check.findings} >= {"mic1"}
+    command = pathlib.Path(os.environ.get("QUIBO_BUILD_DIR", "")).resolve() / "quibo"
+    if not command.is_file():
+        pytest.skip("QUIBO_BUILD_DIR names no build with the command")
+    done = subprocess.run([command, "check", "--json", path], capture_output=True, text=True)
+    told = json.loads(done.stdout)
+    ids = [(finding["id"], finding["start"], finding["do"]) for finding in told.pop("findings")]
+    assert ids == [(finding.id, finding.start, finding.advice) for finding in check.findings]
+    assert told == check.about
+
+
 def test_run_needs_the_place_of_the_one_front_end_and_gives_it_back(recording):
     with quibo.FrontEnd():
         with pytest.raises(RuntimeError, match="already has a front end"):
@@ -101,7 +118,7 @@ def test_run_needs_the_place_of_the_one_front_end_and_gives_it_back(recording):
         ("kitchen.wav", {"encoding": "mp3"}, ValueError, "'guess' or 'plain' or 'scrambled'"),
     ],
 )
-@pytest.mark.parametrize("call", [quibo.read, quibo.run])
+@pytest.mark.parametrize("call", [quibo.read, quibo.check, quibo.run])
 def test_what_cannot_be_read_is_named(recording, call, name, options, error, words):
     folder = recording[0].parent
     (folder / "junk.wav").write_text("junk")

@@ -47,12 +47,23 @@ void feed(Check* check, FrameReader* frames) {
   };
 }
 
-CheckResult check_recording(FileTracks& tracks) {
+Json checked_recording(const std::string& name, const FileTracks& tracks,
+                       const CheckResult& result) {
+  Json json = {{"v", 1}};
+  json.update(about_recording(name, tracks));
+  json["seconds"] = rounded(result.seconds, 3);
+  json["warnings"] = tracks.warnings();
+  json.update(check_json(result));
+  return json;
+}
+
+CheckResult check_recording(FileTracks& tracks, const std::function<bool()>& go_on) {
   FrameReader frames(tracks);
   Check check(tracks.rate());
   feed(&check, &frames);
   for (Frame frame; frames.next(&frame);) {
     if (frame.samples == QUIBO_FRAME) check.add_frame(frame.track);
+    if (go_on && !go_on()) break;
   }
   return check.finish();
 }

@@ -66,12 +66,7 @@ int check(const CheckRequest& request) {
       const CheckResult result = check_recording(tracks);
       const std::vector<std::string> warnings = tracks.warnings();
       if (request.json) {
-        Json json = {{"v", 1}};
-        json.update(about_recording(path, tracks));
-        json["seconds"] = recordings::rounded(result.seconds, 3);
-        json["warnings"] = warnings;
-        json.update(check_json(result));
-        all.push_back(json);
+        all.push_back(checked_recording(path, tracks, result));
       } else {
         print(path, tracks, result);
         for (const std::string& line : warnings) printf("warning: %s\n", line.c_str());

@@ -27,6 +27,18 @@ EVENT = pa.struct(
         ("angle_length", pa.float32()),
     ]
 )
+FINDING = pa.struct(
+    [
+        ("id", pa.string()),
+        ("severity", pa.string()),
+        ("channel", pa.string()),
+        ("start", pa.float64()),
+        ("end", pa.float64()),
+        ("what", pa.string()),
+        ("how_bad", pa.string()),
+        ("advice", pa.string()),
+    ]
+)
 RECORDING = pa.schema(
     [
         ("recording", pa.string()),
@@ -36,6 +48,8 @@ RECORDING = pa.schema(
         ("echo_reduction_db", pa.float32()),
         ("only_device_seconds", pa.int32()),
         ("warnings", pa.list_(pa.string())),
+        ("verdict", pa.string()),
+        ("findings", pa.list_(FINDING)),
         ("format", pa.string()),
         ("channels", pa.int32()),
         ("sample_rate", pa.int32()),

@@ -2,6 +2,7 @@
 
 from __future__ import annotations
 
+import dataclasses
 import platform
 from typing import Any
 
@@ -21,6 +22,7 @@ def analyse(name: str, channels: str, encoding: recordings.Guess) -> dict[str, A
     try:
         with addresses.as_file(name) as file:
             run = recordings.run(file, channels=channels, encoding=encoding, keep=False)
+            check = recordings.check(file, channels=channels, encoding=encoding)
     except Exception as error:  # a worker goes on, and the row says it
         known = isinstance(error, (OSError, ValueError))
         text = str(error) if known else f"{type(error).__name__}: {error}"
@@ -30,6 +32,8 @@ def analyse(name: str, channels: str, encoding: recordings.Guess) -> dict[str, A
         "error": None,
         **{key: run.summary[key] for key in ("seconds", "wakes", "echo_reduction_db", "only_device_seconds")},
         "warnings": list(run.warnings),
+        "verdict": check.verdict,
+        "findings": [dataclasses.asdict(finding) for finding in check.findings],
         **{key: run.about[key] for key in ("format", "channels", "sample_rate", "encoding")},
         **about(),
         "events": [
