@@ -8,6 +8,7 @@
 #pragma once
 
 #include <stddef.h>
+#include <stdint.h>
 
 #include "dsp/kernels.h"
 #include "nn/float_kernels.h"
@@ -20,6 +21,10 @@ namespace {
 // latency of the additions.
 template <class V>
 constexpr bool kManyRegisters = V::kRegisters >= 32;
+
+inline void prefetch(uintptr_t address) {
+  __builtin_prefetch(reinterpret_cast<const void*>(address));
+}
 
 // The four lanes of C x P sums: C rows of splatted values (a) times P registers (at x).
 template <class V, int C, int P>
@@ -53,8 +58,10 @@ struct LaneSums {
     for (int j = l; j < taps; j += 4) {
       const ptrdiff_t offset = tap_offset[j];
       // The next block's weights: since the last frame other networks' have taken their place in
-      // the caches. A row per pass spreads the requests over the block.
-      __builtin_prefetch(a + (C + l % C) * row_stride + j);
+      // the caches. A row per pass spreads the requests over the block. An address and not a
+      // pointer, because behind the last block there is no table.
+      prefetch(reinterpret_cast<uintptr_t>(a) +
+               sizeof(float) * static_cast<size_t>((C + l % C) * row_stride + j));
       Reg value[P];
       for (int p = 0; p < P; ++p) value[p] = V::load(x[p] + offset);
       for (int c = 0; c < C; ++c) {
