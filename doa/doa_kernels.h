@@ -26,7 +26,7 @@ void doa_phase_transform(const complex_t* a, const complex_t* b, complex_t* g) {
 }
 
 // Depth-wise convolution at one position: out[c] = sum over taps k of inputs[k][c] *
-// weights[k][c], for `channels` >= 16. Eight taps in the four lanes of a dot product, folded; a
+// weights[k][c], for kDoaMinChannels or more. Eight taps in the four lanes of a dot product, folded; a
 // ninth is added last.
 template <class V>
 void doa_depthwise(const float* const* inputs, const float* weights, int taps, int channels,

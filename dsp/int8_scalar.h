@@ -36,8 +36,8 @@ struct ScalarInt8 {
   }
   static Codes load_codes(const uint8_t* p) { return *p; }
   static Codes repeat_codes(const uint8_t* p) { return *p; }
-  static Reg multiply_add(Reg s, Codes c, const int8_t* w) { return s + c * *w; }
-  static Reg pair_sums(Reg a, Reg b) { return a + b; }
+  static Reg multiply_add(Reg s, Codes c, const int8_t* w) { return add(s, c * *w); }
+  static Reg pair_sums(Reg a, Reg b) { return add(a, b); }
   static Reg load_bytes(const uint8_t* p) { return *p; }
   static void store_bytes(uint8_t* p, Reg v) { *p = static_cast<uint8_t>(v); }
   static Float::Reg to_float(Reg v) { return static_cast<float>(v); }

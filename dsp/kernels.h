@@ -45,7 +45,7 @@ struct ConvJob {
   int taps;          // a multiple of 4, at most kConvMaxTaps
   int out_channels;  // a multiple of 4
   int positions;     // a multiple of 32
-  int steps;         // consecutive in time
+  int steps;         // 1 or more, consecutive in time
   const float* input;
   int input_step;
   float* output;
@@ -82,6 +82,7 @@ struct GruKernels {
   void (*frequency)(const GruJob&);
 };
 
+// Lengths and matrix sides of products are multiples of 4.
 struct FloatKernels {
   float (*arr_mul_arr_float)(const float* in1, const float* in2, int len);
   void (*mat_mul_vec_float)(float* out, const float* mat, const float* vec, int M, int N);
@@ -94,8 +95,12 @@ struct FloatKernels {
   GruKernels denoise_gru, aec_gru;
 };
 
+constexpr int kDoaMinChannels = 16;  // fewest channels per call: one register
+
 struct DoaKernels {
+  // Of DOA_BINS bins each.
   void (*phase_transform)(const complex_t* a, const complex_t* b, complex_t* g);
+  // taps: 8 or 9; channels >= kDoaMinChannels.
   void (*depthwise)(const float* const* inputs, const float* weights, int taps, int channels,
                     float* out);
 };

@@ -55,6 +55,13 @@ void* copy_of(const Span& span) {
   return copy;
 }
 
+// Ends the process where a call asks for a shape that kernels.h does not allow.
+void require(bool allowed, const char* kernel) {
+  if (allowed) return;
+  fprintf(stderr, "quibo: %s is called with a shape it does not take\n", kernel);
+  abort();
+}
+
 // Runs the variant's kernel, puts its outputs back as they were (they may be inputs) and runs the
 // scalar one, whose results stay.
 template <class Run, int count>
@@ -104,6 +111,7 @@ void canceller(LAEC* st) {
 // ---- Float networks --------------------------------------------------------------------------
 
 float arr_mul_arr_float(const float* in1, const float* in2, int len) {
+  require(len % 4 == 0, "arr_mul_arr_float");
   float sum = 0.0f;
   compare("arr_mul_arr_float", {{&sum, 1}},
           [&](const Kernels& k) { sum = k.net.arr_mul_arr_float(in1, in2, len); });
@@ -111,6 +119,7 @@ float arr_mul_arr_float(const float* in1, const float* in2, int len) {
 }
 
 void mat_mul_vec_float(float* out, const float* mat, const float* vec, int M, int N) {
+  require(M % 4 == 0 && N % 4 == 0, "mat_mul_vec_float");
   compare("mat_mul_vec_float", {{out, M}},
           [=](const Kernels& k) { k.net.mat_mul_vec_float(out, mat, vec, M, N); });
 }
@@ -125,6 +134,9 @@ void vec_act_h(float* out, const float* in, int len, Activation flag) {
 }
 
 void conv(const ConvJob& job) {
+  require(
+      job.taps % 4 == 0 && job.out_channels % 4 == 0 && job.positions % 32 == 0 && job.steps >= 1,
+      "conv");
   const int written = (job.steps - 1) * job.output_step +
                       (job.out_channels - 1) * job.output_stride + job.positions;
   compare("conv", {{job.output, written}}, [&](const Kernels& k) { k.net.conv(job); });
@@ -147,12 +159,14 @@ void bin_groups(float* out, const float* weight, const float* bias, const float*
 
 template <GruKernels FloatKernels::*network, int H>
 void time_gru(const GruJob& job) {
+  require(job.steps == 1 || job.steps == 2, "time_gru");
   compare("time_gru", {{job.output, job.steps * H * kGruPositions}, {job.state, H * kGruPositions}},
           [&](const Kernels& k) { (k.net.*network).time(job); });
 }
 
 template <GruKernels FloatKernels::*network, int H>
 void frequency_gru(const GruJob& job) {
+  require(job.steps == 1 || job.steps == 2, "frequency_gru");
   const Span state = job.state ? Span{job.state, H} : Span{job.output, 1};
   compare("frequency_gru", {{job.output, job.steps * H * kGruPositions}, state},
           [&](const Kernels& k) { (k.net.*network).frequency(job); });
@@ -167,35 +181,43 @@ void phase_transform(const complex_t* a, const complex_t* b, complex_t* g) {
 
 void depthwise(const float* const* inputs, const float* weights, int taps, int channels,
                float* out) {
+  require((taps == 8 || taps == 9) && channels >= kDoaMinChannels, "depthwise");
   compare("depthwise", {{out, channels}},
           [=](const Kernels& k) { k.doa.depthwise(inputs, weights, taps, channels, out); });
 }
 
 void mat_vec(const uint8_t* in, const int8_t* weight, const int32_t* bias, int rows, int depth,
              int32_t* out) {
+  require(rows >= kInt8MinCount && depth >= kInt8MinDepth && depth <= kInt8MaxDepth, "mat_vec");
   compare("mat_vec", {{out, rows}},
           [=](const Kernels& k) { k.int8.mat_vec(in, weight, bias, rows, depth, out); });
 }
 
 void mat_mul(const uint8_t* in, int positions, const int8_t* weight, const int32_t* bias, int rows,
              int depth, int32_t* out) {
+  require(positions % 3 == 0 && rows % 16 == 0 && depth % 4 == 0 &&
+              rows * depth <= kInt8MaxSmallWeights,
+          "mat_mul");
   compare("mat_mul", {{out, positions * rows}},
           [=](const Kernels& k) { k.int8.mat_mul(in, positions, weight, bias, rows, depth, out); });
 }
 
 void per_channel(const uint8_t* in, const int8_t* weight, const int32_t* bias, int channels,
                  int32_t* out) {
+  require(channels >= kInt8MinCount, "per_channel");
   compare("per_channel", {{out, channels}},
           [=](const Kernels& k) { k.int8.per_channel(in, weight, bias, channels, out); });
 }
 
 void requantise(const int32_t* sums, int count, const Requantiser& q, uint8_t* out) {
+  require(count >= kInt8MinCount, "requantise");
   compare("requantise", {{out, count}},
           [&](const Kernels& k) { k.int8.requantise(sums, count, q, out); });
 }
 
 void add_rescaled(const uint8_t* first, int32_t first_zero, const uint8_t* second,
                   int32_t second_zero, float multiplier, int count, int32_t* out) {
+  require(count >= kInt8MinCount, "add_rescaled");
   compare("add_rescaled", {{out, count}}, [=](const Kernels& k) {
     k.int8.add_rescaled(first, first_zero, second, second_zero, multiplier, count, out);
   });

@@ -1,5 +1,6 @@
 // The self-checking build (QUIBO_CHECK_KERNELS): every kernel call is repeated on the scalar kernel
-// with the same input, and the process ends at the first bit that differs.
+// with the same input, and the process ends at the first bit that differs, or at a call with a shape
+// that kernels.h does not allow.
 #pragma once
 
 #include "dsp/kernels.h"

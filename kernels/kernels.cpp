@@ -15,28 +15,26 @@
 
 namespace quibo {
 
-extern const Kernels kernels_scalar;
-#if defined(__x86_64__)
-extern const Kernels kernels_sse2, kernels_avx2, kernels_avxvnni, kernels_avx512,
-    kernels_avx512vnni, kernels_avx2_fused, kernels_avx512_fused;
-#elif defined(__aarch64__)
-extern const Kernels kernels_neon, kernels_neon_dotprod, kernels_neon_i8mm, kernels_neon_fused;
-#elif defined(__wasm_simd128__)
-extern const Kernels kernels_wasm;
-#endif
+// The build names the variants it has as V(scalar)V(sse2)..., slowest first; the last one that runs
+// here is the default. The vnni, dotprod and i8mm rows differ from the row they extend in the
+// integer kernels only.
+#define V(isa) extern const Kernels kernels_##isa;
+QUIBO_VARIANTS
+QUIBO_FUSED_VARIANTS
+#undef V
 
 namespace {
 
-struct Variant {
-  const Kernels* kernels;
-  bool (*runs_here)();
-};
+// Whether the processor has what a variant is compiled for.
 
-bool always() {
+bool has_scalar() {
   return true;
 }
 
 #if defined(__x86_64__)
+bool has_sse2() {
+  return true;
+}
 bool has_avx2() {
   return __builtin_cpu_supports("avx2");
 }
@@ -50,61 +48,60 @@ bool has_avxvnni() {
   return has_avx2() && __get_cpuid_count(kExtendedFeatures, kSubleaf, &eax, &ebx, &ecx, &edx) &&
          (eax & kAvxVnni);
 }
-bool has_avx2_and_fma() {
+bool has_avx2_fused() {
   return has_avx2() && __builtin_cpu_supports("fma");
 }
-bool has_avx512_and_fma() {
+bool has_avx512_fused() {
   return has_avx512() && __builtin_cpu_supports("fma");
 }
 bool has_avx512vnni() {
   return has_avx512() && __builtin_cpu_supports("avx512vnni");
 }
 #elif defined(__aarch64__)
+bool has_neon() {
+  return true;
+}
+bool has_neon_fused() {
+  return true;
+}
 #if defined(__linux__)
-bool has_dotprod() {
+bool has_neon_dotprod() {
   return getauxval(AT_HWCAP) & HWCAP_ASIMDDP;
 }
-bool has_i8mm() {
-  return has_dotprod() && (getauxval(AT_HWCAP2) & HWCAP2_I8MM);
+bool has_neon_i8mm() {
+  return has_neon_dotprod() && (getauxval(AT_HWCAP2) & HWCAP2_I8MM);
 }
 #else  // no way to ask
-bool has_dotprod() {
+bool has_neon_dotprod() {
   return false;
 }
-bool has_i8mm() {
+bool has_neon_i8mm() {
   return false;
 }
 #endif
+#elif defined(__wasm_simd128__)
+bool has_wasm() {
+  return true;
+}
 #endif
 
-// Slowest first; the last one that runs here is the default. The vnni, dotprod and i8mm rows differ
-// from the row they extend in the integer kernels only.
+struct Variant {
+  const Kernels* kernels;
+  bool (*runs_here)();
+};
+
 const Variant kVariants[] = {
-    {&kernels_scalar, always},
-#if defined(__x86_64__)
-    {&kernels_sse2, always},
-    {&kernels_avx2, has_avx2},
-    {&kernels_avxvnni, has_avxvnni},
-    {&kernels_avx512, has_avx512},
-    {&kernels_avx512vnni, has_avx512vnni},
-#elif defined(__aarch64__)
-    {&kernels_neon, always},
-    {&kernels_neon_dotprod, has_dotprod},
-    {&kernels_neon_i8mm, has_i8mm},
-#elif defined(__wasm_simd128__)
-    {&kernels_wasm, always},
-#endif
+#define V(isa) {&kernels_##isa, has_##isa},
+    QUIBO_VARIANTS
+#undef V
 };
 
 // Not the same bits: in use where QUIBO_FUSED was built in, or by name. Slowest first, too.
 const Variant kFusedVariants[] = {
-#if defined(__x86_64__)
-    {&kernels_avx2_fused, has_avx2_and_fma},
-    {&kernels_avx512_fused, has_avx512_and_fma},
-#elif defined(__aarch64__)
-    {&kernels_neon_fused, always},
-#endif
-    {nullptr, always},
+#define V(isa) {&kernels_##isa, has_##isa},
+    QUIBO_FUSED_VARIANTS
+#undef V
+    {nullptr, has_scalar},
 };
 
 const Kernels* in_use;

@@ -1,5 +1,5 @@
 """The same bits everywhere: the sample recording through the whole front end on every instruction set of this machine, on
-ARM under emulation, and with every kernel call held against the scalar one.
+ARM under emulation, and with every kernel call held against the scalar one; and the registers' operations on ARM.
 
 The second and third need builds that ./run check makes; it names their folders in QUIBO_CROSS_BUILDS and
 QUIBO_CHECKED_BUILD.
@@ -55,7 +55,7 @@ def test_every_instruction_set_gives_the_scalar_digests(build, capture):
 
 
 @pytest.mark.parametrize("name", EMULATED)
-def test_arm_gives_the_digests_of_this_machine(name, build, capture):
+def test_arm_gives_the_digests_of_this_machine_and_its_registers_keep_their_contracts(name, build, capture):
     folders = {pathlib.Path(folder).name: pathlib.Path(folder) for folder in os.environ.get("QUIBO_CROSS_BUILDS", "").split()}
     if name not in folders:
         pytest.skip("./run check builds it")
@@ -67,6 +67,7 @@ def test_arm_gives_the_digests_of_this_machine(name, build, capture):
         assert variants(folders[name], emulator) == offered
         expect_equal(folders[name], capture, expected, [v for v in offered if v not in tried], SHORT, emulator)
         tried.update(offered)
+        subprocess.run([*emulator, folders[name] / "tests/registers/register_test"], check=True)
 
 
 def test_no_kernel_call_differs_from_its_scalar_twin(build, capture):

@@ -73,16 +73,17 @@ bool all_equal(const uint8_t* codes) {
 // without. A vector without variance, whose rounded mean could leave a residue to be blown up,
 // gives ln_bias alone.
 void normalise(const LAYER_DFSMN_CONV_INT8* layer, const uint8_t* in, uint8_t* out) {
+  constexpr float kPerValue = 1.0f / static_cast<float>(KWS_WIDTH);
   float x[KWS_WIDTH], squares[KWS_WIDTH];
   for (int i = 0; i < KWS_WIDTH; ++i) {
     x[i] = dequantise(in[i], layer->qout_zero_point, layer->qout_scale);
   }
-  const float mean = sum_of(x) * (1.0f / KWS_WIDTH);
+  const float mean = sum_of(x) * kPerValue;
   for (int i = 0; i < KWS_WIDTH; ++i) {
     x[i] -= mean;
     squares[i] = x[i] * x[i];
   }
-  const float variance = sum_of(squares) * (1.0f / KWS_WIDTH);
+  const float variance = sum_of(squares) * kPerValue;
   const float inverse = variance > 0.0f && !all_equal(in) ? 1.0f / sqrtf(variance) : 0.0f;
   const float to_code = 1.0f / (layer->ln_scale + 1e-7f);
   const float zero = static_cast<float>(layer->ln_zero_point);
