@@ -57,8 +57,9 @@ struct LaneSums {
     }
     for (int j = l; j < taps; j += 4) {
       const ptrdiff_t offset = tap_offset[j];
-      // The next block's weights: since the last frame other networks' have taken their place in
-      // the caches. A row per pass spreads the requests over the block. An address and not a
+      // Of a convolution the next block's weights, up to four rows: since the last frame other
+      // networks' have taken their place in the caches. A row per pass spreads the requests. (In
+      // the recurrent blocks' x half it asks for what is there already.) An address and not a
       // pointer, because behind the last block there is no table.
       prefetch(reinterpret_cast<uintptr_t>(a) +
                sizeof(float) * static_cast<size_t>((C + l % C) * row_stride + j));

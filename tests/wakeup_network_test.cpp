@@ -406,6 +406,26 @@ TEST(WakeupArithmetic, RequantisationRoundsHalvesAwayFromZeroThenSaturates) {
   });
 }
 
+// Beyond it, single precision would lose the distance between a zero point and a code.
+TEST(WakeupArithmetic, AZeroPointActsWithinTwoToTheTwentyThree) {
+  constexpr int32_t kLimit = 1 << 23;
+  for_each_variant([&](const std::string& variant) {
+    for (int32_t beyond : {0, 1, 100, INT32_MAX - kLimit}) {
+      for (int32_t sign : {1, -1}) {
+        Sums sums(16);
+        for (int32_t i = 0; i < 16; ++i) sums[static_cast<size_t>(i)] = 17 * i - sign * kLimit;
+        Codes codes(16);
+        layer_normalize(sums.data(), 16, 1, 0, sign * (kLimit + beyond), codes.data());
+        for (int i = 0; i < 16; ++i) ASSERT_EQ(17 * i, codes[i]) << variant << beyond << sign;
+      }
+    }
+    Sums sums(16, 7 - (kLimit - 2));  // just inside
+    Codes codes(16);
+    layer_normalize(sums.data(), 16, 1, 0, kLimit - 2, codes.data());
+    EXPECT_EQ(7, codes[0]) << variant;
+  });
+}
+
 TEST(WakeupArithmetic, ActivationsUseTheFormulaUpToTheirCutOffs) {
   EXPECT_EQ(fast_sigmoid(10.0f), 1.0f / (1.0f + std::exp(-10.0f)));
   EXPECT_EQ(fast_sigmoid(-10.0f), 1.0f / (1.0f + std::exp(10.0f)));

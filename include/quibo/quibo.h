@@ -23,10 +23,12 @@
  *   deliberate.
  *
  * CONVENTIONS
- *   Functions return a signed 32-bit status, 0 (or a non-negative result) on success, negative on
- *   failure. Buffers belong to the caller and are not kept. Handles are created by an init call
- *   and released by the matching unit call. Memory comes from malloc/calloc at init only; the
- *   per-frame calls allocate nothing. No call takes more than 40 KiB of stack. Diagnostics are the lines quoted below, on standard output.
+ *   Functions return a signed 32-bit status: 0 (or a non-negative result) on success, negative on
+ *   failure and where there is nothing to report yet (no wake, no direction, no sound);
+ *   init_doa_net() alone fails with 1. Buffers belong to the caller and are not kept. Handles are
+ *   created by an init call and released by the matching unit call. Memory comes from malloc/calloc
+ *   at init only; the per-frame calls allocate nothing. No call takes more than 40 KiB of stack.
+ *   Diagnostics are the lines quoted below, on standard output.
  *
  * PROCESSORS
  *   The fastest kernels the processor has are chosen at the first call; all give the same bits. For
@@ -364,8 +366,10 @@ typedef struct KTCWakeupParam KTCWakeupParam; /* quibo/wakeup/ChineseConv.h */
 /* Builds network and decoder in p, whatever p held before, with no history. p must come from
  * malloc() or calloc(): KestoChineseWakeupUnit() frees it. Returns 0, or -1 after printing
  * "Net init error!\n" when p is NULL, memory runs out, the parameter tables break a rule, or the
- * keyword table is faulty (which prints its own line first); p then holds what was allocated, and
- * may only be released. */
+ * keyword table cannot be read; p then holds what was allocated, and may only be released. Of the
+ * keyword table one of these lines comes first: "word dict is empty!\n", "memory error!\n",
+ * "word length exceeds MAX_PHONE_NUM!\n" (more than 38 syllables), "read dict: dp memory alloc
+ * error!\n". */
 QUIBO_API int32_t KestoChineseWakeupInit(KTCWakeupParam* p);
 
 /* Forgets the samples heard, the network's state and the keyword scores. The wake threshold and the
