@@ -5,7 +5,8 @@
     for wake in result.events:
         print(wake.seconds, wake.angle)
 
-Whole recordings: read, check, run. The modules alone: LinearCanceller, EchoSuppressor, NoiseSuppressor, WakeUp, Direction, Limiter.
+Whole recordings: read, check, run.
+The modules alone: LinearCanceller, EchoSuppressor, NoiseSuppressor, WakeUp, Direction, Limiter.
 """
 
 from importlib.metadata import PackageNotFoundError, version

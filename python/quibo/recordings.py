@@ -119,9 +119,9 @@ def run(
 ) -> Run:
     """Plays a recording through a front end, which must be the only one in this process.
 
-    out: a folder for clean.wav, mic1.wav to mic3.wav and events.jsonl, as `quibo run` writes them, and with report
-    for report.html, a page about the recording; without it nothing is written. raw_timing: outputs as late as they are. keep=False: without outputs in memory, for long
-    recordings. The rest as for read() and FrontEnd.
+    out: a folder for clean.wav, mic1.wav to mic3.wav and events.jsonl, as `quibo run` writes them; nothing is written
+    without it. report: report.html there too, a page about the recording. raw_timing: outputs as late as they are.
+    keep=False: no outputs in memory, for long recordings. The rest as for read() and FrontEnd.
     """
     _arrays.choice("encoding", encoding, ("guess", "plain", "scrambled"))
     if report and out is None:
