@@ -53,7 +53,7 @@ def main():
     about, _, options, _ = section(help_of(command).split("\nExit status:")[0])
     names = [name for name, _ in options if re.fullmatch(r"[a-z]+", name)]
     print(f'.TH QUIBO 1 "" "Quibo {version}" "User commands"')
-    print(f".SH NAME\nquibo \\- speech front end for recordings and captures\n.SH SYNOPSIS\n.B quibo\n.I COMMAND\n[options]")
+    print(".SH NAME\nquibo \\- speech front end for recordings and captures\n.SH SYNOPSIS\n.B quibo\n.I COMMAND\n[options]")
     print(f".SH DESCRIPTION\n{escaped(about)}")
     for name in names:
         about, usage, options, example = section(help_of(command, name))

@@ -13,9 +13,22 @@ import sys
 import uuid
 
 from spdx_tools.common.spdx_licensing import spdx_licensing
-from spdx_tools.spdx.model import (Actor, ActorType, Checksum, ChecksumAlgorithm, CreationInfo, Document, File, FileType,
-                                   Package, PackagePurpose, PackageVerificationCode, Relationship, RelationshipType,
-                                   SpdxNoAssertion)
+from spdx_tools.spdx.model import (
+    Actor,
+    ActorType,
+    Checksum,
+    ChecksumAlgorithm,
+    CreationInfo,
+    Document,
+    File,
+    FileType,
+    Package,
+    PackagePurpose,
+    PackageVerificationCode,
+    Relationship,
+    RelationshipType,
+    SpdxNoAssertion,
+)
 from spdx_tools.spdx.validation.document_validator import validate_full_spdx_document
 from spdx_tools.spdx.writer.json.json_writer import write_document_to_file
 
@@ -39,7 +52,7 @@ def needed(library):
     dynamic, versions = output_of("readelf", "-d", library), output_of("readelf", "--version-info", library)
     asked = re.findall(r"Name: GLIBC_([\d.]+)", versions)
     newest = max(asked, key=lambda version: [int(part) for part in version.split(".")])
-    return {name: newest for name in re.findall(r"\(NEEDED\).*\[(.*)\]", dynamic)}
+    return dict.fromkeys(re.findall(r"\(NEEDED\).*\[(.*)\]", dynamic), newest)
 
 
 def document(build):
