@@ -2,6 +2,8 @@
 
 #include <string.h>
 
+#include "aec/laec_restart.h"
+
 #include "dsp/fft.h"
 #include "dsp/kernels.h"
 #include "dsp/memory.h"
@@ -89,13 +91,20 @@ int32_t init_laec(LAEC* st) {
   st->gamma = 0.9394131f;  // e^(-1/16): a time constant of 16 frames, about one second
   st->delta = 0.001f;
   st->min_mu = 0.025f;
+  for (int k = 0; k < kBins; ++k) st->pmk[k] = 0.001f;
+  quibo::forget_echo_path(st);
+  return 0;
+}
+
+void quibo::forget_echo_path(LAEC* st) {
+  memset(st->wk, 0, sizeof st->wk);
+  memset(st->yn, 0, sizeof st->yn);
+  memset(st->outBuff, 0, sizeof st->outBuff);
   for (int k = 0; k < kBins; ++k) {
     st->muk[k] = st->muMax;
     st->gk[k] = 1.0f;
-    st->pmk[k] = 0.001f;
-    st->hk[k].real = 1.0f;
+    st->hk[k] = {1.0f, 0.0f};
   }
-  return 0;
 }
 
 int32_t linear_aec_proc(LAEC* st, const float* mic, const float* ref, float* out) {

@@ -148,6 +148,12 @@ int32_t Quibo_doa_three_write_data(KTWakeup handle, int32_t* Iswakeup, const int
   return -1;
 }
 
+int32_t Quibo_aec_restarts(KTWakeup handle, int32_t mic) {
+  if (!handle || mic < 1 || mic > 3) return -1;
+  void* const cancellers[] = {handle->handle1, handle->handle2, handle->handle3};
+  return kesto_laec_restarts(cancellers[mic - 1]);
+}
+
 int32_t Quibo_wakeup_unit(KTWakeup handle) {
   if (!handle) return -1;
   void* const cancellers[] = {handle->handle1, handle->handle2, handle->handle3};

@@ -25,6 +25,7 @@ template <class V>
 float arr_mul_arr_float(const float* in1, const float* in2, int len) {
   using F = typename V::Four;
   typename F::Reg sum = F::splat(0.0f);
+#pragma GCC unroll 4
   for (int j = 0; j < len; j += 4) {
     sum = F::mul_add(sum, F::load(in1 + j), F::load(in2 + j));
   }

@@ -147,6 +147,11 @@ int32_t kesto_Laec_Post_write(void* handle, const int16_t* mic, const int16_t* r
   return -1;
 }
 
+// The canceller's own number, ten times.
+int32_t kesto_laec_restarts(void* handle) {
+  return 10 * (name_of(handle).back() - '0');
+}
+
 int32_t kesto_Laec_Post_unit(void* handle) {
   release(handle);
   return -1;
@@ -363,6 +368,13 @@ TEST_F(FrontEnd, EchoPathWritesTheOutputsAskedForAndWraps) {
     for (int m = 0; m < 3; ++m) EXPECT_EQ(outs[m], to[m] ? expected[m] : untouched) << wanted;
     EXPECT_EQ(naec, Samples(kFrame, kSuppressed));
   }
+}
+
+TEST_F(FrontEnd, RestartsAreThoseOfTheMicrophonesCanceller) {
+  for (int mic = 1; mic <= 3; ++mic) EXPECT_EQ(Quibo_aec_restarts(h, mic), 10 * mic);
+  EXPECT_EQ(Quibo_aec_restarts(h, 0), -1);
+  EXPECT_EQ(Quibo_aec_restarts(h, 4), -1);
+  EXPECT_EQ(Quibo_aec_restarts(nullptr, 1), -1);
 }
 
 TEST_F(FrontEnd, DetectionFifosHoldTheRestOfEachBlockOf480) {

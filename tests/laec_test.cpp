@@ -542,6 +542,81 @@ TEST(LaecWrapper, IsTheCancellerOnSamplesOfFullScaleOne) {
   EXPECT_EQ(kesto_Laec_Post_unit(nullptr), -1);
 }
 
+// A square wave that drives the filter to NaN within ten seconds when nothing guards it.
+constexpr float kBadTone = 1400.0f;
+
+float square_wave(int n, float frequency, float level) {
+  return std::fmod(static_cast<float>(n) * frequency / 16000.0f, 1.0f) < 0.5f ? level : -level;
+}
+
+TEST(LaecWrapper, ASquareWaveStartsTheCancellerAnewOnceAndTheFrameIsTheMicrophone) {
+  std::mt19937 random(kSeed);
+  void* handle = kesto_Laec_Post_init();
+  const AEC_POST* post = static_cast<AEC_POST*>(handle);
+  EXPECT_EQ(kesto_laec_restarts(handle), 0);
+  EXPECT_EQ(kesto_laec_restarts(nullptr), -1);
+  auto unguarded = make_canceller();
+  bool unguarded_failed = false;
+  for (int f = 0; f < 25 * 16; ++f) {
+    Samples mic(kShift), ref(kShift);
+    const Frame hiss = noise(random, kShift, 30.0f);
+    for (int n = 0; n < kShift; ++n) {
+      mic[n] = static_cast<int16_t>(hiss[n]);
+      ref[n] = static_cast<int16_t>(square_wave(f * kShift + n, kBadTone, 16384.0f));
+    }
+    const int32_t before = kesto_laec_restarts(handle);
+    Frame out(kShift), expected(kShift);
+    kesto_Laec_Post_write(handle, mic.data(), ref.data(), out.data());
+    linear_aec_proc(unguarded.get(), post->data_in1, post->data_in2, expected.data());
+    unguarded_failed |= std::isnan(expected[0]);
+    if (kesto_laec_restarts(handle) == 0) {
+      ASSERT_EQ(out, expected) << "frame " << f << ", seed " << kSeed;
+    }
+    if (kesto_laec_restarts(handle) > before) {
+      const float* delayed = kesto_laec_micdata(handle);
+      EXPECT_EQ(out, Frame(delayed, delayed + kShift));
+      EXPECT_EQ(energy(kesto_laec_yn(handle), kShift), 0.0);
+    }
+  }
+  EXPECT_TRUE(unguarded_failed) << "the tone does no harm: the test shows nothing";
+  EXPECT_EQ(kesto_laec_restarts(handle), 1) << "seed " << kSeed;
+  kesto_Laec_Post_unit(handle);
+}
+
+TEST(LaecWrapper, WhatIsNotANumberIsGoneBeforeTheCallerSeesIt) {
+  std::mt19937 random(kSeed);
+  const struct {
+    const char* name;
+    void (*poison)(LAEC*);
+  } kPoisons[] = {
+      {"weight NaN", [](LAEC* st) { st->wk[1][77].real = kNan; }},
+      {"weight infinite", [](LAEC* st) { st->wk[0][5].img = INFINITY; }},
+      {"weight huge", [](LAEC* st) { st->wk[2][300].real = 1e30f; }},
+      {"gain NaN", [](LAEC* st) { st->gk[512] = kNan; }},
+      {"step NaN", [](LAEC* st) { st->muk[0] = kNan; }},
+      {"tail NaN", [](LAEC* st) { st->outBuff[9] = kNan; }},
+  };
+  for (const auto& poison : kPoisons) {
+    void* handle = kesto_Laec_Post_init();
+    AEC_POST* post = static_cast<AEC_POST*>(handle);
+    Frame out(kShift);
+    for (int f = 0; f < 12; ++f) {
+      if (f == 4) poison.poison(&post->laec);
+      const Samples mic = random_samples(random), ref = random_samples(random);
+      kesto_Laec_Post_write(handle, mic.data(), ref.data(), out.data());
+      for (int n = 0; n < kShift; ++n) {
+        ASSERT_TRUE(std::isfinite(out[n])) << poison.name << ", frame " << f;
+        ASSERT_TRUE(std::isfinite(post->laec.yn[n])) << poison.name << ", frame " << f;
+      }
+    }
+    for (const auto& partition : post->laec.wk) {
+      for (const laec_complex_t& w : partition) ASSERT_TRUE(std::isfinite(w.real + w.img));
+    }
+    EXPECT_GE(kesto_laec_restarts(handle), 1) << poison.name;
+    kesto_Laec_Post_unit(handle);
+  }
+}
+
 TEST(LaecWrapper, RefusesNullWithOneLineAndNoChange) {
   std::mt19937 random(kSeed);
   const Samples mic = random_samples(random), ref = random_samples(random);

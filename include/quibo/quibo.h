@@ -109,6 +109,12 @@ QUIBO_API int32_t Quibo_doa_three_write_data(KTWakeup handle, int32_t* Iswakeup,
                                              const int16_t* mic3_data, const int16_t* naec_data,
                                              int32_t len);
 
+/* How often the echo canceller of a microphone (1, 2 or 3) started anew since the front end was
+ * created, because it had diverged: see kesto_laec_restarts(). 0 in ordinary use; a number that
+ * grows says that the reference holds tones, or that a microphone falls silent or changes while the
+ * loudspeaker plays. Returns -1 when handle is NULL or there is no such microphone. */
+QUIBO_API int32_t Quibo_aec_restarts(KTWakeup handle, int32_t mic);
+
 /* Releases a front end and all it created. Returns 0, or -1 when handle is NULL. */
 QUIBO_API int32_t Quibo_wakeup_unit(KTWakeup handle);
 
@@ -143,7 +149,14 @@ QUIBO_API int32_t linear_aec_proc(LAEC* st, const float* mic, const float* ref, 
  * Call it after linear_aec_proc of the same frame. Delays its signal by one frame. */
 QUIBO_API void linear_aec_post(LAEC* st, float* data);
 
-/* The canceller behind a handle, with int16 in and float out. */
+/* The canceller behind a handle, with int16 in and float out, and guarded: a steady tone in the
+ * reference can make the adaptive filter diverge. The canceller starts anew when its output is 6 dB
+ * above the microphone for five frames (0.32 s) of a reference without peaks, as tones are; when the
+ * output is 3 dB or the echo estimate 6 dB above it for 64 frames (4 s), whatever the reference; and
+ * at once when either is beyond what samples can hold. The frame is then the delayed microphone with
+ * an echo estimate of zero, and the regulariser `delta` follows the reference's power, which holds
+ * the filter, until a reference with peaks, as speech and music are, plays again. Until that happens the samples are those of linear_aec_proc(), to the
+ * bit. */
 
 /* Returns a new canceller, or NULL after printing "malloc AEC_POST error\n". */
 QUIBO_API void* kesto_Laec_Post_init(void);
@@ -159,6 +172,9 @@ QUIBO_API int32_t kesto_Laec_Post_write(void* handle, const int16_t* mic, const 
  * handle must not be NULL. */
 QUIBO_API float* kesto_laec_micdata(void* handle);
 QUIBO_API float* kesto_laec_yn(void* handle);
+
+/* How often the guard started the canceller anew since its creation, or -1 when handle is NULL. */
+QUIBO_API int32_t kesto_laec_restarts(void* handle);
 
 /* Releases a canceller. Returns 0, or -1 when handle is NULL. */
 QUIBO_API int32_t kesto_Laec_Post_unit(void* handle);
