@@ -184,7 +184,9 @@ QUIBO_API int32_t kesto_Laec_Post_unit(void* handle);
  * A convolutional-recurrent mask network on the short-time spectrum (1024-point Hann frames, hop
  * 512); separate masks for the real and the imaginary part, applied to the spectrum of four hops
  * earlier. Delay: 2048 samples (128 ms) plus the framing of one hop. All instances share one set of
- * recurrent states, deliberately: the front end runs three of them in turns on one scene. */
+ * recurrent states, deliberately: the front end runs three of them in turns on one scene. They are
+ * zero when the program starts and survive every release and creation: the same scene played twice
+ * in one process gives other bits the second time. */
 
 /* Creates an instance with a mask floor of min_scale (0..1; a value outside is ignored and the
  * floor stays 0; a NaN means no floor) and stores it in *handle. Returns 0; -1 when there is no
@@ -273,7 +275,7 @@ QUIBO_API extern const float denoise_pixel_conv4_bias[4];
  * spectra of the microphone D and of the residual E = D - Y (1024-point Hann frames, hop 512),
  * separate masks for the real and the imaginary part, applied to E of four hops earlier. Delay:
  * 2048 samples (128 ms) plus the framing of one hop. Recurrent states are static: create one
- * instance at a time. */
+ * instance at a time. They survive QuibNAecUnit() and are cleared by the next QuibNAecInit(). */
 
 /* Creates the suppressor, clears the recurrent states and stores it in *handle. Prints
  * ">QuibNAecInit\n" at the start, once there is a handle, and at the end. Returns 0 (three lines);
