@@ -107,8 +107,8 @@ const uint8_t* module_only_device() {
   return meters->only_device.data();
 }
 
-float module_mean_reduction() {  // NaN: the device never played alone
-  return meters->reduction.mean;
+float module_median_reduction() {  // NaN: the device never played alone
+  return meters->reduction.median;
 }
 
 // Room for `count` samples of a microphone, of which module_scrambled() then says whether they are in the

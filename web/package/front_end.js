@@ -125,7 +125,7 @@ export class FrontEnd {
       peaks: named(TRACKS.length + 1),
       reduction: values(2 * (TRACKS.length + 1)),
       onlyDevice: Array.from(only, Boolean),
-      meanReduction: known(calls.module_mean_reduction()),
+      medianReduction: known(calls.module_median_reduction()),
     };
   }
 }

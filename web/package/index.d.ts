@@ -70,8 +70,8 @@ export interface Meters {
   reduction: (number | null)[];
   /** Seconds in which the device plays and nobody talks. */
   onlyDevice: boolean[];
-  /** Over those seconds; null: there were none. */
-  meanReduction: number | null;
+  /** Median over those seconds; null: there were none. */
+  medianReduction: number | null;
 }
 
 /** Outputs as long as the recording and lined up with it. */

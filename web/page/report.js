@@ -20,7 +20,11 @@ export function reportOf({ title, tracks, about, result, text }) {
     reference_delay: check && { reach_ms: check.reach_ms, points: check.delay, drift_ppm: check.drift_ppm },
     check,
     wakes: wakes.map(({ angleLength, ...wake }) => ({ ...wake, angle_length: angleLength })),
-    summary: { wakes: wakes.length, echo_reduction_db: meters.meanReduction, core_share: result.secondsUsed / seconds },
+    summary: {
+      wakes: wakes.length,
+      echo_reduction_db: meters.medianReduction,
+      core_share: result.secondsUsed / seconds,
+    },
   };
   return { report, samples: { before: toFloats(tracks.mic1), after: toFloats(result.clean) } };
 }

@@ -19,7 +19,7 @@ export function capture() {
 // The npm package, where the build puts quibo.wasm.
 export const PACKAGE = join(SOURCE, "web/package/");
 
-const INPUT = "wav/input_frame_20251107_140756.pcm"; // fixed by the driver
+export const INPUT = "wav/input_frame_20251107_140756.pcm"; // fixed by the driver
 
 // Plays a capture through the native driver in `folder`: its output, and [ms, degrees] of each wake it printed.
 export function playNatively(folder, raw) {

@@ -207,7 +207,7 @@ test("ten minutes do not freeze the page", async () => {
     engine.worker = `onmessage = ({ data: { tracks } }) => {
       const perSecond = Array(600).fill(-30);
       const levels = { mic1: perSecond, mic2: perSecond, mic3: perSecond, ref: perSecond, clean: perSecond };
-      const meters = { levels, peaks: levels, reduction: perSecond, onlyDevice: perSecond.map(() => true), meanReduction: 20 };
+      const meters = { levels, peaks: levels, reduction: perSecond, onlyDevice: perSecond.map(() => true), medianReduction: 20 };
       const { mic1 } = tracks;
       postMessage({ type: "result", result: { mic1, clean: mic1.slice(), mics: [], wakes: [], meters, kernels: "wasm", secondsUsed: 60 } });
     };`;
