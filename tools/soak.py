@@ -6,7 +6,8 @@ seed gives the same hours.
 
     python3 tools/soak.py HOURS [--library LIBRARY] [--data AUDIO] [--out DIR] [--seed N]
 
-Leaves soak.json and soak.png in DIR; interrupted, of what was played by the end of its episode. The exit code is 1 where a bar is broken.
+Leaves soak.json and soak.png in DIR; interrupted, of what was played by the end of its episode. The exit code is 1
+where a bar is broken.
 """
 
 import argparse
