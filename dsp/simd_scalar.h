@@ -22,7 +22,7 @@
 // load, store, splat, add, mul and mul_add as above, fold(a) = (a0 + a2) + (a1 + a3), and transpose of a 4 x
 // 4 matrix held in four registers.
 //
-// These headers are included by one kernels_*.cpp each, compiled for that instruction set.
+// These headers are included by units compiled for their instruction set (kernels/kernels_*.cpp).
 // Everything in them sits in an anonymous namespace: a copy compiled for a newer processor must
 // never be what the linker keeps for an older one.
 #pragma once

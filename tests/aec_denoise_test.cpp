@@ -88,12 +88,13 @@ class Instance {
   AEC_Denoise_Net net_{};
 };
 
-// The naive network. It reads the instance's tables, and has histories and states of its own.
+// The naive network. It reads the tables themselves, and has histories and states of its own.
 class Reference {
  public:
   // own_maths: transforms in double precision and the C library's exponential, instead of those
   // that the engine uses.
-  Reference(AEC_Denoise_Net* net, bool own_maths) : net_(*net), own_maths_(own_maths) {}
+  Reference(const quibo::AecDenoiseTables& tables, bool own_maths)
+      : tables_(tables), own_maths_(own_maths) {}
 
   void step(const float* mic, const float* yn, float* out) {
     const naive::Spectrum D = analyse(mic_, mic), Y = analyse(yn_, yn);
@@ -109,47 +110,52 @@ class Reference {
       map[2][k] = D[k].imag();
       map[3][k] = E[k].imag();
     }
-    const LAYER_CONV_NNAEC* inputs[] = {net_.inp_conv1, net_.inp_conv2, net_.inp_conv3,
-                                        net_.inp_conv4};
     const size_t input_channels[] = {16, 32, 48, 64};
     for (int i = 0; i < 4; ++i) {
-      map = convolve(input_[i], map, *inputs[i], input_channels[i], 2);
+      map = convolve(input_[i], map, tables_.input[i], input_channels[i], 2);
     }
-    const LAYER_CONV_NNAEC* encoders[] = {net_.enc_conv1, net_.enc_conv2, net_.enc_conv3,
-                                          net_.enc_conv4};
     std::vector<Map> e;
-    for (int i = 0; i < 4; ++i) e.push_back(map = convolve(encoder_[i], map, *encoders[i], 64, 1));
+    for (int i = 0; i < 4; ++i)
+      e.push_back(map = convolve(encoder_[i], map, tables_.encoder[i], 64, 1));
 
-    const LAYER_GRU_NNAEC* blocks[] = {net_.t_gru1, net_.f_gru1, net_.t_gru2,
-                                       net_.f_gru2, net_.t_gru3, net_.f_gru3};
     for (int i = 0; i < 6; ++i) {
-      const LAYER_GRU_NNAEC& b = *blocks[i];
-      const naive::Gru gru = {b.weight_ir,     b.weight_iz,   b.weight_in, b.weight_in + 64, 128,
-                              b.bias_ir,       b.bias_iz,     b.bias_in1,  b.bias_in2,       8.0f,
-                              b.linear_weight, b.linear_bias, nullptr,     nullptr};
+      const quibo::GruTables& b = (i % 2 ? tables_.frequency : tables_.time)[i / 2];
+      const float* n = b.weight + 2 * 64 * 128;  // behind r and z
+      const naive::Gru gru = {b.weight,
+                              b.weight + 64 * 128,
+                              n,
+                              n + 64,
+                              128,
+                              b.bias,
+                              b.bias + 64,
+                              b.bias + 128,
+                              b.bias + 192,
+                              8.0f,
+                              b.linear_weight,
+                              b.linear_bias,
+                              nullptr,
+                              nullptr};
       map = gru.block(map, &states_[i / 2 * kStates], i % 2 == 0, exponential());
     }
 
-    map = naive::sum(convolve(decoder_[0], map, *net_.dec_conv1, 64, 1), map);
-    map = naive::sum(convolve(decoder_[1], map, *net_.dec_conv2, 64, 1), e[2]);
-    map = naive::sum(convolve(decoder_[2], map, *net_.dec_conv3, 64, 1), e[1]);
-    map = naive::sum(convolve(decoder_[3], map, *net_.dec_conv4, 64, 1), e[0]);
-    const LAYER_CONV_NNAEC* pixels[] = {net_.sub_pix_conv1, net_.sub_pix_conv2, net_.sub_pix_conv3,
-                                        net_.sub_pix_conv4};
+    map = naive::sum(convolve(decoder_[0], map, tables_.decoder[0], 64, 1), map);
+    map = naive::sum(convolve(decoder_[1], map, tables_.decoder[1], 64, 1), e[2]);
+    map = naive::sum(convolve(decoder_[2], map, tables_.decoder[2], 64, 1), e[1]);
+    map = naive::sum(convolve(decoder_[3], map, tables_.decoder[3], 64, 1), e[0]);
     const size_t pixel_channels[] = {64, 32, 16, 4};
     for (int i = 0; i < 4; ++i) {
-      map = naive::shuffle(convolve(pixel_[i], map, *pixels[i], pixel_channels[i], 1));
+      map = naive::shuffle(convolve(pixel_[i], map, tables_.pixel[i], pixel_channels[i], 1));
     }
 
     naive::Spectrum masked = spectra_[0];
     for (int k = 0; k < kBins; ++k) {
       float q_re = 0, q_im = 0;
       if (k < kHop) {
-        auto group = [k](const LAYER_CONV_NNAEC& layer, const Row& x) {
+        auto group = [k](const quibo::ConvTables& layer, const Row& x) {
           return naive::dot(layer.weight + 8 * k, &x[k / 8 * 8], 8) + layer.bias[k];
         };
-        q_re = group(*net_.sys_real_conv, map[0]) - group(*net_.sys_imag_conv, map[1]);
-        q_im = group(*net_.sys_real_conv, map[1]) + group(*net_.sys_imag_conv, map[0]);
+        q_re = group(tables_.sys_real, map[0]) - group(tables_.sys_imag, map[1]);
+        q_im = group(tables_.sys_real, map[1]) + group(tables_.sys_imag, map[0]);
       }
       masked[k] = {naive::sigmoid(q_re, naive::fast_exp) * masked[k].real(),
                    naive::sigmoid(q_im, naive::fast_exp) * masked[k].imag()};
@@ -180,7 +186,7 @@ class Reference {
     return bins;
   }
 
-  static Map convolve(naive::History& history, const Map& map, const LAYER_CONV_NNAEC& layer,
+  static Map convolve(naive::History& history, const Map& map, const quibo::ConvTables& layer,
                       size_t channels, size_t stride) {
     history.push(map);
     return history.convolve(layer.weight, layer.bias, layer.prelu, channels, stride);
@@ -191,7 +197,7 @@ class Reference {
     return quibo::exact_exp<quibo::ScalarF32>;
   }
 
-  const AEC_Denoise_Net& net_;
+  const quibo::AecDenoiseTables tables_;
   bool own_maths_;
   Row mic_ = Row(naive::kFrame, 0.0f), yn_ = mic_, tail_ = Row(kHop, 0.0f);
   std::vector<float> states_ = std::vector<float>(3 * kStates, 0.0f);
@@ -231,9 +237,10 @@ std::vector<float> to_float(const std::vector<int16_t>& x) {
 }
 
 void compare_with_reference(bool own_maths, int bar, int frames, float heat) {
-  Tables tables(kSeed, heat);
-  Instance instance(random_tables(tables));
-  Reference reference(&instance.net(), own_maths);
+  Tables values(kSeed, heat);
+  const quibo::AecDenoiseTables tables = random_tables(values);
+  Instance instance(tables);
+  Reference reference(tables, own_maths);
   const Signals signals(frames, kSeed + 1);
   const std::vector<int16_t> out = run_all(instance, signals.mic, signals.yn);
   int loudest = 0;

@@ -46,7 +46,7 @@ quibo::DenoiseTables random_tables(Tables& t) {
 // An instance of any tables.
 class Instance {
  public:
-  explicit Instance(const quibo::DenoiseTables& tables, float floor = 0.0f) {
+  explicit Instance(const quibo::DenoiseTables& tables, float floor = 0.0f) : tables_(tables) {
     init_denoise_net(&net_, tables, floor);
     EXPECT_NE(nullptr, net_.dlayer);
     params_.Mynet = &net_;
@@ -66,20 +66,25 @@ class Instance {
   int run(const int16_t* in, int16_t* out) { return QuibAncRun(&params_, in, out); }
   KTANCParams& params() { return params_; }
   DenoiseNet& net() { return net_; }
+  const quibo::DenoiseTables& tables() const { return tables_; }
   std::vector<LAYER_GRU_COMMON*> recurrent() {
     return {net_.t_gru1, net_.f_gru1, net_.t_gru2, net_.f_gru2, net_.t_gru3, net_.f_gru3};
   }
 
  private:
+  const quibo::DenoiseTables tables_;
   KTANCParams params_{};
   DenoiseNet net_{};
 };
 
-// The naive network. It reads the instance's tables, and has histories and states of its own.
+// The naive network. It reads the tables themselves, and has histories and states of its own.
 class Reference {
  public:
   Reference(Instance* instance, std::vector<float>* states, bool own_transforms)
-      : net_(instance->net()), states_(*states), own_transforms_(own_transforms) {}
+      : net_(instance->net()),
+        tables_(instance->tables()),
+        states_(*states),
+        own_transforms_(own_transforms) {}
 
   // One hop; false while the histories fill.
   bool step(const float* in, float* out) {
@@ -102,27 +107,25 @@ class Reference {
       map[0][k] = newest[k].real();
       map[1][k] = newest[k].imag();
     }
-    const LAYER_CONV_COMMON* encoder[] = {net_.inp_conv1, net_.inp_conv2, net_.inp_conv3,
-                                          net_.inp_conv4};
     for (int i = 0; i < 4; ++i) {
+      const quibo::ConvTables& layer = tables_.encoder[i];
       encoder_[i].push(map);
       if (steps_ <= i + 1) return false;
-      map = encoder_[i].convolve(encoder[i]->weight, encoder[i]->bias, encoder[i]->prelu,
-                                 i == 0 ? 16 : 32, 2, i == 0 ? 20 : 0);
+      map = encoder_[i].convolve(layer.weight, layer.bias, layer.prelu, i == 0 ? 16 : 32, 2,
+                                 i == 0 ? 20 : 0);
     }
-    const LAYER_GRU_COMMON* blocks[] = {net_.t_gru1, net_.f_gru1, net_.t_gru2,
-                                        net_.f_gru2, net_.t_gru3, net_.f_gru3};
     for (int i = 0; i < 6; ++i) {
-      const LAYER_GRU_COMMON& b = *blocks[i];
-      const naive::Gru gru = {b.weight_ir,
-                              b.weight_iz,
-                              b.weight_in,
-                              b.weight_in + 32 * 32,
+      const quibo::GruTables& b = (i % 2 ? tables_.frequency : tables_.time)[i / 2];
+      const float* n = b.weight + 2 * 32 * 64;  // behind r and z: of x, then of h
+      const naive::Gru gru = {b.weight,
+                              b.weight + 32 * 64,
+                              n,
+                              n + 32 * 32,
                               32,
-                              b.bias_ir,
-                              b.bias_iz,
-                              b.bias_in1,
-                              b.bias_in2,
+                              b.bias,
+                              b.bias + 32,
+                              b.bias + 64,
+                              b.bias + 96,
                               10.0f,
                               b.linear_weight,
                               b.linear_bias,
@@ -130,13 +133,11 @@ class Reference {
                               b.norm_bias};
       map = gru.block(map, &states_[i / 2 * kStates], i % 2 == 0, naive::fast_exp);
     }
-    const LAYER_CONV_COMMON* decoder[] = {net_.sub_pix_conv1, net_.sub_pix_conv2,
-                                          net_.sub_pix_conv3, net_.sub_pix_conv4};
     const size_t channels[] = {32, 32, 16, 4};
     for (int i = 0; i < 4; ++i) {
+      const quibo::ConvTables& layer = tables_.decoder[i];
       decoder_[i].push(map);
-      map = naive::shuffle(
-          decoder_[i].convolve(decoder[i]->weight, decoder[i]->bias, nullptr, channels[i], 1));
+      map = naive::shuffle(decoder_[i].convolve(layer.weight, layer.bias, nullptr, channels[i], 1));
     }
 
     naive::Spectrum masked = spectra_[0];
@@ -165,6 +166,7 @@ class Reference {
 
  private:
   const DenoiseNet& net_;
+  const quibo::DenoiseTables& tables_;
   std::vector<float>& states_;
   bool own_transforms_;
   int steps_ = 0;

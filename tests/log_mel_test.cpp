@@ -89,6 +89,15 @@ TEST(LogMel, SilenceAndAnyConstantGiveExactlyTheFloor) {
   }
 }
 
+TEST(LogMel, TheFaintestSoundIsNotSilence) {
+  std::vector<float> frame(kMelFrame);
+  frame[0] = 1.0f;  // one step of int16 where the window is lowest
+  const auto features = features_of(frame);
+  const auto expected = naive_log_mel(frame);
+  EXPECT_LT(expected[0], -8.0);
+  for (int m = 0; m < kMelBands; ++m) EXPECT_NEAR(features[m], expected[m], 1e-2) << m;
+}
+
 TEST(LogMel, GainMovesEveryBandByItsLogarithm) {
   std::mt19937 random(kSeed);
   std::vector<float> quiet(kMelFrame), loud(kMelFrame);

@@ -85,7 +85,10 @@ TEST(WakeupEngine, ClearingForgetsTheStreamButKeepsThresholdAndTime) {
   const auto first = run(p, x);
   EXPECT_NE(first, run(p, x));
   p->mynet.pdec->blank_cnt = 3;
+  p->mynet.pdec->pWords[0].dp[3] = 0.5f;
   KestoChineseWakeupclear(p);
+  EXPECT_EQ(0, p->mynet.pdec->blank_cnt);
+  EXPECT_EQ(0.0f, p->mynet.pdec->pWords[0].dp[3]);
   EXPECT_EQ(first, run(p, x));
   EXPECT_EQ(45, p->mynet.pdec->no_wake_time);
   EXPECT_EQ(1.2f, p->mynet.pdec->pWords[0].thres);
