@@ -1,5 +1,6 @@
 #include "aec/aec_denoise_net.h"
 
+#include <math.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
@@ -112,8 +113,30 @@ int32_t QuibNAecInit(void** handle) {
   return 0;
 }
 
+namespace {
+
+// Far above any sound and far below what the layers' sums overflow from.
+constexpr float kLoudest = 1e6f;
+
+// The frame, or a copy in which what is no sound (not a number, infinite, absurd) is silence: the
+// recurrent states would keep it for good.
+const float* healthy(const float* frame, float* copy) {
+  bool ill = false;
+  for (int n = 0; n < QUIBO_FRAME; ++n) ill |= !(fabsf(frame[n]) <= kLoudest);
+  if (!ill) return frame;
+  for (int n = 0; n < QUIBO_FRAME; ++n) copy[n] = fabsf(frame[n]) <= kLoudest ? frame[n] : 0.0f;
+  return copy;
+}
+
+// Scratch, not on the stack of a small device.
+float healthy_mic[QUIBO_FRAME], healthy_yn[QUIBO_FRAME];
+
+}  // namespace
+
 int32_t QuibNAecRun(void* handle, const float* mic, const float* yn, int16_t* out) {
   if (!handle) return -1;
+  mic = healthy(mic, healthy_mic);
+  yn = healthy(yn, healthy_yn);
   nn_aec_denoise_forward_frame(static_cast<KTNNAECParams*>(handle)->Mynet, mic, yn, out);
   return 0;
 }

@@ -286,9 +286,9 @@ QUIBO_API int32_t QuibNAecInit(void** handle);
 /* One frame: mic, the microphone signal, and yn, the linear echo estimate, hold 1024 floats of full
  * scale 1.0 each (kesto_laec_micdata and kesto_laec_yn); out receives 1024 int16, within 0.99 of
  * full scale; the first 2048 samples of an instance are 0. Pointers other than the handle are not
- * checked. Returns 0, or -1, with nothing written, when handle is NULL. A NaN or an infinity in an
- * input stays in the recurrent states: the output is 0 from then on, until the next QuibNAecInit.
- * Frames made from int16 never hold one. */
+ * checked. Returns 0, or -1, with nothing written, when handle is NULL. A sample that is no sound (a
+ * NaN, an infinity, beyond +-10^6) counts as 0, so that it does not stay in the recurrent states;
+ * frames made from int16 never hold one. */
 QUIBO_API int32_t QuibNAecRun(void* handle, const float* mic, const float* yn, int16_t* out);
 
 /* Releases the layers of the network, but neither its record nor the handle, whose memory outlives
