@@ -38,6 +38,13 @@ def add_options(parser):
         "--gtcrn", type=pathlib.Path, help="gtcrn_simple.onnx of Xiaobin-Rong/gtcrn: one more noise suppressor to compare with"
     )
     parser.add_argument("--sections", default=",".join(SECTIONS), help=f"of {','.join(SECTIONS)}")
+    parser.add_argument(
+        "--conditions", help="of noise and echo, comma-separated: how their names begin, such as '5 dB,white' (default: all)"
+    )
+    parser.add_argument(
+        "--opinions", type=int, help="scenes of noise and echo of which DNSMOS and AECMOS are asked (default: all)"
+    )
+    parser.add_argument("--alone", action="store_true", help="without the others in noise and echo")
     for name in SIZED:
         parser.add_argument(f"--{name}-scenes", type=int, help="instead of the set's number")
 
@@ -64,6 +71,11 @@ def run(arguments):
     sizes = sets.SHORT if arguments.short else sets.LONG
     chosen = {name: getattr(arguments, f"{name}_scenes") for name in SIZED}
     sizes = dataclasses.replace(sizes, **{name: n for name, n in chosen.items() if n is not None})
+    if arguments.conditions:
+        sizes = dataclasses.replace(sizes, conditions=tuple(arguments.conditions.split(",")))
+    if arguments.opinions is not None:
+        sizes = dataclasses.replace(sizes, opinions=arguments.opinions)
+    sizes = dataclasses.replace(sizes, peers=not arguments.alone)
 
     started = time.time()
     device = Device(arguments.library)

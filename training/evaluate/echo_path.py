@@ -19,13 +19,13 @@ MEASURES = (
 )
 
 
-def systems(device, speech):
+def systems(device, speech, others=True):
     """[(names, function of (mic, ref) giving an output [n] per name)]; the peers' delays; lines about absent ones."""
     table = [
         (("unprocessed",), lambda mic, ref: (mic,)),
         (("Quibo, linear canceller", "Quibo, with neural suppressor"), device.cancel_echo),
     ]
-    installed, absent = peers.echo_cancellers()
+    installed, absent = peers.echo_cancellers() if others else ([], [])
     delays = {}
     for peer in installed:
         process = peers.Aligned(peer.cancel_echo, speech)
@@ -34,11 +34,13 @@ def systems(device, speech):
     return table, delays, absent
 
 
-def measure(scene, output):
+def measure(scene, output, opinions):
     far, both, near = scene.far_end, scene.double_talk, scene.near_end
     end = slice(far.stop - round(END * RATE), far.stop)
 
     def opinion(kind, part):
+        if not opinions:
+            return None, None
         return metrics.aecmos(kind, scene.ref[part], scene.mic[part], output[part])
 
     echo_far, _ = opinion("far_end", far)
@@ -59,13 +61,15 @@ def measure(scene, output):
 
 
 def run(device, corpus, rooms, sizes, speech, progress):
-    table, delays, absent = systems(device, speech)
+    table, delays, absent = systems(device, speech, sizes.peers)
     rows = []
     for number in range(sizes.echo):
         for condition, scene in scenes.playback(corpus, rooms, number):
+            if not sizes.hears(condition):
+                continue
             for names, process in table:
                 for name, output in zip(names, process(scene.mic, scene.ref)):
-                    values = measure(scene, output)
+                    values = measure(scene, output, number < sizes.opinions)
                     rows.append({"scene": number, "condition": condition, "system": name, **values})
         progress()
     return {"rows": rows, "summary": summarise(rows), "delays": delays, "absent": absent}

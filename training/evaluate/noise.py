@@ -5,7 +5,7 @@ from training.evaluate import intervals, metrics, peers, scenes
 MEASURES = ("si_sdr", "estoi", "ovrl", "sig", "bak")
 
 
-def systems(device, speech, gtcrn=None):
+def systems(device, speech, gtcrn=None, others=True):
     """name -> function of mics [3, n] giving microphone 1 [n]; the peers' delays; lines about absent ones."""
     ours = {
         "Quibo, floor 0.1": lambda mics: device.suppress_noise(mics[:1], 0.1)[0],
@@ -13,7 +13,7 @@ def systems(device, speech, gtcrn=None):
         "Quibo, floor 0.1, three microphones": lambda mics: device.suppress_noise(mics, 0.1)[0],
         "Quibo, floor 0.3, three microphones": lambda mics: device.suppress_noise(mics, 0.3)[0],
     }
-    installed, absent = peers.noise_suppressors(gtcrn)
+    installed, absent = peers.noise_suppressors(gtcrn) if others else ([], [])
     theirs, delays = {}, {}
     for peer in installed:
         process = peers.Aligned(peer.suppress_noise, speech)
@@ -22,22 +22,24 @@ def systems(device, speech, gtcrn=None):
     return {"noisy": lambda mics: mics[0], **ours, **theirs}, delays, absent
 
 
-def measure(output, target):
+def measure(output, target, opinion):
     return {
         "si_sdr": metrics.si_sdr(output, target),
         "estoi": metrics.estoi(output, target),
-        **metrics.dnsmos(output),
+        **(metrics.dnsmos(output) if opinion else {}),
     }
 
 
 def run(device, corpus, rooms, sizes, speech, progress, gtcrn=None):
     """{rows: one per scene, condition and system; summary; absent}."""
-    table, delays, absent = systems(device, speech, gtcrn)
+    table, delays, absent = systems(device, speech, gtcrn, sizes.peers)
     rows = []
     for number in range(sizes.noise):
         for condition, mics, target in scenes.noisy_speech(corpus, rooms, number):
+            if not sizes.hears(condition):
+                continue
             for name, process in table.items():
-                values = measure(process(mics), target[0])
+                values = measure(process(mics), target[0], number < sizes.opinions)
                 rows.append({"scene": number, "condition": condition, "system": name, **values})
         progress()
     return {"rows": rows, "summary": summarise(rows), "delays": delays, "absent": absent}
@@ -50,7 +52,7 @@ def summarise(rows):
     for condition in dict.fromkeys(r["condition"] for r in rows):
         for system in dict.fromkeys(r["system"] for r in rows):
             chosen = [r for r in rows if (r["condition"], r["system"]) == (condition, system)]
-            figures = {m: intervals.bootstrap([r[m] for r in chosen]) for m in MEASURES}
+            figures = {m: intervals.bootstrap([r.get(m) for r in chosen]) for m in MEASURES}
             gained = [r["si_sdr"] - noisy[r["scene"], condition] for r in chosen]
             figures["si_sdr_gain"] = intervals.bootstrap(gained)
             summary.setdefault(condition, {})[system] = figures

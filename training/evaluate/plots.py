@@ -77,6 +77,7 @@ def noise(summary):
 
 def _line(axis, x, figures, system):
     colour, line, marker = STYLES[system]
+    figures = [f or dict.fromkeys(("value", "low", "high"), np.nan) for f in figures]
     values = np.array([f["value"] for f in figures])
     low, high = (np.array([f[end] for f in figures]) for end in ("low", "high"))
     axis.errorbar(
@@ -147,6 +148,8 @@ def double_talk(summary):
             if system not in systems:
                 continue
             x, y = systems[system]["echo_double_talk"], systems[system]["deg_double_talk"]
+            if x is None:
+                continue
             axis.errorbar(
                 x["value"],
                 y["value"],

@@ -108,7 +108,8 @@ def _noise(section, about):
         "judged against the talker as it hears him, with late reverberation "
         "6 to 10 dB down.</p>"
     )
-    yield f"<figure>{plots.noise(section['summary'])}</figure>"
+    if all(f"{snr:g} dB" in section["summary"] for snr in sets.SNRS):
+        yield f"<figure>{plots.noise(section['summary'])}</figure>"
     for condition, systems in section["summary"].items():
         yield f"<h3>{condition.removesuffix(' dB')} dB signal-to-noise</h3>" + _table(systems, NOISE_COLUMNS)
     yield (
@@ -127,13 +128,14 @@ def _echo(section, about):
         "a small loudspeaker, 0 to 120 ms late; the noise is 40 dB below the echo, so no more than about 40 dB of "
         "reduction can be seen.</p>"
     )
-    yield "<h3>Echo reduction while the device plays alone</h3>"
-    still, *_, changed = section["summary"].values()  # the stretch is the same at every ratio
-    panels = {"path stays": still, "path changes after 4 s": changed}
-    yield f"<figure>{plots.echo_over_time(panels, ERLE_WINDOW)}</figure>"
-    yield "<h3>Both at once: echo removed against speech kept</h3>"
-    yield f"<figure>{plots.double_talk(section['summary'])}</figure>"
-    yield "<p class=note>Up and to the right is better. What buys less echo with the talker's voice moves right and down.</p>"
+    if len(section["summary"]) > len(sets.SERS):
+        yield "<h3>Echo reduction while the device plays alone</h3>"
+        still, *_, changed = section["summary"].values()  # the stretch is the same at every ratio
+        panels = {"path stays": still, "path changes after 4 s": changed}
+        yield f"<figure>{plots.echo_over_time(panels, ERLE_WINDOW)}</figure>"
+        yield "<h3>Both at once: echo removed against speech kept</h3>"
+        yield f"<figure>{plots.double_talk(section['summary'])}</figure>"
+        yield "<p class=note>Up and to the right is better. What buys less echo with the talker's voice moves right and down.</p>"
     for condition, systems in section["summary"].items():
         yield f"<h3>Signal-to-echo {condition}</h3>" + _table(systems, ECHO_COLUMNS, ECHO_GROUPS)
     yield (
@@ -298,7 +300,8 @@ def terminal(results):
             lines.append(f"  {'':38}" + "".join(f"{m:>18}" for m in columns))
             for system, figures in systems.items():
                 values = "".join(
-                    f"{figures[m]['value']:18.{digits}f}" for m, (_, digits, _) in columns.items()
+                    f"{figures[m]['value']:18.{digits}f}" if figures[m] else f"{'-':>18}"
+                    for m, (_, digits, _) in columns.items()
                 )
                 lines.append(f"  {system:38}{values}")
     for name, systems in results.get("direction", {}).get("summary", {}).items():

@@ -13,6 +13,12 @@ class Sizes:
     wake: int
     silence_minutes: float  # without the phrase, half of it noisy talk, half playback
     rooms: int  # in the bank; a tenth of them are test rooms
+    opinions: int = 10**6  # scenes of the first two sections whose predicted opinions are asked for: half of the time
+    conditions: tuple = ("",)  # of the first two sections: how their names may begin
+    peers: bool = True  # in the first two sections
+
+    def hears(self, condition):
+        return condition.startswith(self.conditions)
 
 
 SEED = 20260101
