@@ -44,7 +44,9 @@ def add_options(parser):
     parser.add_argument(
         "--opinions", type=int, help="scenes of noise and echo of which DNSMOS and AECMOS are asked (default: all)"
     )
-    parser.add_argument("--alone", action="store_true", help="without the others in noise and echo")
+    parser.add_argument(
+        "--systems", help="of noise and echo, likewise, semicolons between them: 'Quibo;speexdsp' (default: all)"
+    )
     for name in SIZED:
         parser.add_argument(f"--{name}-scenes", type=int, help="instead of the set's number")
 
@@ -75,7 +77,8 @@ def run(arguments):
         sizes = dataclasses.replace(sizes, conditions=tuple(arguments.conditions.split(",")))
     if arguments.opinions is not None:
         sizes = dataclasses.replace(sizes, opinions=arguments.opinions)
-    sizes = dataclasses.replace(sizes, peers=not arguments.alone)
+    if arguments.systems:
+        sizes = dataclasses.replace(sizes, systems=tuple(arguments.systems.split(";")))
 
     started = time.time()
     device = Device(arguments.library)

@@ -19,13 +19,13 @@ MEASURES = (
 )
 
 
-def systems(device, speech, others=True):
+def systems(device, speech):
     """[(names, function of (mic, ref) giving an output [n] per name)]; the peers' delays; lines about absent ones."""
     table = [
         (("unprocessed",), lambda mic, ref: (mic,)),
         (("Quibo, linear canceller", "Quibo, with neural suppressor"), device.cancel_echo),
     ]
-    installed, absent = peers.echo_cancellers() if others else ([], [])
+    installed, absent = peers.echo_cancellers()
     delays = {}
     for peer in installed:
         process = peers.Aligned(peer.cancel_echo, speech)
@@ -61,7 +61,8 @@ def measure(scene, output, opinions):
 
 
 def run(device, corpus, rooms, sizes, speech, progress):
-    table, delays, absent = systems(device, speech, sizes.peers)
+    table, delays, absent = systems(device, speech)
+    table = [(names, process) for names, process in table if any(map(sizes.asks, names))]
     rows = []
     for number in range(sizes.echo):
         for condition, scene in scenes.playback(corpus, rooms, number):

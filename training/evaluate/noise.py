@@ -5,7 +5,7 @@ from training.evaluate import intervals, metrics, peers, scenes
 MEASURES = ("si_sdr", "estoi", "ovrl", "sig", "bak")
 
 
-def systems(device, speech, gtcrn=None, others=True):
+def systems(device, speech, gtcrn=None):
     """name -> function of mics [3, n] giving microphone 1 [n]; the peers' delays; lines about absent ones."""
     ours = {
         "Quibo, floor 0.1": lambda mics: device.suppress_noise(mics[:1], 0.1)[0],
@@ -13,7 +13,7 @@ def systems(device, speech, gtcrn=None, others=True):
         "Quibo, floor 0.1, three microphones": lambda mics: device.suppress_noise(mics, 0.1)[0],
         "Quibo, floor 0.3, three microphones": lambda mics: device.suppress_noise(mics, 0.3)[0],
     }
-    installed, absent = peers.noise_suppressors(gtcrn) if others else ([], [])
+    installed, absent = peers.noise_suppressors(gtcrn)
     theirs, delays = {}, {}
     for peer in installed:
         process = peers.Aligned(peer.suppress_noise, speech)
@@ -32,7 +32,8 @@ def measure(output, target, opinion):
 
 def run(device, corpus, rooms, sizes, speech, progress, gtcrn=None):
     """{rows: one per scene, condition and system; summary; absent}."""
-    table, delays, absent = systems(device, speech, gtcrn, sizes.peers)
+    table, delays, absent = systems(device, speech, gtcrn)
+    table = {name: process for name, process in table.items() if sizes.asks(name)}
     rows = []
     for number in range(sizes.noise):
         for condition, mics, target in scenes.noisy_speech(corpus, rooms, number):

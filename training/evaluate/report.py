@@ -38,8 +38,6 @@ DIRECTION_COLUMNS = {
     "within": (f"within {direction.POINTED:.0f}°, %", 0, 1),
 }
 
-INPUTS = ("noisy", "unprocessed")  # what the systems are given
-
 STYLE = """
 :root { color-scheme: light; }
 body { font: 15px/1.5 system-ui, "Helvetica Neue", Arial, sans-serif; color: #22262c; background: #fff;
@@ -238,7 +236,7 @@ def _table(systems, columns, groups=()):
     head = "".join(f"<th>{title}" for title, _, _ in columns.values())
     best = {}
     for measure, (_, digits, better) in columns.items():
-        values = [f[measure]["value"] for s, f in systems.items() if f[measure] and s not in INPUTS]
+        values = [f[measure]["value"] for s, f in systems.items() if f[measure] and s not in sets.INPUTS]
         if better and len({round(v, digits) for v in values}) > 1:
             best[measure] = round(max(values) if better > 0 else min(values), digits)
     rows = ""
@@ -248,7 +246,7 @@ def _table(systems, columns, groups=()):
                 figures[m],
                 digits,
                 best=figures[m]
-                and system not in INPUTS
+                and system not in sets.INPUTS
                 and best.get(m) == round(figures[m]["value"], digits),
             )
             for m, (_, digits, _) in columns.items()

@@ -3,6 +3,9 @@
 import dataclasses
 
 
+INPUTS = ("noisy", "unprocessed")  # what the systems are given
+
+
 @dataclasses.dataclass(frozen=True)
 class Sizes:
     """Numbers of scenes, each heard in every condition of its section."""
@@ -15,10 +18,13 @@ class Sizes:
     rooms: int  # in the bank; a tenth of them are test rooms
     opinions: int = 10**6  # scenes of the first two sections whose predicted opinions are asked for: half of the time
     conditions: tuple = ("",)  # of the first two sections: how their names may begin
-    peers: bool = True  # in the first two sections
+    systems: tuple = ("",)  # likewise, beside what is given to all of them
 
     def hears(self, condition):
         return condition.startswith(self.conditions)
+
+    def asks(self, system):
+        return system in INPUTS or system.startswith(self.systems)
 
 
 SEED = 20260101
