@@ -182,7 +182,8 @@ class Corpus:
         hours = collections.Counter()
         for c in self._clips:
             if c.split in splits and set(c.roles) & set(roles) and not self._synthetic(c):
-                folder = "/".join(pathlib.PurePath(c.path).parent.parts[:2])
+                parts = pathlib.PurePath(c.path).parent.parts[:2]
+                folder = "/".join(part for part in parts if not part.isdigit())  # speakers' numbers
                 seconds = c.seconds or self.length(c) / RATE
                 hours[c.licence or "not stated", folder] += seconds / 3600
         return hours
