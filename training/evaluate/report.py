@@ -133,7 +133,10 @@ def _echo(section, about):
         yield f"<figure>{plots.echo_over_time(panels, ERLE_WINDOW)}</figure>"
         yield "<h3>Both at once: echo removed against speech kept</h3>"
         yield f"<figure>{plots.double_talk(section['summary'])}</figure>"
-        yield "<p class=note>Up and to the right is better. What buys less echo with the talker's voice moves right and down.</p>"
+        yield (
+            "<p class=note>Up and to the right is better. What buys less echo with the talker's voice moves right and "
+            "down.</p>"
+        )
     for condition, systems in section["summary"].items():
         yield f"<h3>Signal-to-echo {condition}</h3>" + _table(systems, ECHO_COLUMNS, ECHO_GROUPS)
     yield (

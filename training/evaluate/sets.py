@@ -2,7 +2,6 @@
 
 import dataclasses
 
-
 INPUTS = ("noisy", "unprocessed")  # what the systems are given
 
 
