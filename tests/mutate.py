@@ -113,7 +113,7 @@ def verdict(tests):
     return "survived" if passed else "caught"
 
 
-def main(first=1, last=len(MUTATIONS)):
+def main(first=1, last=None):
     files = run("git", "ls-files").stdout.split("\n")[:-1]
     for name in files:
         (COPY / name).parent.mkdir(parents=True, exist_ok=True)
