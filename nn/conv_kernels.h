@@ -23,7 +23,7 @@ template <class V>
 constexpr bool kManyRegisters = V::kRegisters >= 32;
 
 inline void prefetch(uintptr_t address) {
-  __builtin_prefetch(reinterpret_cast<const void*>(address));
+  __builtin_prefetch(reinterpret_cast<const void*>(address));  // NOLINT(performance-no-int-to-ptr)
 }
 
 // The four lanes of C x P sums: C rows of splatted values (a) times P registers (at x).

@@ -25,7 +25,7 @@ __attribute__((format(printf, 1, 2))) std::string text(const char* format, ...) 
   char line[400];
   va_list arguments;
   va_start(arguments, format);
-  vsnprintf(line, sizeof line, format, arguments);
+  vsnprintf(line, sizeof line, format, arguments);  // NOLINT(clang-analyzer-valist.Uninitialized)
   va_end(arguments);
   return line;
 }

@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cmath>
 #include <memory>
 
 #include "command.h"
@@ -42,7 +43,7 @@ class AlsaTracks : public TrackSource {
       throw WrongUse(std::to_string(channels_) + " channels: say which is which with --channels");
     }
     map_ = request.channels.empty() ? *guess : parse_channel_map(request.channels, channels_);
-    if (request.seconds > 0) left_ = static_cast<int64_t>(request.seconds * rate_ + 0.5);
+    if (request.seconds > 0) left_ = std::llround(request.seconds * rate_);
     constexpr unsigned kLatency = 500000;  // us of buffer
     int error = snd_pcm_open(&device_, request.device.c_str(), SND_PCM_STREAM_CAPTURE, 0);
     if (error == 0) {
@@ -88,7 +89,8 @@ class AlsaTracks : public TrackSource {
     if (record_) record_->write(interleaved_.data(), static_cast<int>(got) * channels_);
     for (int t = 0; t < kTracks; ++t) {
       for (int i = 0; i < got; ++i) {
-        int16_t x = interleaved_[static_cast<size_t>(i * channels_ + map_.channel[t])];
+        const int at = i * channels_ + map_.channel[t];
+        int16_t x = interleaved_[static_cast<size_t>(at)];
         if (scrambled_ && t != kRef) dec_data(&x, 1);
         tracks[t][i] = to_float(x);
       }

@@ -37,6 +37,7 @@ std::vector<bool> filled_bins(const std::vector<float>& power) {
   constexpr float kShare = 1e-5f;
   const float least = kShare * *std::max_element(power.begin(), power.end());
   std::vector<bool> filled;
+  filled.reserve(power.size());
   for (const float p : power) filled.push_back(p > least);
   return filled;
 }
@@ -105,7 +106,7 @@ void EchoScan::add(const int16_t track[kTracks][QUIBO_FRAME]) {
     double power = 0;
     for (int i = 0; i < QUIBO_FRAME; ++i) {
       const float x = to_float(track[t][i]);
-      block[static_cast<size_t>(QUIBO_FRAME + i)] = x;
+      block[static_cast<size_t>(QUIBO_FRAME) + static_cast<size_t>(i)] = x;
       power += static_cast<double>(x) * static_cast<double>(x);
     }
     power_[t] += power;
@@ -134,8 +135,8 @@ Peak EchoScan::strongest(const std::vector<Spectrum>& partitions, const std::vec
     for (int l = 0; l < QUIBO_FRAME; ++l) {
       const float value = c[static_cast<size_t>(l)];
       if (std::fabs(static_cast<double>(value)) <= std::fabs(best.height)) continue;
-      const float left = c[static_cast<size_t>((l + kFft - 1) % kFft)],
-                  right = c[static_cast<size_t>(l + 1)];
+      const int before = (l + kFft - 1) % kFft, after = l + 1;
+      const float left = c[static_cast<size_t>(before)], right = c[static_cast<size_t>(after)];
       best.lag = kEarliest + QUIBO_FRAME * static_cast<int>(p) + l + vertex(left, value, right);
       best.height = static_cast<double>(value);
     }

@@ -107,7 +107,8 @@ double LevelScan::band_edge(int track) const {
     for (size_t k = from; k < to; ++k) sum += s[k];
     return 10 * std::log10(sum / static_cast<double>(to - from) + 1e-15);
   };
-  for (double edge = kLowest; edge <= kHighest; edge += kBinHz) {
+  for (int step = 0; kLowest + step * kBinHz <= kHighest; ++step) {
+    const double edge = kLowest + step * kBinHz;
     const double below = mean(bin(edge - 300), bin(edge - 50));
     double above = -200;
     for (double f = edge + kSkirt; f + 250 <= kAbove; f += 125)

@@ -61,6 +61,7 @@ recordings::InputOptions ReadingOptions::parse() const {
 
 }  // namespace quibo::command
 
+// NOLINTNEXTLINE(bugprone-exception-escape): without memory for its options the command may end so
 int main(int argc, char** argv) {
   signal(SIGPIPE, SIG_IGN);  // a reader that goes away is an error of the write
   CLI::App app{

@@ -106,6 +106,7 @@ void ReportSignal::add(const int16_t* samples, int count) {
 void ReportSignal::add_column() {
   static const std::vector<float> hann = [] {
     std::vector<float> window;
+    window.reserve(kFft);
     for (int i = 0; i < kFft; ++i)
       window.push_back(static_cast<float>(0.5 - 0.5 * std::cos(2 * M_PI * i / kFft)));
     return window;
@@ -114,8 +115,8 @@ void ReportSignal::add_column() {
   complex_t bins[kBins + 1];
   for (size_t i = 0; i < kFft; ++i) samples[i] = to_float(pending_[i]) * hann[i];
   my_fft<kFft>(samples, bins);
-  constexpr float kScale =
-      1.0f / (kFft / 4 * kFft / 4) / kBinsPerBand;  // a full-scale sine in one bin: about 0 dB
+  constexpr float kScale = 1.0f / (kFft / 4.0f * kFft / 4.0f) /
+                           kBinsPerBand;  // a full-scale sine in one bin: about 0 dB
   for (size_t k = 0; k < kBins; ++k) {
     column_[k / kBinsPerBand] +=
         kScale * (bins[k].real * bins[k].real + bins[k].imag * bins[k].imag);

@@ -114,6 +114,7 @@ void Workers::run(size_t count, size_t at_once) {
       }
     }
     std::vector<pollfd> polls;
+    polls.reserve(busy.size());
     for (const Worker& worker : busy) polls.push_back({worker.descriptor, POLLIN, 0});
     if (poll(polls.data(), polls.size(), -1) < 0) continue;  // a signal
     for (size_t i = busy.size(); i-- > 0;) {
