@@ -119,7 +119,8 @@ class Reference {
       e.push_back(map = convolve(encoder_[i], map, tables_.encoder[i], 64, 1));
 
     for (int i = 0; i < 6; ++i) {
-      const quibo::GruTables& b = (i % 2 ? tables_.frequency : tables_.time)[i / 2];
+      const quibo::GruTables* axis = i % 2 ? tables_.frequency : tables_.time;
+      const quibo::GruTables& b = axis[i / 2];
       const float* n = b.weight + 2 * 64 * 128;  // behind r and z
       const naive::Gru gru = {b.weight,
                               b.weight + 64 * 128,

@@ -115,7 +115,8 @@ class Reference {
                                  i == 0 ? 20 : 0);
     }
     for (int i = 0; i < 6; ++i) {
-      const quibo::GruTables& b = (i % 2 ? tables_.frequency : tables_.time)[i / 2];
+      const quibo::GruTables* axis = i % 2 ? tables_.frequency : tables_.time;
+      const quibo::GruTables& b = axis[i / 2];
       const float* n = b.weight + 2 * 32 * 64;  // behind r and z: of x, then of h
       const naive::Gru gru = {b.weight,
                               b.weight + 32 * 64,
