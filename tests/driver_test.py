@@ -2,12 +2,9 @@
 reports known wakes and angles (support/scripted_front_end.cpp)."""
 import array
 import os
-import pty
 import random
 import resource
 import subprocess
-import time
-import tty
 
 import pytest
 
@@ -141,23 +138,6 @@ def test_an_input_that_opens_and_cannot_be_read_is_reported(build, folder, kind,
     assert (result.returncode, result.stdout) == (1, "")
     assert result.stderr == f"quibo_demo: cannot read ./{INPUT}: {reason}\n"
     assert not (folder / OUTPUT).exists()
-
-
-def test_a_read_that_fails_midway_is_reported(build, folder):
-    """One frame and a quarter through a terminal that then goes away."""
-    ours, theirs = pty.openpty()
-    tty.setraw(theirs)
-    (folder / INPUT).symlink_to(os.ttyname(theirs))
-    with subprocess.Popen([build / "quibo_demo"], cwd=folder, stdout=subprocess.PIPE, stderr=subprocess.PIPE,
-                          text=True) as driver:
-        os.write(ours, bytes(1000))
-        while not (folder / OUTPUT).exists() and driver.poll() is None:
-            time.sleep(0.01)
-        os.close(theirs)
-        os.close(ours)
-        stdout, stderr = driver.communicate(timeout=60)
-    assert driver.returncode == 1 and "---end" not in stdout
-    assert stderr == f"quibo_demo: cannot read ./{INPUT}: Input/output error\n"
 
 
 @pytest.mark.parametrize("link", [os.symlink, os.link])

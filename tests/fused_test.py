@@ -43,6 +43,7 @@ def distance(exact, other, part):
     return 10 * math.log10(signal / max(error, 1))
 
 
+@pytest.mark.skipif(os.environ.get("QUIBO_SANITIZE") == "ON", reason="the same code as the exact kernels', ten times slower")
 def test_fused_kernels_stay_within_their_bars(build, capture, tmp_path):
     fused = subprocess.run([build / "quibo_digest", "--fused"], check=True, capture_output=True, text=True).stdout.split()
     if not fused:
