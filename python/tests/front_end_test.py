@@ -206,7 +206,8 @@ def test_computes_while_other_threads_run_and_refuses_their_chunks(played):
 
 def test_ctrl_c_stops_a_long_call_and_closes_it():
     script = """
-import _thread, threading, numpy as np, quibo
+import _thread, signal, threading, numpy as np, quibo
+signal.signal(signal.SIGINT, signal.default_int_handler)  # a shell's background jobs ignore it
 front_end = quibo.FrontEnd()
 threading.Timer(0.5, _thread.interrupt_main).start()
 try:
