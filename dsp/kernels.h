@@ -27,7 +27,7 @@ struct LaecKernels {
 // Float network kernels; shapes and summation order in nn/float_kernels.h.
 enum class Activation { kSigmoid, kTanh };
 
-constexpr int kConvMaxTaps = 64 * 9;
+constexpr int kConvMaxTaps = 64 * 9;  // the suppressors' widest layer: 3 x 3 of 64 channels
 
 // A product of a layer over the frequency positions of consecutive steps. For output channel k and
 // position p of step s:

@@ -134,9 +134,9 @@ void vec_act_h(float* out, const float* in, int len, Activation flag) {
 }
 
 void conv(const ConvJob& job) {
-  require(
-      job.taps % 4 == 0 && job.out_channels % 4 == 0 && job.positions % 32 == 0 && job.steps >= 1,
-      "conv");
+  require(job.taps % 4 == 0 && job.taps <= kConvMaxTaps && job.out_channels % 4 == 0 &&
+              job.positions % 32 == 0 && job.steps >= 1,
+          "conv");
   const int written = (job.steps - 1) * job.output_step +
                       (job.out_channels - 1) * job.output_stride + job.positions;
   compare("conv", {{job.output, written}}, [&](const Kernels& k) { k.net.conv(job); });

@@ -25,6 +25,7 @@ struct ConvInput {
   static constexpr int kKept = times - 1;
   static constexpr int kHistory = stored * kFrame;
   static constexpr int kTaps = channels * times * 3;
+  static_assert(kTaps <= kConvMaxTaps, "a kernel's copy of the weights holds a row");
   static constexpr int kOutputs = inputs / stride;
   static constexpr int kHalfRow = kRow / 2;
   // Stride 2 reads a split form of the window: of each row the even columns, then the odd ones,
