@@ -10,6 +10,7 @@ branch predictor (every load hits, every branch is foreseen). What it overdoes: 
 so that a load between two floating-point operations costs three cycles that the real ones do not lose. Hence two figures:
 `bound` counts the busiest unit of each block alone, `estimate` the whole pipeline; the truth should lie between them.
 """
+
 import argparse
 import collections
 import json
@@ -36,8 +37,9 @@ def plugin(folder):
 def blocks(demo, capture, variant, library, qemu=instructions.QEMU):
     """{(symbol, bytes): (instructions, executions per frame by module)}"""
     names = [f"module{i}={call}" for i, call in enumerate(instructions.MODULES.values(), 1)]
-    names += [f"rest{i}={call}" for i, call in
-              enumerate(("Quibo_wakeup_three_write_data", "Quibo_doa_three_write_data", "main"))]
+    names += [
+        f"rest{i}={call}" for i, call in enumerate(("Quibo_wakeup_three_write_data", "Quibo_doa_three_write_data", "main"))
+    ]
 
     def count(text):
         runs = collections.defaultdict(lambda: [0] * len(MODULES))
@@ -49,11 +51,11 @@ def blocks(demo, capture, variant, library, qemu=instructions.QEMU):
         return runs
 
     command = [*qemu, "-plugin", ",".join([str(library), *names]), demo]
-    short, long = (count(instructions.play(command, capture, frames, variant))
-                   for frames in (instructions.SHORT, instructions.LONG))
+    short, long = (
+        count(instructions.play(command, capture, frames, variant)) for frames in (instructions.SHORT, instructions.LONG)
+    )
     frames = instructions.LONG - instructions.SHORT
-    return {key: [(n - m) / frames for n, m in zip(times, short.get(key, [0] * len(times)))]
-            for key, times in long.items()}
+    return {key: [(n - m) / frames for n, m in zip(times, short.get(key, [0] * len(times)))] for key, times in long.items()}
 
 
 def per_module(counted):
@@ -70,15 +72,21 @@ def cycles(counted, core, triple="aarch64"):
         covered += weight[key]
         if covered > COVERED * total:
             break
-    code = "\n".join(" ".join(f"0x{key[1][i:i + 2]}" for i in range(0, len(key[1]), 2)) for key in kept)
-    listing = subprocess.run(["llvm-mc", "--disassemble", f"-triple={triple}"], input=code, check=True, text=True,
-                             capture_output=True).stdout
+    code = "\n".join(" ".join(f"0x{key[1][i : i + 2]}" for i in range(0, len(key[1]), 2)) for key in kept)
+    listing = subprocess.run(
+        ["llvm-mc", "--disassemble", f"-triple={triple}"], input=code, check=True, text=True, capture_output=True
+    ).stdout
     lines = iter([line for line in listing.splitlines() if line.strip() and ".text" not in line])
     regions = []
     for i, key in enumerate(kept):
         regions += [f"# LLVM-MCA-BEGIN {i}", *(next(lines) for _ in range(key[2])), "# LLVM-MCA-END"]
-    told = subprocess.run(["llvm-mca", f"-mtriple={triple}", f"-mcpu={core}", f"-iterations={REPEATED}", "-json"],
-                          input="\n".join(regions), check=True, text=True, capture_output=True).stdout
+    told = subprocess.run(
+        ["llvm-mca", f"-mtriple={triple}", f"-mcpu={core}", f"-iterations={REPEATED}", "-json"],
+        input="\n".join(regions),
+        check=True,
+        text=True,
+        capture_output=True,
+    ).stdout
     result = [[0.0] * len(MODULES), [0.0] * len(MODULES)]
     for region in json.loads(told)["CodeRegions"]:
         summary, times = region["SummaryView"], counted[kept[int(region["Name"])]]
@@ -103,16 +111,21 @@ def measure(demo, capture, variants):
 
 def table(found):
     """The page's, of what measure() found."""
+
     def share(count):
         return f"{100 * count / (HERTZ * FRAME_SECONDS):.0f} %"
 
-    lines = ["| estimated, million cycles per frame | " + " | ".join(MODULES[1:]) +
-             " | total | bound | of a core at 1.2 GHz |", "| --- |" + " ---: |" * (len(MODULES) + 2)]
+    lines = [
+        "| estimated, million cycles per frame | " + " | ".join(MODULES[1:]) + " | total | bound | of a core at 1.2 GHz |",
+        "| --- |" + " ---: |" * (len(MODULES) + 2),
+    ]
     for name, both in found["cycles"].items():
         cells = [f"{both['estimate'][module] / 1e6:.2f}" for module in MODULES[1:]]
         total, bound = both["estimate"]["total"], both["bound"]["total"]
-        lines.append(f"| {name} | " + " | ".join(cells) + f" | {total / 1e6:.1f} | {bound / 1e6:.1f} | "
-                     f"{share(bound)} to {share(total)} |")
+        lines.append(
+            f"| {name} | " + " | ".join(cells) + f" | {total / 1e6:.1f} | {bound / 1e6:.1f} | "
+            f"{share(bound)} to {share(total)} |"
+        )
     return "\n".join(lines)
 
 
@@ -121,14 +134,18 @@ def main():
     parser.add_argument("build", type=pathlib.Path)
     parser.add_argument("--json", type=pathlib.Path)
     arguments = parser.parse_args()
-    capture = subprocess.run(["flac", "-d", "-s", "-c", "--force-raw-format", "--endian=little", "--sign=signed",
-                              ROOT / "samples/living_room.flac"], check=True, capture_output=True).stdout
+    capture = subprocess.run(
+        ["flac", "-d", "-s", "-c", "--force-raw-format", "--endian=little", "--sign=signed", ROOT / "samples/living_room.flac"],
+        check=True,
+        capture_output=True,
+    ).stdout
     found = measure(arguments.build.resolve() / "quibo_demo_static", capture, ("neon", "neon_fused"))
     if arguments.json:
         arguments.json.write_text(json.dumps(found, indent=1))
     for variant, modules in found["instructions"].items():
-        print(f"{variant}: " + ", ".join(f"{name} {count / 1e6:.2f}" for name, count in modules.items()) +
-              " million instructions")
+        print(
+            f"{variant}: " + ", ".join(f"{name} {count / 1e6:.2f}" for name, count in modules.items()) + " million instructions"
+        )
     print(table(found))
 
 

@@ -12,6 +12,7 @@ class Graph:
     def __init__(self):
         import numpy
         import onnx
+
         self.numpy, self.onnx = numpy, onnx
         self.random = numpy.random.default_rng(1)
         self.nodes, self.weights, self.inputs, self.outputs = [], [], [], []
@@ -43,10 +44,14 @@ class Graph:
     def conv(self, x, channels, outputs, times, positions, stride, prelu):
         history = self.input(f"history{len(self.nodes)}", 1, channels, times - 1, positions)
         frames = self.node("Concat", [history, x], axis=2)
-        self.output(self.node("Slice", [frames, self.integers(STEPS), self.integers(STEPS + times - 1),
-                                        self.integers(2)]))
-        y = self.node("Conv", [frames, self.weight(outputs, channels, times, 3, fan_in=channels * times * 3),
-                               self.weight(outputs)], kernel_shape=[times, 3], strides=[1, stride], pads=[0, 1, 0, 1])
+        self.output(self.node("Slice", [frames, self.integers(STEPS), self.integers(STEPS + times - 1), self.integers(2)]))
+        y = self.node(
+            "Conv",
+            [frames, self.weight(outputs, channels, times, 3, fan_in=channels * times * 3), self.weight(outputs)],
+            kernel_shape=[times, 3],
+            strides=[1, stride],
+            pads=[0, 1, 0, 1],
+        )
         return self.node("PRelu", [y, self.weight(outputs, 1, 1)]) if prelu else y
 
     def shuffle(self, y, channels, positions):
@@ -64,8 +69,12 @@ class Graph:
         if along_time:
             state = self.input(f"state{len(self.nodes)}", 1, POSITIONS, hidden)
         sequence, last = self.node(
-            "GRU", [z, self.weight(1, 3 * hidden, hidden), self.weight(1, 3 * hidden, hidden),
-                    self.weight(1, 6 * hidden), "", state], 2, hidden_size=hidden, linear_before_reset=1)
+            "GRU",
+            [z, self.weight(1, 3 * hidden, hidden), self.weight(1, 3 * hidden, hidden), self.weight(1, 6 * hidden), "", state],
+            2,
+            hidden_size=hidden,
+            linear_before_reset=1,
+        )
         if along_time:
             self.output(last)
         y = self.node("Relu", [self.node("Squeeze", [sequence, self.integers(1)])])
@@ -82,11 +91,16 @@ class Graph:
 
     def session(self):
         import onnxruntime
+
         make = self.onnx.helper.make_tensor_value_info
         floats = self.onnx.TensorProto.FLOAT
         graph = self.onnx.helper.make_graph(
-            self.nodes, "net", [make(name, floats, shape) for name, shape in self.inputs],
-            [make(name, floats, None) for name in self.outputs], self.weights)
+            self.nodes,
+            "net",
+            [make(name, floats, shape) for name, shape in self.inputs],
+            [make(name, floats, None) for name in self.outputs],
+            self.weights,
+        )
         model = self.onnx.helper.make_model(graph, opset_imports=[self.onnx.helper.make_opsetid("", 17)], ir_version=8)
         options = onnxruntime.SessionOptions()
         options.intra_op_num_threads = options.inter_op_num_threads = 1
@@ -132,7 +146,8 @@ def echo_suppressor():
         channels, positions = outputs // 2, 2 * positions
     # The complex groups of 8: a batched product per group.
     grouped = g.node("Reshape", [x, g.integers(2, STEPS, 64, 1, 8)])
-    products = [g.node("Add", [g.node("MatMul", [grouped, g.weight(64, 8, 8, fan_in=8)]), g.weight(64, 1, 8)])
-                for _ in range(2)]
+    products = [
+        g.node("Add", [g.node("MatMul", [grouped, g.weight(64, 8, 8, fan_in=8)]), g.weight(64, 1, 8)]) for _ in range(2)
+    ]
     g.output(g.node("Sigmoid", [g.node("Sub", products)]))
     return g.session()

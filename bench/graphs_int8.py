@@ -1,5 +1,6 @@
 """The wake-up network as a quantised ONNX graph for peers.py: quantised convolutions, matrix products (QGemm) and
 additions, random weights, the streaming state as inputs and outputs."""
+
 import numpy as np
 import onnx
 import onnxruntime
@@ -43,13 +44,41 @@ class Graph:
         return self.constant(self.random.integers(-1000, 1000, n, dtype=np.int32))
 
     def conv(self, x, outputs, inputs, kernel, stride=1, group=1):
-        return self.node("QLinearConv", [x, self.scale, self.middle, self.weights(outputs, inputs, *kernel),
-                                         self.weight_scale, self.none, self.scale, self.middle, self.bias(outputs)],
-                         strides=[1, stride], group=group, kernel_shape=list(kernel))
+        return self.node(
+            "QLinearConv",
+            [
+                x,
+                self.scale,
+                self.middle,
+                self.weights(outputs, inputs, *kernel),
+                self.weight_scale,
+                self.none,
+                self.scale,
+                self.middle,
+                self.bias(outputs),
+            ],
+            strides=[1, stride],
+            group=group,
+            kernel_shape=list(kernel),
+        )
 
     def dense(self, x, outputs, inputs):
-        return self.node("QGemm", [x, self.scale, self.middle, self.weights(outputs, inputs), self.weight_scale,
-                                   self.none, self.bias(outputs), self.scale, self.middle], domain=MS, transB=1)
+        return self.node(
+            "QGemm",
+            [
+                x,
+                self.scale,
+                self.middle,
+                self.weights(outputs, inputs),
+                self.weight_scale,
+                self.none,
+                self.bias(outputs),
+                self.scale,
+                self.middle,
+            ],
+            domain=MS,
+            transB=1,
+        )
 
     def real(self, x):
         return self.node("DequantizeLinear", [x, self.scale, self.middle])
@@ -66,8 +95,7 @@ class Graph:
 
     def session(self):
         graph = helper.make_graph(self.nodes, "wakeup", self.inputs, self.outputs, self.constants)
-        model = helper.make_model(graph, ir_version=8,
-                                  opset_imports=[helper.make_opsetid("", 17), helper.make_opsetid(MS, 1)])
+        model = helper.make_model(graph, ir_version=8, opset_imports=[helper.make_opsetid("", 17), helper.make_opsetid(MS, 1)])
         onnx.shape_inference.infer_shapes(model)
         options = onnxruntime.SessionOptions()
         options.intra_op_num_threads = options.inter_op_num_threads = 1
@@ -102,8 +130,7 @@ def network():
         both = g.node("Concat", [kept, column], axis=3)
         ends = [g.constant(np.array([v], np.int64)) for v in (1, 9, 3)]
         g.output(g.node("Slice", [both, *ends]))
-        total = g.node("QLinearAdd", [column, g.scale, g.middle, filtered, g.scale, g.middle, g.scale, g.middle],
-                       domain=MS)
+        total = g.node("QLinearAdd", [column, g.scale, g.middle, filtered, g.scale, g.middle, g.scale, g.middle], domain=MS)
         total = g.node("Reshape", [total, g.constant(np.array([1, 164], np.int64))])
         x = g.codes(g.node("LayerNormalization", [g.real(g.dense(total, 256, 164)), ones, zeros]))
     g.output(g.node("Softmax", [g.real(g.dense(x, 146, 256))]), TensorProto.FLOAT)

@@ -6,6 +6,7 @@
 Everything is called through ctypes or a Python extension (about a microsecond a call). A library that is missing is
 left out.
 """
+
 import ctypes
 import ctypes.util
 import dataclasses
@@ -22,8 +23,8 @@ ROUNDS, ROUND_SECONDS = 30, 0.02
 
 @dataclasses.dataclass
 class Row:
-    what: str                       # the work, with its length
-    ours: float                     # microseconds
+    what: str  # the work, with its length
+    ours: float  # microseconds
     peer: str
     theirs: float | None  # None: not installed
     note: str
@@ -56,13 +57,14 @@ def pointer(array):
 
 def in_pieces(x, size):
     """A function that gives the next piece of x at each call, over and over."""
-    pieces = [np.ascontiguousarray(piece) for piece in x[:len(x) // size * size].reshape(-1, size)]
+    pieces = [np.ascontiguousarray(piece) for piece in x[: len(x) // size * size].reshape(-1, size)]
     pointers = [pointer(piece) for piece in pieces]
     state = {"at": -1, "keep": pieces}
 
     def following():
         state["at"] = (state["at"] + 1) % len(pointers)
         return pointers[state["at"]]
+
     return following
 
 
@@ -119,6 +121,7 @@ STRETCH = 6400
 
 def webrtc_canceller():
     import pywebrtc_audio
+
     canceller = pywebrtc_audio.EchoCanceller(sample_rate=RATE)
     mic, ref = MIC[:STRETCH].copy(), REF[:STRETCH].copy()
     return lambda: canceller.process(mic, ref)
@@ -126,6 +129,7 @@ def webrtc_canceller():
 
 def webrtc_noise_suppressor():
     import pywebrtc_audio
+
     suppressor, mic = pywebrtc_audio.NoiseSuppressor(sample_rate=RATE), MIC[:STRETCH].copy()
     return lambda: suppressor.process(mic)
 
@@ -144,14 +148,18 @@ def rnnoise():
 
 def graph(name):
     """A suppressor of ours on onnxruntime."""
+
     def make():
         import graphs_float
+
         return getattr(graphs_float, name)()
+
     return make
 
 
 def onnx_wake_up():
     import graphs_int8
+
     return graphs_int8.bound(graphs_int8.network())
 
 
@@ -164,13 +172,14 @@ def measure(path):
     same = "the same graph, random weights, without transforms and masking"
     rows = []
     for (what, make), peer, make_peer, calls, note in [
-            (cancel, "speexdsp", speexdsp_canceller, 1, "same frame and tail of 192 ms"),
-            (cancel, "WebRTC AEC3", webrtc_canceller, FRAME / STRETCH, "with its residual-echo suppressor"),
-            (denoise, "onnxruntime", graph("noise_suppressor"), 1, same),
-            (denoise, "RNNoise", rnnoise, 6.4, "48 kHz, a far smaller network"),
-            (denoise, "WebRTC", webrtc_noise_suppressor, FRAME / STRETCH, "no neural network"),
-            (suppress, "onnxruntime", graph("echo_suppressor"), 1, same),
-            (wake, "onnxruntime", onnx_wake_up, 1, "the same graph alone; ours with features and decoder")]:
+        (cancel, "speexdsp", speexdsp_canceller, 1, "same frame and tail of 192 ms"),
+        (cancel, "WebRTC AEC3", webrtc_canceller, FRAME / STRETCH, "with its residual-echo suppressor"),
+        (denoise, "onnxruntime", graph("noise_suppressor"), 1, same),
+        (denoise, "RNNoise", rnnoise, 6.4, "48 kHz, a far smaller network"),
+        (denoise, "WebRTC", webrtc_noise_suppressor, FRAME / STRETCH, "no neural network"),
+        (suppress, "onnxruntime", graph("echo_suppressor"), 1, same),
+        (wake, "onnxruntime", onnx_wake_up, 1, "the same graph alone; ours with features and decoder"),
+    ]:
         try:
             mine, theirs = in_turns(make(), make_peer())
             rows.append(Row(what, mine, peer, theirs * calls, note))

@@ -5,6 +5,7 @@
 
 What was measured is kept in build-bench/performance.json; --from writes the page again from it.
 """
+
 import argparse
 import datetime
 import hashlib
@@ -48,9 +49,14 @@ def machine():
     compiler = text_of("c++", "--version").splitlines()[0]
     # The revision's newest change outside this page itself.
     revision = text_of("git", "log", "-1", "--format=%h", "--", ".", ":!docs/performance.md", cwd=ROOT).strip()
-    return {"date": datetime.date.today().isoformat(), "revision": revision, "compiler": compiler,
-            "processor": cpu.get("model name", platform.machine()), "cores": os.cpu_count(),
-            "family": f"family {cpu.get('cpu family', '?')}, model {cpu.get('model', '?')}"}
+    return {
+        "date": datetime.date.today().isoformat(),
+        "revision": revision,
+        "compiler": compiler,
+        "processor": cpu.get("model name", platform.machine()),
+        "cores": os.cpu_count(),
+        "family": f"family {cpu.get('cpu family', '?')}, model {cpu.get('model', '?')}",
+    }
 
 
 def chain(build, capture, variant, silent=0):
@@ -78,8 +84,14 @@ def chains(build, capture, variants):
 
 def rows_of(build, program, pattern):
     """{name: smallest run} of a Google benchmark."""
-    out = text_of(build / "bench" / program, f"--benchmark_filter={pattern}", "--benchmark_repetitions=7",
-                  "--benchmark_min_time=0.02", "--benchmark_format=json", env=with_kernels(""))
+    out = text_of(
+        build / "bench" / program,
+        f"--benchmark_filter={pattern}",
+        "--benchmark_repetitions=7",
+        "--benchmark_min_time=0.02",
+        "--benchmark_format=json",
+        env=with_kernels(""),
+    )
     best = {}
     for run in json.loads(out)["benchmarks"]:
         if run["run_type"] == "iteration" and run["cpu_time"] < best.get(run["run_name"], run)["cpu_time"] + 1e-9:
@@ -93,8 +105,11 @@ def sections(library):
         words = line.split()
         if len(words) == 3 and words[0].startswith("."):
             sizes[words[0]] = int(words[1])
-    return {"code (.text)": sizes[".text"], "tables (.rodata)": sizes[".rodata"],
-            "static data (.data, .bss)": sizes[".data"] + sizes[".bss"]}
+    return {
+        "code (.text)": sizes[".text"],
+        "tables (.rodata)": sizes[".rodata"],
+        "static data (.data, .bss)": sizes[".data"] + sizes[".bss"],
+    }
 
 
 def digests(program, capture, emulator=()):
@@ -109,26 +124,46 @@ def digests(program, capture, emulator=()):
 def measure(build, arm):
     load = [os.getloadavg()[0]]
     capture = build / "capture.raw"
-    text_of("flac", "-d", "-s", "-f", "--force-raw-format", "--endian=little", "--sign=signed", "-o", capture,
-            ROOT / "samples/living_room.flac")
+    text_of(
+        "flac",
+        "-d",
+        "-s",
+        "-f",
+        "--force-raw-format",
+        "--endian=little",
+        "--sign=signed",
+        "-o",
+        capture,
+        ROOT / "samples/living_room.flac",
+    )
     samples = capture.read_bytes()
     variants = text_of(build / "quibo_digest", "--variants").split()
     found = {"machine": machine(), "sizes": sections(build / "libquibo.so")}
     found["chain"] = chains(build, capture, variants)
     load.append(os.getloadavg()[0])
-    found["networks"] = {name: {key: run[key] for key in ("cpu_time", "MAC/s", "of_peak") if key in run}
-                         for name, run in rows_of(build, "net_bench", "^(ns|naec)/quibo:").items()}
-    found["layers"] = {name: {key: run[key] for key in ("cpu_time", "MAC/s", "of_peak") if key in run}
-                       for name, run in rows_of(build, "net_bench", f"^naec:.*/quibo:{variants[-1]}$").items()}
-    found["transforms"] = {name: run["cpu_time"] for name, run in
-                           rows_of(build, "fft_bench", "^(forward|inverse)/[0-9]*/(quibo|fftw|kissfft)$").items()}
-    found["direction"] = {name: run["cpu_time"] for name, run in
-                          rows_of(build, "doa_bench", "^block/(quibo|srp-phat.*)$").items()}
+    found["networks"] = {
+        name: {key: run[key] for key in ("cpu_time", "MAC/s", "of_peak") if key in run}
+        for name, run in rows_of(build, "net_bench", "^(ns|naec)/quibo:").items()
+    }
+    found["layers"] = {
+        name: {key: run[key] for key in ("cpu_time", "MAC/s", "of_peak") if key in run}
+        for name, run in rows_of(build, "net_bench", f"^naec:.*/quibo:{variants[-1]}$").items()
+    }
+    found["transforms"] = {
+        name: run["cpu_time"]
+        for name, run in rows_of(build, "fft_bench", "^(forward|inverse)/[0-9]*/(quibo|fftw|kissfft)$").items()
+    }
+    found["direction"] = {
+        name: run["cpu_time"] for name, run in rows_of(build, "doa_bench", "^block/(quibo|srp-phat.*)$").items()
+    }
     found["peers"] = [vars(row) for row in peers.measure(build / "libquibo.so")]
     load.append(os.getloadavg()[0])
 
-    found["instructions"] = {"x86-64, " + v: instructions.under_callgrind(build.resolve() / "quibo_demo", samples, v)
-                             for v in variants if v in ("scalar", "sse2", "avx2")}
+    found["instructions"] = {
+        "x86-64, " + v: instructions.under_callgrind(build.resolve() / "quibo_demo", samples, v)
+        for v in variants
+        if v in ("scalar", "sse2", "avx2")
+    }
     found["digests"] = {"x86-64": digests(build / "quibo_digest", capture)}
     if (arm / "quibo_demo").exists():
         found["digests"]["AArch64 (qemu)"] = digests(arm / "quibo_digest", capture, instructions.QEMU)
@@ -160,12 +195,15 @@ def cost_section(found):
     recording, silence = (found["chain"][best][name] for name in ("recording", "silence"))
     medians = {name: statistics.median(run["recording"]["total"]) for name, run in found["chain"].items()}
     everything = statistics.mean(recording["total"])
-    modules = [[name, *(us(percentile(times, p)) for p in (0.5, 0.99, 0.999)),
-                f"{100 * statistics.mean(times) / everything:.1f} %"]
-               for name, times in recording.items()]
+    modules = [
+        [name, *(us(percentile(times, p)) for p in (0.5, 0.99, 0.999)), f"{100 * statistics.mean(times) / everything:.1f} %"]
+        for name, times in recording.items()
+    ]
     silent, middle = silence["total"], statistics.median(silence["total"])
-    kernels = [[name, us(t), f"{t / medians[best]:.2f}", f"{100 * t / FRAME_US:.1f}"]
-               for name, t in sorted(medians.items(), key=lambda item: -item[1])]
+    kernels = [
+        [name, us(t), f"{t / medians[best]:.2f}", f"{100 * t / FRAME_US:.1f}"]
+        for name, t in sorted(medians.items(), key=lambda item: -item[1])
+    ]
     return f"""{table([f"us per frame, {best}", "p50", "p99", "p99.9", "share of the total"], modules)}
 The median frame takes {100 * medians[best] / FRAME_US:.2f} % of one core. A frame holds two or three of the 30 ms blocks in
 which the wake-up engine and the direction estimator work, hence the spread.
@@ -179,14 +217,19 @@ frame {us(max(silent))} us, {max(silent) / middle:.2f} times as much.
 def instruction_section(found):
     columns = found["instructions"]
     names = [*instructions.MODULES, "total"]
-    return table(["thousand instructions per frame", *columns],
-                 [[name, *(f"{c[name] / 1000:,.0f}" if name in c else "" for c in columns.values())] for name in names])
+    return table(
+        ["thousand instructions per frame", *columns],
+        [[name, *(f"{c[name] / 1000:,.0f}" if name in c else "" for c in columns.values())] for name in names],
+    )
 
 
 def size_section(found):
     run = next(iter(found["chain"].values()))
-    rows = [*found["sizes"].items(), ("heap after start", run["heap"]),
-            ("stack, with the caller's own buffers of 20 KiB", run["stack"])]
+    rows = [
+        *found["sizes"].items(),
+        ("heap after start", run["heap"]),
+        ("stack, with the caller's own buffers of 20 KiB", run["stack"]),
+    ]
     return table(["", "KiB"], [[name, f"{size / 1024:,.0f}"] for name, size in rows])
 
 
@@ -197,21 +240,26 @@ def peer_section(found):
 
     rows = [row(*(r[name] for name in ("what", "ours", "peer", "theirs", "note"))) for r in found["peers"]]
     for group, what, note, unit in (
-            (found["direction"], lambda name: "direction, 30 ms", lambda peer: "a plain one on a grid of azimuths", us),
-            (found["transforms"], lambda name: f"{name.replace('/', ' FFT, ')} points",
-             lambda peer: "planned patiently" if peer == "fftw" else "", lambda ns: f"{ns / 1000:.2f}")):
+        (found["direction"], lambda name: "direction, 30 ms", lambda peer: "a plain one on a grid of azimuths", us),
+        (
+            found["transforms"],
+            lambda name: f"{name.replace('/', ' FFT, ')} points",
+            lambda peer: "planned patiently" if peer == "fftw" else "",
+            lambda ns: f"{ns / 1000:.2f}",
+        ),
+    ):
         for name, time in group.items():
             work, peer = name.rsplit("/", 1)
             if peer != "quibo":
                 rows.append(row(what(work), group[work + "/quibo"], peer, time, note(peer), unit))
-    return table(["work", "ours, us", "peer", "us", "peer / ours", ""], rows,
-                 ["---", "---:", "---", "---:", "---:", "---"])
+    return table(["work", "ours, us", "peer", "us", "peer / ours", ""], rows, ["---", "---:", "---", "---:", "---:", "---"])
 
 
 def peak_section(found):
     def row(name, run):
         share = f"{100 * run['of_peak']:.0f} %" if "of_peak" in run else ""
         return [name, us(run["cpu_time"]), f"{run['MAC/s'] / 1e9:.1f}", share]
+
     head = ["us", "GMAC/s", "of the peak"]
     best, *_ = found["chain"]
     alone = found["networks"][f"naec/quibo:{best}"]["cpu_time"]
@@ -220,9 +268,13 @@ def peak_section(found):
     networks = [row(name.replace("/quibo:", ", "), run) for name, run in found["networks"].items()]
     parts = [row(name, run) for name, run in layers.items()]
     recurrent = 3 * (layers["time_gru"]["cpu_time"] + layers["freq_gru"]["cpu_time"])
-    caches = f"""- The caches. Alone the echo suppressor takes {us(alone)} us, in the chain {us(chained)}: between two of its frames the other
+    caches = (
+        f"""- The caches. Alone the echo suppressor takes {us(alone)} us, in the chain {us(chained)}: between two of its frames the other
   modules' weights have taken the place of its own.
-""" if chained > COLDER * alone else ""
+"""
+        if chained > COLDER * alone
+        else ""
+    )
     return f"""{table(["network, kernels", *head], networks)}
 {table(["part of the echo suppressor", *head], parts)}
 What stands between the echo suppressor and the peak:
@@ -242,12 +294,16 @@ def digest_section(found):
 def page(found):
     m = found["machine"]
     busy = found["load"] > QUIET_LOAD * m["cores"]
-    shared = (f"The machine was shared with other work (load {found['load']:.1f}): ratios within a table and\n"
-              "instruction counts hold, times may be a third too long." if busy else "It was otherwise idle.")
+    shared = (
+        f"The machine was shared with other work (load {found['load']:.1f}): ratios within a table and\n"
+        "instruction counts hold, times may be a third too long."
+        if busy
+        else "It was otherwise idle."
+    )
     return f"""# Performance
 
-Written by `./run bench` on {m['date']}, revision {m['revision']}: {m['processor']} ({m['family']}), {m['cores']} cores,
-{m['compiler']}. {shared}
+Written by `./run bench` on {m["date"]}, revision {m["revision"]}: {m["processor"]} ({m["family"]}), {m["cores"]} cores,
+{m["compiler"]}. {shared}
 
 Times are processor time of one thread, of the sample recording played through the whole front end; of each frame the
 smallest of several passes, which leaves out what else the machine did but not what a frame costs more than its

@@ -1,5 +1,6 @@
 #!/usr/bin/env python3
 """Draws docs/pipeline.svg: the chain with the shape of the data and the delay on every arrow."""
+
 import pathlib
 
 BOX = {"io": "#eef1f4", "dsp": "#dbe9f6", "net": "#fbe6cf", "state": "#e4f0dd"}
@@ -9,8 +10,10 @@ out = []
 
 def text(x, y, lines, size=12, weight="normal", anchor="middle", fill="#1b2430"):
     for i, line in enumerate(lines):
-        out.append(f'<text x="{x}" y="{y + i * (size + 3)}" font-size="{size}" font-weight="{weight}" '
-                   f'text-anchor="{anchor}" fill="{fill}">{line}</text>')
+        out.append(
+            f'<text x="{x}" y="{y + i * (size + 3)}" font-size="{size}" font-weight="{weight}" '
+            f'text-anchor="{anchor}" fill="{fill}">{line}</text>'
+        )
 
 
 def box(x, y, width, kind, title, note):
@@ -31,8 +34,9 @@ def arrow(points, label, at=None):
 
 
 def band(y, height, title, note):
-    out.append(f'<rect x="14" y="{y}" width="1132" height="{height}" rx="10" fill="none" stroke="#b9c4ce" '
-               'stroke-dasharray="5 4"/>')
+    out.append(
+        f'<rect x="14" y="{y}" width="1132" height="{height}" rx="10" fill="none" stroke="#b9c4ce" stroke-dasharray="5 4"/>'
+    )
     text(28, y + 20, [title], 13, "bold", "start")
     text(28, y + 37, [note], 11, "normal", "start", "#44525f")
 
@@ -71,11 +75,19 @@ arrow([(660, 575), (752, 575)], ["3 × 480", "0..30 ms"])
 arrow([(892, 415), (976, 415)], ["0 / −1", "30 ms"])
 arrow([(892, 575), (976, 575)], ["degrees", "30 ms"])
 arrow([(822, 444), (822, 546)], ["wake flag of this block: decide on the", "last 15 vectors (x, y), 450 ms"], (832, 492))
-text(28, 652, ["The four FIFOs share one fill counter, data_doa_len (0..479 between calls); an angle empties them all."],
-     11, anchor="start", fill="#44525f")
+text(
+    28,
+    652,
+    ["The four FIFOs share one fill counter, data_doa_len (0..479 between calls); an angle empties them all."],
+    11,
+    anchor="start",
+    fill="#44525f",
+)
 
-svg = ('<svg xmlns="http://www.w3.org/2000/svg" viewBox="0 0 1160 692" font-family="Helvetica, Arial, sans-serif">'
-       '<defs><marker id="head" markerWidth="9" markerHeight="9" refX="8" refY="4" orient="auto">'
-       '<path d="M0,0 L9,4 L0,8 z" fill="#38495a"/></marker></defs>'
-       '<rect width="1160" height="692" fill="white"/>' + "\n".join(out) + "</svg>\n")
+svg = (
+    '<svg xmlns="http://www.w3.org/2000/svg" viewBox="0 0 1160 692" font-family="Helvetica, Arial, sans-serif">'
+    '<defs><marker id="head" markerWidth="9" markerHeight="9" refX="8" refY="4" orient="auto">'
+    '<path d="M0,0 L9,4 L0,8 z" fill="#38495a"/></marker></defs>'
+    '<rect width="1160" height="692" fill="white"/>' + "\n".join(out) + "</svg>\n"
+)
 pathlib.Path(__file__).with_name("pipeline.svg").write_text(svg)

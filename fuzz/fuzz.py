@@ -5,6 +5,7 @@
 BUILD is the folder of the fuzz build. As many targets run at once as there are processors. What a target learns is kept
 in BUILD/corpus, what it finds in BUILD/found, its log in BUILD/logs. Exit status 1 when anything was found.
 """
+
 import concurrent.futures
 import importlib.util
 import os
@@ -41,8 +42,10 @@ def row(target, log, cpu, status):
     text = log.read_text(encoding="utf-8", errors="replace")
     inputs = int(([0] + re.findall(r"number_of_executed_units:\s*(\d+)", text))[-1])
     covered = ([0] + re.findall(r"cov: (\d+)", text))[-1]
-    return (f"{target:12} {inputs:>10} {inputs / max(cpu, 0.01):>10.0f} {cpu:>8.0f} {covered:>8} "
-            f"{'nothing' if status == 0 else 'see ' + str(log)}")
+    return (
+        f"{target:12} {inputs:>10} {inputs / max(cpu, 0.01):>10.0f} {cpu:>8.0f} {covered:>8} "
+        f"{'nothing' if status == 0 else 'see ' + str(log)}"
+    )
 
 
 def main():

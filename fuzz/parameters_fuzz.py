@@ -1,4 +1,5 @@
 """The parameter files' parser on any bytes. Takes libFuzzer's options and corpus folders."""
+
 import pathlib
 import sys
 

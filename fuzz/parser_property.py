@@ -1,4 +1,5 @@
 """What holds of the parameter files' parser for any bytes: held by the fuzzer and by the tests."""
+
 import math
 
 import safetensors_file

@@ -11,6 +11,7 @@ manifest; those of another folder are somebody else's and may differ.
 
 --pin writes the SHA-256 of the files beside the manifest into it, after the same checks: for whoever replaces one.
 """
+
 import array
 import hashlib
 import json
@@ -25,7 +26,7 @@ import safetensors_file
 ELEMENTS = {
     "I8": ("b", "int8_t", str),
     "I16": ("h", "int16_t", str),
-    "I32": ("i", "int32_t", lambda v: str(v) if v > -2**31 else "INT32_MIN"),
+    "I32": ("i", "int32_t", lambda v: str(v) if v > -(2**31) else "INT32_MIN"),
     "F32": ("f", "float", lambda v: repr(v) + "f"),
 }
 PER_LINE = 12
@@ -65,7 +66,7 @@ def source(file_name, expected, found):
         # declared there already.
         lines.append(f"extern const {c_type} {name}[{len(values)}];")
         lines.append(f"const {c_type} {name}[{len(values)}] = {{")
-        lines += ["    " + ", ".join(values[i:i + PER_LINE]) + "," for i in range(0, len(values), PER_LINE)]
+        lines += ["    " + ", ".join(values[i : i + PER_LINE]) + "," for i in range(0, len(values), PER_LINE)]
         lines += ["};", ""]
     return "\n".join(lines)
 
@@ -79,8 +80,10 @@ def load(manifest, folder, pinned):
         try:
             found, _ = safetensors_file.read(path)
             if pinned and sha256(path) != entry["sha256"]:
-                problems.append(f"{file_name}: its SHA-256 is not the manifest's; if it was replaced on purpose, run "
-                                "params/embed.py --pin params/manifest.json")
+                problems.append(
+                    f"{file_name}: its SHA-256 is not the manifest's; if it was replaced on purpose, run "
+                    "params/embed.py --pin params/manifest.json"
+                )
         except FileNotFoundError:
             problems.append(f"{file_name}: no such file in {ascii(str(folder))}")
         except OSError as reason:
@@ -122,10 +125,17 @@ def pin(manifest_path):
     _, problems = load(manifest, manifest_path.parent, pinned=False)
     if not problems:
         sums = {file_name: sha256(manifest_path.parent / file_name) for file_name in manifest}
-        write(manifest_path, "{\n" + ",\n".join(
-            f'  "{file_name}": {{"sha256": "{sums[file_name]}", "tensors": {{\n'
-            + ",\n".join(f'    "{name}": {json.dumps(tensor)}' for name, tensor in entry["tensors"].items())
-            + "\n  }}" for file_name, entry in manifest.items()) + "\n}\n")
+        write(
+            manifest_path,
+            "{\n"
+            + ",\n".join(
+                f'  "{file_name}": {{"sha256": "{sums[file_name]}", "tensors": {{\n'
+                + ",\n".join(f'    "{name}": {json.dumps(tensor)}' for name, tensor in entry["tensors"].items())
+                + "\n  }}"
+                for file_name, entry in manifest.items()
+            )
+            + "\n}\n",
+        )
     return problems
 
 

@@ -6,6 +6,7 @@ and each inverts the other. G is chosen for scrambling: among all multipliers, G
 the lattice {(m, G*m mod P)} (the spectral test of random number generators in two dimensions), 73.8 where no
 lattice of this size can exceed 74.5, so nearby magnitudes never stay near one another.
 """
+
 import pathlib
 import sys
 from array import array
@@ -23,9 +24,11 @@ def multiples(g):
 def main():
     out = pathlib.Path(sys.argv[1] if len(sys.argv) > 1 else pathlib.Path(__file__).parent)
     tensors = {"enc_table": multiples(G), "dec_table": multiples(pow(G, -1, P))}
-    safetensors_file.write(out / "codec.safetensors",
-                           {name: ("I16", [P], values.tobytes()) for name, values in tensors.items()},
-                           {"generator": "params/make_codec.py", "multiplier": str(G)})
+    safetensors_file.write(
+        out / "codec.safetensors",
+        {name: ("I16", [P], values.tobytes()) for name, values in tensors.items()},
+        {"generator": "params/make_codec.py", "multiplier": str(G)},
+    )
 
 
 if __name__ == "__main__":

@@ -6,6 +6,7 @@
 Every table is drawn from a generator seeded with the table's name, uniformly and with the variance that keeps activations
 in range, so that the network runs as a trained one would (finite, no dead layer) and points nowhere in particular.
 """
+
 import json
 import math
 import pathlib
@@ -52,9 +53,11 @@ def main():
     here, out = pathlib.Path(__file__).parent, pathlib.Path(sys.argv[1])
     tensors = json.loads((here / "manifest.json").read_text())[FILE]["tensors"]
     shapes = {name: entry["shape"] for name, entry in tensors.items()}
-    safetensors_file.write(out / FILE,
-                           {name: ("F32", shape, table(name, shape).tobytes()) for name, shape in shapes.items()},
-                           {"generator": "params/make_doa_untrained.py", "trained": "no"})
+    safetensors_file.write(
+        out / FILE,
+        {name: ("F32", shape, table(name, shape).tobytes()) for name, shape in shapes.items()},
+        {"generator": "params/make_doa_untrained.py", "trained": "no"},
+    )
 
 
 if __name__ == "__main__":

@@ -10,6 +10,7 @@ absorb the input zero point, zero point 0 where the clamp is the rectifier. The 
 that of its input, so that noise and speech move all of them and saturate few. The blank's bias keeps the engine silent.
 Two runs write the same bytes.
 """
+
 import math
 import pathlib
 import random
@@ -78,8 +79,7 @@ def make(net):
     relu_mean, relu_spread = rectified(2 * SPREAD)
 
     def conv(number, rows, depth, mean, deviation, spread=SPREAD):
-        return net.layer(f"chinese_conv{number}_weight", f"chinese_conv{number}_bias", rows, depth, mean, deviation,
-                         spread)
+        return net.layer(f"chinese_conv{number}_weight", f"chinese_conv{number}_bias", rows, depth, mean, deviation, spread)
 
     # The per-channel layers have no bias to cancel their input's mean with, so it counts as deviation.
     per_channel = math.hypot(relu_mean, relu_spread)
@@ -93,8 +93,9 @@ def make(net):
 
     packed += [STATE_SCALE, MIDDLE]
     for side, deviation in ("ih", SPREAD), ("hh", STATE_SPREAD):
-        multiplier = net.layer(f"chinese_gru_weight_{side}_l0", f"chinese_gru_bias_{side}_l0", 3 * STATE, STATE, MIDDLE,
-                               deviation)
+        multiplier = net.layer(
+            f"chinese_gru_weight_{side}_l0", f"chinese_gru_bias_{side}_l0", 3 * STATE, STATE, MIDDLE, deviation
+        )
         packed += (multiplier + [MIDDLE, GATE_SCALE]) * 3
 
     width, spread = STATE, STATE_SPREAD
@@ -110,8 +111,9 @@ def make(net):
         net.add(f"chinese_ln{block}_bias", "F32", [WIDTH], [0.2 * net.random.random() - 0.1 for _ in range(WIDTH)])
         width, spread = WIDTH, 1 / NORM_SCALE
 
-    packed += net.layer("chinese_fc_weight", "chinese_fc_bias", CLASSES, WIDTH, MIDDLE, spread, SPREAD / 2,
-                        [(BLANK, BLANK_LEAD)])
+    packed += net.layer(
+        "chinese_fc_weight", "chinese_fc_bias", CLASSES, WIDTH, MIDDLE, spread, SPREAD / 2, [(BLANK, BLANK_LEAD)]
+    )
     return packed + [MIDDLE, SCORE_SCALE, MIDDLE]
 
 
@@ -124,13 +126,17 @@ def main():
     net.add("chinese_fix_param", "F32", [len(packed)], packed)
     weights = mel_filters.weights()
     net.add("fbank_filter1", "F32", [len(weights)], weights)
-    safetensors_file.write(out / "kws.safetensors", net.tensors, {
-        "generator": "params/make_kws_untrained.py",
-        "trained": "no",
-        "training_run": "none",
-        "version": "0",
-        "classes": class_names(),
-    })
+    safetensors_file.write(
+        out / "kws.safetensors",
+        net.tensors,
+        {
+            "generator": "params/make_kws_untrained.py",
+            "trained": "no",
+            "training_run": "none",
+            "version": "0",
+            "classes": class_names(),
+        },
+    )
 
 
 if __name__ == "__main__":

@@ -10,6 +10,7 @@ activations in range. Two choices make the untrained chain harmless: the first l
 up to 256) down to the order of 1, and the last stage is small with a bias of OPEN. The masks then stay near
 sigmoid(OPEN) = 0.98 whatever is heard, and both suppressors pass their input on, delayed and a little quieter.
 """
+
 import json
 import math
 import pathlib
@@ -22,8 +23,8 @@ import safetensors_file
 FILES = ("ns.safetensors", "naec.safetensors")
 SMALL = 0.05
 FIRST = 0.02  # gain of the layers that read the spectrum
-LAST = 0.1    # gain of the layers that make the masks
-OPEN = 4.0    # sigmoid argument of an open mask
+LAST = 0.1  # gain of the layers that make the masks
+OPEN = 4.0  # sigmoid argument of an open mask
 
 
 def bounds(name, shape):
@@ -62,9 +63,11 @@ def main():
     manifest = json.loads((pathlib.Path(__file__).parent / "manifest.json").read_text())
     for file_name in FILES:
         shapes = {name: entry["shape"] for name, entry in manifest[file_name]["tensors"].items()}
-        safetensors_file.write(out / file_name,
-                               {name: ("F32", shape, table(name, shape).tobytes()) for name, shape in shapes.items()},
-                               {"generator": "params/make_suppressors_untrained.py", "trained": "no"})
+        safetensors_file.write(
+            out / file_name,
+            {name: ("F32", shape, table(name, shape).tobytes()) for name, shape in shapes.items()},
+            {"generator": "params/make_suppressors_untrained.py", "trained": "no"},
+        )
 
 
 if __name__ == "__main__":

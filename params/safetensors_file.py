@@ -5,6 +5,7 @@ The format: 8 bytes little-endian header length, a JSON object {name: {dtype, sh
 
 Files come from outside, so they are read strictly: what another reader might take differently is refused.
 """
+
 import json
 import math
 import os
@@ -58,7 +59,7 @@ def parse(blob):
         raise FormatError(f"a header longer than {LARGEST_HEADER} bytes")
     if length > len(blob) - 8:
         raise FormatError("truncated header")
-    header, body = _object(blob[8:8 + length]), blob[8 + length:]
+    header, body = _object(blob[8 : 8 + length]), blob[8 + length :]
     metadata = header.pop("__metadata__", {})
     if not isinstance(metadata, dict) or not all(isinstance(v, str) for v in metadata.values()):
         raise FormatError("malformed header (metadata that are not strings)")

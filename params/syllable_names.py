@@ -1,4 +1,5 @@
 """The classes of the wake-up network by name: the syllables of syllables.txt, the filler before and the blank behind them."""
+
 import pathlib
 
 FILE = pathlib.Path(__file__).parent / "syllables.txt"

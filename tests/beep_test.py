@@ -1,4 +1,5 @@
 """The sample scene after a beep: a device whose alarm rang hears what it heard before."""
+
 import ctypes
 import json
 import subprocess
@@ -13,12 +14,17 @@ LATE = 1.5  # s after a phrase
 @pytest.fixture(scope="module")
 def sample(source, build, unsanitized):
     """The sample's frames: per frame the six channels, 1024 int16 each."""
-    raw = subprocess.run(["flac", "-dcs", "--force-raw-format", "--endian=little", "--sign=signed",
-                          source / "samples/living_room.flac"], check=True, capture_output=True).stdout
+    raw = subprocess.run(
+        ["flac", "-dcs", "--force-raw-format", "--endian=little", "--sign=signed", source / "samples/living_room.flac"],
+        check=True,
+        capture_output=True,
+    ).stdout
     samples = memoryview(raw).cast("h")
     whole = len(samples) // (CHANNELS * FRAME)
-    return [[samples[(f * FRAME) * CHANNELS + c:(f + 1) * FRAME * CHANNELS:CHANNELS].tobytes() for c in range(CHANNELS)]
-            for f in range(whole)]
+    return [
+        [samples[(f * FRAME) * CHANNELS + c : (f + 1) * FRAME * CHANNELS : CHANNELS].tobytes() for c in range(CHANNELS)]
+        for f in range(whole)
+    ]
 
 
 def beep(frame, level):

@@ -3,6 +3,7 @@
 The bars leave about 5 dB to what was seen; they tell trained parameters that work from ones that were damaged, mixed up or
 trained on something else, not one training from the next (./run evaluate does that).
 """
+
 import json
 import subprocess
 
@@ -10,8 +11,8 @@ import pytest
 
 FAR_END_BAR_DB = 25  # echo reduction of every stretch in which only the device plays
 TALKERS_BAR_DB = 10  # talkers over the rest while nothing plays and no tap runs
-BOTH_BAR_DB = 12     # what double talk gains
-HEARD_BAR = 4        # of the five wake phrases
+BOTH_BAR_DB = 12  # what double talk gains
+HEARD_BAR = 4  # of the five wake phrases
 ANGLE_BAR_DEG = 15
 
 
@@ -22,14 +23,42 @@ def found(build, source, tmp_path_factory, unsanitized):
     capture = folder / "wav/input_frame_20251107_140756.pcm"
     for name in ("wav", "wav2"):
         (folder / name).mkdir()
-    subprocess.run(["flac", "-d", "-s", "--force-raw-format", "--endian=little", "--sign=signed", "-o", capture,
-                    source / "samples/living_room.flac"], check=True)
+    subprocess.run(
+        [
+            "flac",
+            "-d",
+            "-s",
+            "--force-raw-format",
+            "--endian=little",
+            "--sign=signed",
+            "-o",
+            capture,
+            source / "samples/living_room.flac",
+        ],
+        check=True,
+    )
     printed = subprocess.run([build / "quibo_demo"], cwd=folder, check=True, capture_output=True).stdout
     (folder / "printed.txt").write_bytes(printed)
     subprocess.run(
-        ["python3", source / "tools/demo_report.py", "--scene", source / "samples/living_room.json", "--capture", capture,
-         "--output", folder / "wav2/nnaec.pcm", "--events", folder / "printed.txt", "--codec", build / "libquibo.so",
-         "--json", folder / "found.json"], check=True, capture_output=True)
+        [
+            "python3",
+            source / "tools/demo_report.py",
+            "--scene",
+            source / "samples/living_room.json",
+            "--capture",
+            capture,
+            "--output",
+            folder / "wav2/nnaec.pcm",
+            "--events",
+            folder / "printed.txt",
+            "--codec",
+            build / "libquibo.so",
+            "--json",
+            folder / "found.json",
+        ],
+        check=True,
+        capture_output=True,
+    )
     return json.loads((folder / "found.json").read_text(encoding="utf-8"))
 
 

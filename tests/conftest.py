@@ -1,5 +1,6 @@
 """What the Python tests share. The build under test is the one in the environment variable QUIBO_BUILD_DIR; ctest
 sets it."""
+
 import os
 import pathlib
 import subprocess

@@ -5,6 +5,7 @@ talker; heard through cancellers and noise suppressors. The direction is asked f
 spoken. The bar tells parameters that work, and headings that mean the same in training and in the library, from ones that
 do not; ./run evaluate measures how well.
 """
+
 import array
 import ctypes
 import json
@@ -25,7 +26,7 @@ def frames(build, channels):
         assert quibo.QuibAncInit(ctypes.byref(handle), ctypes.c_float(FLOOR)) == 0
     buffer = ctypes.c_int16 * FRAME
     for start in range(0, len(channels[0]) // FRAME * FRAME, FRAME):
-        inputs = [buffer(*channels[c][start:start + FRAME]) for c in (0, 1, 2, 4)]
+        inputs = [buffer(*channels[c][start : start + FRAME]) for c in (0, 1, 2, 4)]
         outputs = [buffer() for _ in range(4)]
         assert quibo.Quibo_wakeup_three_write_data(front_end, *inputs, *outputs) == 0
         for handle, mic in zip(suppressors, outputs):
@@ -38,11 +39,26 @@ def frames(build, channels):
 
 def test_the_estimator_points_at_every_talker_of_the_sample(build, source, unsanitized):
     scene = json.loads((source / "samples/living_room.json").read_text(encoding="utf-8"))
-    raw = subprocess.run(["flac", "-d", "-c", "-s", "--force-raw-format", "--endian=little", "--sign=signed",
-                          source / "samples" / scene["file"]], check=True, stdout=subprocess.PIPE).stdout
+    raw = subprocess.run(
+        [
+            "flac",
+            "-d",
+            "-c",
+            "-s",
+            "--force-raw-format",
+            "--endian=little",
+            "--sign=signed",
+            source / "samples" / scene["file"],
+        ],
+        check=True,
+        stdout=subprocess.PIPE,
+    ).stdout
     channels = [array.array("h", raw)[c::6] for c in range(6)]
-    asked = {int((talker["end"] + ASKED_SECONDS) * RATE) // BLOCK: talker
-             for stretch in scene["stretches"] for talker in stretch["speaks"]}
+    asked = {
+        int((talker["end"] + ASKED_SECONDS) * RATE) // BLOCK: talker
+        for stretch in scene["stretches"]
+        for talker in stretch["speaks"]
+    }
 
     quibo = ctypes.CDLL(str(build / "libquibo.so"))
     estimator, pending, block, off = ctypes.c_void_p(), [[], [], []], 0, {}

@@ -1,5 +1,6 @@
 """The demo driver: its files, its printed lines, its exit status. The scripted driver runs on a front end that
 reports known wakes and angles (support/scripted_front_end.cpp)."""
+
 import array
 import os
 import random
@@ -153,6 +154,11 @@ def test_an_output_that_is_the_input_is_refused_and_left_as_it_is(build, folder,
 
 def test_48_kib_of_stack_are_enough(build, folder, unsanitized):
     write_capture(folder, noise(4))
-    result = subprocess.run([build / "quibo_demo"], cwd=folder, capture_output=True, text=True,
-                            preexec_fn=lambda: resource.setrlimit(resource.RLIMIT_STACK, (48 << 10, 48 << 10)))
+    result = subprocess.run(
+        [build / "quibo_demo"],
+        cwd=folder,
+        capture_output=True,
+        text=True,
+        preexec_fn=lambda: resource.setrlimit(resource.RLIMIT_STACK, (48 << 10, 48 << 10)),
+    )
     assert (result.returncode, result.stderr) == (0, "")

@@ -4,6 +4,7 @@ ARM under emulation, and with every kernel call held against the scalar one; and
 The second and third need builds that ./run check makes; it names their folders in QUIBO_CROSS_BUILDS and
 QUIBO_CHECKED_BUILD.
 """
+
 import os
 import pathlib
 import subprocess
@@ -14,9 +15,14 @@ SHORT = 40  # frames of 64 ms: two wakes; for builds that run slowly
 
 # Emulator, processors and the variants each of these must offer.
 EMULATED = {
-    "build-aarch64": (["qemu-aarch64", "-L", "/usr/aarch64-linux-gnu"],
-                      {"max": ["scalar", "neon", "neon_dotprod", "neon_i8mm"],
-                       "cortex-a76": ["scalar", "neon", "neon_dotprod"], "cortex-a53": ["scalar", "neon"]}),
+    "build-aarch64": (
+        ["qemu-aarch64", "-L", "/usr/aarch64-linux-gnu"],
+        {
+            "max": ["scalar", "neon", "neon_dotprod", "neon_i8mm"],
+            "cortex-a76": ["scalar", "neon", "neon_dotprod"],
+            "cortex-a53": ["scalar", "neon"],
+        },
+    ),
     # NEON of 32-bit ARM flushes denormals to zero, so it cannot give the same bits.
     "build-armhf": (["qemu-arm", "-L", "/usr/arm-linux-gnueabihf"], {"max": ["scalar"]}),
 }
@@ -25,15 +31,28 @@ EMULATED = {
 @pytest.fixture(scope="module")
 def capture(source, tmp_path_factory):
     path = tmp_path_factory.mktemp("sample") / "capture.raw"
-    subprocess.run(["flac", "-d", "-s", "--force-raw-format", "--endian=little", "--sign=signed", "-o", path,
-                    source / "samples/living_room.flac"], check=True)
+    subprocess.run(
+        [
+            "flac",
+            "-d",
+            "-s",
+            "--force-raw-format",
+            "--endian=little",
+            "--sign=signed",
+            "-o",
+            path,
+            source / "samples/living_room.flac",
+        ],
+        check=True,
+    )
     return path
 
 
 def digest(build, capture, variant, frames, emulator=()):
     command = [*emulator, build / "quibo_digest", capture, str(frames)]
-    return subprocess.run(command, check=True, capture_output=True, text=True,
-                          env={**os.environ, "QUIBO_KERNELS": variant}).stdout
+    return subprocess.run(
+        command, check=True, capture_output=True, text=True, env={**os.environ, "QUIBO_KERNELS": variant}
+    ).stdout
 
 
 def variants(build, emulator=()):

@@ -1,5 +1,6 @@
 """The kernels whose multiply-adds round once give other bits; how far they may be from the exact ones: the sample
 recording through the whole front end with each of them."""
+
 import array
 import math
 import os
@@ -19,15 +20,32 @@ ANGLE_DEGREES = 1
 @pytest.fixture(scope="module")
 def capture(source, tmp_path_factory):
     path = tmp_path_factory.mktemp("sample") / "capture.raw"
-    subprocess.run(["flac", "-d", "-s", "--force-raw-format", "--endian=little", "--sign=signed", "-o", path,
-                    source / "samples/living_room.flac"], check=True)
+    subprocess.run(
+        [
+            "flac",
+            "-d",
+            "-s",
+            "--force-raw-format",
+            "--endian=little",
+            "--sign=signed",
+            "-o",
+            path,
+            source / "samples/living_room.flac",
+        ],
+        check=True,
+    )
     return path
 
 
 def play(build, capture, variant, out):
     """(digest lines, {frame: angle} of the wakes, what the suppressors put out)"""
-    text = subprocess.run([build / "quibo_digest", capture, str(FRAMES), out], check=True, capture_output=True, text=True,
-                          env={**os.environ, "QUIBO_KERNELS": variant}).stdout
+    text = subprocess.run(
+        [build / "quibo_digest", capture, str(FRAMES), out],
+        check=True,
+        capture_output=True,
+        text=True,
+        env={**os.environ, "QUIBO_KERNELS": variant},
+    ).stdout
     digests = dict(re.findall(r"^([a-z -]+?) +([0-9a-f]{16})$", text, re.MULTILINE))
     wakes = {int(frame): int(angle) for frame, angle in re.findall(r"wake 0 at frame (\d+), angle (-?\d+)", text)}
     return digests, wakes, array.array("h", out.read_bytes())
@@ -37,7 +55,7 @@ def distance(exact, other, part):
     """dB between the signal and what differs, over that part of every frame."""
     signal = error = 0
     for i in range(0, len(exact), FRAME + 3 * FIFO):
-        for x, y in zip(exact[i + part.start:i + part.stop], other[i + part.start:i + part.stop]):
+        for x, y in zip(exact[i + part.start : i + part.stop], other[i + part.start : i + part.stop]):
             signal += x * x
             error += (x - y) ** 2
     return 10 * math.log10(signal / max(error, 1))

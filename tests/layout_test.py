@@ -1,4 +1,5 @@
 """Who includes whom: each folder of the library itself and those below it."""
+
 import os
 import re
 

@@ -1,4 +1,5 @@
 """The built library and its installation, seen from outside: what it needs, what it exports, who can use it."""
+
 import platform
 import re
 import subprocess
@@ -153,15 +154,30 @@ def test_every_installed_header_stands_alone(prefix, compiler):
     for header in headers:
         name = header.relative_to(prefix / "include")
         language = "c" if compiler[0] == "cc" else "c++"
-        run(*compiler, *WARNINGS, "-fsyntax-only", f"-I{prefix}/include", "-x", language, "-",
-            input=f"#include <{name}>\n#include <{name}>\ntypedef int used;\n")
+        run(
+            *compiler,
+            *WARNINGS,
+            "-fsyntax-only",
+            f"-I{prefix}/include",
+            "-x",
+            language,
+            "-",
+            input=f"#include <{name}>\n#include <{name}>\ntypedef int used;\n",
+        )
 
 
 def test_a_cmake_project_finds_and_runs_both_libraries(prefix, tmp_path, unsanitized):
     (tmp_path / "main.c").write_text(CONSUMER)
     (tmp_path / "CMakeLists.txt").write_text(CONSUMER_CMAKE)
-    run("cmake", "-S", tmp_path, "-B", tmp_path / "build", f"-DCMAKE_PREFIX_PATH={prefix}",
-        f"-DCMAKE_C_FLAGS=-std=c99 {' '.join(WARNINGS)}")
+    run(
+        "cmake",
+        "-S",
+        tmp_path,
+        "-B",
+        tmp_path / "build",
+        f"-DCMAKE_PREFIX_PATH={prefix}",
+        f"-DCMAKE_C_FLAGS=-std=c99 {' '.join(WARNINGS)}",
+    )
     run("cmake", "--build", tmp_path / "build")
     for kind in "shared", "static":
         assert run(tmp_path / "build" / f"with_{kind}") == CONSUMER_OUTPUT

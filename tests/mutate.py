@@ -3,6 +3,7 @@ notice. Prints what nobody noticed; exits with 1 if anything did not.
 
     python3 tests/mutate.py [FIRST [LAST]]      in build-mutate/
 """
+
 import pathlib
 import shutil
 import subprocess
@@ -14,26 +15,30 @@ COPY, BUILD = SOURCE / "build-mutate/source", SOURCE / "build-mutate/build"
 # File, what stands there (once), what it becomes, the tests that should notice.
 MUTATIONS = [
     # Which kernels are in use.
-    ("kernels/kernels.cpp", "in_use = available_kernels(i);", "in_use = available_kernels(0);",
-     "kernels_test"),
+    ("kernels/kernels.cpp", "in_use = available_kernels(i);", "in_use = available_kernels(0);", "kernels_test"),
     ("kernels/kernels.cpp", "if (wanted && *wanted && use_kernels(wanted)) return;", "", "kernels_test"),
     ("kernels/kernels.cpp", '__builtin_cpu_supports("avx512f") &&', "false &&", "kernels_test"),
     # Decoder.
-    ("wakeup/decoder.cpp", "j <= word->seqLen - 2; ++j) word->dp[j] *= factor",
-     "j < word->seqLen - 2; ++j) word->dp[j] *= factor",
-     "wakeup_decoder_test"),
-    ("wakeup/decoder.cpp", "int j = 1; j <= word->seqLen - 2", "int j = 2; j <= word->seqLen - 2",
-     "wakeup_decoder_test"),
+    (
+        "wakeup/decoder.cpp",
+        "j <= word->seqLen - 2; ++j) word->dp[j] *= factor",
+        "j < word->seqLen - 2; ++j) word->dp[j] *= factor",
+        "wakeup_decoder_test",
+    ),
+    ("wakeup/decoder.cpp", "int j = 1; j <= word->seqLen - 2", "int j = 2; j <= word->seqLen - 2", "wakeup_decoder_test"),
     ("wakeup/decoder.cpp", "j >= 2 && label != KWS_BLANK &&", "j >= 2 &&", "wakeup_decoder_test"),
     ("wakeup/decoder.cpp", "&& word->pseq[j - 2] != label", "", "wakeup_decoder_test"),
     ("wakeup/decoder.cpp", "score > 1.0f ? 1.0f : score", "score", "wakeup_decoder_test"),
     ("wakeup/decoder.cpp", "blank > kBlankStep", "blank >= 0.9f", "wakeup_decoder_test"),
-    ("wakeup/decoder.cpp", "++decoder->blank_cnt > kResetSteps", "++decoder->blank_cnt >= kResetSteps",
-     "wakeup_decoder_test"),
+    ("wakeup/decoder.cpp", "++decoder->blank_cnt > kResetSteps", "++decoder->blank_cnt >= kResetSteps", "wakeup_decoder_test"),
     ("wakeup/decoder.cpp", "blank_cnt > kFastDecaySteps", "blank_cnt >= kFastDecaySteps", "wakeup_decoder_test"),
     ("wakeup/decoder.cpp", "if (i == 0) {", "if (true) {", "wakeup_decoder_test"),
-    ("wakeup/decoder.cpp", "decoder->no_wake_time <= kStrictSteps", "decoder->no_wake_time < kStrictSteps",
-     "wakeup_decoder_test"),
+    (
+        "wakeup/decoder.cpp",
+        "decoder->no_wake_time <= kStrictSteps",
+        "decoder->no_wake_time < kStrictSteps",
+        "wakeup_decoder_test",
+    ),
     ("wakeup/decoder.cpp", "syllables > KWS_MAX_SYLLABLES", "syllables > KWS_MAX_SYLLABLES + 1", "wakeup_decoder_test"),
     ("wakeup/decoder.cpp", "if (scores[kFiller] > 0.0f) scores", "scores", "wakeup_network_test"),
     ("wakeup/decoder.cpp", "word->dp[0] = 1.0f;", "", "wakeup_decoder_test"),
@@ -42,18 +47,29 @@ MUTATIONS = [
     ("wakeup/ChineseConv.cpp", "  start_recog(p->mynet.pdec);", "", "wakeup_api_test"),
     ("wakeup/quantised.cpp", "zero_point < -kSpan ? -kSpan :", "", "wakeup_network_test"),
     ("wakeup/quantised.cpp", "zero_point > kSpan ? kSpan :", "", "wakeup_network_test"),
-    ("wakeup/quantised.cpp", "{multiplier(M0, M1), static_cast<float>(zero_point), 0.0f, 255.0f, 0}",
-     "{multiplier(M0, M1), 0.0f, 0.0f, 255.0f, zero_point}", "wakeup_network_test"),
+    (
+        "wakeup/quantised.cpp",
+        "{multiplier(M0, M1), static_cast<float>(zero_point), 0.0f, 255.0f, 0}",
+        "{multiplier(M0, M1), 0.0f, 0.0f, 255.0f, zero_point}",
+        "wakeup_network_test",
+    ),
     ("wakeup/quantised.h", "x > 10.0f) return 1.0f", "x >= 10.0f) return 1.0f", "wakeup_network_test"),
     ("wakeup/quantised.h", "if (x < -8.0f) return -1.0f;", "", "wakeup_network_test"),
-    ("wakeup/quantised.h", "static_cast<int32_t>(x + kBelowHalf)", "static_cast<int32_t>(x + 0.5f)",
-     "wakeup_network_test"),
+    ("wakeup/quantised.h", "static_cast<int32_t>(x + kBelowHalf)", "static_cast<int32_t>(x + 0.5f)", "wakeup_network_test"),
     ("wakeup/layers.cpp", "&& !all_equal(in)", "", "wakeup_network_test"),
-    ("wakeup/layers.cpp", "memmove(memory, memory + 1, KWS_CHANNELS * KWS_MEMORY - 1);",
-     "memmove(memory, memory + 1, KWS_CHANNELS * KWS_MEMORY - 8);", "wakeup_network_test"),
+    (
+        "wakeup/layers.cpp",
+        "memmove(memory, memory + 1, KWS_CHANNELS * KWS_MEMORY - 1);",
+        "memmove(memory, memory + 1, KWS_CHANNELS * KWS_MEMORY - 8);",
+        "wakeup_network_test",
+    ),
     ("wakeup/features.cpp", "f * kMelHop", "f * (kMelHop - 1)", "wakeup_network_test"),
-    ("wakeup/features.cpp", "memcpy(data->qleft.conv1_left, frames + KWS_FRAMES", "memcpy(data->qleft.conv1_left, frames + 2",
-     "wakeup_network_test"),
+    (
+        "wakeup/features.cpp",
+        "memcpy(data->qleft.conv1_left, frames + KWS_FRAMES",
+        "memcpy(data->qleft.conv1_left, frames + 2",
+        "wakeup_network_test",
+    ),
     ("wakeup/ChineseParams.cpp", "(*slot)->in_zero_point == 0;", "true;", "wakeup_api_test"),
     ("wakeup/ChineseParams.cpp", "decoder->wake_cand = -1;", "", "wakeup_decoder_test"),
     # Canceller.
@@ -74,25 +90,45 @@ MUTATIONS = [
     ("denoise/denoise.cpp", "(*slot)->norm_bias = tables.norm_bias;", "", "denoise_test"),
     ("aec/aec_denoise.cpp", "memset(sh_time_gru2_hidden, 0, sizeof sh_time_gru2_hidden);", "", "aec_denoise_test"),
     ("aec/aec_denoise_net.cpp", "k < kLowBins; ++k", "k < kLowBins - 1; ++k", "aec_denoise_test"),
-    ("aec/aec_denoise_net.cpp", "d->mask_imag[k] = im_by_R[k] + re_by_I[k];", "d->mask_imag[k] = im_by_R[k] - re_by_I[k];",
-     "aec_denoise_test"),
-    ("nn/net_layers.h", "layer->bias_in2 = tables.bias + 3 * hidden;", "layer->bias_in2 = tables.bias + 2 * hidden;",
-     "denoise_test aec_denoise_test"),
+    (
+        "aec/aec_denoise_net.cpp",
+        "d->mask_imag[k] = im_by_R[k] + re_by_I[k];",
+        "d->mask_imag[k] = im_by_R[k] - re_by_I[k];",
+        "aec_denoise_test",
+    ),
+    (
+        "nn/net_layers.h",
+        "layer->bias_in2 = tables.bias + 3 * hidden;",
+        "layer->bias_in2 = tables.bias + 2 * hidden;",
+        "denoise_test aec_denoise_test",
+    ),
     ("nn/conv_layer.h", "row[0] = row[kRow - 1] = 0.0f;", "row[0] = 0.0f;", "denoise_test aec_denoise_test"),
     # Direction.
     ("doa/doa_decision.cpp", "length > best", "length >= best", "doa_test"),
     ("doa/doa_decision.cpp", "kDecisionBlocks = 15", "kDecisionBlocks = 16", "doa_test"),
     ("doa/doa_decision.cpp", "memcpy(row, kEmptyRow, sizeof row);", ";", "doa_test"),
-    ("doa/doa_network.cpp", "k + 1 < kTaps; ++k) past[k] = past[k + 1]", "k + 2 < kTaps; ++k) past[k] = past[k + 1]",
-     "doa_network_test"),
-    ("doa/doa_features.cpp", "doa_get_two_mics_gcc_feat(dlayer, 1, 2,", "doa_get_two_mics_gcc_feat(dlayer, 2, 1,",
-     "doa_features_test"),
+    (
+        "doa/doa_network.cpp",
+        "k + 1 < kTaps; ++k) past[k] = past[k + 1]",
+        "k + 2 < kTaps; ++k) past[k] = past[k + 1]",
+        "doa_network_test",
+    ),
+    (
+        "doa/doa_features.cpp",
+        "doa_get_two_mics_gcc_feat(dlayer, 1, 2,",
+        "doa_get_two_mics_gcc_feat(dlayer, 2, 1,",
+        "doa_features_test",
+    ),
     # Front end, codec, limiter, elementary functions, features.
     ("api/WakeupApi.cpp", "return QUIBO_FIFO;", "return pending + len;", "front_end_test"),
     ("api/WakeupApi.cpp", "int32_t woken = 0;  // from", "int32_t woken = 1;  // from", "front_end_test"),
     ("api/enc_dec_wav_data.cpp", "x < -kBound ||", "", "codec_test"),
-    ("limiter/zq_MPO.cpp", "memmove(xd + 9, xd + 8, 8 * sizeof *xd);", "memmove(xd + 9, xd + 8, 7 * sizeof *xd);",
-     "limiter_test"),
+    (
+        "limiter/zq_MPO.cpp",
+        "memmove(xd + 9, xd + 8, 8 * sizeof *xd);",
+        "memmove(xd + 9, xd + 8, 7 * sizeof *xd);",
+        "limiter_test",
+    ),
     ("dsp/log_mel.cpp", "energy != 0.0f ?", "energy > 1e-3f ?", "log_mel_test"),
     ("dsp/elementary.cpp", "for (int k = 17; k > 0; k -= 2)", "for (int k = 9; k > 0; k -= 2)", "elementary_test"),
 ]
@@ -120,7 +156,7 @@ def main(first=1, last=None):
         if not (COPY / name).exists() or (COPY / name).read_bytes() != (SOURCE / name).read_bytes():
             shutil.copy(SOURCE / name, COPY / name)
     run("cmake", "-S", COPY, "-B", BUILD, "-DQUIBO_BUILD_TESTS=ON", "-DCMAKE_CXX_FLAGS_RELEASE=-O1")
-    chosen = list(enumerate(MUTATIONS, 1))[first - 1:last]
+    chosen = list(enumerate(MUTATIONS, 1))[first - 1 : last]
     if not build(sorted({test for _, mutation in chosen for test in mutation[3].split()})):
         sys.exit("the tests do not build")
     survived = 0

@@ -1,4 +1,5 @@
 """The build step that embeds the parameter files: what it refuses, and that what it is given arrives."""
+
 import array
 import ctypes
 import hashlib
@@ -22,8 +23,10 @@ TENSORS = {"weight": {"dtype": "F32", "shape": [2, 3]}, "bias": {"dtype": "I8", 
 
 
 def tensors(weight=(0.0,) * 6, bias=(1, -128)):
-    return {"weight": ("F32", [2, 3], array.array("f", weight).tobytes()),
-            "bias": ("I8", [2], array.array("b", bias).tobytes())}
+    return {
+        "weight": ("F32", [2, 3], array.array("f", weight).tobytes()),
+        "bias": ("I8", [2], array.array("b", bias).tobytes()),
+    }
 
 
 def write(folder, content):
@@ -62,8 +65,9 @@ def replace(folder, text, body=b"", length=None):
 
 
 def entry(begin, end, dtype="I8", shape=None):
-    return json.dumps({"dtype": dtype, "shape": [end - begin] if shape is None else shape,
-                       "data_offsets": [begin, end]}).encode()
+    return json.dumps(
+        {"dtype": dtype, "shape": [end - begin] if shape is None else shape, "data_offsets": [begin, end]}
+    ).encode()
 
 
 def two(first, second):
@@ -86,10 +90,14 @@ FAULTS = {
     "gap at the start": (lambda f: replace(f, b'{"bias":' + entry(1, 3) + b"}", b"123"), ["bias does not begin where"]),
     "overlap": (lambda f: replace(f, two(entry(0, 2), entry(1, 3)), b"123"), ["weight does not begin where"]),
     "the same bytes twice": (lambda f: replace(f, two(entry(0, 2), entry(0, 2)), b"12"), ["does not begin where"]),
-    "a name twice": (lambda f: replace(f, b'{"bias":%b,"bias":%b}' % (entry(0, 1), entry(1, 2)), b"12"),
-                     ["a name stands twice"]),
-    "a field twice": (lambda f: replace(f, b'{"bias":{"dtype":"I8","dtype":"I8","shape":[1],"data_offsets":[0,1]}}', b"1"),
-                      ["a name stands twice"]),
+    "a name twice": (
+        lambda f: replace(f, b'{"bias":%b,"bias":%b}' % (entry(0, 1), entry(1, 2)), b"12"),
+        ["a name stands twice"],
+    ),
+    "a field twice": (
+        lambda f: replace(f, b'{"bias":{"dtype":"I8","dtype":"I8","shape":[1],"data_offsets":[0,1]}}', b"1"),
+        ["a name stands twice"],
+    ),
     "not JSON": (lambda f: replace(f, b"{nonsense"), ["malformed header"]),
     "not UTF-8": (lambda f: replace(f, b'{"\xff":1}'), ["malformed header"]),
     "not an object": (lambda f: replace(f, b"[1]"), ["malformed header"]),
@@ -99,16 +107,22 @@ FAULTS = {
     "nested deeply": (lambda f: replace(f, b"[" * 500000), ["nested too deeply"]),
     "a number without end": (lambda f: replace(f, b'{"bias":%b}' % (b"9" * 100000)), ["malformed header"]),
     "sizes without bound": (lambda f: replace(f, b'{"bias":%b}' % entry(0, 1, shape=[2**62] * 8)), ["shape of tensor bias"]),
-    "dimensions without bound": (lambda f: replace(f, b'{"bias":%b}' % entry(0, 1, shape=[1] * 10000), b"1"),
-                                 ["shape of tensor bias"]),
+    "dimensions without bound": (
+        lambda f: replace(f, b'{"bias":%b}' % entry(0, 1, shape=[1] * 10000), b"1"),
+        ["shape of tensor bias"],
+    ),
     "a negative size": (lambda f: replace(f, b'{"bias":%b}' % entry(0, 1, shape=[-1, -1]), b"1"), ["shape of tensor bias"]),
-    "a size that is no integer": (lambda f: replace(f, b'{"bias":%b}' % entry(0, 1, shape=[1.0]), b"1"),
-                                  ["shape of tensor bias"]),
+    "a size that is no integer": (
+        lambda f: replace(f, b'{"bias":%b}' % entry(0, 1, shape=[1.0]), b"1"),
+        ["shape of tensor bias"],
+    ),
     "offsets backwards": (lambda f: replace(f, b'{"bias":%b}' % entry(2, 0, shape=[0]), b"12"), ["offsets of tensor bias"]),
     "sizes disagree": (lambda f: replace(f, b'{"bias":%b}' % entry(0, 3, shape=[2]), b"abc"), ["do not fit"]),
     "unknown type": (lambda f: replace(f, b'{"bias":%b}' % entry(0, 2, dtype="\x1b[31m"), b"12"), ["none of I8, "]),
-    "a name for the terminal": (lambda f: replace(f, b'{"\\u001b[2J\\n\xe2\x80\xae":%b}' % entry(0, 1), b"1"),
-                                ["a tensor's name is not"]),
+    "a name for the terminal": (
+        lambda f: replace(f, b'{"\\u001b[2J\\n\xe2\x80\xae":%b}' % entry(0, 1), b"1"),
+        ["a tensor's name is not"],
+    ),
     "a long name": (lambda f: replace(f, b'{"%b":%b}' % (b"a" * 101, entry(0, 1)), b"1"), ["a tensor's name is not"]),
     "missing tensor": (lambda f: write(f, without(tensors(), "bias")), ["tensor bias is missing"]),
     "unknown tensor": (lambda f: write(f, {**tensors(), "extra": ("I8", [1], b"a")}), ["extra is not one the library"]),
@@ -149,8 +163,9 @@ def test_a_file_cut_or_changed_anywhere_is_read_or_refused(tmp_path):
         blob = bytearray(good)
         for _ in range(rng.randint(1, 4)):
             at = rng.randrange(len(blob))
-            blob[at:at + rng.choice([0, 1, 1, 5])] = rng.choice(
-                [b"", bytes([rng.randrange(256)]), b"0", b"9" * 30, b"-1", b"[", b"{", b'"', b"null", b"1e999", b"\\ud800"])
+            blob[at : at + rng.choice([0, 1, 1, 5])] = rng.choice(
+                [b"", bytes([rng.randrange(256)]), b"0", b"9" * 30, b"-1", b"[", b"{", b'"', b"null", b"1e999", b"\\ud800"]
+            )
         hold(bytes(blob))
 
 
@@ -187,8 +202,10 @@ def test_pinning_changes_nothing_of_an_up_to_date_manifest_and_refuses_files_tha
 def test_a_malformed_manifest_is_one_line(source, tmp_path, text):
     write(tmp_path, tensors())
     (tmp_path / "manifest.json").write_text(text)
-    for result in (run_tool(source, tmp_path / "manifest.json", tmp_path, tmp_path / "out"),
-                   run_tool(source, "--pin", tmp_path / "manifest.json")):
+    for result in (
+        run_tool(source, tmp_path / "manifest.json", tmp_path, tmp_path / "out"),
+        run_tool(source, "--pin", tmp_path / "manifest.json"),
+    ):
         assert result.returncode == 1 and result.stderr.startswith("params: the manifest is malformed")
         assert result.stderr.count("\n") == 1
 
@@ -208,25 +225,29 @@ def test_every_value_is_written_exactly(source, tmp_path):
     bits = [0x00000000, 0x80000000, 0x00000001, 0x807FFFFF, 0x00800000, 0x7F7FFFFF, 0xFF7FFFFF, 0x3EAAAAAB, 0x3DCCCCCD]
     bits += [b for b in (rng.getrandbits(32) for _ in range(5000)) if b >> 23 & 0xFF != 0xFF]
     floats = array.array("f", array.array("I", bits).tobytes())
-    integers = {"I8": [-128, -1, 0, 127], "I16": [-2**15, 2**15 - 1], "I32": [-2**31, -2**31 + 1, 2**31 - 1]}
+    integers = {"I8": [-128, -1, 0, 127], "I16": [-(2**15), 2**15 - 1], "I32": [-(2**31), -(2**31) + 1, 2**31 - 1]}
     content = {"f": ("F32", [len(floats)], floats.tobytes())}
     for dtype, values in integers.items():
-        content[dtype.lower()] = (dtype, [len(values)], array.array({"I8": "b", "I16": "h", "I32": "i"}[dtype],
-                                                                    values).tobytes())
+        content[dtype.lower()] = (
+            dtype,
+            [len(values)],
+            array.array({"I8": "b", "I16": "h", "I32": "i"}[dtype], values).tobytes(),
+        )
     expected = {name: {"dtype": dtype, "shape": shape} for name, (dtype, shape, _) in content.items()}
     write(tmp_path, content)
     result = embed(source, tmp_path, expected)
     assert (result.returncode, result.stderr) == (0, "")
 
     emitted = {}
-    for c_type, name, count, body in re.findall(r"const (\w+) (\w+)\[(\d+)\] = \{(.*?)\};",
-                                                (tmp_path / "out/net.cpp").read_text(), flags=re.S):
+    for c_type, name, count, body in re.findall(
+        r"const (\w+) (\w+)\[(\d+)\] = \{(.*?)\};", (tmp_path / "out/net.cpp").read_text(), flags=re.S
+    ):
         emitted[name] = (c_type, body.replace("\n", " ").rstrip(" ,").split(","))
         assert int(count) == len(emitted[name][1])
     for dtype, values in integers.items():
         c_type, written = emitted[dtype.lower()]
         assert c_type == {"I8": "int8_t", "I16": "int16_t", "I32": "int32_t"}[dtype]
-        assert [-2**31 if v.strip() == "INT32_MIN" else int(v) for v in written] == values
+        assert [-(2**31) if v.strip() == "INT32_MIN" else int(v) for v in written] == values
     c_type, written = emitted["f"]
     assert c_type == "float" and all(v.endswith("f") and ("." in v or "e" in v) for v in written)
     read_back = array.array("f", (float(v.strip()[:-1]) for v in written))
@@ -245,8 +266,9 @@ def debug_build(source, tmp_path_factory, unsanitized):
 
 
 def make(build):
-    subprocess.run(["cmake", "--build", build, "--target", "quibo_shared", "-j", str(os.cpu_count())], check=True,
-                   capture_output=True)
+    subprocess.run(
+        ["cmake", "--build", build, "--target", "quibo_shared", "-j", str(os.cpu_count())], check=True, capture_output=True
+    )
     return build / "libquibo.so"
 
 

@@ -1,4 +1,5 @@
 """`quibo check` names the fault that was planted in a recording, and none in clean ones."""
+
 import json
 
 import pytest

@@ -1,4 +1,5 @@
 """`quibo live` on a capture device that plays a recording (ALSA's file plug-in): no sound card is needed."""
+
 import json
 import os
 import wave
@@ -28,8 +29,9 @@ pcm.replay {{
 def test_a_capture_wakes_as_its_recording_does_and_is_replayed_bit_for_bit(quibo, plain, tmp_path):
     seconds = 18  # two phrases
     environment = device(tmp_path, plain[: seconds * RATE])
-    result = quibo("live", "-D", "replay", "--seconds", seconds, "--record", tmp_path / "field.wav", "--jsonl", "-",
-                   env=environment)
+    result = quibo(
+        "live", "-D", "replay", "--seconds", seconds, "--record", tmp_path / "field.wav", "--jsonl", "-", env=environment
+    )
     assert result.returncode == 0, result.stderr
     told = [json.loads(line) for line in result.stdout.splitlines()]
     with wave.open(str(tmp_path / "field.wav"), "rb") as f:
@@ -46,11 +48,14 @@ def test_a_capture_wakes_as_its_recording_does_and_is_replayed_bit_for_bit(quibo
     assert told[-1]["type"] == "end" and told[-1]["samples"] == seconds * RATE
 
 
-@pytest.mark.parametrize("arguments, status, said", [
-    (["-D", "nothing"], 3, "cannot capture 4 channels"),
-    (["-D", "replay", "-c", "5"], 2, "--channels"),
-    (["-D", "replay", "--encoding", "scrambled", "-r", "48000"], 2, "16000 Hz"),
-])
+@pytest.mark.parametrize(
+    "arguments, status, said",
+    [
+        (["-D", "nothing"], 3, "cannot capture 4 channels"),
+        (["-D", "replay", "-c", "5"], 2, "--channels"),
+        (["-D", "replay", "--encoding", "scrambled", "-r", "48000"], 2, "16000 Hz"),
+    ],
+)
 def test_a_device_that_does_not_fit_is_one_clear_line(quibo, tmp_path, arguments, status, said):
     environment = device(tmp_path, numpy.zeros((RATE, 4)))
     result = quibo("live", *arguments, "--seconds", "0.5", "--record", tmp_path / "field.wav", env=environment)

@@ -1,5 +1,6 @@
 """`quibo run` on the sample recording and on bad input: the driver's bits and angles, events by their schema, exit
 status, files whole or not there."""
+
 import base64
 import contextlib
 import json
@@ -201,17 +202,20 @@ def test_bad_input_is_one_clear_line_and_outputs_are_whole_or_absent(quibo, tmp_
             read_wav(out / "clean.wav")
 
 
-@pytest.mark.parametrize("arguments, said", [
-    (["--channels", "mic1,mic2,ref"], "has no mic3"),
-    (["--channels", "1,2,3,5"], "ref on channel 5, but the recording has 4"),
-    (["--channels", "1,1,2,3"], "same channel"),
-    (["--channels", "mic1,mic2,mic3,mic1"], "mic1 twice"),
-    (["--raw", "0"], "CHANNELS[,RATE[,SAMPLE]]"),
-    (["--raw", "4,16000,f16"], "CHANNELS[,RATE[,SAMPLE]]"),
-    (["--encoding", "rot13"], "--encoding"),
-    (["--jobs", "0"], "--jobs"),
-    (["--nonsense"], "--nonsense"),
-])
+@pytest.mark.parametrize(
+    "arguments, said",
+    [
+        (["--channels", "mic1,mic2,ref"], "has no mic3"),
+        (["--channels", "1,2,3,5"], "ref on channel 5, but the recording has 4"),
+        (["--channels", "1,1,2,3"], "same channel"),
+        (["--channels", "mic1,mic2,mic3,mic1"], "mic1 twice"),
+        (["--raw", "0"], "CHANNELS[,RATE[,SAMPLE]]"),
+        (["--raw", "4,16000,f16"], "CHANNELS[,RATE[,SAMPLE]]"),
+        (["--encoding", "rot13"], "--encoding"),
+        (["--jobs", "0"], "--jobs"),
+        (["--nonsense"], "--nonsense"),
+    ],
+)
 def test_wrong_use_is_named(quibo, tmp_path, arguments, said):
     write_wav(tmp_path / "a.wav", noise(0.2))
     result = quibo("run", "a.wav", *arguments, cwd=tmp_path)
@@ -256,8 +260,12 @@ def test_a_reader_that_goes_away_is_reported(quibo, build, tmp_path):
 
 def test_an_interrupt_leaves_what_was_done_with_whole_headers(quibo, build, tmp_path):
     samples = noise(1)
-    process = subprocess.Popen([build / "quibo", "run", "-", "--raw", "4", "-o", tmp_path / "out", "--jsonl", "-"],
-                               stdin=subprocess.PIPE, stdout=subprocess.PIPE, stderr=subprocess.PIPE)
+    process = subprocess.Popen(
+        [build / "quibo", "run", "-", "--raw", "4", "-o", tmp_path / "out", "--jsonl", "-"],
+        stdin=subprocess.PIPE,
+        stdout=subprocess.PIPE,
+        stderr=subprocess.PIPE,
+    )
     for _ in range(35):  # the encoding is guessed from the first half minute
         process.stdin.write(samples.tobytes())
     process.stdin.flush()

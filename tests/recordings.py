@@ -1,4 +1,5 @@
 """Recordings for the tests of the command: the sample with its microphones in clear, and WAV files."""
+
 import ctypes
 import pathlib
 import subprocess

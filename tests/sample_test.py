@@ -29,9 +29,7 @@ def stretches(kind, x):
 @pytest.fixture(scope="module")
 def channels():
     command = "flac -d -c -s --force-raw-format --endian=little --sign=signed".split()
-    raw = subprocess.run(
-        [*command, SAMPLES / SCENE["file"]], check=True, stdout=subprocess.PIPE
-    ).stdout
+    raw = subprocess.run([*command, SAMPLES / SCENE["file"]], check=True, stdout=subprocess.PIPE).stdout
     assert len(raw) == SCENE["samples"] * len(SCENE["channels"]) * 2
     interleaved = array.array("h", raw)
     return [interleaved[c::6] for c in range(6)]

@@ -1,5 +1,6 @@
 """The training graphs compute what the library computes, on random tables: float networks within one int16 step or
 1e-4, the wake-up network to the bit. Needs PyTorch."""
+
 import sys
 
 import pytest
@@ -29,6 +30,7 @@ def library(build, unsanitized):
 @pytest.mark.parametrize("seed", SEEDS)
 def test_random_networks_give_the_same_output_in_training_and_in_the_library(network, seed, library):
     from training import parity
+
     assert parity.random_tables(network, library, seed) > 0
 
 
@@ -42,6 +44,7 @@ def break_gate_order(model, name):
 @pytest.mark.parametrize("network", ["ns", "naec", "doa"])
 def test_a_network_whose_gates_are_mixed_up_is_noticed(network, library, monkeypatch):
     from training import parity
+
     check, make, kind, _ = parity.CHECKS[network]
     model = make(kind, 0)
     right = {name: table.clone() for name, table in model.tables().items()}
@@ -54,6 +57,7 @@ def test_a_network_whose_gates_are_mixed_up_is_noticed(network, library, monkeyp
 def test_one_weight_off_by_one_is_noticed_in_the_wake_up_network(library):
     from training import export, parity
     from training.models import kws, kws_int8
+
     model = parity.random_wake_up(kws.SyllableNetwork, 0)
     with torch.no_grad():
         tables = export.fit("kws", model.tables())
@@ -69,6 +73,7 @@ def test_the_three_microphones_share_the_recurrent_states(library):
     """With one set of states each, the output would be another: the parity check is sensitive to the sharing."""
     from training import parity
     from training.models.ns import NoiseSuppressor
+
     model = parity.random_model(NoiseSuppressor, 0)
     with pytest.raises(parity.Mismatch):
         parity.noise_suppressor(library, with_own_states(model))
@@ -91,12 +96,14 @@ def test_rounding_in_training_is_the_integer_network_up_to_the_first_normalisati
 
     from training import export, parity
     from training.models import kws, kws_int8
+
     model = parity.random_wake_up(kws.SyllableNetwork, 3)
     codes = {}
     for name in ("gru.out", "memory.0.outof.out", "memory.1.into.out"):
         q = model.get_submodule(name)
-        q.register_forward_hook(lambda _, i, o, name=name, q=q:
-                                codes.setdefault(name, []).append((o / q.scale + q.zero_point).round()))
+        q.register_forward_hook(
+            lambda _, i, o, name=name, q=q: codes.setdefault(name, []).append((o / q.scale + q.zero_point).round())
+        )
     features = torch.rand(1, 180, 40, generator=torch.Generator().manual_seed(3)) * 20
     with torch.no_grad():
         model(features)

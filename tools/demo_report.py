@@ -236,10 +236,7 @@ def report(args):
     frames = scene["samples"] // FRAME
     for path, samples, channels in ((args.capture, capture, CHANNELS), (args.output, output, 1)):
         if len(samples) < frames * FRAME * channels:
-            raise ReportError(
-                f"{path} is too short: {len(samples) // channels} samples per channel, "
-                f"{frames * FRAME} expected"
-            )
+            raise ReportError(f"{path} is too short: {len(samples) // channels} samples per channel, {frames * FRAME} expected")
 
     before, talkers = capture[MIC_1::CHANNELS], capture[TALKERS::CHANNELS]
     descramble(before, args.codec)
@@ -261,9 +258,7 @@ def report(args):
     stretches = list(measure(scene, before, after, talkers))
     print(f"\n{scene['title']}\n")
     print("\n".join(wake_table(spoken, strays)))
-    print(
-        "\n  The time of a wake is the end of its frame of 64 ms. Angles clockwise, 0 = microphone 1.\n"
-    )
+    print("\n  The time of a wake is the end of its frame of 64 ms. Angles clockwise, 0 = microphone 1.\n")
     print("\n".join(level_table(stretches)))
     print(
         "\n  echo down: level of microphone 1 over level of the output while only the device plays"

@@ -70,8 +70,7 @@ class Library:
         # words that are floats or small integers.
         pointers = ctypes.cast(self.handle, ctypes.POINTER(c_void_p))
         self.records = [
-            np.ctypeslib.as_array(ctypes.cast(pointers[i], ctypes.POINTER(ctypes.c_float)), (RECORD_WORDS,))
-            for i in (1, 2, 3)
+            np.ctypeslib.as_array(ctypes.cast(pointers[i], ctypes.POINTER(ctypes.c_float)), (RECORD_WORDS,)) for i in (1, 2, 3)
         ]
         self.out = np.zeros((4, FRAME), np.int16)
         self.wake = c_int32()
@@ -257,9 +256,7 @@ class Watch:
         self.silent = max(self.silent, self._zero * FRAME / RATE)
 
     def hour(self, restarts):
-        status = dict(
-            line.split(":", 1) for line in pathlib.Path("/proc/self/status").read_text().splitlines() if ":" in line
-        )
+        status = dict(line.split(":", 1) for line in pathlib.Path("/proc/self/status").read_text().splitlines() if ":" in line)
         times = np.array(self.times) * 1e3
         self.hours.append(
             {
@@ -289,8 +286,7 @@ def play(library, watch, kind, mics, ref, tracks):
         if wake:
             woke.append((f + 1) * FRAME / RATE)
     tracks.append(
-        [10 * np.log10(np.mean(x.astype(np.float64) ** 2) / 2**30 + 1e-10) for x in (ref, mics[0])]
-        + [library.restarts()]
+        [10 * np.log10(np.mean(x.astype(np.float64) ** 2) / 2**30 + 1e-10) for x in (ref, mics[0])] + [library.restarts()]
     )
     return woke
 

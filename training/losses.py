@@ -3,6 +3,7 @@
 Compressed magnitude and complex terms follow Ephrat et al. 2018 and Valin et al. 2020; the multi-resolution term
 compares several transforms of the wave, so that no frame grid is favoured (Yamamoto et al. 2020).
 """
+
 import torch
 
 from .models.spectrum import RealTransform, synthesise
@@ -17,8 +18,8 @@ RESOLUTIONS = (256, 512, 2048)  # beside the network's own 1024
 def compressed(spectrum):
     """Magnitude to the power 0.3, and the complex value with that magnitude."""
     power = spectrum.real**2 + spectrum.imag**2 + POWER_FLOOR
-    magnitude = power**(COMPRESSION / 2)
-    return magnitude, spectrum * power**((COMPRESSION - 1) / 2)
+    magnitude = power ** (COMPRESSION / 2)
+    return magnitude, spectrum * power ** ((COMPRESSION - 1) / 2)
 
 
 def spectral(estimate, target, complex_share, over_suppression, weight=None):
@@ -30,7 +31,7 @@ def spectral(estimate, target, complex_share, over_suppression, weight=None):
     if weight is not None:
         w = w * weight
     d = c - c_target
-    return (w * ((1 - complex_share) * (m - m_target)**2 + complex_share * (d.real**2 + d.imag**2))).mean()
+    return (w * ((1 - complex_share) * (m - m_target) ** 2 + complex_share * (d.real**2 + d.imag**2))).mean()
 
 
 def multi_resolution(estimate, target, complex_share, over_suppression, sizes=RESOLUTIONS):
@@ -39,7 +40,7 @@ def multi_resolution(estimate, target, complex_share, over_suppression, sizes=RE
     for size in sizes:
         window = torch.hann_window(size, device=estimate.device)
         # Spectra of every size have the level of a 1024-point frame, so that compression acts alike.
-        scale = (1024 / size)**0.5
+        scale = (1024 / size) ** 0.5
         both = RealTransform.apply(torch.cat([estimate, target]).unfold(-1, size, size // 2) * (window * scale))
         total = total + spectral(*both.chunk(2), complex_share, over_suppression)
     return total / len(sizes)
@@ -59,8 +60,7 @@ def suppression(estimate, target, level, config, low_factors, weight=None, near=
     first = int((low_factors < 1).sum())
     share, over = config["complex_share"], config["over_suppression"]
     kept = over if near is None else over + config["near_kept"] * near[..., first:]
-    loss = spectral(estimate[..., first:], target[..., first:], share, kept,
-                    None if weight is None else weight[..., first:])
+    loss = spectral(estimate[..., first:], target[..., first:], share, kept, None if weight is None else weight[..., first:])
     estimate, target = synthesise(estimate), synthesise(target)
     loss = loss + config["multi_resolution"] * multi_resolution(estimate, target, share, over, sizes)
     audible = target.pow(2).mean(-1) > AUDIBLE
@@ -75,4 +75,4 @@ def si_sdr(estimate, target):
     target = target - target.mean(-1, keepdim=True)
     estimate = estimate - estimate.mean(-1, keepdim=True)
     scaled = (estimate * target).sum(-1, keepdim=True) / (target**2).sum(-1, keepdim=True).clamp_min(1e-9) * target
-    return 10 * torch.log10((scaled**2).sum(-1) / ((estimate - scaled)**2).sum(-1).clamp_min(1e-12) + 1e-12)
+    return 10 * torch.log10((scaled**2).sum(-1) / ((estimate - scaled) ** 2).sum(-1).clamp_min(1e-12) + 1e-12)

@@ -218,9 +218,7 @@ def music(number):
         t = np.arange(length) / RATE
         envelope = np.minimum(t / 0.01, 1.0) * np.exp(-t / rng.uniform(0.2, 1.0))
         for step in rng.choice(scale, 3, replace=False):
-            x[start : start + length] += envelope * harmonics(
-                rng, length, root * 2 ** (step / 12), 8, timbre
-            )
+            x[start : start + length] += envelope * harmonics(rng, length, root * 2 ** (step / 12), 8, timbre)
         x[start : start + length] += envelope * harmonics(rng, length, root / 2, 6, -9.0)
         drum = rng.standard_normal(length) * np.exp(-t / (0.03 if b % 2 else 0.08))
         x[start : start + length] += rng.uniform(0.5, 2.0) * drum

@@ -2,6 +2,7 @@
 
 Batch i is drawn from a generator seeded with (seed, i), so a run that was stopped goes on as if it had not been.
 """
+
 import concurrent.futures
 import contextlib
 import csv
@@ -37,11 +38,18 @@ class Batches(torch.utils.data.Dataset):
 
 
 def batches(task, seed, split, first, last, workers, of=None):
-    return torch.utils.data.DataLoader(
-        Batches(task, seed, split, last, of), batch_size=None, sampler=range(first, last), num_workers=workers,
-        prefetch_factor=4 if workers else None, worker_init_fn=lambda _: torch.set_num_threads(1)
-    ) if workers else torch.utils.data.DataLoader(Batches(task, seed, split, last, of), batch_size=None,
-                                                  sampler=range(first, last))
+    return (
+        torch.utils.data.DataLoader(
+            Batches(task, seed, split, last, of),
+            batch_size=None,
+            sampler=range(first, last),
+            num_workers=workers,
+            prefetch_factor=4 if workers else None,
+            worker_init_fn=lambda _: torch.set_num_threads(1),
+        )
+        if workers
+        else torch.utils.data.DataLoader(Batches(task, seed, split, last, of), batch_size=None, sampler=range(first, last))
+    )
 
 
 class Log:
@@ -52,6 +60,7 @@ class Log:
         self.board = None
         with contextlib.suppress(ImportError):
             from torch.utils.tensorboard import SummaryWriter
+
             self.board = SummaryWriter(folder)
 
     def write(self, step, split, values):
@@ -200,8 +209,10 @@ def resume(folder, model, optimizer):
 def averaged(folder):
     """Mean of the kept weights; counters, which have no mean, are the newest ones."""
     states = [torch.load(path, map_location="cpu") for path in weights(folder)]
-    return {name: torch.stack([s[name] for s in states]).mean(0) if value.is_floating_point() else value
-            for name, value in states[-1].items()}
+    return {
+        name: torch.stack([s[name] for s in states]).mean(0) if value.is_floating_point() else value
+        for name, value in states[-1].items()
+    }
 
 
 def trained_steps(folder):

@@ -38,18 +38,14 @@ class Stream(Generic[Engine]):
     def __enter__(self: Self) -> Self:
         return self
 
-    def __exit__(
-        self, kind: type[BaseException] | None, error: BaseException | None, where: TracebackType | None
-    ) -> None:
+    def __exit__(self, kind: type[BaseException] | None, error: BaseException | None, where: TracebackType | None) -> None:
         self.close()
 
     def __reduce__(self) -> NoReturn:
         name = type(self).__name__
         raise TypeError(f"a {name} can be neither pickled nor copied: it is state of the library; make one in each process")
 
-    def _run(
-        self, step: Callable[..., Output], chunks: list[NDArray[Any]], last: bool
-    ) -> tuple[Output, int]:
+    def _run(self, step: Callable[..., Output], chunks: list[NDArray[Any]], last: bool) -> tuple[Output, int]:
         """step(engine, *frames) over the whole frames so far, with silence behind the last; its result
         and how many samples of that are the stream's."""
         with _turn(self._busy, self):

@@ -63,9 +63,7 @@ class FrontEnd(Stream[_quibo.FrontEnd]):
     rate: of the samples; here so that a wrong one is an error.
     """
 
-    def __init__(
-        self, *, encoding: Encoding = "plain", threshold: float = THRESHOLD, rate: int = RATE
-    ) -> None:
+    def __init__(self, *, encoding: Encoding = "plain", threshold: float = THRESHOLD, rate: int = RATE) -> None:
         _arrays.choice("encoding", encoding, ("plain", "scrambled"))
         if rate != RATE:
             raise ValueError(f"rate: {rate} Hz, expected {RATE}: resample first")
@@ -83,9 +81,7 @@ class FrontEnd(Stream[_quibo.FrontEnd]):
         chunks = [_arrays.int16("mics", mics, (3, None)), _arrays.int16("ref", ref, (None,))]
         _arrays.same_length(mics=chunks[0], ref=chunks[1])
         (outputs, clean, wakes), n = self._run(self._step, chunks, last)
-        events = tuple(
-            Wake(sample, angle, cost, start, end, length) for sample, start, end, cost, angle, length in wakes
-        )
+        events = tuple(Wake(sample, angle, cost, start, end, length) for sample, start, end, cost, angle, length in wakes)
         return Result(outputs[:, :n], clean[:n], events)
 
     def _step(

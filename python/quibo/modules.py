@@ -129,14 +129,13 @@ class Direction(Stream[_quibo.Direction]):
         Returns [blocks, 2]: per BLOCK of samples a vector (x, y). Its length says how sure the network
         is, its heading where the talker is: atan2(x, y) + 30° in the device's degrees.
         """
-        vectors, _ = self._run(
-            _quibo.Direction.process, [_arrays.int16("mics", mics, (3, None))], last
-        )
+        vectors, _ = self._run(_quibo.Direction.process, [_arrays.int16("mics", mics, (3, None))], last)
         return vectors
 
     def decide(self) -> int | None:
         """The direction of the longest vector of the last 15 blocks (0.45 s), which are forgotten:
         degrees, 0 to 359, as the front end says them; None for a vector exactly along -x."""
+
         def decide(engine: _quibo.Direction, _: NDArray[np.int16]) -> int | None:
             return engine.decide()
 

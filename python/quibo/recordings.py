@@ -129,9 +129,7 @@ def run(
     folder = os.fspath(out) if out is not None else ""
     threshold = _arrays.positive("threshold", threshold)
     with _named(path):
-        samples, lines = _bound("run")(
-            os.fspath(path), channels, encoding, raw, folder, report, raw_timing, keep, threshold
-        )
+        samples, lines = _bound("run")(os.fspath(path), channels, encoding, raw, folder, report, raw_timing, keep, threshold)
     events = [json.loads(line) for line in lines]
     levels = [[*e["in"].values(), *e["out"].values()] for e in events if e["type"] == "levels"]
     start, end = events[0], events[-1]

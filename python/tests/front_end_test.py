@@ -29,11 +29,7 @@ def played(sample):
 
 
 def same(one, other):
-    return (
-        np.array_equal(one.outputs, other.outputs)
-        and np.array_equal(one.clean, other.clean)
-        and one.events == other.events
-    )
+    return np.array_equal(one.outputs, other.outputs) and np.array_equal(one.clean, other.clean) and one.events == other.events
 
 
 def joined(results):

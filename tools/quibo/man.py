@@ -1,5 +1,6 @@
 #!/usr/bin/env python3
 """The manual page, from what the command says about itself: man.py COMMAND VERSION > quibo.1"""
+
 import re
 import subprocess
 import sys

@@ -4,6 +4,7 @@
 
 BUILD is a build folder. The result is checked by SPDX's own validator; two runs on one build write the same file.
 """
+
 import datetime
 import hashlib
 import pathlib
@@ -41,10 +42,18 @@ def output_of(*command):
 
 
 def file(path, name, kind):
-    sums = [Checksum(algorithm, hashlib.new(digest, path.read_bytes()).hexdigest())
-            for algorithm, digest in ((ChecksumAlgorithm.SHA1, "sha1"), (ChecksumAlgorithm.SHA256, "sha256"))]
-    return File(name=f"./{name}", spdx_id=f"SPDXRef-{name.replace('/', '-')}", checksums=sums, file_types=[kind],
-                license_concluded=LICENCE, license_info_in_file=[LICENCE])
+    sums = [
+        Checksum(algorithm, hashlib.new(digest, path.read_bytes()).hexdigest())
+        for algorithm, digest in ((ChecksumAlgorithm.SHA1, "sha1"), (ChecksumAlgorithm.SHA256, "sha256"))
+    ]
+    return File(
+        name=f"./{name}",
+        spdx_id=f"SPDXRef-{name.replace('/', '-')}",
+        checksums=sums,
+        file_types=[kind],
+        license_concluded=LICENCE,
+        license_info_in_file=[LICENCE],
+    )
 
 
 def needed(library):
@@ -63,30 +72,48 @@ def document(build):
     library = (build / "libquibo.so").resolve()
 
     def package(name, release, purpose, licence=SpdxNoAssertion()):
-        return Package(name=name, spdx_id=f"SPDXRef-{re.sub('[^A-Za-z0-9.]', '-', name)}", version=release,
-                       download_location=SpdxNoAssertion(), files_analyzed=False, license_declared=licence,
-                       license_concluded=licence, primary_package_purpose=purpose)
+        return Package(
+            name=name,
+            spdx_id=f"SPDXRef-{re.sub('[^A-Za-z0-9.]', '-', name)}",
+            version=release,
+            download_location=SpdxNoAssertion(),
+            files_analyzed=False,
+            license_declared=licence,
+            license_concluded=licence,
+            primary_package_purpose=purpose,
+        )
 
     shared, archive = (file(path, path.name, FileType.BINARY) for path in (library, build / "libquibo.a"))
     quibo = package("quibo", version, PackagePurpose.LIBRARY, LICENCE)
     quibo.files_analyzed, quibo.license_info_from_files = True, [LICENCE]
     quibo.verification_code = PackageVerificationCode(
-        hashlib.sha1("".join(sorted(f.checksums[0].value for f in (shared, archive))).encode()).hexdigest())
+        hashlib.sha1("".join(sorted(f.checksums[0].value for f in (shared, archive))).encode()).hexdigest()
+    )
     tables = [file(path, f"params/{path.name}", FileType.OTHER) for path in sorted(parameters.glob("*.safetensors"))]
     linked = [package(name, release, PackagePurpose.LIBRARY) for name, release in needed(library).items()]
-    tools = [package(name, release, PackagePurpose.APPLICATION) for name, release in (
-        (pathlib.Path(compiler).name, output_of(compiler, "-dumpfullversion").strip()),
-        ("cmake", output_of("cmake", "--version").split()[2]))]
+    tools = [
+        package(name, release, PackagePurpose.APPLICATION)
+        for name, release in (
+            (pathlib.Path(compiler).name, output_of(compiler, "-dumpfullversion").strip()),
+            ("cmake", output_of("cmake", "--version").split()[2]),
+        )
+    ]
 
     content = hashlib.sha256("".join(f.checksums[1].value for f in (shared, archive)).encode()).hexdigest()
     made = datetime.datetime.fromtimestamp(int(output_of("git", "log", "-1", "--format=%ct")), datetime.timezone.utc)
-    info = CreationInfo(spdx_version="SPDX-2.3", spdx_id="SPDXRef-DOCUMENT", name=f"quibo-{version}",
-                        document_namespace=f"urn:uuid:{uuid.uuid5(uuid.NAMESPACE_OID, content)}",
-                        creators=[Actor(ActorType.TOOL, f"quibo-sbom-{version}")], created=made.replace(tzinfo=None))
+    info = CreationInfo(
+        spdx_version="SPDX-2.3",
+        spdx_id="SPDXRef-DOCUMENT",
+        name=f"quibo-{version}",
+        document_namespace=f"urn:uuid:{uuid.uuid5(uuid.NAMESPACE_OID, content)}",
+        creators=[Actor(ActorType.TOOL, f"quibo-sbom-{version}")],
+        created=made.replace(tzinfo=None),
+    )
     related = [Relationship(info.spdx_id, RelationshipType.DESCRIBES, quibo.spdx_id)]
     related += [Relationship(quibo.spdx_id, RelationshipType.CONTAINS, f.spdx_id) for f in (shared, archive)]
-    related += [Relationship(f.spdx_id, RelationshipType.GENERATED_FROM, table.spdx_id)
-                for f in (shared, archive) for table in tables]
+    related += [
+        Relationship(f.spdx_id, RelationshipType.GENERATED_FROM, table.spdx_id) for f in (shared, archive) for table in tables
+    ]
     related += [Relationship(shared.spdx_id, RelationshipType.DYNAMIC_LINK, p.spdx_id) for p in linked]
     related += [Relationship(p.spdx_id, RelationshipType.BUILD_TOOL_OF, quibo.spdx_id) for p in tools]
     return Document(info, packages=[quibo, *linked, *tools], files=[shared, archive, *tables], relationships=related)

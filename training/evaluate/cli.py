@@ -67,9 +67,7 @@ def run(arguments):
     if unknown := set(wanted) - set(SECTIONS):
         raise SystemExit(f"evaluate: no section {' '.join(sorted(unknown))}")
     if not arguments.library.exists():
-        raise SystemExit(
-            f"evaluate: no library {arguments.library}: build it, or name one with --library"
-        )
+        raise SystemExit(f"evaluate: no library {arguments.library}: build it, or name one with --library")
     sizes = sets.SHORT if arguments.short else sets.LONG
     chosen = {name: getattr(arguments, f"{name}_scenes") for name in SIZED}
     sizes = dataclasses.replace(sizes, **{name: n for name, n in chosen.items() if n is not None})
@@ -108,9 +106,7 @@ def run(arguments):
     for name in SECTIONS:
         if name not in wanted or name == "devices" and not has_devices(corpus):
             continue
-        with tqdm.tqdm(
-            total=counts[name], desc=name, unit="scene", mininterval=1 if os.isatty(2) else 60
-        ) as bar:
+        with tqdm.tqdm(total=counts[name], desc=name, unit="scene", mininterval=1 if os.isatty(2) else 60) as bar:
             if name == "wake":
                 results[name] = wake.run(device, corpus, rooms, sizes, bar.update)
             elif name == "direction":

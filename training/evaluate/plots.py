@@ -96,9 +96,7 @@ def _line(axis, x, figures, system):
 
 def echo_over_time(summary, window):
     """ERLE while the device plays alone, a panel per condition."""
-    figure, axes = plt.subplots(
-        1, len(summary), figsize=(9.5, 3.0), sharey=True, layout="constrained"
-    )
+    figure, axes = plt.subplots(1, len(summary), figsize=(9.5, 3.0), sharey=True, layout="constrained")
     for axis, (condition, systems) in zip(np.atleast_1d(axes), summary.items()):
         for system, (colour, line, _) in STYLES.items():
             if system in systems and system != "unprocessed":
@@ -120,9 +118,7 @@ def levels(rows, window):
     recordings = list(dict.fromkeys(r["recording"] for r in rows))
     columns = 2
     lines = -(-len(recordings) // columns)
-    figure, axes = plt.subplots(
-        lines, columns, figsize=(11, 2.2 * lines), sharey=True, squeeze=False, layout="constrained"
-    )
+    figure, axes = plt.subplots(lines, columns, figsize=(11, 2.2 * lines), sharey=True, squeeze=False, layout="constrained")
     for axis, recording in zip(axes.ravel(), recordings):
         for row in (r for r in rows if r["recording"] == recording):
             colour, line, _ = STYLES[row["system"]]
@@ -140,9 +136,7 @@ def levels(rows, window):
 
 def double_talk(summary):
     """Echo removed against speech kept; up and to the right is better."""
-    figure, axes = plt.subplots(
-        1, len(summary), figsize=(11, 2.9), sharey=True, sharex=True, layout="constrained"
-    )
+    figure, axes = plt.subplots(1, len(summary), figsize=(11, 2.9), sharey=True, sharex=True, layout="constrained")
     for axis, (condition, systems) in zip(np.atleast_1d(axes), summary.items()):
         for system, (colour, _, marker) in STYLES.items():
             if system not in systems:
@@ -218,9 +212,7 @@ def directions(rows, conditions):
         chosen = [r for r in rows if r["condition"] == condition]
         for name, colour in DIRECTION_COLOURS.items():
             errors = [
-                (r["pointed"][name] - r["heading"] + 187.5) % 360 - 187.5
-                for r in chosen
-                if r["pointed"][name] is not None
+                (r["pointed"][name] - r["heading"] + 187.5) % 360 - 187.5 for r in chosen if r["pointed"][name] is not None
             ]
             counts, _ = np.histogram(np.deg2rad(errors), edges)
             share = 100 * counts / max(1, len(chosen))
@@ -236,9 +228,7 @@ def directions(rows, conditions):
             )
         axis.set_theta_zero_location("N")
         axis.set_theta_direction(-1)
-        axis.set_thetagrids(
-            range(0, 360, 45), ["0°", "45°", "90°", "135°", "180°", "-135°", "-90°", "-45°"]
-        )
+        axis.set_thetagrids(range(0, 360, 45), ["0°", "45°", "90°", "135°", "180°", "-135°", "-90°", "-45°"])
         axis.set_ylim(0, 100)
         axis.set_yticks([25, 50, 75, 100], ["", "50 %", "", "100 %"], fontsize=7)
         axis.set_title(condition, loc="center")

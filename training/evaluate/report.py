@@ -81,15 +81,9 @@ def write(results, path):
 
 def _warnings(about):
     lines = []
-    untrained = [
-        n
-        for n, f in about["parameters"].items()
-        if n != "codec.safetensors" and f["trained"] != "yes"
-    ]
+    untrained = [n for n, f in about["parameters"].items() if n != "codec.safetensors" and f["trained"] != "yes"]
     if untrained:
-        lines.append(
-            f"Untrained: {', '.join(untrained)}. What these networks do here means nothing yet."
-        )
+        lines.append(f"Untrained: {', '.join(untrained)}. What these networks do here means nothing yet.")
     other = [n for n, f in about["parameters"].items() if not f["compiled_in"]]
     if other:
         lines.append(f"The library was not built with these files: {', '.join(other)}.")
@@ -134,16 +128,14 @@ def _echo(section, about):
         yield "<h3>Both at once: echo removed against speech kept</h3>"
         yield f"<figure>{plots.double_talk(section['summary'])}</figure>"
         yield (
-            "<p class=note>Up and to the right is better. What buys less echo with the talker's voice moves right and "
-            "down.</p>"
+            "<p class=note>Up and to the right is better. What buys less echo with the talker's voice moves right and down.</p>"
         )
     for condition, systems in section["summary"].items():
         yield f"<h3>Signal-to-echo {condition}</h3>" + _table(systems, ECHO_COLUMNS, ECHO_GROUPS)
     yield (
         "<p class=note>ERLE: microphone power over output power in the last 2 s of playback alone. MOS: AECMOS, 1 to 5. "
         "AECMOS finds fault with reverberant speech as it is: compare with the unprocessed microphone. "
-        "<em>Path changes</em>: after 4 s of playback alone the room is another one.</p>"
-        + _peers(section)
+        "<em>Path changes</em>: after 4 s of playback alone the room is another one.</p>" + _peers(section)
     )
 
 
@@ -211,9 +203,7 @@ def _wake(section, about):
             f"<p>False accepts: <b>{false['value']:.1f} per hour</b> ({false['low']:.1f} to {false['high']:.1f}), "
             f"{false['n']} in {summary['hours'] * 60:.0f} min of noisy talk and playback without the phrase.</p>"
         )
-        if max(summary["det"]["false_per_hour"]) > 0 or any(
-            min(m) < 1 for m in summary["det"]["missed"].values()
-        ):
+        if max(summary["det"]["false_per_hour"]) > 0 or any(min(m) < 1 for m in summary["det"]["missed"].values()):
             yield f"<figure>{plots.det(summary, THRESHOLD)}</figure>"
             yield (
                 "<p class=note>A dot marks the decoder's threshold. The engine alone, kept from waking, on the same "
@@ -248,9 +238,7 @@ def _table(systems, columns, groups=()):
             _cell(
                 figures[m],
                 digits,
-                best=figures[m]
-                and system not in sets.INPUTS
-                and best.get(m) == round(figures[m]["value"], digits),
+                best=figures[m] and system not in sets.INPUTS and best.get(m) == round(figures[m]["value"], digits),
             )
             for m, (_, digits, _) in columns.items()
         )
@@ -262,9 +250,7 @@ def _table(systems, columns, groups=()):
 def _cell(figure, digits, factor=1, unit="", best=False):
     if figure is None:
         return "<td>–</td>"
-    value, low, high = (
-        f"{round(factor * figure[k], digits) + 0.0:.{digits}f}" for k in ("value", "low", "high")
-    )
+    value, low, high = (f"{round(factor * figure[k], digits) + 0.0:.{digits}f}" for k in ("value", "low", "high"))
     return f"<td{' class=best' * bool(best)}>{value}{unit}<small>{low} to {high}</small></td>"
 
 
@@ -320,13 +306,10 @@ def terminal(results):
         lines += ["", "said, heard, pointed"]
         for name, c in section["summary"]["conditions"].items():
             errors = ", ".join(
-                f"{system} {f['median']['value']:.0f}/{f['p90']['value']:.0f}"
-                for system, f in c["direction"].items()
+                f"{system} {f['median']['value']:.0f}/{f['p90']['value']:.0f}" for system, f in c["direction"].items()
             )
             heard, pointed = (round(c[k]["value"] * c["said"]) for k in ("heard", "pointed"))
-            lines.append(
-                f"  {name:18} said {c['said']}, heard {heard}, pointed {pointed}; degrees off, median/90 %: {errors}"
-            )
+            lines.append(f"  {name:18} said {c['said']}, heard {heard}, pointed {pointed}; degrees off, median/90 %: {errors}")
         false = section["summary"]["false_accepts"]
         if false:
             lines.append(f"  {false['value']:.1f} false accepts per hour")

@@ -116,9 +116,7 @@ def playback(corpus, rooms, number):
     responses = [rooms.responses(r, "loudspeaker")[:1] for r in (room, other)]
     echoes = {
         False: echo.echo(path, ref, *responses)[0],
-        True: echo.echo(dataclasses.replace(path, change_at=CHANGE_FRAME * FRAME), ref, *responses)[
-            0
-        ],
+        True: echo.echo(dataclasses.replace(path, change_at=CHANGE_FRAME * FRAME), ref, *responses)[0],
     }
     near = np.zeros(samples, np.float32)
     dry = sources.talk(corpus, rng, "near", SPLIT, samples - talk_at)
@@ -139,13 +137,16 @@ def playback(corpus, rooms, number):
         ]
         mic = sum(parts) + hiss
         down = np.float32(min(1.0, PEAK / np.abs(mic).max()))
-        yield name, EchoScene(
-            echo.quantised(mic * down),
-            ref,
-            parts[0] * down,
-            slice(0, talk_at),
-            slice(talk_at, stop_at),
-            slice(stop_at + RATE // 2, samples),
+        yield (
+            name,
+            EchoScene(
+                echo.quantised(mic * down),
+                ref,
+                parts[0] * down,
+                slice(0, talk_at),
+                slice(talk_at, stop_at),
+                slice(stop_at + RATE // 2, samples),
+            ),
         )
 
 
@@ -202,14 +203,17 @@ def spoken_phrase(corpus, others, rooms, number):
         if ser is not None:
             mics = mics + at_power(echoes, active_power(echoes[0]), louder - ser)
         mics = mics * np.float32(min(1.0, PEAK / np.abs(mics).max()))
-        yield name, WakeScene(
-            mics,
-            np.zeros_like(ref) if ser is None else ref,
-            (start + way + first) / RATE,
-            (start + way + last) / RATE,
-            float(rooms.rooms["heading"][room][0]),
-            rooms.rt60(room),
-            clip.speaker,
+        yield (
+            name,
+            WakeScene(
+                mics,
+                np.zeros_like(ref) if ser is None else ref,
+                (start + way + first) / RATE,
+                (start + way + last) / RATE,
+                float(rooms.rooms["heading"][room][0]),
+                rooms.rt60(room),
+                clip.speaker,
+            ),
         )
 
 
@@ -252,12 +256,15 @@ def called(corpus, number):
             echoes = echo.echo(path, ref, responses["loudspeaker"], responses["loudspeaker"])
             mics = mics + at_power(echoes, active_power(echoes[0]), louder - ser)
         way = int(room["onset"][0][0]) - SIMULATOR_DELAY
-        yield name, Call(
-            mics * np.float32(min(1.0, PEAK / np.abs(mics).max())),
-            None if ser is None else ref,
-            (start + way + first) / RATE,
-            (start + way + last) / RATE,
-            float(room["heading"][0]),
+        yield (
+            name,
+            Call(
+                mics * np.float32(min(1.0, PEAK / np.abs(mics).max())),
+                None if ser is None else ref,
+                (start + way + first) / RATE,
+                (start + way + last) / RATE,
+                float(room["heading"][0]),
+            ),
         )
 
 
@@ -308,9 +315,7 @@ def ambience(corpus, rng, rooms, room, samples):
 
 
 def _noise_in(point, field, responses):
-    noise = sum(
-        mixing.convolve(x, responses[place]) for x, place in zip(point, ("noise 1", "noise 2"))
-    )
+    noise = sum(mixing.convolve(x, responses[place]) for x, place in zip(point, ("noise 1", "noise 2")))
     return noise if field is None else noise + field
 
 

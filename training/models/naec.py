@@ -2,6 +2,7 @@
 
 It sees the microphone's spectrum D and the error E = D - Y, Y being the canceller's echo estimate.
 """
+
 import torch
 from torch import nn
 
@@ -36,13 +37,12 @@ class GroupedMap(nn.Module):
 class EchoSuppressor(nn.Module):
     def __init__(self, norm=True):
         super().__init__()
-        self.input = nn.ModuleList(
-            CausalConv(*shape, (2, 3), stride=2, activation=True, norm=norm) for shape in INPUT)
+        self.input = nn.ModuleList(CausalConv(*shape, (2, 3), stride=2, activation=True, norm=norm) for shape in INPUT)
         stage = lambda: CausalConv(CHANNELS, CHANNELS, (3, 3), activation=True, norm=norm)
         self.encoder = nn.ModuleList(stage() for _ in range(STAGES))
         self.blocks = nn.ModuleList(
-            GruBlock(CHANNELS, axis, False, limited_sigmoid, tanh)
-            for _ in range(BLOCKS) for axis in ("time", "freq"))
+            GruBlock(CHANNELS, axis, False, limited_sigmoid, tanh) for _ in range(BLOCKS) for axis in ("time", "freq")
+        )
         self.decoder = nn.ModuleList(stage() for _ in range(STAGES))
         self.upsampling = nn.ModuleList(CausalConv(*shape, (2, 3)) for shape in UPSAMPLING)
         self.real, self.imag = GroupedMap(), GroupedMap()
@@ -69,15 +69,14 @@ class EchoSuppressor(nn.Module):
             x = shuffle(layer(x))
         real, imag = x[:, 0], x[:, 1]
         # Four products, each with its own bias, as the engine forms them.
-        return fast_sigmoid(torch.stack(
-            [self.real(real) - self.imag(imag), self.real(imag) + self.imag(real)], 1))
+        return fast_sigmoid(torch.stack([self.real(real) - self.imag(imag), self.real(imag) + self.imag(real)], 1))
 
     def forward(self, microphone, echo):
         """Waves [B, samples], samples a multiple of 512 -> complex spectra [B, steps - 4, BINS] of the suppressed error."""
         d = spectrum.analyse(microphone)
         e = d - spectrum.analyse(echo)
-        mask = self.mask(d, e)[:, :, spectrum.LOOKAHEAD:]
-        return spectrum.apply_mask(mask, e[:, :mask.shape[2]], LOW_BINS, LOW_FACTOR)
+        mask = self.mask(d, e)[:, :, spectrum.LOOKAHEAD :]
+        return spectrum.apply_mask(mask, e[:, : mask.shape[2]], LOW_BINS, LOW_FACTOR)
 
     @torch.no_grad()
     def tables(self):

@@ -3,6 +3,7 @@
 Three microphones run through one set of recurrent states, as in the product: per 1024-sample frame two steps of
 microphone 1, two of microphone 2, two of microphone 3. The convolutions' histories are each microphone's own.
 """
+
 import torch
 from torch import nn
 from torch.nn import functional as F
@@ -37,9 +38,11 @@ class NoiseSuppressor(nn.Module):
         super().__init__()
         self.encoder = nn.ModuleList(
             (FirstConv if i == 0 else CausalConv)(*shape, (3, 3), stride=2, activation=True, norm=norm)
-            for i, shape in enumerate(ENCODER))
+            for i, shape in enumerate(ENCODER)
+        )
         self.blocks = nn.ModuleList(
-            GruBlock(CHANNELS, axis, True, fast_sigmoid, fast_tanh) for _ in range(BLOCKS) for axis in ("time", "freq"))
+            GruBlock(CHANNELS, axis, True, fast_sigmoid, fast_tanh) for _ in range(BLOCKS) for axis in ("time", "freq")
+        )
         self.decoder = nn.ModuleList(CausalConv(*shape, (3, 3)) for shape in DECODER)
 
     def mask(self, spectra, microphones=1):
@@ -64,7 +67,7 @@ class NoiseSuppressor(nn.Module):
         cleaned; synthesise() makes them audible. Frame t belongs to frame t of analyse(wave)."""
         spectra = spectrum.analyse(wave)
         mask = self.mask(spectra, microphones)
-        return spectrum.apply_mask(mask, spectra[:, :mask.shape[2]], LOW_BINS, LOW_FACTOR, floor)
+        return spectrum.apply_mask(mask, spectra[:, : mask.shape[2]], LOW_BINS, LOW_FACTOR, floor)
 
     @torch.no_grad()
     def tables(self):
@@ -80,9 +83,14 @@ class NoiseSuppressor(nn.Module):
             p, n = f"denoise_{block.axis}_", i // 2 + 1
             w_i, w_h, bias = gru_gates(block.gru)
             # r and z: one row per unit, input weights then recurrent ones; n: the two matrices one after the other.
-            tables[f"{p}gru{n}_weight"] = torch.cat([
-                torch.cat([w_i[0], w_h[0]], 1).flatten(), torch.cat([w_i[1], w_h[1]], 1).flatten(),
-                w_i[2].flatten(), w_h[2].flatten()])
+            tables[f"{p}gru{n}_weight"] = torch.cat(
+                [
+                    torch.cat([w_i[0], w_h[0]], 1).flatten(),
+                    torch.cat([w_i[1], w_h[1]], 1).flatten(),
+                    w_i[2].flatten(),
+                    w_h[2].flatten(),
+                ]
+            )
             tables[f"{p}gru{n}_bias"] = bias
             tables[f"{p}linear{n}_weight"], tables[f"{p}linear{n}_bias"] = block.linear.weight, block.linear.bias
             tables[f"{p}norm{n}_weight"], tables[f"{p}norm{n}_bias"] = block.affine()
@@ -91,14 +99,18 @@ class NoiseSuppressor(nn.Module):
     @torch.no_grad()
     def load_blocks(self, tables):
         first = self.encoder[0].conv.weight
-        first.copy_(tables["denoise_inp_conv1_weight"].view(-1)[:first.numel()].view_as(first))
+        first.copy_(tables["denoise_inp_conv1_weight"].view(-1)[: first.numel()].view_as(first))
         n = CHANNELS
         for i, block in enumerate(self.blocks):
             p, k = f"denoise_{block.axis}_", i // 2 + 1
             gates, new = tables[f"{p}gru{k}_weight"].view(-1).split([4 * n * n, 2 * n * n])
             gates, new = gates.view(2 * n, 2 * n), new.view(2, n, n)
-            load_gru(block.gru, torch.cat([gates[:, :n], new[0]]), torch.cat([gates[:, n:], new[1]]),
-                     tables[f"{p}gru{k}_bias"].view(-1))
+            load_gru(
+                block.gru,
+                torch.cat([gates[:, :n], new[0]]),
+                torch.cat([gates[:, n:], new[1]]),
+                tables[f"{p}gru{k}_bias"].view(-1),
+            )
             set_affine(block.norm, tables[f"{p}norm{k}_weight"], tables[f"{p}norm{k}_bias"])
 
 

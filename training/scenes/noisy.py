@@ -75,9 +75,7 @@ def draw_scene(corpus, bank, rng, samples, split, kinds=NOISES):
     point, field = dry_noise(corpus, rng, split, samples, kinds)
     lead = 1.5 if rng.random() < 0.1 else 0.3
     return {
-        "dry": np.concatenate(
-            [sources.talk(corpus, rng, "near", split, samples, lead)[None], point]
-        ),
+        "dry": np.concatenate([sources.talk(corpus, rng, "near", split, samples, lead)[None], point]),
         "field": np.zeros((3, samples), np.float32) if field is None else field,
         "responses": np.stack(
             [
@@ -90,8 +88,7 @@ def draw_scene(corpus, bank, rng, samples, split, kinds=NOISES):
         "snr": rng.uniform(*(CLEAN_SNR if rng.random() < CLEAN_SHARE else SNR)),
         "level": rng.uniform(*LEVEL),
         "mic_gain": gain(rng.uniform(-MIC_GAIN, MIC_GAIN, (3, 1))).astype(np.float32),
-        "self_noise": np.float32(gain(rng.uniform(*SELF_NOISE)))
-        * rng.standard_normal((3, samples), np.float32),
+        "self_noise": np.float32(gain(rng.uniform(*SELF_NOISE))) * rng.standard_normal((3, samples), np.float32),
     }
 
 

@@ -107,10 +107,7 @@ def aec_clip(corpus, bank, rng, seconds, split, scenario):
         dry = dry * _gate(samples, near_stretches)
         near = mixing.convolve(dry, bank.responses(room, "talker"))
     point, field = dry_noise(corpus, rng, split, samples)
-    noise = sum(
-        mixing.convolve(x, bank.responses(room, place))
-        for x, place in zip(point, ("noise 1", "noise 2"))
-    )
+    noise = sum(mixing.convolve(x, bank.responses(room, place)) for x, place in zip(point, ("noise 1", "noise 2")))
     noise = noise if field is None else noise + field
 
     # Talker at 0 dB, echo at -SER, noise at -SNR; the louder of the speech and the echo at LEVEL.
@@ -133,9 +130,7 @@ def aec_clip(corpus, bank, rng, seconds, split, scenario):
         mics = np.float32(knee) * np.tanh(mics / np.float32(knee))
 
     decay = int(0.5 * bank.rooms["rt60"][room] * RATE)
-    spans = _spans(
-        _rings(far_stretches, samples, path.delay + decay), _rings(near_stretches, samples, decay)
-    )
+    spans = _spans(_rings(far_stretches, samples, path.delay + decay), _rings(near_stretches, samples, decay))
     return {
         "ref": reference,
         "mics": echo.quantised(mics),

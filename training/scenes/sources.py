@@ -54,8 +54,7 @@ def talk(corpus, rng, role, split, samples, lead=0.3):
 
 def babble(corpus, rng, split, samples):
     talkers = [
-        talk(corpus, rng, "far", split, samples) * gain(rng.uniform(-8, 0))
-        for _ in range(rng.integers(*BABBLE_TALKERS))
+        talk(corpus, rng, "far", split, samples) * gain(rng.uniform(-8, 0)) for _ in range(rng.integers(*BABBLE_TALKERS))
     ]
     return np.sum(talkers, axis=0, dtype=np.float32)
 

@@ -1,4 +1,5 @@
 """Echo suppressor: what the library's canceller leaves in, near-end speech with a little noise out."""
+
 import numpy as np
 import torch
 
@@ -25,15 +26,16 @@ class Task:
             clip = clips[int(rng.integers(len(clips)))]
             room = len(clip["mic"]) - length
             start = 0 if rng.random() < c["from_start"] else int(rng.integers(room + 1))
-            gain = 10**(rng.uniform(*c["gain_db"]) / 20)
+            gain = 10 ** (rng.uniform(*c["gain_db"]) / 20)
             for name, pieces in batch.items():
-                pieces.append(np.float32(clip[name][start:start + length] * gain))
+                pieces.append(np.float32(clip[name][start : start + length] * gain))
         return {name: np.stack(pieces) for name, pieces in batch.items()}
 
     def outputs(self, model, batch):
         estimate = model(batch["mic"], batch["echo"])
-        target, error, mic = (spectrum.analyse(x)[:, :estimate.shape[1]]
-                              for x in (batch["target"], batch["mic"] - batch["echo"], batch["mic"]))
+        target, error, mic = (
+            spectrum.analyse(x)[:, : estimate.shape[1]] for x in (batch["target"], batch["mic"] - batch["echo"], batch["mic"])
+        )
         return estimate, target, error, mic
 
     def suppression(self, batch, estimate, target, error, sizes=losses.RESOLUTIONS):

@@ -1,4 +1,5 @@
 """Noise suppressor: three microphones of noisy rooms in, speech with its early reflections out."""
+
 from .. import losses
 from ..device_facts import MICROPHONES
 from ..models import spectrum
@@ -28,7 +29,7 @@ class Task:
             microphones, one = 1, int(rng.integers(MICROPHONES))
             batch = {name: batch[name][one::MICROPHONES] for name in ("mics", "target")}
         estimate = model(batch["mics"], microphones, floor)
-        target = spectrum.analyse(batch["target"])[:, :estimate.shape[1]]
+        target = spectrum.analyse(batch["target"])[:, : estimate.shape[1]]
         level = batch["mics"].pow(2).mean(-1).sqrt()
         sizes = rng.choice(losses.RESOLUTIONS, 1)
         return losses.suppression(estimate, target, level, c, self.low_factors.to(level.device), sizes=sizes), {}
@@ -41,5 +42,4 @@ class Task:
         loss = losses.suppression(estimate, target, level, self.config["loss"], self.low_factors.to(level.device))
         estimate, target, noisy = map(spectrum.synthesise, (estimate, target, noisy))
         before, after = losses.si_sdr(noisy, target), losses.si_sdr(estimate, target)
-        return {"loss": loss.item(), "si_sdr": after.mean().item(),
-                "si_sdr_improvement": (after - before).mean().item()}
+        return {"loss": loss.item(), "si_sdr": after.mean().item(), "si_sdr_improvement": (after - before).mean().item()}

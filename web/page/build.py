@@ -1,7 +1,7 @@
 #!/usr/bin/env python3
 """Makes the page in a folder of its own, from the built module: static files that work from any place, offline.
 
-    web/page/build.py MODULE OUTPUT
+web/page/build.py MODULE OUTPUT
 """
 
 import base64
