@@ -50,6 +50,10 @@ class Result:
     clean: NDArray[np.int16]
     """[n]: microphone 1 with the rest of the echo suppressed, CLEAN_DELAY samples late."""
     events: tuple[Wake, ...]
+    restarts: tuple[int, int, int]
+    """How often the echo canceller of each microphone has started anew, because it had diverged, since the front end
+    was made. 0 in ordinary use; a number that grows says that the reference holds tones, or that a microphone falls
+    silent or changes while the loudspeaker plays."""
 
 
 class FrontEnd(Stream[_quibo.FrontEnd]):
@@ -80,11 +84,11 @@ class FrontEnd(Stream[_quibo.FrontEnd]):
         """
         chunks = [_arrays.int16("mics", mics, (3, None)), _arrays.int16("ref", ref, (None,))]
         _arrays.same_length(mics=chunks[0], ref=chunks[1])
-        (outputs, clean, wakes), n = self._run(self._step, chunks, last)
+        (outputs, clean, wakes, restarts), n = self._run(self._step, chunks, last)
         events = tuple(Wake(sample, angle, cost, start, end, length) for sample, start, end, cost, angle, length in wakes)
-        return Result(outputs[:, :n], clean[:n], events)
+        return Result(outputs[:, :n], clean[:n], events, restarts)
 
     def _step(
         self, engine: _quibo.FrontEnd, mics: NDArray[np.int16], ref: NDArray[np.int16]
-    ) -> tuple[NDArray[np.int16], NDArray[np.int16], list[_Wake]]:
+    ) -> tuple[NDArray[np.int16], NDArray[np.int16], list[_Wake], tuple[int, int, int]]:
         return engine.process(mics, ref, self._scrambled)

@@ -73,7 +73,9 @@ class FrontEnd {
       std::memcpy(clean.row(0) + at, output.clean, sizeof output.clean);
       if (output.wake) wakes.push_back(to_wake(*output.wake));
     });
-    return std::make_tuple(outputs.matrix(), clean.vector(), wakes);
+    const auto restarts =
+        std::make_tuple(front_end_->restarts(0), front_end_->restarts(1), front_end_->restarts(2));
+    return std::make_tuple(outputs.matrix(), clean.vector(), wakes, restarts);
   }
 
  private:
@@ -89,8 +91,8 @@ void bind_front_end(nb::module_& m) {
       .def("close", &FrontEnd::close)
       .def(
           "process", &FrontEnd::process, nb::arg("mics"), nb::arg("ref"), nb::arg("scrambled"),
-          "(outputs [3, n], clean [n], [(sample, start, end, cost, angle, angle_length)]) of whole "
-          "frames");
+          "(outputs [3, n], clean [n], [(sample, start, end, cost, angle, angle_length)], restarts "
+          "[3]) of whole frames");
 }
 
 }  // namespace quibo::python

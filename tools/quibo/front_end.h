@@ -49,6 +49,9 @@ class FrontEnd {
 
   void process(const Frame& frame, Output* output);
 
+  // How often the canceller of a microphone, counted from 0, has started anew.
+  int32_t restarts(int mic) const { return Quibo_aec_restarts(handle_, mic + 1); }
+
  private:
   static void observe(void* self, const KWS_STEP* step);
   void describe(Wake* wake) const;
