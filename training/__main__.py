@@ -14,7 +14,7 @@ from .evaluate import cli as evaluate
 from .evaluate import listening
 from .models.layers import deploy, load_tables
 from .models.quantise import set_mode
-from .shared import PARAMS, ROOT
+from .shared import ROOT
 
 STAGES = ("scenes", "train", "quantise", "export", "evaluate")
 
@@ -39,16 +39,15 @@ def run_training(arguments):
         if "norm" in config["model"]:
             config["model"]["norm"] = False
             config["train"]["freeze_norm"] = 0
-    if arguments.network == "doa":
-        config["suppressor"] = file_digest(arguments.suppressor)
+    config |= data.of(arguments.network).Scenes.recorded(arguments)
     folder = arguments.out / f"train-{arguments.network}{'-smoke' if arguments.smoke else ''}"
     folder.mkdir(parents=True, exist_ok=True)
     device = "cuda" if torch.cuda.is_available() else "cpu"
-    source = data.open_data(config, arguments)
+    source = data.open_data(arguments.network, config, arguments)
     task = tasks.create(arguments.network, config, source)
     stages = arguments.stages.split(",")
     if "scenes" in stages:
-        source.prepare(arguments.network)
+        source.prepare()
     if "train" in stages:
         (folder / "config.json").write_text(json.dumps(config, indent=1))
         train.train(task, config, folder, device, model=started(task, config, arguments))
@@ -104,7 +103,7 @@ def export_trained(arguments, task, config, source, folder):
     model, folder = trained(task, config, folder)
     results = judge(task, model, config, "valid", folder)
     print("valid:", json.dumps(results))
-    metadata = export.describe(arguments.network, config, train.trained_steps(folder), source.digest(), results)
+    metadata = export.describe(config, train.trained_steps(folder), source.digest(), results) | task.metadata()
     tables = export.fit(arguments.network, model.tables())
     path, digest = export.write(arguments.network, tables, metadata, arguments.params or folder)
     draft = path.with_suffix(".draft.md")
@@ -154,18 +153,8 @@ def main():
         type=pathlib.Path,
         help="built libquibo.so: canceller and noise suppressor for the scenes, parity at export",
     )
-    p.add_argument(
-        "--suppressor",
-        type=pathlib.Path,
-        default=PARAMS / "ns.safetensors",
-        help="doa: parameter file of the noise suppressor to listen through (default: %(default)s)",
-    )
-    p.add_argument(
-        "--cutter",
-        type=pathlib.Path,
-        default=PARAMS / "kws.safetensors",
-        help="kws: parameter file of the wake-up network that finds the syllables inside words (default: %(default)s)",
-    )
+    for network in tasks.NETWORKS:
+        data.of(network).Scenes.add_options(p)
     p.set_defaults(run=run_training)
     p = commands.add_parser("parity", help="training graphs against the built library, random tables")
     p.add_argument("networks", nargs="*")

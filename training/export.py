@@ -8,7 +8,6 @@ import numpy as np
 import torch
 
 from params import safetensors_file
-from params.syllable_names import class_names
 
 from .cache_keys import file_digest
 from .shared import PARAMS, ROOT
@@ -54,12 +53,12 @@ def read(path):
     return {name: np.frombuffer(data, DTYPES[dtype]).reshape(shape).copy() for name, (dtype, shape, data) in entries.items()}
 
 
-def describe(network, config, steps, digest, results):
+def describe(config, steps, digest, results):
     """Metadata of an exported file: enough to make it again."""
     revision = subprocess.run(
         ["git", "describe", "--always", "--dirty", "--abbrev=12"], cwd=ROOT, text=True, capture_output=True
     ).stdout.strip()
-    metadata = {
+    return {
         "generator": "training",
         "trained": "yes",
         "steps": str(steps),
@@ -68,7 +67,6 @@ def describe(network, config, steps, digest, results):
         "revision": revision,
         "results": json.dumps(results),
     }
-    return metadata | ({"classes": class_names()} if network == "kws" else {})
 
 
 def card(network, metadata, sources, digest):

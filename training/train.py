@@ -196,6 +196,13 @@ def weights(folder):
     return sorted(folder.glob("weights-*.pt"))
 
 
+def trained_weights(folder):
+    found = weights(folder)
+    if not found:
+        raise SystemExit(f"training: nothing has been trained in {folder} yet")
+    return found
+
+
 def resume(folder, model, optimizer):
     path = folder / "checkpoint.pt"
     if not path.exists():
@@ -208,7 +215,7 @@ def resume(folder, model, optimizer):
 
 def averaged(folder):
     """Mean of the kept weights; counters, which have no mean, are the newest ones."""
-    states = [torch.load(path, map_location="cpu") for path in weights(folder)]
+    states = [torch.load(path, map_location="cpu") for path in trained_weights(folder)]
     return {
         name: torch.stack([s[name] for s in states]).mean(0) if value.is_floating_point() else value
         for name, value in states[-1].items()
@@ -216,7 +223,7 @@ def averaged(folder):
 
 
 def trained_steps(folder):
-    return int(weights(folder)[-1].stem.split("-")[1])
+    return int(trained_weights(folder)[-1].stem.split("-")[1])
 
 
 def claim(folder, steps):

@@ -1,20 +1,55 @@
-"""What each network is trained on, for and judged by.
+"""What each network is trained on, for and judged by: in tasks/NETWORK.py a class Task."""
 
-A task is an object with
-    model()                      -> the untrained network
-    sample(rng, split, progress) -> one batch, dict of float32 arrays; called in worker processes. progress: share of the
-                                    training that is over, which matters to recipes that begin with easier batches
-    loss(model, batch, rng)      -> (scalar loss, {name: float} for the log)
-    validate(model, batch)       -> {name: float}
-and, where the recipe has a stage for it (kws),
-    calibrate(model, batches)             sets the ranges of the codes; the model rounds from then on
-    set_operating_point(model, **values)  before the export
-"""
+from __future__ import annotations
 
+import abc
 import importlib
+from collections.abc import Iterable
+
+import numpy as np
+import torch
+
+from training import data
+from training.shared import Config
 
 NETWORKS = ("ns", "naec", "doa", "kws")
 
+Batch = dict[str, torch.Tensor]
 
-def create(network, config, data):
-    return importlib.import_module(f".{network}", __name__).Task(config, data)
+
+class Task(abc.ABC):
+    def __init__(self, config: Config, source: data.Stub | data.Scenes) -> None:
+        self.config, self.data = config, source
+
+    @abc.abstractmethod
+    def model(self) -> torch.nn.Module:
+        """The untrained network."""
+
+    @abc.abstractmethod
+    def sample(self, rng: np.random.Generator, split: str, progress: float = 1.0) -> dict[str, np.ndarray]:
+        """One batch, float32; called in worker processes. progress: share of the training that is over, which matters to
+        recipes that begin with easier batches."""
+
+    @abc.abstractmethod
+    def loss(self, model: torch.nn.Module, batch: Batch, rng: np.random.Generator) -> tuple[torch.Tensor, dict[str, float]]:
+        """The loss, and what else the log is to hold."""
+
+    @abc.abstractmethod
+    def validate(self, model: torch.nn.Module, batch: Batch) -> dict[str, float]:
+        """Figures of one batch."""
+
+    def calibrate(self, model: torch.nn.Module, batches: Iterable[Batch]) -> None:
+        """Of recipes with a stage `quantise`: sets the ranges of the codes; the model rounds from then on."""
+        raise NotImplementedError
+
+    def set_operating_point(self, model: torch.nn.Module, **values: float) -> None:
+        """Of recipes that have one: before the export."""
+        raise NotImplementedError
+
+    def metadata(self) -> dict[str, str]:
+        """What an exported file holds beside what all do."""
+        return {}
+
+
+def create(network: str, config: Config, source: data.Stub | data.Scenes) -> Task:
+    return importlib.import_module(f".{network}", __name__).Task(config, source)

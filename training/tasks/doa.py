@@ -1,7 +1,11 @@
 """Direction network: a vector towards the talker while he speaks, none while nobody does."""
 
+from __future__ import annotations
+
+import numpy as np
 import torch
 
+from .. import tasks
 from ..device_facts import DECISION_BLOCKS, HEADING_OFFSET
 from ..models import doa
 
@@ -9,23 +13,23 @@ LENGTH = 0.9  # of a speaking talker's vector: the tangent need not saturate
 CHORD_ROUNDING = 0.03  # of the heading's loss near zero, radians
 
 
-class Task:
-    def __init__(self, config, data):
-        self.config, self.data = config, data
-
-    def model(self):
+class Task(tasks.Task):
+    def model(self) -> doa.DirectionNetwork:
         return doa.DirectionNetwork(**self.config["model"])
 
-    def sample(self, rng, split, progress=1.0):
+    def sample(self, rng: np.random.Generator, split: str, progress: float = 1.0) -> dict[str, np.ndarray]:
         c = self.config["data"]
-        return self.data.doa_batch(rng, c["batch"], c["seconds"], split)
+        return self.data.batch(rng, c["batch"], c["seconds"], split)
 
-    def vectors(self, model, batch):
+    def vectors(self, model: torch.nn.Module, batch: tasks.Batch) -> tuple[torch.Tensor, torch.Tensor]:
+        """Estimate and target [B, blocks, 2]."""
         angle = torch.deg2rad(batch["heading"] - HEADING_OFFSET)
         target = LENGTH * torch.stack([angle.sin(), angle.cos()], -1)[:, None] * batch["active"][..., None]
         return model(batch["features"]), target
 
-    def loss(self, model, batch, rng):
+    def loss(
+        self, model: torch.nn.Module, batch: tasks.Batch, rng: np.random.Generator | None
+    ) -> tuple[torch.Tensor, dict[str, float]]:
         estimate, target = self.vectors(model, batch)
         active = batch["active"]
         weight = active + self.config["loss"]["silence"] * (1 - active)
@@ -35,7 +39,7 @@ class Task:
         chord = (2 - 2 * cosine + CHORD_ROUNDING**2).sqrt()
         return distance + self.config["loss"]["heading"] * (active * chord).mean(), {}
 
-    def validate(self, model, batch):
+    def validate(self, model: torch.nn.Module, batch: tasks.Batch) -> dict[str, float]:
         """Error of the decision on clips in which somebody speaks: the longest vector of the blocks up to the last
         in which he does, as at a wake."""
         estimate, target = self.vectors(model, batch)

@@ -4,10 +4,17 @@ Three losses, one after the other: cross-entropy on the known places of the syll
 syllable's end, so that nothing is said before it has been heard; beside it, in the last part, the decoder's own score.
 """
 
-import math
+from __future__ import annotations
 
+import math
+from collections.abc import Iterable, Sequence
+
+import numpy as np
 import torch
 
+from params.syllable_names import class_names
+
+from .. import tasks
 from ..device_facts import BLANK, CLASSES, FILLER, THRESHOLD
 from ..models import kws
 from ..models.quantise import set_mode
@@ -20,25 +27,24 @@ SAID = 3  # steps from a syllable's end in which cross-entropy wants its class
 PER_TEXT = 4.0  # weighs texts of different length: nats per (syllables + this)
 
 
-class Task:
-    def __init__(self, config, data):
-        self.config, self.data = config, data
-
-    def model(self):
+class Task(tasks.Task):
+    def model(self) -> kws.SyllableNetwork:
         return kws.SyllableNetwork()
 
-    def sample(self, rng, split, progress=1.0):
+    def sample(self, rng: np.random.Generator, split: str, progress: float = 1.0) -> dict[str, np.ndarray]:
         c = self.config["data"]
-        return self.data.kws_batch(rng, c["batch"], c["seconds"], split, progress)
+        return self.data.batch(rng, c["batch"], c["seconds"], split, progress)
 
-    def log_posteriors(self, model, batch, chained=1):
+    def log_posteriors(self, model: torch.nn.Module, batch: tasks.Batch, chained: int = 1) -> torch.Tensor:
         """As the decoder has them. chained: so many utterances follow each other without a reset of the network."""
         x = batch["features"]
         chained = math.gcd(chained, len(x))
         y = model(x.reshape(len(x) // chained, -1, x.shape[-1]))
         return decoder.merged(kws.posteriors(y).reshape(len(x), -1, y.shape[-1]))
 
-    def loss(self, model, batch, rng):
+    def loss(
+        self, model: torch.nn.Module, batch: tasks.Batch, rng: np.random.Generator
+    ) -> tuple[torch.Tensor, dict[str, float]]:
         c, progress = self.config["loss"], float(batch["progress"])
         p = self.log_posteriors(model, batch, c["chained"] if rng.random() < c["chained_share"] else 1)
         ramp = lambda begin, end: min(1.0, max(0.0, (progress - begin) / (end - begin)))
@@ -53,7 +59,7 @@ class Task:
             total = total + share * (c["missed"] * values["missed"] + c["false"] * values["false"])
         return total, {name: value.item() for name, value in values.items()}
 
-    def validate(self, model, batch):
+    def validate(self, model: torch.nn.Module, batch: tasks.Batch) -> dict[str, float]:
         p = self.log_posteriors(model, batch)
         wrong = total = 0
         for path, row, kind in zip(p.argmax(-1), batch["labels"].long(), batch["kind"].long()):
@@ -72,12 +78,12 @@ class Task:
 
     @staticmethod
     @torch.no_grad()
-    def set_operating_point(model, phrase):
+    def set_operating_point(model: kws.SyllableNetwork, phrase: float) -> None:
         """phrase: nats added to what the phrase's syllables score. The decoder's thresholds are fixed."""
         model.output.linear.bias[list(set(PHRASE))] += phrase
 
     @torch.no_grad()
-    def calibrate(self, model, batches):
+    def calibrate(self, model: torch.nn.Module, batches: Iterable[tasks.Batch]) -> None:
         """Ranges of all codes from batches of training audio; afterwards the model rounds."""
         model.eval()
         set_mode(model, "observe")
@@ -85,8 +91,11 @@ class Task:
             self.log_posteriors(model, batch)
         set_mode(model, "codes")
 
+    def metadata(self) -> dict[str, str]:
+        return {"classes": class_names()}
 
-def edit_distance(a, b):
+
+def edit_distance(a: Sequence[int], b: Sequence[int]) -> int:
     row = list(range(len(b) + 1))
     for i, x in enumerate(a, 1):
         diagonal, row[0] = row[0], i
@@ -95,7 +104,7 @@ def edit_distance(a, b):
     return row[-1]
 
 
-def windows(batch, steps):
+def windows(batch: tasks.Batch, steps: int) -> torch.Tensor:
     """[B, T, 146]: where each class may be said."""
     t = torch.arange(steps, device=batch["labels"].device)
     inside = (t >= batch["first"][..., None]) & (t <= batch["last"][..., None]) & (batch["labels"][..., None] > 0)
@@ -105,7 +114,7 @@ def windows(batch, steps):
     return allowed
 
 
-def ctc(p, batch):
+def ctc(p: torch.Tensor, batch: tasks.Batch) -> torch.Tensor:
     """Nats per syllable. Syllables without a class are part of the blank, as they are for the decoder. Speech in other
     languages may sound like syllables and is left to the hinge."""
     labels = batch["labels"].long()
@@ -119,7 +128,7 @@ def ctc(p, batch):
     return (weight * nats / (lengths + PER_TEXT)).mean()
 
 
-def cross_entropy(p, batch, whole=False):
+def cross_entropy(p: torch.Tensor, batch: tasks.Batch, whole: bool = False) -> torch.Tensor:
     """Of the utterances joined from single syllables: each class for some steps from its syllable's end on (a slow one's
     from a little before), else blank. whole: from the middle of each syllable on, which is learnt sooner."""
     steps = p.shape[1]
@@ -136,7 +145,7 @@ def cross_entropy(p, batch, whole=False):
     return (weight * nats).sum() / (weight.sum() + 1e-6)
 
 
-def hinge(p, batch, enough, too_much):
+def hinge(p: torch.Tensor, batch: tasks.Batch, enough: float, too_much: float) -> tuple[torch.Tensor, torch.Tensor]:
     """How far the phrase's cost is above `enough`; how far, in nats per syllable, anything else scores above `too_much`."""
     score, may_wake = decoder.scores(p)
     phrase = (batch["kind"] == batches.KINDS.index("phrase")).float()

@@ -1,27 +1,35 @@
 """Noise suppressor: three microphones of noisy rooms in, speech with its early reflections out."""
 
-from .. import losses
+from __future__ import annotations
+
+import numpy as np
+import torch
+
+from .. import data, losses, tasks
 from ..device_facts import MICROPHONES
 from ..models import spectrum
 from ..models.ns import LOW_BINS, LOW_FACTOR, NoiseSuppressor
+from ..shared import Config
 
 VALIDATION_FLOOR = 0.1
 
 
-class Task:
-    def __init__(self, config, data):
-        self.config, self.data = config, data
+class Task(tasks.Task):
+    def __init__(self, config: Config, source: data.Stub | data.Scenes) -> None:
+        super().__init__(config, source)
         self.low_factors = spectrum.low_bin_factors(LOW_BINS, LOW_FACTOR)
 
-    def model(self):
+    def model(self) -> NoiseSuppressor:
         return NoiseSuppressor(**self.config["model"])
 
-    def sample(self, rng, split, progress=1.0):
+    def sample(self, rng: np.random.Generator, split: str, progress: float = 1.0) -> dict[str, np.ndarray]:
         c = self.config["data"]
-        batch = self.data.ns_batch(rng, c["batch"], c["seconds"], split)
+        batch = self.data.batch(rng, c["batch"], c["seconds"], split)
         return {name: batch[name].reshape(-1, batch[name].shape[-1]) for name in ("mics", "target")}
 
-    def loss(self, model, batch, rng):
+    def loss(
+        self, model: torch.nn.Module, batch: tasks.Batch, rng: np.random.Generator
+    ) -> tuple[torch.Tensor, dict[str, float]]:
         c = self.config["loss"]
         floor = float(rng.choice(c["floors"]))
         microphones = MICROPHONES
@@ -34,7 +42,7 @@ class Task:
         sizes = rng.choice(losses.RESOLUTIONS, 1)
         return losses.suppression(estimate, target, level, c, self.low_factors.to(level.device), sizes=sizes), {}
 
-    def validate(self, model, batch):
+    def validate(self, model: torch.nn.Module, batch: tasks.Batch) -> dict[str, float]:
         estimate = model(batch["mics"], MICROPHONES, VALIDATION_FLOOR)
         frames = estimate.shape[1]
         target, noisy = (spectrum.analyse(batch[name])[:, :frames] for name in ("target", "mics"))

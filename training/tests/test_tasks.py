@@ -43,7 +43,7 @@ def test_microphones_of_a_scene_stay_together():
     """The network runs three rows in turns; they are one scene's, and come apart as they went in."""
     ns, _ = task("ns")
     rng = np.random.default_rng(1)
-    scenes = ns.data.ns_batch(np.random.default_rng(1), 2, 1.024, "train")
+    scenes = ns.data.batch(np.random.default_rng(1), 2, 1.024, "train")
     rows = ns.sample(rng, "train")
     assert all(np.array_equal(rows["mics"][3 * b + m], scenes["mics"][b, m]) for b in (0, 1) for m in (0, 1, 2))
     x = torch.arange(6 * 8 * 2 * 3).reshape(6, 8, 2, 3)

@@ -9,6 +9,7 @@ import torch
 
 from params import safetensors_file
 from training import __main__, data, export, losses, muon, parity, tasks, train
+from training.device_facts import CLASSES
 from training.models import spectrum
 from training.models.doa import DirectionNetwork
 from training.models.layers import CausalConv, load_tables
@@ -29,7 +30,7 @@ def task(network, **schedule):
         "clip_seconds": 2.0,
     }
     config["train"] |= schedule
-    return tasks.create(network, config, data.StubData(config)), config
+    return tasks.create(network, config, data.of(network).Stub(config)), config
 
 
 @pytest.mark.parametrize("network, optimizer", [("ns", {"optimizer": "adamw"}), ("kws", {"optimizer": "muon", "parts": 1})])
@@ -146,10 +147,10 @@ def test_the_average_is_that_of_the_last_checkpoints(tmp_path):
 def test_an_export_holds_the_library_s_tables_and_where_they_come_from(network, tmp_path):
     """Every table of the manifest, finite, in its type and shape; configuration, data and revision beside them."""
     _, make, kind, _ = parity.CHECKS[network]
-    _, config = task(network)
+    t, config = task(network)
     with torch.no_grad():
         tables = export.fit(network, make(kind, 0).tables())
-    path, _ = export.write(network, tables, export.describe(network, config, 7, "digest", {}), tmp_path)
+    path, _ = export.write(network, tables, export.describe(config, 7, "digest", {}) | t.metadata(), tmp_path)
     read, metadata = safetensors_file.read(path)
     entries = export.manifest(network)
     assert {name: (dtype, shape) for name, (dtype, shape, _) in read.items()} == {
@@ -158,6 +159,7 @@ def test_an_export_holds_the_library_s_tables_and_where_they_come_from(network, 
     assert all(np.isfinite(a).all() for a in tables.values())
     assert (metadata["steps"], metadata["data"], metadata["trained"]) == ("7", "digest", "yes")
     assert json.loads(metadata["config"]) == config and metadata["revision"]
+    assert len(metadata.get("classes", "").split()) == (CLASSES if network == "kws" else 0)
 
 
 def test_an_export_leaves_the_card_that_a_person_wrote(tmp_path, capsys):
