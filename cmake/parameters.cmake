@@ -23,5 +23,7 @@ if(NOT params_result EQUAL 0)
 endif()
 set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS ${params_manifest})
 add_custom_command(OUTPUT ${QUIBO_PARAMETER_SOURCES} COMMAND ${params_command}
-  DEPENDS ${params_tool} ${PROJECT_SOURCE_DIR}/params/safetensors_file.py ${params_manifest} ${params_files}
+  DEPENDS ${params_tool} ${PROJECT_SOURCE_DIR}/params/safetensors_file.py ${PROJECT_SOURCE_DIR}/params/keyword_table.py
+    ${PROJECT_SOURCE_DIR}/params/syllable_names.py ${PROJECT_SOURCE_DIR}/params/syllables.txt
+    ${params_manifest} ${params_files}
   COMMENT "Embedding the parameters of ${QUIBO_PARAMS_DIR}" VERBATIM)

@@ -5,9 +5,9 @@
     embed.py --pin MANIFEST
 
 MANIFEST lists, per .safetensors file, its SHA-256 and every tensor with its element type and shape; PARAMS_DIR holds the
-files. One FILE.cpp per parameter file is written to OUT_DIR. A missing or malformed file, or a missing, unknown, mis-shaped
-or mistyped tensor, is reported in one line each, and nothing is written. The SHA-256 is held against the files beside the
-manifest; those of another folder are somebody else's and may differ.
+files. The keyword table, keywords.json, is one tensor of any length. One FILE.cpp per parameter file is written to OUT_DIR.
+A missing or malformed file, or a missing, unknown, mis-shaped or mistyped tensor, is reported in one line each, and nothing is
+written. The SHA-256 is held against the files beside the manifest; those of another folder are somebody else's and may differ.
 
 --pin writes the SHA-256 of the files beside the manifest into it, after the same checks: for whoever replaces one.
 """
@@ -17,9 +17,12 @@ import hashlib
 import json
 import os
 import pathlib
+import struct
 import sys
 
+import keyword_table
 import safetensors_file
+import syllable_names
 
 # element type -> (array type code, C type, how a value is written). repr() of the double nearest to a float carries
 # enough digits to be read back as the same float.
@@ -43,7 +46,7 @@ def check(file_name, expected, found):
         want = expected[name]
         if dtype != want["dtype"]:
             yield f"{file_name}: tensor {name} has type {dtype}, expected {want['dtype']}"
-        elif shape != want["shape"]:
+        elif shape != want.get("shape", shape):
             yield f"{file_name}: tensor {name} has shape {shape}, expected {want['shape']}"
         elif dtype == "F32" and not all(abs(v) < float("inf") for v in values_of(dtype, data)):
             yield f"{file_name}: tensor {name} holds a value that is not finite"
@@ -78,7 +81,7 @@ def load(manifest, folder, pinned):
     for file_name, entry in manifest.items():
         path = folder / file_name
         try:
-            found, _ = safetensors_file.read(path)
+            found = read(path)
             if pinned and sha256(path) != entry["sha256"]:
                 problems.append(
                     f"{file_name}: its SHA-256 is not the manifest's; if it was replaced on purpose, run "
@@ -88,12 +91,21 @@ def load(manifest, folder, pinned):
             problems.append(f"{file_name}: no such file in {ascii(str(folder))}")
         except OSError as reason:
             problems.append(f"{file_name}: cannot be read ({reason.strerror})")
-        except safetensors_file.FormatError as reason:
+        except (safetensors_file.FormatError, keyword_table.TableError) as reason:
             problems.append(f"{file_name}: {reason}")
         else:
             problems += check(file_name, entry["tensors"], found)
             files[file_name] = found
     return files, problems
+
+
+def read(path):
+    """{name: (dtype, shape, bytes)} of a parameter file."""
+    if path.suffix == ".safetensors":
+        return safetensors_file.read(path)[0]
+    classes = syllable_names.classes()
+    values = keyword_table.values(keyword_table.read(path, classes), classes)
+    return {keyword_table.NAME: ("I16", [len(values)], struct.pack(f"<{len(values)}h", *values))}
 
 
 def sha256(path):

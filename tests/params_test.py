@@ -188,7 +188,7 @@ def test_the_library_s_own_files_are_those_of_the_manifest(source, tmp_path):
 
 def test_pinning_changes_nothing_of_an_up_to_date_manifest_and_refuses_files_that_do_not_fit(source, tmp_path):
     own = source / "params/manifest.json"
-    for path in [own, *own.parent.glob("*.safetensors")]:
+    for path in [own, own.parent / "keywords.json", *own.parent.glob("*.safetensors")]:
         shutil.copy(path, tmp_path)
     assert run_tool(source, "--pin", tmp_path / "manifest.json").returncode == 0
     assert (tmp_path / "manifest.json").read_text() == own.read_text()
@@ -196,6 +196,56 @@ def test_pinning_changes_nothing_of_an_up_to_date_manifest_and_refuses_files_tha
     codec.write_bytes(codec.read_bytes() + b"x")
     assert run_tool(source, "--pin", tmp_path / "manifest.json").returncode == 1
     assert (tmp_path / "manifest.json").read_text() == own.read_text()
+
+
+def keywords(**fields):
+    return json.dumps({"keywords": [{"identifier": 0, "phrase": "ni hao", "threshold": 0.6, "divisor": 2.0} | fields]})
+
+
+def embed_keywords(source, folder, text):
+    (folder / "keywords.json").write_text(text)
+    manifest = folder / "elsewhere" / "manifest.json"
+    manifest.parent.mkdir(exist_ok=True)
+    manifest.write_text('{"keywords.json": {"sha256": "", "tensors": {"keywords_index": {"dtype": "I16"}}}}')
+    return run_tool(source, manifest, folder, folder / "out")
+
+
+def test_a_keyword_table_is_embedded_as_the_classes_of_its_syllables(source, tmp_path):
+    first = json.loads(keywords(phrase="ling dang ling dang", divisor=4))["keywords"]
+    second = json.loads(keywords(identifier=7, phrase="ling", threshold=1.25, divisor=0.1))["keywords"]
+    result = embed_keywords(source, tmp_path, json.dumps({"keywords": first + second}))
+    assert (result.returncode, result.stderr) == (0, "")
+    (values,) = re.findall(
+        r"const int16_t keywords_index\[14\] = \{(.*?)\};", (tmp_path / "out/keywords.cpp").read_text(), re.S
+    )
+    assert [int(v) for v in values.rstrip(" ,\n").split(",")] == [2, 0, 60, 40, 4, 125, 2, 125, 2, 7, 125, 1, 1, 125]
+
+
+@pytest.mark.parametrize(
+    "text, said",
+    [
+        ("{", "not JSON"),
+        ("[" * 100000, "nested too deeply"),
+        ("[]", "at least one"),
+        ('{"keywords": []}', "at least one"),
+        ('{"keywords": [{"phrase": "ni hao"}]}', "keyword 1 is not identifier, phrase,"),
+        (keywords(phrase="xiao bay"), "'bay' (the nearest: ba"),
+        (keywords(phrase="\x1b[2J \u3042"), "knows no syllable '\\x1b[2J'"),
+        (keywords(phrase=""), "the phrase has 0 syllables"),
+        (keywords(phrase="ling " * 39), "the phrase has 39 syllables"),
+        (keywords(phrase=["ni", "hao"]), "the phrase has 0 syllables"),
+        (keywords(threshold=0), "threshold 0, expected"),
+        (keywords(threshold=0.605), "threshold 0.605, expected"),
+        (keywords(divisor=float("nan")), "divisor nan, expected"),
+        (keywords(divisor=1e9), "divisor 1000000000.0, expected"),
+        (keywords(identifier=True), "identifier True, expected"),
+    ],
+)
+def test_a_keyword_table_that_does_not_fit_is_one_line(source, tmp_path, text, said):
+    result = embed_keywords(source, tmp_path, text)
+    assert result.returncode == 1 and not (tmp_path / "out").exists()
+    assert result.stderr.startswith("params: keywords.json: ") and said in result.stderr
+    assert result.stderr.count("\n") == 1 and result.stderr[:-1].isprintable() and len(result.stderr) < 250
 
 
 @pytest.mark.parametrize("text", ["", "{nonsense", "[]", '{"net.safetensors": {}}', '{"net.safetensors": {"tensors": [1]}}'])
@@ -258,7 +308,7 @@ def test_every_value_is_written_exactly(source, tmp_path):
 def debug_build(source, tmp_path_factory, unsanitized):
     """(parameter files, build folder, configure command) of a debug build with parameter files of its own."""
     own, build = tmp_path_factory.mktemp("own"), tmp_path_factory.mktemp("debug")
-    for path in (source / "params").glob("*.safetensors"):
+    for path in [source / "params/keywords.json", *(source / "params").glob("*.safetensors")]:
         shutil.copy(path, own)
     configure = ["cmake", "-S", source, "-B", build, f"-DQUIBO_PARAMS_DIR={own}", "-DCMAKE_BUILD_TYPE=Debug"]
     subprocess.run(configure, check=True, capture_output=True)

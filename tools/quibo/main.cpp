@@ -3,6 +3,7 @@
 #include <signal.h>
 #include <stdio.h>
 
+#include <algorithm>
 #include <vector>
 
 #include "command.h"
@@ -19,8 +20,8 @@ std::string version() {
   std::string text = "quibo " + about["version"].get<std::string>() + "\nkernels    " +
                      about["kernels"].get<std::string>() + "\n";
   for (const auto& [name, digest] : about["parameters"].items()) {
-    text +=
-        "parameters " + name + std::string(6 - name.size(), ' ') + digest.get<std::string>() + "\n";
+    const std::string padding(std::max<size_t>(name.size() + 1, 9) - name.size(), ' ');
+    text += "parameters " + name + padding + digest.get<std::string>() + "\n";
   }
   text.pop_back();
   return text;

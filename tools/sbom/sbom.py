@@ -89,7 +89,8 @@ def document(build):
     quibo.verification_code = PackageVerificationCode(
         hashlib.sha1("".join(sorted(f.checksums[0].value for f in (shared, archive))).encode()).hexdigest()
     )
-    tables = [file(path, f"params/{path.name}", FileType.OTHER) for path in sorted(parameters.glob("*.safetensors"))]
+    names = [*sorted(path.name for path in parameters.glob("*.safetensors")), "keywords.json"]
+    tables = [file(parameters / name, f"params/{name}", FileType.OTHER) for name in names]
     linked = [package(name, release, PackagePurpose.LIBRARY) for name, release in needed(library).items()]
     tools = [
         package(name, release, PackagePurpose.APPLICATION)
