@@ -10,7 +10,6 @@ import torch
 
 from . import data, export, parity, tasks, train
 from .cache_keys import file_digest
-from .evaluate import cli as evaluate
 from .evaluate import listening
 from .models.layers import deploy, load_tables
 from .models.quantise import set_mode
@@ -163,9 +162,6 @@ def main():
     p.add_argument("--exported", type=pathlib.Path, help="a kws.safetensors instead of random networks")
     p.add_argument("--steps", type=int, default=100000, help="of the exported network")
     p.set_defaults(run=run_parity)
-    p = commands.add_parser("evaluate", help="the built library on simulated scenes, beside its peers")
-    evaluate.add_options(p)
-    p.set_defaults(run=evaluate.run)
     p = commands.add_parser("listen", help="the wake-up engine alone: recall, near misses, false accepts of held-out speakers")
     listening.add_options(p)
     p.set_defaults(run=listening.run)

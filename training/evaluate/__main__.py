@@ -1,6 +1,9 @@
 """python -m training.evaluate: see --help. Runs from the repository root."""
 
 import argparse
+import os
+
+os.environ.setdefault("OMP_NUM_THREADS", "1")  # read when numpy is imported, here and in workers
 
 from training.evaluate import cli
 

@@ -18,14 +18,23 @@ WINDOW = 0.5  # s of a level
 QUIETEST = 1e-10
 
 
-def pairs(root):
-    """Yields (name, kind of AECMOS, mic [n], ref [n]), the recordings' own delay taken off."""
-    for path in sorted((root / FOLDER).glob("*_mic.wav")):
-        name = path.stem.removesuffix("_mic")
-        mic, ref = (soundfile.read(path.with_name(f"{name}_{end}.wav"), dtype="float32")[0] for end in ("mic", "lpb"))
-        n = min(len(mic), len(ref))
-        late = max(0, find_delay(ref[:n], mic[:n], MOST_DELAY) - EARLY)
-        yield name, "far_end" if "farend" in name else "double_talk", mic[late:n], ref[: n - late]
+def recordings(opened):
+    """What the microphones heard; nothing where the corpus has no such folder."""
+    root = opened.corpus.root
+    return sorted((root / FOLDER).glob("*_mic.wav")) if root else []
+
+
+def numbers(opened):
+    return range(len(recordings(opened)))
+
+
+def pair(path):
+    """(name, kind of AECMOS, mic [n], ref [n]), the recordings' own delay taken off."""
+    name = path.stem.removesuffix("_mic")
+    mic, ref = (soundfile.read(path.with_name(f"{name}_{end}.wav"), dtype="float32")[0] for end in ("mic", "lpb"))
+    n = min(len(mic), len(ref))
+    late = max(0, find_delay(ref[:n], mic[:n], MOST_DELAY) - EARLY)
+    return name, "far_end" if "farend" in name else "double_talk", mic[late:n], ref[: n - late]
 
 
 def levels(x):
@@ -35,25 +44,29 @@ def levels(x):
     return (10 * np.log10(power + QUIETEST)).round(1).tolist()
 
 
-def run(device, root, speech, progress):
-    table, delays, absent = echo_path.systems(device, speech)
-    rows = []
-    for name, kind, mic, ref in pairs(root):
-        for names, process in table:
-            for system, output in zip(names, process(mic, ref)):
-                echo, other = metrics.aecmos(kind, ref, mic, output)
-                rows.append(
-                    {
-                        "recording": name,
-                        "kind": kind,
-                        "system": system,
-                        "echo": echo,
-                        "degradation": other,
-                        "levels": levels(output),
-                    }
-                )
-        progress()
-    return {"rows": rows, "summary": summarise(rows), "delays": delays, "absent": absent}
+def rows(opened, number):
+    """One per system."""
+    name, kind, mic, ref = pair(recordings(opened)[number])
+    found = []
+    for names, process in echo_path.systems(opened)[0]:
+        for system, output in zip(names, process(mic, ref)):
+            echo, other = metrics.aecmos(kind, ref, mic, output)
+            found.append(
+                {
+                    "recording": name,
+                    "kind": kind,
+                    "system": system,
+                    "echo": echo,
+                    "degradation": other,
+                    "levels": levels(output),
+                }
+            )
+    return found
+
+
+def result(opened, heard):
+    _, delays, absent = echo_path.systems(opened)
+    return {"rows": heard, "summary": summarise(heard), "delays": delays, "absent": absent}
 
 
 def summarise(rows):

@@ -18,15 +18,22 @@ POINTED = 15.0  # degrees within which the device has pointed at the talker
 LATE = SUPPRESSOR_DELAY / RATE  # what the suppressors put between talker and estimator
 
 
-def run(device, corpus, sizes, progress):
-    rows = []
-    for number in range(sizes.direction):
-        for condition, scene in scenes.called(corpus, number):
-            rows.append({"scene": number, "condition": condition, **measure(device, scene)})
-        progress()
-    conditions = {name: [r for r in rows if r["condition"] == name] for name in sets.DIRECTION_CONDITIONS}
+def numbers(opened):
+    return range(opened.sizes.direction)
+
+
+def rows(opened, number):
+    """One per condition."""
+    return [
+        {"scene": number, "condition": condition, **measure(opened.device, scene)}
+        for condition, scene in scenes.called(opened.others, number)
+    ]
+
+
+def result(opened, heard):
+    conditions = {name: [r for r in heard if r["condition"] == name] for name in sets.DIRECTION_CONDITIONS}
     return {
-        "rows": rows,
+        "rows": heard,
         "summary": {name: directions(chosen) for name, chosen in conditions.items() if chosen},
     }
 

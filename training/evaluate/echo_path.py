@@ -1,5 +1,7 @@
 """Section 2: the echo path of microphone 1."""
 
+import functools
+
 import numpy as np
 
 from training.evaluate import intervals, metrics, peers, scenes
@@ -19,16 +21,17 @@ MEASURES = (
 )
 
 
-def systems(device, speech):
+@functools.lru_cache(1)
+def systems(opened):
     """[(names, function of (mic, ref) giving an output [n] per name)]; the peers' delays; lines about absent ones."""
     table = [
         (("unprocessed",), lambda mic, ref: (mic,)),
-        (("Quibo, linear canceller", "Quibo, with neural suppressor"), device.cancel_echo),
+        (("Quibo, linear canceller", "Quibo, with neural suppressor"), opened.device.cancel_echo),
     ]
     installed, absent = peers.echo_cancellers()
     delays = {}
     for peer in installed:
-        process = peers.Aligned(peer.cancel_echo, speech)
+        process = peers.Aligned(peer.cancel_echo, opened.speech)
         delays[peer.name] = process.delay
         table.append(((peer.name,), lambda mic, ref, process=process: (process(mic, ref),)))
     return table, delays, absent
@@ -60,20 +63,30 @@ def measure(scene, output, opinions):
     }
 
 
-def run(device, corpus, rooms, sizes, speech, progress):
-    table, delays, absent = systems(device, speech)
-    table = [(names, process) for names, process in table if any(map(sizes.asks, names))]
-    rows = []
-    for number in range(sizes.echo):
-        for condition, scene in scenes.playback(corpus, rooms, number):
-            if not sizes.hears(condition):
-                continue
-            for names, process in table:
-                for name, output in zip(names, process(scene.mic, scene.ref)):
-                    values = measure(scene, output, number < sizes.opinions)
-                    rows.append({"scene": number, "condition": condition, "system": name, **values})
-        progress()
-    return {"rows": rows, "summary": summarise(rows), "delays": delays, "absent": absent}
+def numbers(opened):
+    return range(opened.sizes.echo)
+
+
+def rows(opened, number):
+    """One per condition and system."""
+    table = [(names, process) for names, process in systems(opened)[0] if any(map(opened.sizes.asks, names))]
+    return [
+        {
+            "scene": number,
+            "condition": condition,
+            "system": name,
+            **measure(scene, output, number < opened.sizes.opinions),
+        }
+        for condition, scene in scenes.playback(opened.others, opened.rooms, number)
+        if opened.sizes.hears(condition)
+        for names, process in table
+        for name, output in zip(names, process(scene.mic, scene.ref))
+    ]
+
+
+def result(opened, heard):
+    _, delays, absent = systems(opened)
+    return {"rows": heard, "summary": summarise(heard), "delays": delays, "absent": absent}
 
 
 def summarise(rows):

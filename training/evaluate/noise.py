@@ -1,19 +1,23 @@
 """Section 1: the noise suppressor. Microphone 1 is judged."""
 
+import functools
+
 from training.evaluate import intervals, metrics, peers, scenes
 
 MEASURES = ("si_sdr", "estoi", "ovrl", "sig", "bak")
 
 
-def systems(device, speech, gtcrn=None):
+@functools.lru_cache(1)
+def systems(opened):
     """name -> function of mics [3, n] giving microphone 1 [n]; the peers' delays; lines about absent ones."""
+    device, speech = opened.device, opened.speech
     ours = {
         "Quibo, floor 0.1": lambda mics: device.suppress_noise(mics[:1], 0.1)[0],
         "Quibo, floor 0.3": lambda mics: device.suppress_noise(mics[:1], 0.3)[0],
         "Quibo, floor 0.1, three microphones": lambda mics: device.suppress_noise(mics, 0.1)[0],
         "Quibo, floor 0.3, three microphones": lambda mics: device.suppress_noise(mics, 0.3)[0],
     }
-    installed, absent = peers.noise_suppressors(gtcrn)
+    installed, absent = peers.noise_suppressors(opened.gtcrn)
     theirs, delays = {}, {}
     for peer in installed:
         process = peers.Aligned(peer.suppress_noise, speech)
@@ -30,20 +34,29 @@ def measure(output, target, opinion):
     }
 
 
-def run(device, corpus, rooms, sizes, speech, progress, gtcrn=None):
-    """{rows: one per scene, condition and system; summary; absent}."""
-    table, delays, absent = systems(device, speech, gtcrn)
-    table = {name: process for name, process in table.items() if sizes.asks(name)}
-    rows = []
-    for number in range(sizes.noise):
-        for condition, mics, target in scenes.noisy_speech(corpus, rooms, number):
-            if not sizes.hears(condition):
-                continue
-            for name, process in table.items():
-                values = measure(process(mics), target[0], number < sizes.opinions)
-                rows.append({"scene": number, "condition": condition, "system": name, **values})
-        progress()
-    return {"rows": rows, "summary": summarise(rows), "delays": delays, "absent": absent}
+def numbers(opened):
+    return range(opened.sizes.noise)
+
+
+def rows(opened, number):
+    """One per condition and system."""
+    table = {name: process for name, process in systems(opened)[0].items() if opened.sizes.asks(name)}
+    return [
+        {
+            "scene": number,
+            "condition": condition,
+            "system": name,
+            **measure(process(mics), target[0], number < opened.sizes.opinions),
+        }
+        for condition, mics, target in scenes.noisy_speech(opened.others, opened.rooms, number)
+        if opened.sizes.hears(condition)
+        for name, process in table.items()
+    ]
+
+
+def result(opened, heard):
+    _, delays, absent = systems(opened)
+    return {"rows": heard, "summary": summarise(heard), "delays": delays, "absent": absent}
 
 
 def summarise(rows):

@@ -20,24 +20,34 @@ STEP = BLOCK / RATE
 NO_STEP = 99.0  # the lowest cost where no step could have woken the device
 
 
-def run(device, corpus, rooms, sizes, progress):
-    if not scenes.phrases(corpus):
+def numbers(opened):
+    """Phrases, and behind them the stretches without one."""
+    sizes = opened.sizes
+    return range(sizes.wake + round(sizes.silence_minutes)) if scenes.phrases(opened.corpus) else range(0)
+
+
+def rows(opened, number):
+    """One per condition; or a stretch's costs."""
+    device, rooms, phrases = opened.device, opened.rooms, opened.sizes.wake
+    if number >= phrases:
+        return [without_phrase(device, opened.others, rooms, number - phrases)]
+    return [
+        {"scene": number, "condition": condition, **measure(device, scene)}
+        for condition, scene in scenes.spoken_phrase(opened.corpus, opened.others, rooms, number)
+    ]
+
+
+def result(opened, heard):
+    clips = scenes.phrases(opened.corpus)
+    if not clips:
         return {"left_out": f"no test speaker in the data says {scenes.PHRASE_PINYIN!r}"}
-    others = scenes.without_phrases(corpus)
-    rows = []
-    for number in range(sizes.wake):
-        for condition, scene in scenes.spoken_phrase(corpus, others, rooms, number):
-            rows.append({"scene": number, "condition": condition, **measure(device, scene)})
-        progress()
-    silence = []
-    for number in range(round(sizes.silence_minutes)):
-        silence.append(without_phrase(device, others, rooms, number))
-        progress()
+    silence = [r for r in heard if "costs" in r]
+    said = [r for r in heard if "costs" not in r]
     return {
-        "rows": rows,
-        "summary": summarise(rows, silence),
-        "voices": sorted({r["speaker"] for r in rows}),
-        "clips": len(scenes.phrases(corpus)),
+        "rows": said,
+        "summary": summarise(said, silence),
+        "voices": sorted({r["speaker"] for r in said}),
+        "clips": len(clips),
     }
 
 

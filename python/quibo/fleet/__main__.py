@@ -4,13 +4,10 @@ from __future__ import annotations
 
 import argparse
 import functools
-import os
 import pathlib
 import sys
-from collections.abc import Iterator
-from typing import Any
 
-from . import addresses, local, on_ray, progress, work
+from . import addresses, engines, progress, work
 from .retry import Died
 
 EXAMPLES = """\
@@ -33,23 +30,15 @@ def arguments(argv: list[str] | None) -> argparse.Namespace:
     )
     parser.add_argument("recordings", nargs="+", metavar="RECORDINGS")
     parser.add_argument("--out", required=True, type=pathlib.Path, metavar="DIR")
-    parser.add_argument("--engine", choices=("local", "ray"), default="local", help="processes here, or a Ray cluster")
-    parser.add_argument("--address", help="of a Ray cluster, 'auto' for the one this machine is in; else Ray starts here")
-    parser.add_argument("--jobs", type=int, help="recordings at a time (default: one per core)")
+    engines.add_options(parser, "recordings")
     parser.add_argument("--channels", help="which is which, as quibo.run takes it (default: guessed per recording)")
     parser.add_argument("--encoding", choices=("guess", "plain", "scrambled"), default="guess")
     parsed = parser.parse_args(argv)
-    if parsed.jobs is not None and parsed.jobs < 1:
-        parser.error(f"--jobs {parsed.jobs}: at least 1")
-    if parsed.address and parsed.engine != "ray":
-        parser.error("--address is for --engine ray")
+    try:
+        engines.check(parsed)
+    except ValueError as error:
+        parser.error(str(error))
     return parsed
-
-
-def answers(options: argparse.Namespace, analyse: Any, names: list[str]) -> Iterator[tuple[str, Any]]:
-    if options.engine == "ray":
-        return on_ray.run(analyse, names, options.jobs, options.address)
-    return local.run(analyse, names, options.jobs or len(os.sched_getaffinity(0)))
 
 
 def main(argv: list[str] | None = None) -> int:
@@ -71,7 +60,7 @@ def main(argv: list[str] | None = None) -> int:
     shown = progress.Progress(len(names), len(names) - len(left))
     failed = 0
     try:
-        for name, row in answers(options, functools.partial(work.analyse, **reading), left):
+        for name, row in engines.run(options, functools.partial(work.analyse, **reading), left):
             row = work.failed(name, str(row)) if isinstance(row, Died) else row
             failed += row["error"] is not None
             store.add(row)
