@@ -14,7 +14,7 @@ typedef struct {
   int32_t loud_frames;        /* frames running in which the output was far above the microphone */
   int32_t
       doubtful_frames; /* frames running in which the output or the echo estimate was above it */
-  float flat_energy;   /* of the reference in the loud frames; those with peaks subtract */
+  float flatness;      /* of the reference in the loud frames: above 0 for tones */
   float ref_power;     /* while delta follows it: smoothed mean of |X|^2 over the bins */
   float delta_share;   /* delta's share of it; 0: delta is as init_laec() has it */
 } AEC_POST;
