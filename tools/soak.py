@@ -11,6 +11,7 @@ where a bar is broken.
 """
 
 import argparse
+import collections
 import ctypes
 import json
 import pathlib
@@ -106,7 +107,8 @@ class Sample:
         said = [s for stretch in scene["stretches"] for s in stretch["speaks"]]
         self.phrases = [(s["start"], s["end"]) for s in said if s["wake_phrase"]]
         # Near misses are left out: said one after another they make the phrase.
-        self.others = [self.cut(s) for s in said if "ling" not in s.get("pinyin", "")]
+        others = [s for s in said if "ling" not in s.get("pinyin", "")]
+        self.others, self.texts = [self.cut(s) for s in others], [s["text"] for s in others]
 
     def cut(self, speech):
         return self.talkers[int((speech["start"] - 0.05) * RATE) : int((speech["end"] + 0.1) * RATE)]
@@ -116,12 +118,15 @@ class Sample:
 
 
 def talk(rng, clips, samples):
-    x, at = np.zeros(samples), 0
+    """Clips one after another; returns the signal and [(second, number of the clip)]."""
+    x, at, said = np.zeros(samples), 0, []
     while at < samples:
-        clip = clips[rng.integers(len(clips))][: samples - at]
+        number = rng.integers(len(clips))
+        clip = clips[number][: samples - at]
         x[at : at + len(clip)] = clip
+        said.append((at / RATE, number))
         at += len(clip) + int(rng.uniform(0.2, 1.5) * RATE)
-    return x / (np.abs(x).max() + 1e-9)
+    return x / (np.abs(x).max() + 1e-9), said
 
 
 def music(rng, samples):
@@ -178,7 +183,7 @@ def room(rng):
 
 
 def episode(rng, sample, sources, kind, fault):
-    """Microphones [3, EPISODE] and reference [EPISODE] as int16."""
+    """Microphones [3, EPISODE] and reference [EPISODE] as int16, and what the talkers say, as talk() returns it."""
     ref = np.round(np.clip(played(rng, kind, EPISODE, sources), -1, 0.9999) * 32767) / 32768
     source = ref
     if fault == "drift":
@@ -190,7 +195,8 @@ def episode(rng, sample, sources, kind, fault):
     if fault == "delay jumps":
         for at in sorted(rng.integers(0, EPISODE, 4)):
             echo[:, at:] = np.roll(echo[:, at:], int(rng.integers(1, 800)), axis=1)
-    near = talk(rng, sample.others, EPISODE) * rng.uniform(0.01, 0.2)
+    near, said = talk(rng, sample.others, EPISODE)
+    near *= rng.uniform(0.01, 0.2)
     arrival = [convolved(near, h) for h in room(rng)]
     hiss = 10 ** (rng.uniform(-75, -50) / 20) * rng.standard_normal((3, EPISODE))
     mics = echo + 3 * np.stack(arrival) + hiss
@@ -207,7 +213,7 @@ def episode(rng, sample, sources, kind, fault):
         frames[:, struck] = frames[:, struck - 1]
     dead = {"dead microphone": [rng.integers(3)], "all microphones dead": [0, 1, 2]}.get(fault, [])
     frames[dead, frames.shape[1] // 3 : frames.shape[1] // 2] = 0
-    return mics, np.int16(ref * 32768)
+    return mics, np.int16(ref * 32768), said
 
 
 def recordings(folder):
@@ -239,7 +245,8 @@ class Watch:
     def __init__(self):
         self.loud = {}
         self.silent = 0.0
-        self.not_finite = self.false_wakes = self.heard = self.said = 0
+        self.not_finite = self.heard = self.said = 0
+        self.false_wakes = []
         self.hours, self.times = [], []
         self.first = None
         self._run, self._zero = np.zeros(3, int), 0
@@ -301,8 +308,8 @@ def broken(watch, hours):
             faults.append(f"{kind}: output more than 6 dB above the microphone for {seconds:.2f} s")
     if watch.silent > LONGEST_SILENT:
         faults.append(f"the echo suppressor was silent for {watch.silent:.2f} s under a live microphone")
-    if watch.false_wakes > max(1, FALSE_WAKES_PER_HOUR * hours):
-        faults.append(f"{watch.false_wakes} false wakes in {hours:g} hours")
+    if len(watch.false_wakes) > max(1, FALSE_WAKES_PER_HOUR * hours):
+        faults.append(f"{len(watch.false_wakes)} false wakes in {hours:g} hours")
     if watch.heard < HEARD * watch.said:
         faults.append(f"{watch.heard} of {watch.said} phrases of the sample heard")
     memory = [h["memory_kib"] for h in watch.hours]
@@ -352,28 +359,31 @@ def main():
 
     library, watch = Library(arguments.library), Watch()
     sample = Sample(library)
-    sources = {"speech": lambda rng, n: talk(rng, sample.others, n), "music": music}
+    sources = {"speech": lambda rng, n: talk(rng, sample.others, n)[0], "music": music}
     if arguments.data:
         sources["speech"] = sources["music"] = recordings(arguments.data)
     total, frames, number = arguments.hours * FRAMES_PER_HOUR, 0, 0
-    kinds, tracks = [], []
+    kinds, tracks, sayings = [], [], collections.Counter()
     stopped = []
     signal.signal(signal.SIGINT, lambda *_: stopped.append(True))
     while frames < total and not stopped:
         rng = np.random.default_rng([arguments.seed, number])
         if number % SCENE_EVERY == 0:
-            kind, fault, (mics, ref) = "scene", "none", (sample.mics, sample.ref)
+            kind, fault, (mics, ref, said) = "scene", "none", (sample.mics, sample.ref, [])
         else:
             kind, fault = PLAYED[rng.integers(len(PLAYED))], FAULTS[rng.integers(len(FAULTS))]
-            mics, ref = episode(rng, sample, sources, kind, fault)
+            mics, ref, said = episode(rng, sample, sources, kind, fault)
+            sayings.update(sample.texts[clip] for _, clip in said)
         woke = play(library, watch, kind, mics, ref, tracks)
         kinds.append(kind)
         if kind == "scene":
             hits = [any(start < t < end + WAKE_LATE for t in woke) for start, end in sample.phrases]
             watch.heard, watch.said = watch.heard + sum(hits), watch.said + len(hits)
-            watch.false_wakes += len(woke) - sum(hits)
-        else:
-            watch.false_wakes += len(woke)
+            woke = [t for t in woke if not any(start < t < end + WAKE_LATE for start, end in sample.phrases)]
+        for t in woke:
+            text = next((sample.texts[clip] for start, clip in reversed(said) if start < t), None)
+            wake = {"hour": (frames * FRAME / RATE + t) / 3600, "episode": number, "played": kind, "fault": fault}
+            watch.false_wakes.append({**wake, "second": t, "last_said": text})
         frames, number = frames + ref.size // FRAME, number + 1
         if len(watch.times) >= FRAMES_PER_HOUR or frames >= total or stopped:
             watch.hour(library.restarts())
@@ -389,6 +399,7 @@ def main():
         "longest_silent_s": watch.silent,
         "not_finite": watch.not_finite,
         "false_wakes": watch.false_wakes,
+        "sayings": sayings,
         "sample_phrases": {"said": watch.said, "heard": watch.heard},
         "restarts": library.restarts(),
         "by_hour": watch.hours,
