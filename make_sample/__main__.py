@@ -17,7 +17,7 @@ from make_sample.tracks import record
 from training.device_facts import RATE
 
 
-def main():
+def main() -> None:
     parser = argparse.ArgumentParser(prog="python -m make_sample", description=__doc__.splitlines()[0])
     parser.add_argument("--data", required=True, help="folder of source audio, see README.md")
     parser.add_argument("--output", default="samples", help="folder to write to")

@@ -6,6 +6,8 @@ undoes it. G = 1361 spreads neighbouring magnitudes well: the shortest vector of
 {(m, G m mod 4801)} is within 1 % of the longest possible (two-dimensional spectral test).
 """
 
+from __future__ import annotations
+
 import numpy as np
 
 MODULUS = 4801
@@ -13,7 +15,7 @@ G = 1361
 G_INVERSE = pow(G, -1, MODULUS)
 
 
-def _substitute(samples, factor):
+def _substitute(samples: np.ndarray, factor: int) -> np.ndarray:
     x = np.asarray(samples)
     if x.dtype != np.int16:
         raise TypeError(f"int16 samples expected, got {x.dtype}")
@@ -22,7 +24,7 @@ def _substitute(samples, factor):
     return np.where(np.abs(wide) < MODULUS, mapped, wide).astype(np.int16)
 
 
-def scramble(samples):
+def scramble(samples: np.ndarray) -> np.ndarray:
     """int16 samples -> scrambled int16 samples (a new array)."""
     scrambled = _substitute(samples, G)
     if not np.array_equal(unscramble(scrambled), samples):
@@ -30,6 +32,6 @@ def scramble(samples):
     return scrambled
 
 
-def unscramble(samples):
+def unscramble(samples: np.ndarray) -> np.ndarray:
     """Inverse of scramble()."""
     return _substitute(samples, G_INVERSE)

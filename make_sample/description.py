@@ -1,7 +1,10 @@
 """The description of a recording, samples/living_room.json: everything that was set, and what came out of it."""
 
+from __future__ import annotations
+
 import numpy as np
 
+from make_sample.recordings import Recordings
 from make_sample.scene import (
     LICENCE,
     LOUDSPEAKER,
@@ -21,10 +24,12 @@ from make_sample.scene import (
     TAP_OPEN,
     TAP_OPEN_LEVEL,
 )
+from make_sample.tracks import Recording
 from training.device_facts import FULL_SCALE, RATE
 from training.scenes import array_geometry
 from training.scenes.audio import active_dbfs, dbfs
 from training.scenes.room import measured_rt60
+from training.shared import Record
 
 CHANNELS = [
     {"channel": 0, "holds": "microphone 1", "encoding": "scrambled"},
@@ -44,7 +49,7 @@ CHANNELS = [
 ]
 
 
-def describe(recording, recordings):
+def describe(recording: Recording, recordings: Recordings) -> Record:
     """recording: tracks.Recording; recordings: where its sources are from."""
     return {
         "title": "Living room: the device plays, five wake phrases and five other things are said",
@@ -70,10 +75,10 @@ def describe(recording, recordings):
     }
 
 
-def stretch(recording, about):
+def stretch(recording: Recording, about: Record) -> Record:
     """What plays, sounds and is said in a stretch."""
 
-    def during(start, end):
+    def during(start: float, end: float) -> bool:
         return start < about["end"] and about["start"] < end
 
     return {
@@ -86,7 +91,7 @@ def stretch(recording, about):
     }
 
 
-def talker(recording, about, end):
+def talker(recording: Recording, about: Record, end: float) -> Record:
     """Who speaks, from where, and how far above echo and noise."""
     span = slice(round(about["start"] * RATE), round(end * RATE))
     level = active_dbfs(recording.near[0, span])
@@ -103,7 +108,7 @@ def talker(recording, about, end):
     }
 
 
-def room(responses):
+def room(responses: dict[str, np.ndarray]) -> Record:
     talkers = [measured_rt60(responses[f"talker {k}"][0]) for k in range(len(TALKERS))]
     return {
         "size_m": ROOM.size,
@@ -115,7 +120,7 @@ def room(responses):
     }
 
 
-def loudspeaker(recording):
+def loudspeaker(recording: Recording) -> Record:
     distortion = LOUDSPEAKER.distortion_db(recording.channels[4] / FULL_SCALE)
     return {
         **vars(LOUDSPEAKER.nonlinearity),
@@ -127,7 +132,7 @@ def loudspeaker(recording):
     }
 
 
-def levels(recording):
+def levels(recording: Recording) -> Record:
     sounding = recording.ref != 0.0
     return {
         "reference": round(float(dbfs(recording.ref[sounding])), 1),
@@ -140,10 +145,10 @@ def levels(recording):
     }
 
 
-def sources(recording, recordings):
+def sources(recording: Recording, recordings: Recordings) -> Record:
     """Every piece of audio used, with its gain, licence and origin."""
 
-    def source(entry, file, start, gain_db):
+    def source(entry: Record, file: str, start: float, gain_db: float) -> Record:
         row = recordings.row(file)
         return {
             "file": file,

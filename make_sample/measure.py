@@ -14,6 +14,8 @@ SI-SDR of d against the same.
 Double talk, microphone 1: SI-SDR of d and of e against the talkers alone.
 """
 
+from __future__ import annotations
+
 import argparse
 import json
 import pathlib
@@ -25,22 +27,22 @@ from training.device_facts import FRAME, FULL_SCALE, MIC_DELAY
 from training.library import Library
 
 
-def late(x):
+def late(x: np.ndarray) -> np.ndarray:
     """x as full-scale-1.0 floats, MIC_DELAY samples late."""
     return np.concatenate([np.zeros(MIC_DELAY), x[:-MIC_DELAY] / FULL_SCALE])
 
 
-def erle_db(d, e):
+def erle_db(d: np.ndarray, e: np.ndarray) -> float:
     return 10.0 * np.log10((d @ d) / (e @ e))
 
 
-def si_sdr_db(e, s):
+def si_sdr_db(e: np.ndarray, s: np.ndarray) -> float:
     target = s * (e @ s) / (s @ s)
     rest = e - target
     return 10.0 * np.log10((target @ target) / (rest @ rest))
 
 
-def main():
+def main() -> None:
     parser = argparse.ArgumentParser(description=__doc__, formatter_class=argparse.RawDescriptionHelpFormatter)
     parser.add_argument("--scene", default="samples/living_room.json")
     parser.add_argument("--library", default="build-release/libquibo.so")

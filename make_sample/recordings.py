@@ -1,5 +1,7 @@
 """Source recordings with their licences, and samples as they are stored."""
 
+from __future__ import annotations
+
 import csv
 import pathlib
 
@@ -12,11 +14,11 @@ from training.device_facts import FULL_SCALE, RATE
 class Recordings:
     """A folder of 16 kHz mono WAV files, each top folder with a manifest.csv (path, licence, origin)."""
 
-    def __init__(self, root):
+    def __init__(self, root: pathlib.Path | str) -> None:
         self.root = pathlib.Path(root)
         self._manifests = {}
 
-    def clip(self, name, start=0.0, seconds=None):
+    def clip(self, name: str, start: float = 0.0, seconds: float | None = None) -> np.ndarray:
         """Float samples of `name`, from `start` s, `seconds` long (None: to the end)."""
         path = self.root / name
         rate = soundfile.info(path).samplerate
@@ -28,7 +30,7 @@ class Recordings:
             raise ValueError(f"{path}: not {seconds} s of mono audio from {start} s on")
         return x
 
-    def row(self, name):
+    def row(self, name: str) -> dict[str, str]:
         """The manifest row of `name`."""
         folder, _, path = name.partition("/")
         if folder not in self._manifests:
@@ -37,7 +39,7 @@ class Recordings:
         return self._manifests[folder][path]
 
 
-def to_int16(x):
+def to_int16(x: np.ndarray) -> np.ndarray:
     """Rounds full-scale-1.0 samples to int16; refuses to clip."""
     q = np.round(x * FULL_SCALE)
     if np.abs(q).max() > 32767:

@@ -1,12 +1,14 @@
 """The scene's sounds: what the loudspeaker plays, what the talkers say, the tap, each at the microphones."""
 
+from __future__ import annotations
+
 import dataclasses
 
 import numpy as np
 from scipy import signal
 
 from make_sample import codec
-from make_sample.recordings import to_int16
+from make_sample.recordings import Recordings, to_int16
 from make_sample.scene import (
     ECHO_LEVEL,
     LOUDSPEAKER,
@@ -30,9 +32,10 @@ from training.device_facts import FULL_SCALE, RATE
 from training.scenes import array_geometry
 from training.scenes.audio import active_dbfs, dbfs, fade, gain
 from training.scenes.room import SIMULATOR_DELAY
+from training.shared import Record
 
 
-def hear(response, x, delay=SIMULATOR_DELAY):
+def hear(response: np.ndarray, x: np.ndarray, delay: int = SIMULATOR_DELAY) -> np.ndarray:
     """x through [3, taps] responses, `delay` samples late in all: [3, len(x)].
 
     SIMULATOR_DELAY samples of it are in the responses already, less is not possible.
@@ -41,7 +44,7 @@ def hear(response, x, delay=SIMULATOR_DELAY):
     return np.pad(y, ((0, 0), (delay - SIMULATOR_DELAY, 0)))[:, : len(x)]
 
 
-def at(start, x):
+def at(start: float, x: np.ndarray) -> np.ndarray:
     """A track of the sample's length with x from `start` s on."""
     track = np.zeros(SAMPLES)
     n = round(start * RATE)
@@ -49,7 +52,7 @@ def at(start, x):
     return track
 
 
-def reference(recordings):
+def reference(recordings: Recordings) -> tuple[np.ndarray, list[float]]:
     """Loudspeaker signal, every piece at REFERENCE_LEVEL; also the gain of each piece in dB."""
     track, gains = np.zeros(SAMPLES), []
     for play in PLAYS:
@@ -59,14 +62,14 @@ def reference(recordings):
     return track, gains
 
 
-def say(recordings, talker):
+def say(recordings: Recordings, talker: Record) -> tuple[np.ndarray, list[float]]:
     """The talker's pieces one after the other, each as loud as the first; their gains in dB."""
     pieces = [recordings.clip(file, start, None if end is None else end - start) for file, start, end in talker["pieces"]]
     gains = [active_dbfs(pieces[0]) - active_dbfs(x) for x in pieces]
     return np.concatenate([fade(x * gain(g), 0.01) for x, g in zip(pieces, gains)]), gains
 
 
-def near_end(recordings, responses):
+def near_end(recordings: Recordings, responses: dict[str, np.ndarray]) -> tuple[np.ndarray, list[list[float]], list[float]]:
     """Talkers at the microphones [3, SAMPLES], each at TALKER_LEVEL; for each talker the gains of
     the pieces in dB and the end of the last one in s."""
     track, gains, ends = np.zeros((3, SAMPLES)), [], []
@@ -80,7 +83,7 @@ def near_end(recordings, responses):
     return track, gains, ends
 
 
-def running_tap(recordings, response):
+def running_tap(recordings: Recordings, response: np.ndarray) -> tuple[np.ndarray, float]:
     """The tap at the microphones [3, SAMPLES] and its gain in dB while it is open."""
     heard = hear(response, recordings.clip(TAP["file"], TAP["from"], SAMPLES / RATE))
     start, end = TAP_OPEN
@@ -109,7 +112,7 @@ class Recording:
     ends: list  # of the talkers
 
 
-def record(recordings):
+def record(recordings: Recordings) -> Recording:
     """The scene as the device records it."""
     random = np.random.default_rng(SEED)
     offsets = {

@@ -12,6 +12,8 @@ written. The SHA-256 is held against the files beside the manifest; those of ano
 --pin writes the SHA-256 of the files beside the manifest into it, after the same checks: for whoever replaces one.
 """
 
+from __future__ import annotations
+
 import array
 import hashlib
 import json
@@ -19,6 +21,7 @@ import os
 import pathlib
 import struct
 import sys
+from collections.abc import Iterator
 
 import keyword_table
 import safetensors_file
@@ -35,7 +38,7 @@ ELEMENTS = {
 PER_LINE = 12
 
 
-def check(file_name, expected, found):
+def check(file_name: str, expected: dict, found: safetensors_file.Tensors) -> Iterator[str]:
     """Yields one line per difference between the manifest's tensors and the file's."""
     for name in sorted(expected.keys() - found.keys()):
         yield f"{file_name}: tensor {name} is missing"
@@ -52,14 +55,14 @@ def check(file_name, expected, found):
             yield f"{file_name}: tensor {name} holds a value that is not finite"
 
 
-def values_of(dtype, data):
+def values_of(dtype: str, data: bytes) -> array.array:
     values = array.array(ELEMENTS[dtype][0], data)
     if sys.byteorder == "big":
         values.byteswap()
     return values
 
 
-def source(file_name, expected, found):
+def source(file_name: str, expected: dict, found: safetensors_file.Tensors) -> str:
     lines = [f"// Generated from {file_name}; do not edit.", '#include "quibo/quibo.h"', ""]
     for name in expected:
         dtype, _, data = found[name]
@@ -74,7 +77,7 @@ def source(file_name, expected, found):
     return "\n".join(lines)
 
 
-def load(manifest, folder, pinned):
+def load(manifest: dict, folder: pathlib.Path, pinned: bool) -> tuple[dict[str, safetensors_file.Tensors], list[str]]:
     """({file: {name: (dtype, shape, bytes)}}, problems), each problem a line. pinned: whether the SHA-256 must be the
     manifest's."""
     files, problems = {}, []
@@ -99,7 +102,7 @@ def load(manifest, folder, pinned):
     return files, problems
 
 
-def read(path):
+def read(path: pathlib.Path) -> safetensors_file.Tensors:
     """{name: (dtype, shape, bytes)} of a parameter file."""
     if path.suffix == ".safetensors":
         return safetensors_file.read(path)[0]
@@ -108,11 +111,11 @@ def read(path):
     return {keyword_table.NAME: ("I16", [len(values)], struct.pack(f"<{len(values)}h", *values))}
 
 
-def sha256(path):
+def sha256(path: pathlib.Path) -> str:
     return hashlib.sha256(path.read_bytes()).hexdigest()
 
 
-def write(path, text):
+def write(path: pathlib.Path, text: str) -> None:
     """All of it or nothing: a source cut short by a full disk would pass for a finished one."""
     part = path.with_name(path.name + ".part")
     try:
@@ -122,7 +125,7 @@ def write(path, text):
         raise OSError(reason.errno, reason.strerror, str(path)) from None
 
 
-def embed(manifest_path, params_dir, out_dir):
+def embed(manifest_path: pathlib.Path, params_dir: pathlib.Path, out_dir: pathlib.Path) -> list[str]:
     manifest = json.loads(manifest_path.read_text())
     files, problems = load(manifest, params_dir, pinned=params_dir.resolve() == manifest_path.parent.resolve())
     if not problems:
@@ -132,7 +135,7 @@ def embed(manifest_path, params_dir, out_dir):
     return problems
 
 
-def pin(manifest_path):
+def pin(manifest_path: pathlib.Path) -> list[str]:
     manifest = json.loads(manifest_path.read_text())
     _, problems = load(manifest, manifest_path.parent, pinned=False)
     if not problems:
@@ -151,7 +154,7 @@ def pin(manifest_path):
     return problems
 
 
-def main():
+def main() -> None:
     arguments = sys.argv[1:]
     try:
         if arguments[:1] == ["--pin"] and len(arguments) == 2:

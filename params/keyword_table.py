@@ -7,8 +7,12 @@ The first keyword wakes the device; the engine keeps the others' scores up to da
 length. `threshold` counts in an engine's first step only, 1.2 (or 1.0) from then on (docs/wake_phrase.md).
 """
 
+from __future__ import annotations
+
 import difflib
 import json
+import pathlib
+from collections.abc import Sequence
 
 NAME = "keywords_index"  # the library's table
 LONGEST = 38  # syllables
@@ -16,22 +20,24 @@ LARGEST = 2**15 - 1  # of the table's whole numbers
 FIELDS = ("identifier", "phrase", "threshold", "divisor")
 THRESHOLD = 0.6
 
+Entry = dict  # of FIELDS
+
 
 class TableError(Exception):
     """The file is not a keyword table; the reason is one line of printable ASCII."""
 
 
-def keyword(syllables, identifier=0):
+def keyword(syllables: Sequence[str], identifier: int = 0) -> Entry:
     """An entry with the usual threshold and divisor. syllables: names."""
     return {"identifier": identifier, "phrase": " ".join(syllables), "threshold": THRESHOLD, "divisor": float(len(syllables))}
 
 
-def read(path, classes):
+def read(path: pathlib.Path, classes: dict[str, int]) -> list[Entry]:
     """The entries of a file. classes: {syllable: class}."""
     return parse(path.read_bytes(), classes)
 
 
-def parse(text, classes):
+def parse(text: bytes, classes: dict[str, int]) -> list[Entry]:
     try:
         table = json.loads(text.decode("utf-8"))
     except RecursionError:
@@ -56,17 +62,17 @@ def parse(text, classes):
     return entries
 
 
-def unknown(syllable, classes):
+def unknown(syllable: str, classes: dict[str, int]) -> str:
     """What to say of a syllable that the network has no class for."""
     like = nearest(syllable, classes)
     return f"the network knows no syllable {ascii(syllable)[:40]}" + (f" (the nearest: {', '.join(like)})" if like else "")
 
 
-def nearest(syllable, classes, count=4):
+def nearest(syllable: str, classes: dict[str, int], count: int = 4) -> list[str]:
     return difflib.get_close_matches(syllable.lower(), classes, count, 0.4)
 
 
-def _whole(number, entry, field, factor, smallest):
+def _whole(number: int, entry: Entry, field: str, factor: int, smallest: int) -> None:
     """The table holds hundredths of the threshold, tenths of the divisor."""
     value = entry[field]
     good = type(value) in (int, float) and abs(value) <= LARGEST and abs(value * factor - round(value * factor)) < 1e-6
@@ -74,7 +80,7 @@ def _whole(number, entry, field, factor, smallest):
         raise TableError(f"keyword {number}: {field} {ascii(value)[:40]}, expected {smallest}/{factor} to {LARGEST}/{factor}")
 
 
-def values(entries, classes):
+def values(entries: list[Entry], classes: dict[str, int]) -> list[int]:
     """The library's table: how many; then per keyword identifier, hundredths of the threshold, tenths of the divisor, how many
     syllables, their classes."""
     row = [len(entries)]
@@ -85,6 +91,6 @@ def values(entries, classes):
     return row
 
 
-def write(path, entries):
+def write(path: pathlib.Path, entries: list[Entry]) -> None:
     rows = ",\n".join("    " + json.dumps({field: entry[field] for field in FIELDS}) for entry in entries)
     path.write_text(f'{{\n  "keywords": [\n{rows}\n  ]\n}}\n')

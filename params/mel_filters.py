@@ -10,11 +10,11 @@ BANDS, LOW_HZ, HIGH_HZ = 40, 100.0, 6800.0
 BIN_HZ = 16000 / 512
 
 
-def mel(hz):
+def mel(hz: float) -> float:
     return 1127 * math.log(1 + hz / 700)
 
 
-def weights():
+def weights() -> list[float]:
     """All bands' weights, band after band."""
     low, high = mel(LOW_HZ), mel(HIGH_HZ)
     edges = [low + (high - low) * i / (BANDS + 1) for i in range(BANDS + 2)]

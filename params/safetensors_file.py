@@ -6,9 +6,12 @@ The format: 8 bytes little-endian header length, a JSON object {name: {dtype, sh
 Files come from outside, so they are read strictly: what another reader might take differently is refused.
 """
 
+from __future__ import annotations
+
 import json
 import math
 import os
+import pathlib
 import re
 import stat
 import struct
@@ -18,12 +21,14 @@ LARGEST_FILE, LARGEST_HEADER = 2**28, 2**20  # bytes
 LARGEST_RANK = 8
 NAME = re.compile(r"[A-Za-z0-9_.]{1,100}")
 
+Tensors = dict[str, tuple[str, list[int], bytes]]  # name -> element type, shape, values
+
 
 class FormatError(Exception):
     """The file is not a well-formed .safetensors file; the reason is one line of printable ASCII."""
 
 
-def write(path, tensors, metadata):
+def write(path: pathlib.Path, tensors: Tensors, metadata: dict[str, str]) -> None:
     """tensors: {name: (dtype, shape, bytes)}; metadata: {str: str}. Names are written in sorted order."""
     header, offset = {"__metadata__": metadata}, 0
     for name in sorted(tensors):
@@ -39,7 +44,7 @@ def write(path, tensors, metadata):
             f.write(tensors[name][2])
 
 
-def read(path):
+def read(path: pathlib.Path | str) -> tuple[Tensors, dict[str, str]]:
     """Returns ({name: (dtype, shape, bytes)}, metadata). Raises FormatError with a one-line reason, or OSError."""
     status = os.stat(path)
     if not stat.S_ISREG(status.st_mode):  # asked first: a pipe would keep open() waiting
@@ -50,7 +55,7 @@ def read(path):
         return parse(f.read(LARGEST_FILE))
 
 
-def parse(blob):
+def parse(blob: bytes) -> tuple[Tensors, dict[str, str]]:
     """The same of a file's bytes."""
     if len(blob) < 8:
         raise FormatError("too short for a header")
@@ -76,7 +81,7 @@ def parse(blob):
     return {name: (entry["dtype"], entry["shape"], body[slice(*spans[name])]) for name, entry in header.items()}, metadata
 
 
-def _object(text):
+def _object(text: bytes) -> dict:
     """The header: one JSON object in UTF-8, in which no name stands twice."""
     try:
         header = json.loads(text.decode("utf-8"), object_pairs_hook=_unique, parse_constant=_no_constant)
@@ -89,18 +94,18 @@ def _object(text):
     return header
 
 
-def _unique(pairs):
+def _unique(pairs: list[tuple[str, object]]) -> dict:
     found = dict(pairs)
     if len(found) != len(pairs):
         raise ValueError("a name stands twice")
     return found
 
 
-def _no_constant(_):
+def _no_constant(_: str) -> None:
     raise ValueError("a number that is not finite")
 
 
-def _span(name, entry):
+def _span(name: str, entry: object) -> tuple[int, int]:
     """(begin, end) of a tensor's bytes."""
     if not NAME.fullmatch(name):
         raise FormatError("malformed header (a tensor's name is not 1 to 100 letters, digits, _ and .)")
@@ -119,5 +124,5 @@ def _span(name, entry):
     return begin, end
 
 
-def _sizes(values):
+def _sizes(values: object) -> bool:
     return isinstance(values, list) and all(type(v) is int and 0 <= v <= LARGEST_FILE for v in values)

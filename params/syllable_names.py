@@ -6,13 +6,13 @@ FILE = pathlib.Path(__file__).parent / "syllables.txt"
 FILLER, BLANK = "<filler>", "<blank>"
 
 
-def classes():
+def classes() -> dict[str, int]:
     """{syllable: class}"""
     rows = (line.split() for line in FILE.read_text().splitlines())
     return {name: int(number) for number, name in rows}
 
 
-def class_names():
+def class_names() -> str:
     """All names in the order of their classes."""
     names = classes()
     return " ".join([FILLER, *sorted(names, key=names.get), BLANK])

@@ -1,5 +1,7 @@
 """python -m training COMMAND: see --help. Commands run from the repository root."""
 
+from __future__ import annotations
+
 import argparse
 import json
 import pathlib
@@ -13,12 +15,13 @@ from .cache_keys import file_digest
 from .evaluate import listening
 from .models.layers import deploy, load_tables
 from .models.quantise import set_mode
-from .shared import ROOT
+from .shared import ROOT, Config
+from .tasks import Task
 
 STAGES = ("scenes", "train", "quantise", "export", "evaluate")
 
 
-def configuration(network, path, smoke):
+def configuration(network: str, path: pathlib.Path | None, smoke: bool) -> Config:
     """The network's TOML; the tables under [smoke] replace the others' values in smoke runs."""
     config = tomllib.loads((path or ROOT / f"training/configs/{network}.toml").read_text())
     reduced = config.pop("smoke", {})
@@ -28,7 +31,7 @@ def configuration(network, path, smoke):
     return config
 
 
-def run_training(arguments):
+def run_training(arguments: argparse.Namespace) -> None:
     config = configuration(arguments.network, arguments.config, arguments.smoke)
     if arguments.steps:
         config["train"]["steps"] = arguments.steps
@@ -59,7 +62,7 @@ def run_training(arguments):
         print("test:", json.dumps(judge(task, model, config, "test", folder)))
 
 
-def started(task, config, arguments):
+def started(task: Task, config: Config, arguments: argparse.Namespace) -> torch.nn.Module | None:
     """The network to begin with: new, or from an exported file."""
     if not arguments.start:
         return None
@@ -68,7 +71,7 @@ def started(task, config, arguments):
     return model
 
 
-def quantise(task, config, folder, device):
+def quantise(task: Task, config: Config, folder: pathlib.Path, device: str) -> None:
     model = task.model().to(device)
     model.load_state_dict(train.averaged(folder))
     calibration = train.batches(task, config["seed"] + 1, "train", 0, config["quantise"]["calibration_batches"], 0)
@@ -78,7 +81,7 @@ def quantise(task, config, folder, device):
     train.train(task, config, quantised, device, model, "quantise")
 
 
-def trained(task, config, folder):
+def trained(task: Task, config: Config, folder: pathlib.Path) -> tuple[torch.nn.Module, pathlib.Path]:
     """The averaged network in deployed form, and the folder of its last training."""
     model = task.model()
     if "quantise" in config:
@@ -90,7 +93,7 @@ def trained(task, config, folder):
     return deploy(model), folder
 
 
-def judge(task, model, config, split, folder):
+def judge(task: Task, model: torch.nn.Module, config: Config, split: str, folder: pathlib.Path) -> dict[str, float]:
     """Figures of a split's first batches; also written to the log."""
     batches = train.batches(task, config["seed"], split, 0, config["data"]["validation_batches"], 0)
     results = train.validate(task, model, batches, "cpu")
@@ -98,7 +101,9 @@ def judge(task, model, config, split, folder):
     return results
 
 
-def export_trained(arguments, task, config, source, folder):
+def export_trained(
+    arguments: argparse.Namespace, task: Task, config: Config, source: data.Stub | data.Scenes, folder: pathlib.Path
+) -> None:
     model, folder = trained(task, config, folder)
     results = judge(task, model, config, "valid", folder)
     print("valid:", json.dumps(results))
@@ -113,7 +118,7 @@ def export_trained(arguments, task, config, source, folder):
         print(f"parity: {check(arguments.library, model):.3g} {unit}")
 
 
-def run_parity(arguments):
+def run_parity(arguments: argparse.Namespace) -> None:
     if arguments.exported:
         steps = parity.wake_up_tables(arguments.library, export.read(arguments.exported), arguments.steps)
         print(f"{arguments.exported}: {steps} steps equal to the bit")
@@ -123,7 +128,7 @@ def run_parity(arguments):
         print(f"{network}: {worst:.3g} {parity.CHECKS[network][3]}, {arguments.seeds} random networks")
 
 
-def main():
+def main() -> None:
     parser = argparse.ArgumentParser(prog="training", description=__doc__)
     commands = parser.add_subparsers(required=True)
     p = commands.add_parser("train", help="from audio to a parameter file")

@@ -11,6 +11,8 @@ Code is not looked at, only its constants: who changes what a function makes wit
 constant REVISION, or raises it.
 """
 
+from __future__ import annotations
+
 import dataclasses
 import hashlib
 import importlib
@@ -22,23 +24,25 @@ import types
 
 import numpy as np
 
+from training.shared import Record
+
 LENGTH = 16  # hexadecimal digits of a key
 DESCRIPTION = "made_from.json"
 NO_CONTENT = (pathlib.Path, type, types.ModuleType)  # of what stands in capitals
 
 
-def file_digest(path):
+def file_digest(path: pathlib.Path | str) -> str:
     """SHA-256 of a file's content."""
     with open(path, "rb") as f:
         return hashlib.file_digest(f, "sha256").hexdigest()
 
 
-def digest(value):
+def digest(value: object) -> str:
     """SHA-256 of a value of Python's or numpy's own types; the order of a dict counts, as it does for draws."""
     return hashlib.sha256(json.dumps(_plain(value), ensure_ascii=False).encode()).hexdigest()
 
 
-def _plain(value):
+def _plain(value: object) -> object:
     if value is None or isinstance(value, (bool, int, float, str)):
         return value
     if isinstance(value, bytes):
@@ -60,10 +64,10 @@ def _plain(value):
     raise TypeError(f"{type(value).__name__} cannot be part of a key")
 
 
-def constants(*modules):
+def constants(*modules: str) -> dict[str, str]:
     """{module: digest of what stands in capitals in it}. modules: names such as "scenes.echo"."""
 
-    def of(module):
+    def of(module: str) -> Record:
         return {
             name: value
             for name, value in sorted(vars(importlib.import_module(f"training.{module}")).items())
@@ -73,12 +77,12 @@ def constants(*modules):
     return {module: digest(of(module)) for module in modules}
 
 
-def folder(parent, made_from):
+def folder(parent: pathlib.Path | str, made_from: Record) -> pathlib.Path:
     """Where in `parent` that is kept which is made from these ingredients: {name: value}, values may be such dicts."""
     return pathlib.Path(parent) / digest(made_from)[:LENGTH]
 
 
-def begin(parent, made_from):
+def begin(parent: pathlib.Path | str, made_from: Record) -> pathlib.Path:
     """folder(), made if it is missing; then a line says in which ingredients the newest one beside it differs."""
     path = folder(parent, made_from)
     if not (path / DESCRIPTION).exists():
@@ -96,7 +100,7 @@ def begin(parent, made_from):
     return path
 
 
-def _flat(values, prefix=""):
+def _flat(values: Record, prefix: str = "") -> Record:
     """{path: value} of nested dicts."""
     flat = {}
     for name, value in values.items():
@@ -107,11 +111,11 @@ def _flat(values, prefix=""):
 class FileDigests:
     """Digests of many files, remembered in a file: one whose size and time are as before is not read again."""
 
-    def __init__(self, path):
+    def __init__(self, path: pathlib.Path) -> None:
         self.path, self.changed = pathlib.Path(path), False
         self.known = json.loads(self.path.read_text(encoding="utf-8")) if self.path.exists() else {}
 
-    def __call__(self, path):
+    def __call__(self, path: pathlib.Path) -> str:
         stat = path.stat()
         state, name = [stat.st_size, stat.st_mtime_ns], str(path)
         if self.known.get(name, [None])[:2] != state:
@@ -119,7 +123,7 @@ class FileDigests:
             self.changed = True
         return self.known[name][2]
 
-    def save(self):
+    def save(self) -> None:
         """Replaced whole: several processes may do so, and lose at most what another one has read."""
         if self.changed:
             self.path.parent.mkdir(parents=True, exist_ok=True)

@@ -13,6 +13,8 @@ points (80 % train, 10 % valid, 10 % test), so adding material moves nobody. Cli
 are one speaker per folder; noise and music are split by clip.
 """
 
+from __future__ import annotations
+
 import collections
 import csv
 import dataclasses
@@ -23,6 +25,7 @@ import hashlib
 import os
 import pathlib
 import subprocess
+from collections.abc import Callable, Iterator, Sequence
 
 import numpy as np
 import soundfile
@@ -56,18 +59,18 @@ class Clip:
 
 
 class Corpus:
-    def __init__(self, root, cache, clips):
+    def __init__(self, root: pathlib.Path | None, cache: pathlib.Path | str, clips: list[Clip]) -> None:
         self._root, self._cache = root, pathlib.Path(cache)
         self._clips = clips
         self._pools = {}
         self._draws = {}
 
     @property
-    def root(self):
+    def root(self) -> pathlib.Path | None:
         """The folder, unpacked; None without recordings."""
         return self._root
 
-    def clips(self, role, split):
+    def clips(self, role: str, split: str) -> list[Clip]:
         """The clips of a role in a split, in a fixed order."""
         if (role, split) not in self._pools:
             if role not in ROLES or split not in SPLITS:
@@ -75,11 +78,11 @@ class Corpus:
             self._pools[role, split] = [c for c in self._clips if c.split == split and role in c.roles]
         return self._pools[role, split]
 
-    def where(self, keep):
+    def where(self, keep: Callable[[Clip], bool]) -> Corpus:
         """The corpus of the clips that `keep` accepts."""
         return Corpus(self._root, self._cache, [c for c in self._clips if keep(c)])
 
-    def draw_speaker(self, rng, role, split):
+    def draw_speaker(self, rng: np.random.Generator, role: str, split: str) -> list[Clip]:
         """All clips of one speaker: a set by its share, then one of its speakers."""
         if (role, split) not in self._draws:
             sets = collections.defaultdict(lambda: collections.defaultdict(list))
@@ -94,22 +97,22 @@ class Corpus:
         of_set = speakers[rng.choice(len(shares), p=shares)]
         return of_set[rng.integers(len(of_set))]
 
-    def draw(self, rng, role, split):
+    def draw(self, rng: np.random.Generator, role: str, split: str) -> Clip:
         """One clip, by set, speaker and clip."""
         clips = self.draw_speaker(rng, role, split)
         return clips[rng.integers(len(clips))]
 
-    def read(self, clip, start=0, samples=None):
+    def read(self, clip: Clip, start: int = 0, samples: int | None = None) -> np.ndarray:
         """float32 mono samples at 16 kHz, from sample `start`; to the end, or at most `samples`."""
         path = self._playable(clip)
         x, _ = soundfile.read(path, start=start, frames=samples or -1, dtype="float32")
         return x
 
-    def length(self, clip):
+    def length(self, clip: Clip) -> int:
         """Samples of a clip."""
         return soundfile.info(self._playable(clip)).frames
 
-    def excerpt(self, rng, clip, samples):
+    def excerpt(self, rng: np.random.Generator, clip: Clip, samples: int) -> np.ndarray:
         """`samples` samples from anywhere in the clip, which is repeated where it is shorter."""
         length = self.length(clip)
         if length >= samples:
@@ -118,16 +121,16 @@ class Corpus:
         return np.tile(x, -(-samples // length))[:samples]
 
     @functools.cached_property
-    def _digests(self):
+    def _digests(self) -> cache_keys.FileDigests:
         return cache_keys.FileDigests(self._cache / "digests.json")
 
-    def _content(self, clip):
+    def _content(self, clip: Clip) -> str:
         """Digest of a clip's audio."""
         if self._synthetic(clip):
             return cache_keys.digest([clip.path, synthetic.made_from(clip.path.split("/")[1])])
         return self._digests(self._root / clip.path)
 
-    def contents(self, clips, labels=False):
+    def contents(self, clips: list[Clip], labels: bool = False) -> str:
         """Digest of what a draw from these clips depends on: their audio, in this order, their speakers and shares;
         labels: what is said, too."""
         rows = [
@@ -137,11 +140,11 @@ class Corpus:
         self._digests.save()
         return cache_keys.digest(rows)
 
-    def used(self, roles, split):
+    def used(self, roles: Sequence[str], split: str) -> dict[str, str]:
         """{role: contents of its clips in a split}; labels count for the role that has them."""
         return {r: self.contents(self.clips(r, split), labels=r == "mandarin") for r in roles}
 
-    def _playable(self, clip):
+    def _playable(self, clip: Clip) -> pathlib.Path:
         """The clip as a 16 kHz mono file: itself, or a copy of this content in the cache."""
         if not self._synthetic(clip):
             path = self._root / clip.path
@@ -156,7 +159,7 @@ class Corpus:
             part.replace(cached)
         return cached
 
-    def _decode(self, clip):
+    def _decode(self, clip: Clip) -> np.ndarray:
         if self._synthetic(clip):
             _, kind, number = clip.path.split("/")
             make = {"speech": synthetic.speech, "noise": synthetic.noise, "music": synthetic.music}
@@ -164,7 +167,7 @@ class Corpus:
         x, rate = soundfile.read(self._root / clip.path, always_2d=True)
         return synthetic.to_rate(x.mean(axis=1), rate)
 
-    def digest(self):
+    def digest(self) -> str:
         """Hash of what is in the corpus and how it is split."""
         digest = hashlib.sha256()
         for c in self._clips:
@@ -174,10 +177,10 @@ class Corpus:
         return digest.hexdigest()[:16]
 
     @staticmethod
-    def _synthetic(clip):
+    def _synthetic(clip: Clip) -> bool:
         return clip.path.startswith("synthetic/")
 
-    def sources(self, roles=ROLES, splits=SPLITS):
+    def sources(self, roles: Sequence[str] = ROLES, splits: Sequence[str] = SPLITS) -> collections.Counter[tuple[str, str]]:
         """(licence, set folder) -> hours of recordings with one of the roles in one of the splits."""
         hours = collections.Counter()
         for c in self._clips:
@@ -189,12 +192,12 @@ class Corpus:
         return hours
 
 
-def _is_mono_16k(path):
+def _is_mono_16k(path: pathlib.Path) -> bool:
     info = soundfile.info(path)
     return info.samplerate == RATE and info.channels == 1
 
 
-def hashed_split(seed, name):
+def hashed_split(seed: int, name: str) -> str:
     """Split of a speaker or a clip without one assigned."""
     u = int.from_bytes(hashlib.sha256(f"{seed}:{name}".encode()).digest()[:8]) / 2**64
     return "train" if u < 0.8 else "valid" if u < 0.9 else "test"
@@ -203,7 +206,7 @@ def hashed_split(seed, name):
 class _Description:
     """The TOML file: what the clips of a folder are for, and who is held out."""
 
-    def __init__(self, path, seed):
+    def __init__(self, path: pathlib.Path, seed: int) -> None:
         table = tomllib.loads(pathlib.Path(path).read_text(encoding="utf-8"))
         self.sets = table.get("set", [])
         self.drop = table.get("drop", {})
@@ -216,7 +219,7 @@ class _Description:
                     raise ValueError(f"{path}: speaker {name} in two splits")
         self.seed = seed
 
-    def clip(self, row):
+    def clip(self, row: dict[str, str]) -> Clip | None:
         """The Clip of a manifest row whose path is below the corpus folder, None when held out."""
         name = str(pathlib.PurePath(row["path"]).with_suffix(""))
         if name in self.held_out:
@@ -251,7 +254,7 @@ class _Description:
         )
 
 
-def _rows(root):
+def _rows(root: pathlib.Path) -> Iterator[dict[str, str]]:
     """Manifest rows of every folder, paths below `root`; folders without one file by file."""
     folders = sorted(p for p in root.iterdir() if p.is_dir())
     for folder in [root, *folders] if (root / "manifest.csv").exists() else folders:
@@ -267,7 +270,7 @@ def _rows(root):
                     yield {"path": str(path.relative_to(root))}
 
 
-def _synthetic_clips(seed, splits, share):
+def _synthetic_clips(seed: int, splits: Sequence[str], share: float) -> list[Clip]:
     """Speech for the splits asked for; noise and music for all of them."""
     licence = "made by this toolkit"
     clips = []
@@ -310,7 +313,7 @@ def _synthetic_clips(seed, splits, share):
     return clips
 
 
-def _unpack(packed, unpacked):
+def _unpack(packed: pathlib.Path, unpacked: pathlib.Path) -> pathlib.Path:
     """Runs the corpus' own unpack.sh once; other processes wait for it."""
     unpacked.mkdir(parents=True, exist_ok=True)
     stamp = unpacked / ".unpacked"
@@ -326,7 +329,9 @@ def _unpack(packed, unpacked):
     return unpacked
 
 
-def open_corpus(path, cache_dir, seed=0, description=None):
+def open_corpus(
+    path: pathlib.Path | str | None, cache_dir: pathlib.Path | str, seed: int = 0, description: pathlib.Path | None = None
+) -> Corpus:
     """The corpus in the folder `path`, or synthetic audio alone when that is None.
 
     A folder with an unpack.sh of its own is unpacked into the cache first. `cache_dir` also takes

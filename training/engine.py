@@ -4,6 +4,8 @@ Every table is an exported constant array, read when an instance is created. A p
 (fresh recurrent states) and its tables are overwritten in this process's memory before anything runs.
 """
 
+from __future__ import annotations
+
 import contextlib
 import ctypes
 import mmap
@@ -11,15 +13,17 @@ import pathlib
 import shutil
 import tempfile
 from _ctypes import dlclose
+from collections.abc import Iterator
 
 import numpy as np
 
 from . import library as libraries
 from .device_facts import BLOCK, FRAME
 from .library import pointer
+from .shared import Tables
 
 
-def load(path, tables):
+def load(path: pathlib.Path, tables: Tables) -> ctypes.CDLL:
     """path: libquibo.so; tables: {name: array of the table's element type}."""
     with tempfile.TemporaryDirectory() as folder:
         copy = pathlib.Path(folder) / "library.so"
@@ -31,7 +35,7 @@ def load(path, tables):
 
 
 @contextlib.contextmanager
-def loaded(path, tables):
+def loaded(path: pathlib.Path, tables: Tables) -> Iterator[ctypes.CDLL]:
     """load(), and the library is gone afterwards."""
     library = load(path, tables)
     try:
@@ -40,7 +44,7 @@ def loaded(path, tables):
         dlclose(library._handle)
 
 
-def overwrite(library, name, values):
+def overwrite(library: ctypes.CDLL, name: str, values: np.ndarray) -> None:
     address = ctypes.addressof(ctypes.c_char.in_dll(library, name))
     page = address & -mmap.PAGESIZE
     c = ctypes.CDLL(None, use_errno=True)
@@ -50,7 +54,7 @@ def overwrite(library, name, values):
     ctypes.memmove(address, values.ctypes.data, values.nbytes)
 
 
-def suppress_noise(library, microphones, floor):
+def suppress_noise(library: ctypes.CDLL, microphones: np.ndarray, floor: float) -> np.ndarray:
     """int16 [M, samples] -> int16 [M, samples]; the instances take turns frame by frame, as in the front end."""
     handles = [ctypes.c_void_p() for _ in microphones]
     for handle in handles:
@@ -65,7 +69,7 @@ def suppress_noise(library, microphones, floor):
     return out
 
 
-def suppress_echo(library, microphone, echo):
+def suppress_echo(library: ctypes.CDLL, microphone: np.ndarray, echo: np.ndarray) -> np.ndarray:
     """float32 waves -> int16."""
     handle = ctypes.c_void_p()
     assert library.QuibNAecInit(ctypes.byref(handle)) == 0
@@ -77,7 +81,7 @@ def suppress_echo(library, microphone, echo):
     return out
 
 
-def directions(library, microphones):
+def directions(library: ctypes.CDLL, microphones: np.ndarray) -> np.ndarray:
     """int16 [3, samples] -> vectors [blocks, 2]."""
     net, vectors = libraries.DoaNet(), []
     assert library.init_doa_net(ctypes.byref(net)) == 0
@@ -89,7 +93,7 @@ def directions(library, microphones):
     return np.float32(vectors)
 
 
-def syllables(library, wave):
+def syllables(library: ctypes.CDLL, wave: np.ndarray) -> Iterator[tuple[np.ndarray, np.ndarray, np.ndarray, np.ndarray] | None]:
     """int16 samples -> per block (features [3, 40], recurrent state, memories [4, 164, 8], score codes [146]), or None
     for a block at which the phrase was heard and all state cleared."""
     with libraries.WakeUp(library) as engine:
@@ -98,7 +102,7 @@ def syllables(library, wave):
             yield None if heard else (data.features(), data.state(), data.memories(), data.scores())
 
 
-def posteriors(library, wave):
+def posteriors(library: ctypes.CDLL, wave: np.ndarray) -> Iterator[list[float]]:
     """int16 samples -> per block the posteriors [146] as the decoder has them, the filler's share in the blank's."""
     with libraries.WakeUp(library) as engine:
         for _ in engine.steps(wave):

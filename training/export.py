@@ -1,8 +1,11 @@
 """Trained weights -> params/FILE.safetensors, with what they were made from in the file's metadata."""
 
+from __future__ import annotations
+
 import json
 import pathlib
 import subprocess
+from collections.abc import Mapping
 
 import numpy as np
 import torch
@@ -10,16 +13,16 @@ import torch
 from params import safetensors_file
 
 from .cache_keys import file_digest
-from .shared import PARAMS, ROOT
+from .shared import PARAMS, ROOT, Config, Record, Tables
 
 DTYPES = {"F32": np.float32, "I8": np.int8, "I16": np.int16, "I32": np.int32}
 
 
-def manifest(network):
+def manifest(network: str) -> Record:
     return json.loads((PARAMS / "manifest.json").read_text())[f"{network}.safetensors"]["tensors"]
 
 
-def fit(network, tables):
+def fit(network: str, tables: Mapping[str, torch.Tensor | np.ndarray]) -> Tables:
     """Tables in the manifest's element types and shapes; the first layer's two trailing floats are zeros."""
     fitted = {}
     for name, entry in manifest(network).items():
@@ -32,7 +35,7 @@ def fit(network, tables):
     return fitted
 
 
-def write(network, tables, metadata, folder):
+def write(network: str, tables: Tables, metadata: dict[str, str], folder: pathlib.Path | str) -> tuple[pathlib.Path, str]:
     """Returns the path and SHA-256 of the file. tables: {name: array} as fit() returns them."""
     path = pathlib.Path(folder) / f"{network}.safetensors"
     entries = manifest(network)
@@ -47,13 +50,13 @@ def write(network, tables, metadata, folder):
     return path, file_digest(path)
 
 
-def read(path):
+def read(path: pathlib.Path | str) -> Tables:
     """Tables of an exported file: {name: array}."""
     entries, _ = safetensors_file.read(path)
     return {name: np.frombuffer(data, DTYPES[dtype]).reshape(shape).copy() for name, (dtype, shape, data) in entries.items()}
 
 
-def describe(config, steps, digest, results):
+def describe(config: Config, steps: int, digest: str, results: dict[str, float]) -> dict[str, str]:
     """Metadata of an exported file: enough to make it again."""
     revision = subprocess.run(
         ["git", "describe", "--always", "--dirty", "--abbrev=12"], cwd=ROOT, text=True, capture_output=True
@@ -69,7 +72,7 @@ def describe(config, steps, digest, results):
     }
 
 
-def card(network, metadata, sources, digest):
+def card(network: str, metadata: dict[str, str], sources: dict[tuple[str, str], float], digest: str) -> str:
     """Draft of the model card, params/NETWORK.md; figures of the full evaluation and known limits are to be added.
 
     sources: {(licence, folder): hours} of the audio trained on.

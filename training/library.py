@@ -3,8 +3,11 @@
 Audio is int16 on the way in, as the product's, and float32 of full scale 1.0 on the way out.
 """
 
+from __future__ import annotations
+
 import ctypes
 import pathlib
+from collections.abc import Callable, Iterator
 from ctypes import c_float, c_int16, c_int32, c_uint8, c_void_p
 
 import numpy as np
@@ -42,7 +45,7 @@ CALLS = {
 }
 
 
-def load(path):
+def load(path: pathlib.Path | str) -> ctypes.CDLL:
     """The library as ctypes has it, with the types of its calls."""
     so = ctypes.CDLL(str(pathlib.Path(path).resolve()))
     for name, (result, arguments) in CALLS.items():
@@ -51,7 +54,7 @@ def load(path):
     return so
 
 
-def pointer(array):
+def pointer(array: np.ndarray) -> ctypes.c_void_p:
     assert array.flags.c_contiguous
     return c_void_p(array.ctypes.data)
 
@@ -86,23 +89,23 @@ class LAYER_DATA(ctypes.Structure):
         ("in_feat", c_float * 1024),
     ]
 
-    def posteriors(self):
+    def posteriors(self) -> list[float]:
         """[CLASSES] as the decoder has them, the filler's share in the blank's."""
         return self.afreq[:CLASSES]
 
-    def features(self):
+    def features(self) -> np.ndarray:
         """Copy of the block's features [3, 40]."""
         return np.array(self.in_feat[: FRAMES_PER_BLOCK * 40], np.float32).reshape(-1, 40)
 
-    def scores(self):
+    def scores(self) -> np.ndarray:
         """Copy of the block's score codes [CLASSES]."""
         return np.array(self.out2[:CLASSES], np.uint8)
 
-    def state(self):
+    def state(self) -> np.ndarray:
         """Copy of the recurrent state's codes [128]."""
         return np.array(self.qleft.hid, np.uint8)
 
-    def memories(self):
+    def memories(self) -> np.ndarray:
         """Copy of the memory blocks' codes [4, 164, 8], oldest step first."""
         return np.array([getattr(self.qleft, f"qleft{i}") for i in (1, 2, 3, 4)], np.uint8).reshape(4, 164, 8)
 
@@ -118,7 +121,7 @@ class WORD_ITEM(ctypes.Structure):
         ("dp", ctypes.POINTER(c_float)),
     ]
 
-    def score(self):
+    def score(self) -> float:
         """Of the last syllable, which decides."""
         return self.dp[self.seqLen - 2]
 
@@ -171,20 +174,20 @@ class DoaNet(ctypes.Structure):
 class WakeUp:
     """A wake-up engine, its insides open: `data` (LAYER_DATA) and `word`, its first keyword."""
 
-    def __init__(self, so):
+    def __init__(self, so: ctypes.CDLL) -> None:
         self._so, self._handle = so, c_void_p()
         if so.QuibWakeupInit(ctypes.byref(self._handle), 0) != 0:
             raise MemoryError("QuibWakeupInit")
         engine = ctypes.cast(self._handle, ctypes.POINTER(ctypes.POINTER(EWordNet)))[0][0]
         self.data, self.word = engine.dlayer[0], engine.pdec[0].pWords[0]
 
-    def __enter__(self):
+    def __enter__(self) -> WakeUp:
         return self
 
-    def __exit__(self, *_):
+    def __exit__(self, *_: object) -> None:
         self._so.QuibWakeupUnit(self._handle)
 
-    def steps(self, wave):
+    def steps(self, wave: np.ndarray) -> Iterator[bool]:
         """Runs int16 samples; yields per block whether the phrase was heard, which clears all state."""
         for start in range(0, len(wave) - BLOCK + 1, BLOCK):
             block = np.ascontiguousarray(wave[start : start + BLOCK], np.int16)
@@ -194,24 +197,24 @@ class WakeUp:
 class Library:
     """Sample codec and linear echo canceller; `so` has all calls."""
 
-    def __init__(self, path):
+    def __init__(self, path: pathlib.Path | str) -> None:
         self.path = pathlib.Path(path).resolve()
         self.so = load(self.path)
 
-    def scramble(self, samples):
+    def scramble(self, samples: np.ndarray) -> np.ndarray:
         """int16 samples -> as they reach the front end, a new array."""
         return self._in_place(self.so.enc_data, samples)
 
-    def unscramble(self, samples):
+    def unscramble(self, samples: np.ndarray) -> np.ndarray:
         return self._in_place(self.so.dec_data, samples)
 
     @staticmethod
-    def _in_place(function, samples):
+    def _in_place(function: Callable[[int, int], object], samples: np.ndarray) -> np.ndarray:
         x = np.array(samples, np.int16, order="C")
         function(x.ctypes.data, x.size)
         return x
 
-    def cancel(self, mic, ref):
+    def cancel(self, mic: np.ndarray, ref: np.ndarray) -> dict[str, np.ndarray]:
         """The linear echo canceller of one microphone over a recording, from a fresh state.
 
         mic, ref: int16 [n], n a multiple of FRAME. Returns float32 arrays [n]:

@@ -4,9 +4,15 @@ Compressed magnitude and complex terms follow Ephrat et al. 2018 and Valin et al
 compares several transforms of the wave, so that no frame grid is favoured (Yamamoto et al. 2020).
 """
 
+from __future__ import annotations
+
+from collections.abc import Sequence
+
+import numpy as np
 import torch
 
 from .models.spectrum import RealTransform, synthesise
+from .shared import Config
 
 COMPRESSION = 0.3
 POWER_FLOOR = 1e-5  # of a signal at 0 dBFS; keeps the compressed gradient finite
@@ -15,14 +21,20 @@ SI_SDR_ENOUGH = 20.0  # dB
 RESOLUTIONS = (256, 512, 2048)  # beside the network's own 1024
 
 
-def compressed(spectrum):
+def compressed(spectrum: torch.Tensor) -> tuple[torch.Tensor, torch.Tensor]:
     """Magnitude to the power 0.3, and the complex value with that magnitude."""
     power = spectrum.real**2 + spectrum.imag**2 + POWER_FLOOR
     magnitude = power ** (COMPRESSION / 2)
     return magnitude, spectrum * power ** ((COMPRESSION - 1) / 2)
 
 
-def spectral(estimate, target, complex_share, over_suppression, weight=None):
+def spectral(
+    estimate: torch.Tensor,
+    target: torch.Tensor,
+    complex_share: float,
+    over_suppression: float | torch.Tensor,
+    weight: torch.Tensor | None = None,
+) -> torch.Tensor:
     """Mean squared difference of compressed spectra. Bins where the estimate lies under the target count
     over_suppression times, a number or one for each bin: speech taken away is worse than noise left."""
     m, c = compressed(estimate)
@@ -34,7 +46,13 @@ def spectral(estimate, target, complex_share, over_suppression, weight=None):
     return (w * ((1 - complex_share) * (m - m_target) ** 2 + complex_share * (d.real**2 + d.imag**2))).mean()
 
 
-def multi_resolution(estimate, target, complex_share, over_suppression, sizes=RESOLUTIONS):
+def multi_resolution(
+    estimate: torch.Tensor,
+    target: torch.Tensor,
+    complex_share: float,
+    over_suppression: float,
+    sizes: Sequence[int] | np.ndarray = RESOLUTIONS,
+) -> torch.Tensor:
     """spectral() of two waves [B, samples] at several frame sizes, averaged."""
     total = 0
     for size in sizes:
@@ -46,7 +64,16 @@ def multi_resolution(estimate, target, complex_share, over_suppression, sizes=RE
     return total / len(sizes)
 
 
-def suppression(estimate, target, level, config, low_factors, weight=None, near=None, sizes=RESOLUTIONS):
+def suppression(
+    estimate: torch.Tensor,
+    target: torch.Tensor,
+    level: torch.Tensor,
+    config: Config,
+    low_factors: torch.Tensor,
+    weight: torch.Tensor | None = None,
+    near: torch.Tensor | None = None,
+    sizes: Sequence[int] | np.ndarray = RESOLUTIONS,
+) -> torch.Tensor:
     """Loss of a suppressor's output.
 
     estimate, target: complex [B, frames, BINS], the estimate after mask, floor and low-bin factors; level [B]: RMS that
@@ -70,7 +97,7 @@ def suppression(estimate, target, level, config, low_factors, weight=None, near=
     return loss
 
 
-def si_sdr(estimate, target):
+def si_sdr(estimate: torch.Tensor, target: torch.Tensor) -> torch.Tensor:
     """Scale-invariant signal-to-distortion ratio in dB, per row (Le Roux et al. 2019)."""
     target = target - target.mean(-1, keepdim=True)
     estimate = estimate - estimate.mean(-1, keepdim=True)

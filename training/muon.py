@@ -2,7 +2,11 @@
 learns at the same rate (K. Jordan et al. 2024, "Muon: an optimizer for hidden layers in neural networks"; size of the step
 and weight decay after J. Liu et al. 2025, "Muon is scalable for LLM training")."""
 
+from __future__ import annotations
+
 import torch
+
+from training.shared import Record
 
 MOMENTUM = 0.95
 BETAS, EPSILON = (0.9, 0.99), 1e-8
@@ -11,7 +15,7 @@ LIKE_ADAM = 0.2  # root mean square of an update, in learning rates
 SMALLEST = 8  # columns of a matrix
 
 
-def orthogonal(m):
+def orthogonal(m: torch.Tensor) -> torch.Tensor:
     """[rows, columns] with all singular values about 1, by Newton-Schulz rounds."""
     a, b, c = POLYNOMIAL
     x = m.T if m.shape[0] > m.shape[1] else m
@@ -26,11 +30,11 @@ class Muon(torch.optim.Optimizer):
     """groups: a list of two, {"params", "parts"} for matrices, so many on top of each other in each, and {"params"} for the
     rest."""
 
-    def __init__(self, groups, weight_decay):
+    def __init__(self, groups: list[Record], weight_decay: float) -> None:
         super().__init__([{"parts": None} | group for group in groups], {"lr": 0.0, "weight_decay": weight_decay})
 
     @torch.no_grad()
-    def step(self):
+    def step(self) -> None:
         for group in self.param_groups:
             for i, p in enumerate(group["params"]):
                 if p.grad is None:
@@ -43,14 +47,14 @@ class Muon(torch.optim.Optimizer):
                 p.sub_(update, alpha=group["lr"])
 
     @staticmethod
-    def matrices(p, state, parts):
+    def matrices(p: torch.Tensor, state: Record, parts: int) -> torch.Tensor:
         average = state.setdefault("average", torch.zeros_like(p))
         average.lerp_(p.grad, 1 - MOMENTUM)
         ahead = p.grad.lerp(average, MOMENTUM).flatten(1)
         return torch.cat([LIKE_ADAM * max(m.shape) ** 0.5 * orthogonal(m) for m in ahead.chunk(parts)]).view_as(p)
 
     @staticmethod
-    def adam(p, state):
+    def adam(p: torch.Tensor, state: Record) -> torch.Tensor:
         average, square = (state.setdefault(name, torch.zeros_like(p)) for name in ("average", "square"))
         state["step"] = n = state.get("step", 0) + 1
         average.lerp_(p.grad, 1 - BETAS[0])
@@ -58,7 +62,7 @@ class Muon(torch.optim.Optimizer):
         return average / (1 - BETAS[0] ** n) / ((square / (1 - BETAS[1] ** n)).sqrt() + EPSILON)
 
 
-def muon(model, weight_decay):
+def muon(model: torch.nn.Module, weight_decay: float) -> Muon:
     """Of a model: weights of dense, recurrent and full convolutional layers are matrices, those of the output are not."""
     matrices, parts = [], []
     for name, module in model.named_modules():

@@ -1,5 +1,9 @@
 """Is what was trained what the library computes? The same signal through both, sample by sample."""
 
+from __future__ import annotations
+
+import pathlib
+
 import numpy as np
 import torch
 
@@ -10,6 +14,7 @@ from .models.layers import deploy
 from .models.naec import EchoSuppressor
 from .models.ns import NoiseSuppressor
 from .models.quantise import set_mode
+from .shared import Tables
 
 INT16_STEP = 1 / FULL_SCALE
 # The float networks sum in another order than PyTorch: one int16 step, or 1e-4 of the sample.
@@ -21,7 +26,7 @@ class Mismatch(Exception):
     """The library and the training graph disagree."""
 
 
-def compare(ours, theirs, what):
+def compare(ours: np.ndarray, theirs: np.ndarray, what: str) -> float:
     """Float waves at full scale 1.0, int16 from the library. Returns the largest difference in int16 steps."""
     expected = np.trunc(np.clip(ours, -0.99, 0.99) * FULL_SCALE)  # as the library converts
     difference = np.abs(expected - theirs)
@@ -32,7 +37,7 @@ def compare(ours, theirs, what):
     return float(difference.max())
 
 
-def signals(rng, rows, frames, size=FRAME):
+def signals(rng: np.random.Generator, rows: int, frames: int, size: int = FRAME) -> np.ndarray:
     """Noise bursts at speech-like levels, int16."""
     samples = frames * size
     envelope = np.repeat(10 ** rng.uniform(-3, -0.7, (rows, frames * 4)), samples // (frames * 4), axis=1)
@@ -40,7 +45,9 @@ def signals(rng, rows, frames, size=FRAME):
 
 
 @torch.no_grad()
-def noise_suppressor(library_path, model, frames=24, floor=0.1, seed=0):
+def noise_suppressor(
+    library_path: pathlib.Path, model: NoiseSuppressor, frames: int = 24, floor: float = 0.1, seed: int = 0
+) -> float:
     """model: in deployed form. Three microphones in turns. Returns the largest difference in int16 steps."""
     mics = signals(np.random.default_rng(seed), 3, frames)
     library = engine.load(library_path, export.fit("ns", model.tables()))
@@ -52,7 +59,7 @@ def noise_suppressor(library_path, model, frames=24, floor=0.1, seed=0):
 
 
 @torch.no_grad()
-def echo_suppressor(library_path, model, frames=24, seed=0):
+def echo_suppressor(library_path: pathlib.Path, model: EchoSuppressor, frames: int = 24, seed: int = 0) -> float:
     microphone, echo = signals(np.random.default_rng(seed), 2, frames).astype(np.float32) * np.float32(INT16_STEP)
     library = engine.load(library_path, export.fit("naec", model.tables()))
     theirs = engine.suppress_echo(library, microphone, echo)
@@ -63,7 +70,7 @@ def echo_suppressor(library_path, model, frames=24, seed=0):
 
 
 @torch.no_grad()
-def direction(library_path, model, blocks=60, seed=0):
+def direction(library_path: pathlib.Path, model: doa.DirectionNetwork, blocks: int = 60, seed: int = 0) -> float:
     """Returns the largest difference of a vector's component."""
     mics = signals(np.random.default_rng(seed), 3, blocks, BLOCK)
     theirs = engine.directions(engine.load(library_path, export.fit("doa", model.tables())), mics)
@@ -75,13 +82,13 @@ def direction(library_path, model, blocks=60, seed=0):
 
 
 @torch.no_grad()
-def wake_up(library_path, model, blocks=200, seed=0):
+def wake_up(library_path: pathlib.Path, model: kws.SyllableNetwork, blocks: int = 200, seed: int = 0) -> int:
     """model: calibrated. Every state and score of every step, to the bit. Returns the number of steps compared."""
     tables = export.fit("kws", model.tables())
     return wake_up_tables(library_path, tables, blocks, seed)
 
 
-def wake_up_tables(library_path, tables, blocks=200, seed=0):
+def wake_up_tables(library_path: pathlib.Path, tables: Tables, blocks: int = 200, seed: int = 0) -> int:
     (wave,) = signals(np.random.default_rng(seed), 1, blocks, BLOCK)
     network, compared = kws_int8.Network(tables), 0
     # The mel filters are the library's own constant and not exported.
@@ -99,7 +106,7 @@ def wake_up_tables(library_path, tables, blocks=200, seed=0):
     return compared
 
 
-def random_wake_up(kind, seed):
+def random_wake_up(kind: type[kws.SyllableNetwork], seed: int) -> kws.SyllableNetwork:
     """A random network, its quantisers calibrated on noise."""
     torch.manual_seed(seed)
     model = kind()
@@ -117,7 +124,7 @@ FIRST_LAYERS = ("encoder.0.conv", "input.0.conv")  # read spectra, whose bins re
 
 
 @torch.no_grad()
-def random_model(kind, seed):
+def random_model(kind: type[torch.nn.Module], seed: int) -> torch.nn.Module:
     """A random network in deployed form, lively enough that every table matters."""
     torch.manual_seed(seed)
     model = kind()
@@ -145,6 +152,6 @@ CHECKS = {
 }
 
 
-def random_tables(network, library_path, seed=0):
+def random_tables(network: str, library_path: pathlib.Path, seed: int = 0) -> float:
     check, make, kind, _ = CHECKS[network]
     return check(library_path, make(kind, seed))

@@ -3,7 +3,11 @@
 import pathlib
 import typing
 
+import numpy as np
+
 ROOT = pathlib.Path(__file__).resolve().parents[1]
 PARAMS = ROOT / "params"
 
 Config = dict[str, typing.Any]  # a TOML file's tables
+Record = dict[str, typing.Any]  # what JSON holds of a scene, a clip, a result
+Tables = dict[str, np.ndarray]  # of the library, by name

@@ -5,11 +5,14 @@ fans, vacuum cleaners, mains hum. Every clip is a function of its number. One fo
 with many voice variants is not many speakers: it widens coverage, it does not replace recordings.
 """
 
+from __future__ import annotations
+
 import functools
 import math
 import shutil
 import subprocess
 import tempfile
+from collections.abc import Callable
 
 import numpy as np
 import scipy.fft
@@ -18,6 +21,7 @@ from scipy import signal
 
 from training import cache_keys
 from training.device_facts import RATE
+from training.shared import Record
 
 # A "speaker" of the synthesiser is a variant: it sets formants and voice quality in any language.
 SPEAKERS = (
@@ -85,12 +89,12 @@ NOISE_SECONDS = 20.0
 _SEED = 20251107
 
 
-def available():
+def available() -> bool:
     return shutil.which("espeak-ng") is not None
 
 
 @functools.cache
-def made_from(kind):
+def made_from(kind: str) -> dict[str, str]:
     """What the clips of a kind come from, beside their number (cache_keys.py)."""
     found = cache_keys.constants("synthetic")
     if kind == "speech" and available():
@@ -99,7 +103,7 @@ def made_from(kind):
     return found
 
 
-def speech_row(number):
+def speech_row(number: int) -> Record:
     """Speaker, language, text, speed (words per minute) and pitch (0..99) of a speech clip."""
     rng = np.random.default_rng([_SEED, 0, number])
     language = list(SENTENCES)[rng.choice(len(SENTENCES), p=(0.2, 0.1, 0.1, 0.1, 0.1, 0.4))]
@@ -114,17 +118,17 @@ def speech_row(number):
     }
 
 
-def speech(number):
+def speech(number: int) -> np.ndarray:
     row = speech_row(number)
     return spoken(f"{row['language']}+{row['variant']}", row["text"], row["speed"], row["pitch"])
 
 
-def syllable(variant, pinyin, speed, pitch):
+def syllable(variant: str, pinyin: str, speed: int, pitch: int) -> np.ndarray:
     """One Mandarin syllable with its tone's number, such as "dang1"."""
     return spoken(f"{MANDARIN}+{variant}", pinyin, speed, pitch)
 
 
-def spoken(voice, text, speed, pitch):
+def spoken(voice: str, text: str, speed: int, pitch: int) -> np.ndarray:
     with tempfile.NamedTemporaryFile(suffix=".wav") as f:
         command = ["espeak-ng", "-v", voice, "-s", speed, "-p", pitch, "-w", f.name]
         subprocess.run([*map(str, command), text], check=True, stderr=subprocess.DEVNULL)
@@ -132,30 +136,30 @@ def spoken(voice, text, speed, pitch):
     return normalised(to_rate(x, rate))
 
 
-def to_rate(x, rate):
+def to_rate(x: np.ndarray, rate: int) -> np.ndarray:
     if rate == RATE:
         return x
     common = math.gcd(rate, RATE)
     return signal.resample_poly(x, RATE // common, rate // common)
 
 
-def normalised(x):
+def normalised(x: np.ndarray) -> np.ndarray:
     return 0.5 * x / np.abs(x).max()
 
 
-def shaped(rng, samples, gain):
+def shaped(rng: np.random.Generator, samples: int, gain: Callable[[np.ndarray], np.ndarray]) -> np.ndarray:
     """Gaussian noise with the magnitude response `gain` (a function of Hz)."""
     frequency = np.maximum(scipy.fft.rfftfreq(samples, 1.0 / RATE), 20.0)
     return scipy.fft.irfft(scipy.fft.rfft(rng.standard_normal(samples)) * gain(frequency), samples)
 
 
-def slow(rng, samples, depth, hz=0.5):
+def slow(rng: np.random.Generator, samples: int, depth: float, hz: float = 0.5) -> np.ndarray:
     """A gain that wanders by about `depth` dB within 1 / `hz` s."""
     points = rng.normal(0.0, depth, int(samples / RATE * hz) + 3)
     return 10 ** (np.interp(np.arange(samples) / RATE * hz, np.arange(len(points)), points) / 20)
 
 
-def harmonics(rng, samples, fundamental, count, slope):
+def harmonics(rng: np.random.Generator, samples: int, fundamental: float, count: int, slope: float) -> np.ndarray:
     """Harmonics falling by `slope` dB per octave, each off by a few dB, in a slowly moving pitch."""
     wander = np.cumsum(rng.standard_normal(samples)) / math.sqrt(RATE) * 0.002 * fundamental
     phase = 2 * np.pi * np.cumsum(fundamental + wander) / RATE
@@ -168,13 +172,13 @@ def harmonics(rng, samples, fundamental, count, slope):
     return x
 
 
-def bands(rng, slope, spread=4.0):
+def bands(rng: np.random.Generator, slope: float, spread: float = 4.0) -> Callable[[np.ndarray], np.ndarray]:
     """A random smooth spectrum: `slope` dB per octave, points an octave apart off by `spread` dB."""
     points = slope * np.arange(9) + rng.normal(0.0, spread, 9)
     return lambda hz: 10 ** (np.interp(np.log2(hz / 40.0), np.arange(9), points) / 20)
 
 
-def noise(number):
+def noise(number: int) -> np.ndarray:
     """Clip `number` of kind NOISES[number % len(NOISES)]."""
     rng = np.random.default_rng([_SEED, 1, number])
     n = round(NOISE_SECONDS * RATE)
@@ -205,7 +209,7 @@ def noise(number):
     return normalised(x)
 
 
-def music(number):
+def music(number: int) -> np.ndarray:
     """Chords, a bass and a beat, in a random key and tempo."""
     rng = np.random.default_rng([_SEED, 2, number])
     n = round(NOISE_SECONDS * RATE)

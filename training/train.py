@@ -3,13 +3,17 @@
 Batch i is drawn from a generator seeded with (seed, i), so a run that was stopped goes on as if it had not been.
 """
 
+from __future__ import annotations
+
 import concurrent.futures
 import contextlib
 import csv
 import json
 import math
 import os
+import pathlib
 import time
+from collections.abc import Iterable, Sequence
 
 import numpy as np
 import torch
@@ -17,6 +21,8 @@ import tqdm
 
 from .models.layers import CausalConv
 from .muon import muon
+from .shared import Config, Record
+from .tasks import Batch, Task
 
 SPLITS = ("train", "valid", "test")
 
@@ -25,19 +31,21 @@ class Batches(torch.utils.data.Dataset):
     """Batch number -> batch. Worker processes mix while the network learns. of: the number of batches of a training that
     goes from the beginning of a recipe to its end; without it all batches are those of its end."""
 
-    def __init__(self, task, seed, split, count, of=None):
+    def __init__(self, task: Task, seed: int, split: str, count: int, of: int | None = None) -> None:
         self.task, self.seed, self.split, self.count, self.of = task, seed, split, count, of
 
-    def __len__(self):
+    def __len__(self) -> int:
         return self.count
 
-    def __getitem__(self, i):
+    def __getitem__(self, i: int) -> dict[str, torch.Tensor]:
         progress = i / self.of if self.of else 1.0
         batch = self.task.sample(np.random.default_rng([self.seed, SPLITS.index(self.split), i]), self.split, progress)
         return {name: torch.from_numpy(value) for name, value in batch.items()}
 
 
-def batches(task, seed, split, first, last, workers, of=None):
+def batches(
+    task: Task, seed: int, split: str, first: int, last: int, workers: int, of: int | None = None
+) -> torch.utils.data.DataLoader:
     return (
         torch.utils.data.DataLoader(
             Batches(task, seed, split, last, of),
@@ -55,7 +63,7 @@ def batches(task, seed, split, first, last, workers, of=None):
 class Log:
     """log.csv with one row per report, and TensorBoard events where TensorBoard is installed."""
 
-    def __init__(self, folder):
+    def __init__(self, folder: pathlib.Path) -> None:
         self.path = folder / "log.csv"
         self.board = None
         with contextlib.suppress(ImportError):
@@ -63,7 +71,7 @@ class Log:
 
             self.board = SummaryWriter(folder)
 
-    def write(self, step, split, values):
+    def write(self, step: int, split: str, values: dict[str, float]) -> None:
         new = not self.path.exists()
         with open(self.path, "a", newline="") as f:
             out = csv.writer(f)
@@ -75,7 +83,7 @@ class Log:
                     self.board.add_scalar(f"{split}/{name}", value, step)
 
 
-def learning_rate(config, step):
+def learning_rate(config: Config, step: int) -> float:
     """Linear rise, then half a cosine down to the final rate."""
     warm, steps = config["warm_up"] * config["steps"], config["steps"]
     high, low = config["learning_rate"], config["final_learning_rate"]
@@ -84,7 +92,7 @@ def learning_rate(config, step):
     return low + (high - low) * 0.5 * (1 + math.cos(math.pi * (step - warm) / max(1, steps - warm)))
 
 
-def freeze_norm(model):
+def freeze_norm(model: torch.nn.Module) -> None:
     for module in model.modules():
         if isinstance(module, torch.nn.modules.batchnorm._BatchNorm):
             module.eval()
@@ -94,16 +102,16 @@ class Gradients:
     """Of a batch, mean over `parts` of it that are worked on by as many threads: small layers keep one core busy, not two.
     Not for models with batch normalisation, whose statistics the threads would share."""
 
-    def __init__(self, task, model, parts):
+    def __init__(self, task: Task, model: torch.nn.Module, parts: int) -> None:
         self.task, self.model, self.parts = task, model, parts
         self.parameters = list(model.parameters())
         self.pool = concurrent.futures.ThreadPoolExecutor(parts, initializer=torch.set_num_threads, initargs=(1,))
 
-    def of_part(self, batch, seed):
+    def of_part(self, batch: dict[str, torch.Tensor], seed: Sequence[int]) -> tuple[dict[str, float], tuple[torch.Tensor, ...]]:
         loss, values = self.task.loss(self.model, batch, np.random.default_rng(seed))
         return {"loss": loss.item(), **values}, torch.autograd.grad(loss, self.parameters, allow_unused=True)
 
-    def __call__(self, batch, seed):
+    def __call__(self, batch: dict[str, torch.Tensor], seed: Sequence[int]) -> dict[str, float]:
         """Sets the gradients; returns the values of the loss."""
         if self.parts == 1:
             results = [self.of_part(batch, seed)]
@@ -117,7 +125,9 @@ class Gradients:
         return {name: float(np.mean([v[name] for v in values])) for name in values[0]}
 
 
-def train(task, config, folder, device, model=None, section="train"):
+def train(
+    task: Task, config: Config, folder: pathlib.Path, device: str, model: torch.nn.Module | None = None, section: str = "train"
+) -> torch.nn.Module:
     """Runs or resumes; returns the model averaged over the last checkpoints, in training form. model: where to start,
     else a new one; section: the part of the configuration with the schedule."""
     c, seed = config[section], config["seed"]
@@ -167,7 +177,7 @@ def train(task, config, folder, device, model=None, section="train"):
 
 
 @torch.no_grad()
-def validate(task, model, valid, device):
+def validate(task: Task, model: torch.nn.Module, valid: Iterable[Batch], device: str) -> dict[str, float]:
     model.eval()
     results = [task.validate(model, {name: value.to(device) for name, value in batch.items()}) for batch in valid]
     names = sorted({name for r in results for name in r})
@@ -177,7 +187,7 @@ def validate(task, model, valid, device):
 # ---- checkpoints ----------------------------------------------------------------------------------------------------
 
 
-def save(folder, model, optimizer, step, keep):
+def save(folder: pathlib.Path, model: torch.nn.Module, optimizer: torch.optim.Optimizer, step: int, keep: int) -> None:
     """checkpoint.pt to resume from, weights-STEP.pt to average; the newest `keep` of these stay."""
     write(folder / "checkpoint.pt", {"model": model.state_dict(), "optimizer": optimizer.state_dict(), "step": step})
     write(folder / f"weights-{step:07}.pt", model.state_dict())
@@ -185,25 +195,25 @@ def save(folder, model, optimizer, step, keep):
         old.unlink()
 
 
-def write(path, value):
+def write(path: pathlib.Path, value: Record) -> None:
     """Atomically: a run may be stopped at any moment."""
     temporary = path.with_suffix(".new")
     torch.save(value, temporary)
     temporary.replace(path)
 
 
-def weights(folder):
+def weights(folder: pathlib.Path) -> list[pathlib.Path]:
     return sorted(folder.glob("weights-*.pt"))
 
 
-def trained_weights(folder):
+def trained_weights(folder: pathlib.Path) -> list[pathlib.Path]:
     found = weights(folder)
     if not found:
         raise SystemExit(f"training: nothing has been trained in {folder} yet")
     return found
 
 
-def resume(folder, model, optimizer):
+def resume(folder: pathlib.Path, model: torch.nn.Module, optimizer: torch.optim.Optimizer) -> int:
     path = folder / "checkpoint.pt"
     if not path.exists():
         return 0
@@ -213,7 +223,7 @@ def resume(folder, model, optimizer):
     return checkpoint["step"]
 
 
-def averaged(folder):
+def averaged(folder: pathlib.Path) -> dict[str, torch.Tensor]:
     """Mean of the kept weights; counters, which have no mean, are the newest ones."""
     states = [torch.load(path, map_location="cpu") for path in trained_weights(folder)]
     return {
@@ -222,11 +232,11 @@ def averaged(folder):
     }
 
 
-def trained_steps(folder):
+def trained_steps(folder: pathlib.Path) -> int:
     return int(trained_weights(folder)[-1].stem.split("-")[1])
 
 
-def claim(folder, steps):
+def claim(folder: pathlib.Path, steps: int) -> None:
     """Marks a training as the continuation of another one's first `steps` steps; refuses one that continues others, since
     it would go on from them."""
     mark = folder / "continues.json"

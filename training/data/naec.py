@@ -2,7 +2,6 @@
 
 from __future__ import annotations
 
-import collections.abc
 import functools
 
 import numpy as np
@@ -51,7 +50,7 @@ class Stub(data.Stub):
         return StubClips(clips, c["clip_seconds"], seed=SPLITS.index(split))
 
 
-class StubClips(collections.abc.Sequence):
+class StubClips:
     """What a canceller might leave, as cache.AecCache has it."""
 
     def __init__(self, clips: int, seconds: float, seed: int) -> None:

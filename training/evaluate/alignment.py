@@ -1,10 +1,12 @@
 """Delays: outputs are compared with their targets sample for sample."""
 
+from __future__ import annotations
+
 import numpy as np
 from scipy import fft
 
 
-def find_delay(x, y, most):
+def find_delay(x: np.ndarray, y: np.ndarray, most: int) -> int:
     """Samples by which y lags x, 0..most: the peak of the cross-correlation, phase transform.
 
     All frequencies where x is within 40 dB of its loudest count the same, so that a high-pass that
@@ -17,7 +19,7 @@ def find_delay(x, y, most):
     return int(np.argmax(fft.irfft(cross / (np.abs(cross) + 1e-20), size)[: most + 1]))
 
 
-def advance(y, delay, samples):
+def advance(y: np.ndarray, delay: int, samples: int) -> np.ndarray:
     """The `samples` samples of y [..., n] from `delay` on, zeros behind its end."""
     part = y[..., delay : delay + samples]
     missing = samples - part.shape[-1]

@@ -1,6 +1,9 @@
 """Measures the built library on fixed simulated scenes, beside what else is at hand: a table on the
 terminal, JSON and an HTML report in a folder."""
 
+from __future__ import annotations
+
+import argparse
 import dataclasses
 import json
 import pathlib
@@ -16,7 +19,7 @@ from training.shared import ROOT
 SIZED = ("noise", "echo", "direction", "wake")
 
 
-def add_options(parser):
+def add_options(parser: argparse.ArgumentParser) -> None:
     parser.add_argument("--short", action="store_true", help="minutes instead of hours")
     parser.add_argument(
         "--data",
@@ -56,7 +59,7 @@ def add_options(parser):
     engines.add_options(parser, "scenes")
 
 
-def run(arguments):
+def run(arguments: argparse.Namespace) -> None:
     wanted = arguments.sections.split(",")
     if unknown := set(wanted) - set(work.SECTIONS):
         raise SystemExit(f"evaluate: no section {' '.join(sorted(unknown))}")
@@ -105,6 +108,6 @@ def run(arguments):
     print(f"wrote {arguments.out / 'evaluation.json'} and {arguments.out / 'evaluation.html'}")
 
 
-def absolute(path):
+def absolute(path: pathlib.Path | None) -> pathlib.Path | None:
     """As workers find it, wherever they run."""
     return path and path.resolve()

@@ -1,5 +1,7 @@
 """python -m training.evaluate.curves train-naec/log.csv --out params/naec.svg: validation figures over a training's steps."""
 
+from __future__ import annotations
+
 import argparse
 import collections
 import csv
@@ -15,7 +17,7 @@ NAMES = {
 }
 
 
-def read(path):
+def read(path: pathlib.Path) -> dict[str, list[tuple[int, float]]]:
     """name -> [(step, value)] of the validation rows; of a step that was validated twice the later one."""
     curves = collections.defaultdict(dict)
     with open(path, newline="", encoding="utf-8") as f:
@@ -25,7 +27,7 @@ def read(path):
     return {name: sorted(points.items()) for name, points in curves.items()}
 
 
-def draw(curves, started=None):
+def draw(curves: dict[str, list[tuple[int, float]]], started: dict[str, float] | None = None) -> str:
     """A panel per figure; started: name -> value of the network that the training began with."""
     names = [name for name in NAMES if name in curves]
     figure, axes = plots.plt.subplots(1, len(names), figsize=(3 * len(names), 2.6), squeeze=False, layout="constrained")
@@ -37,7 +39,7 @@ def draw(curves, started=None):
     return plots.svg(figure)
 
 
-def main():
+def main() -> None:
     parser = argparse.ArgumentParser(description=__doc__)
     parser.add_argument("log", type=pathlib.Path)
     parser.add_argument("--out", type=pathlib.Path, required=True)

@@ -3,6 +3,8 @@
 Networks keep recurrent states at module level, so every run has a copy of the library of its own.
 """
 
+from __future__ import annotations
+
 import contextlib
 import ctypes
 import os
@@ -10,6 +12,7 @@ import pathlib
 import shutil
 import tempfile
 from _ctypes import dlclose
+from collections.abc import Iterator
 
 import numpy as np
 
@@ -34,21 +37,21 @@ from training.library import Library, WakeUp, pointer
 FLUSH = 3 * FRAME  # appended silence that brings the last sample out of any of the chains
 
 
-def to_int16(x):
+def to_int16(x: np.ndarray) -> np.ndarray:
     return np.int16(np.clip(np.round(x * FULL_SCALE), -32768, 32767))
 
 
-def to_float(x):
+def to_float(x: np.ndarray) -> np.ndarray:
     return x.astype(np.float32) / np.float32(FULL_SCALE)
 
 
-def mean(mics):
+def mean(mics: np.ndarray) -> np.ndarray:
     """int16 [3, n] -> what the wake-up engine hears of them."""
     return (mics.astype(np.float32).sum(0) * np.float32(MEAN_FACTOR)).astype(np.int16)
 
 
 @contextlib.contextmanager
-def quiet():
+def quiet() -> Iterator[None]:
     """Keeps the library's own lines off standard output."""
     libc = ctypes.CDLL(None)
     libc.fflush(None)
@@ -64,11 +67,11 @@ def quiet():
 
 
 class Device:
-    def __init__(self, path):
+    def __init__(self, path: pathlib.Path | str) -> None:
         self.path = pathlib.Path(path).resolve()
 
     @contextlib.contextmanager
-    def _fresh(self):
+    def _fresh(self) -> Iterator[tuple[Library, ctypes.CDLL]]:
         with tempfile.TemporaryDirectory() as folder, quiet():
             copy = pathlib.Path(folder) / "library.so"
             shutil.copy(self.path, copy)
@@ -76,20 +79,20 @@ class Device:
             yield library, library.so
             dlclose(library.so._handle)
 
-    def suppress_noise(self, mics, floor):
+    def suppress_noise(self, mics: np.ndarray, floor: float) -> np.ndarray:
         """[M, n] float -> [M, n] float, aligned with the input; the microphones take turns."""
         n = mics.shape[1]
         with self._fresh() as (_, so):
             out = engine.suppress_noise(so, _flushed(to_int16(mics)), floor)
         return advance(to_float(out), SUPPRESSOR_DELAY, n)
 
-    def cancel(self, mic, ref):
+    def cancel(self, mic: np.ndarray, ref: np.ndarray) -> np.ndarray:
         """The linear canceller of one microphone [n], aligned with it."""
         with self._fresh() as (library, _):
             run = library.cancel(_flushed(to_int16(mic)), _flushed(to_int16(ref)))
         return advance(run["out"], MIC_DELAY, len(mic))
 
-    def cancel_echo(self, mic, ref):
+    def cancel_echo(self, mic: np.ndarray, ref: np.ndarray) -> tuple[np.ndarray, np.ndarray]:
         """One microphone [n] and its reference: aligned outputs (linear, suppressed) [n]."""
         n = len(mic)
         with self._fresh() as (library, so):
@@ -100,7 +103,7 @@ class Device:
             advance(to_float(suppressed), MIC_DELAY + SUPPRESSOR_DELAY, n),
         )
 
-    def front_end(self, mics, ref):
+    def front_end(self, mics: np.ndarray, ref: np.ndarray) -> tuple[np.ndarray, list[tuple[float, int | None]]]:
         """The two calls per frame over [3, n] and [n], whole frames.
 
         Returns cancelled int16 [3, n] (not aligned) and events: (s at which the call returned, angle
@@ -126,7 +129,7 @@ class Device:
             so.Quibo_wakeup_unit(handle)
         return cancelled, events
 
-    def wake_costs(self, mics):
+    def wake_costs(self, mics: np.ndarray) -> np.ndarray:
         """The wake-up engine alone on the mix of int16 [3, n]: per 30 ms step the cost that the
         decoder compares with its threshold, infinite where a step cannot wake.
 
@@ -144,7 +147,7 @@ class Device:
                 listening.word.thres = -np.inf  # the decoder sets its own from time to time
         return np.array(costs)
 
-    def heading(self, mics, seconds, suppress=True):
+    def heading(self, mics: np.ndarray, seconds: float, suppress: bool = True) -> float | None:
         """What the direction path says when asked `seconds` into int16 [3, n] cancelled microphones
         (a wake at that moment): degrees, or None. suppress: with the noise suppressors."""
         whole = -(-mics.shape[1] // FRAME) * FRAME
@@ -164,7 +167,7 @@ class Device:
         return None if angle < 0 else float((angle + HEADING_OFFSET) % 360)
 
 
-def _flushed(x):
+def _flushed(x: np.ndarray) -> np.ndarray:
     """x [..., n] with silence behind it, in whole frames."""
     n = x.shape[-1]
     whole = -(-(n + FLUSH) // FRAME) * FRAME

@@ -4,12 +4,21 @@ A folder aec_pairs of the corpus holds *_mic and *_lpb files: what a microphone 
 the talker alone sounded like, so there is AECMOS and the level over time, and no SI-SDR.
 """
 
+from __future__ import annotations
+
+import pathlib
+import typing
+
 import numpy as np
 import soundfile
 
 from training.evaluate import echo_path, intervals, metrics
 from training.evaluate.alignment import find_delay
 from training.scenes.audio import RATE
+from training.shared import Record
+
+if typing.TYPE_CHECKING:
+    from training.evaluate.work import Opened
 
 FOLDER = "aec_pairs"
 MOST_DELAY = RATE  # samples between the two files
@@ -18,17 +27,17 @@ WINDOW = 0.5  # s of a level
 QUIETEST = 1e-10
 
 
-def recordings(opened):
+def recordings(opened: Opened) -> list[pathlib.Path]:
     """What the microphones heard; nothing where the corpus has no such folder."""
     root = opened.corpus.root
     return sorted((root / FOLDER).glob("*_mic.wav")) if root else []
 
 
-def numbers(opened):
+def numbers(opened: Opened) -> range:
     return range(len(recordings(opened)))
 
 
-def pair(path):
+def pair(path: pathlib.Path) -> tuple[str, str, np.ndarray, np.ndarray]:
     """(name, kind of AECMOS, mic [n], ref [n]), the recordings' own delay taken off."""
     name = path.stem.removesuffix("_mic")
     mic, ref = (soundfile.read(path.with_name(f"{name}_{end}.wav"), dtype="float32")[0] for end in ("mic", "lpb"))
@@ -37,14 +46,14 @@ def pair(path):
     return name, "far_end" if "farend" in name else "double_talk", mic[late:n], ref[: n - late]
 
 
-def levels(x):
+def levels(x: np.ndarray) -> list[float]:
     """dBFS of consecutive windows."""
     n = round(WINDOW * RATE)
     power = np.square(x[: len(x) // n * n].reshape(-1, n), dtype=np.float64).mean(1)
     return (10 * np.log10(power + QUIETEST)).round(1).tolist()
 
 
-def rows(opened, number):
+def rows(opened: Opened, number: int) -> list[Record]:
     """One per system."""
     name, kind, mic, ref = pair(recordings(opened)[number])
     found = []
@@ -64,12 +73,12 @@ def rows(opened, number):
     return found
 
 
-def result(opened, heard):
+def result(opened: Opened, heard: list[Record]) -> Record:
     _, delays, absent = echo_path.systems(opened)
     return {"rows": heard, "summary": summarise(heard), "delays": delays, "absent": absent}
 
 
-def summarise(rows):
+def summarise(rows: list[Record]) -> Record:
     """kind -> system -> measure -> figure."""
     summary = {}
     for row in rows:

@@ -5,12 +5,21 @@ own calls, behind its cancellers and noise suppressors. Beside it the same witho
 SRP-PHAT.
 """
 
+from __future__ import annotations
+
+import typing
+
 import numpy as np
 
 from training.device_facts import RATE, SUPPRESSOR_DELAY
 from training.evaluate import device as devices
 from training.evaluate import intervals, metrics, scenes, sets
+from training.evaluate.device import Device
 from training.evaluate.peers import srp_phat
+from training.shared import Record
+
+if typing.TYPE_CHECKING:
+    from training.evaluate.work import Opened
 
 ASKED = 0.1  # s after the call
 LOOK_BACK = 0.45  # s of the estimator's decision
@@ -18,11 +27,11 @@ POINTED = 15.0  # degrees within which the device has pointed at the talker
 LATE = SUPPRESSOR_DELAY / RATE  # what the suppressors put between talker and estimator
 
 
-def numbers(opened):
+def numbers(opened: Opened) -> range:
     return range(opened.sizes.direction)
 
 
-def rows(opened, number):
+def rows(opened: Opened, number: int) -> list[Record]:
     """One per condition."""
     return [
         {"scene": number, "condition": condition, **measure(opened.device, scene)}
@@ -30,7 +39,7 @@ def rows(opened, number):
     ]
 
 
-def result(opened, heard):
+def result(opened: Opened, heard: list[Record]) -> Record:
     conditions = {name: [r for r in heard if r["condition"] == name] for name in sets.DIRECTION_CONDITIONS}
     return {
         "rows": heard,
@@ -38,7 +47,7 @@ def result(opened, heard):
     }
 
 
-def measure(device, scene):
+def measure(device: Device, scene: scenes.Call) -> Record:
     mics = scene.mics
     if scene.ref is not None:
         mics = np.stack([device.cancel(mic, scene.ref) for mic in mics])
@@ -52,7 +61,7 @@ def measure(device, scene):
     return {"heading": scene.heading, "pointed": headings}
 
 
-def pointed(device, mics, begin, end):
+def pointed(device: Device, mics: np.ndarray, begin: float, end: float) -> dict[str, float | None]:
     """Headings of the talker who speaks from begin to end (s) in int16 [3, n] cancelled
     microphones."""
     asked = end + ASKED
@@ -66,7 +75,7 @@ def pointed(device, mics, begin, end):
     }
 
 
-def directions(rows):
+def directions(rows: list[Record]) -> Record:
     """System -> its errors' median, 90th percentile and share within POINTED degrees."""
     systems = {}
     for name in rows[0]["pointed"] if rows else ():
@@ -79,6 +88,6 @@ def directions(rows):
     return systems
 
 
-def off(heading, truth):
+def off(heading: float | None, truth: float) -> float:
     """Degrees from the talker; a device that points nowhere is as wrong as can be."""
     return 180.0 if heading is None else metrics.angle_error(heading, truth)

@@ -1,11 +1,19 @@
 """Section 2: the echo path of microphone 1."""
 
+from __future__ import annotations
+
 import functools
+import typing
+from collections.abc import Callable
 
 import numpy as np
 
 from training.evaluate import intervals, metrics, peers, scenes
 from training.scenes.audio import RATE
+from training.shared import Record
+
+if typing.TYPE_CHECKING:
+    from training.evaluate.work import Opened
 
 END = 2.0  # s: the last part of the far-end-only stretch
 MEASURES = (
@@ -20,9 +28,12 @@ MEASURES = (
     "deg_near_end",
 )
 
+# (mic, ref) -> an output [n] for each of its names.
+Process = Callable[[np.ndarray, np.ndarray], tuple[np.ndarray, ...]]
+
 
 @functools.lru_cache(1)
-def systems(opened):
+def systems(opened: Opened) -> tuple[list[tuple[tuple[str, ...], Process]], dict[str, int], list[str]]:
     """[(names, function of (mic, ref) giving an output [n] per name)]; the peers' delays; lines about absent ones."""
     table = [
         (("unprocessed",), lambda mic, ref: (mic,)),
@@ -37,11 +48,11 @@ def systems(opened):
     return table, delays, absent
 
 
-def measure(scene, output, opinions):
+def measure(scene: scenes.EchoScene, output: np.ndarray, opinions: bool) -> Record:
     far, both, near = scene.far_end, scene.double_talk, scene.near_end
     end = slice(far.stop - round(END * RATE), far.stop)
 
-    def opinion(kind, part):
+    def opinion(kind: str, part: slice) -> tuple[float | None, float | None]:
         if not opinions:
             return None, None
         return metrics.aecmos(kind, scene.ref[part], scene.mic[part], output[part])
@@ -63,11 +74,11 @@ def measure(scene, output, opinions):
     }
 
 
-def numbers(opened):
+def numbers(opened: Opened) -> range:
     return range(opened.sizes.echo)
 
 
-def rows(opened, number):
+def rows(opened: Opened, number: int) -> list[Record]:
     """One per condition and system."""
     table = [(names, process) for names, process in systems(opened)[0] if any(map(opened.sizes.asks, names))]
     return [
@@ -84,12 +95,12 @@ def rows(opened, number):
     ]
 
 
-def result(opened, heard):
+def result(opened: Opened, heard: list[Record]) -> Record:
     _, delays, absent = systems(opened)
     return {"rows": heard, "summary": summarise(heard), "delays": delays, "absent": absent}
 
 
-def summarise(rows):
+def summarise(rows: list[Record]) -> Record:
     """condition -> system -> measure -> figure; erle_over_time: the mean curve."""
     summary = {}
     for condition in dict.fromkeys(r["condition"] for r in rows):

@@ -1,6 +1,9 @@
 """Figures over scenes with 95 % intervals: bootstrap over scenes, Wilson for shares."""
 
+from __future__ import annotations
+
 import math
+from collections.abc import Callable, Iterable
 
 import numpy as np
 
@@ -8,8 +11,11 @@ RESAMPLINGS = 2000
 CONFIDENCE = 0.95
 SEED = 20251107
 
+Figures = dict[str, float]  # value, low, high, n
+Statistic = Callable[..., np.ndarray]  # of an array, with axis=
 
-def bootstrap(values, statistic=np.mean):
+
+def bootstrap(values: Iterable[float | None], statistic: Statistic = np.mean) -> Figures | None:
     """{value, low, high, n} of `statistic` over scenes; None where there are no values."""
     x = np.asarray([v for v in values if v is not None and np.isfinite(v)], np.float64)
     if len(x) == 0:
@@ -20,7 +26,7 @@ def bootstrap(values, statistic=np.mean):
     return {"value": float(statistic(x)), "low": float(low), "high": float(high), "n": len(x)}
 
 
-def share(hits, trials):
+def share(hits: int, trials: int) -> Figures | None:
     """{value, low, high, n} of a proportion: Wilson's score interval."""
     if trials == 0:
         return None
@@ -35,7 +41,7 @@ def share(hits, trials):
     }
 
 
-def rate(events, hours):
+def rate(events: int, hours: float) -> Figures | None:
     """{value, low, high, n} of events per hour, exact Poisson interval; n counts events."""
     if hours == 0:
         return None
@@ -47,5 +53,5 @@ def rate(events, hours):
     return {"value": events / hours, "low": low / hours, "high": high / hours, "n": events}
 
 
-def percentile(q):
+def percentile(q: float) -> Statistic:
     return lambda x, axis=None: np.percentile(x, q, axis=axis)

@@ -7,25 +7,31 @@ once and kept (mixes are a function of seed and number, and of made_from()). The
 the device plays, each microphone goes through the canceller first.
 """
 
+from __future__ import annotations
+
+import argparse
 import json
 import pathlib
+from collections.abc import Callable, Iterable, Iterator, Sequence
 
 import numpy as np
 import torch
 import tqdm
 
 from training import cache_keys, engine, export, train
-from training.corpus import ROLES, open_corpus
+from training.corpus import ROLES, Clip, Corpus, open_corpus
 from training.data import SEED as SEED_OF_SPLITS
 from training.device_facts import BLOCK, RATE, THRESHOLD
 from training.evaluate import device as devices
 from training.evaluate import intervals, scenes
+from training.evaluate.device import Device
+from training.evaluate.scenes import TestRooms
 from training.library import WakeUp
 from training.models import kws
 from training.scenes import echo, mixing, noisy, sources
 from training.scenes.audio import active_power, gain
-from training.scenes.bank import load_bank
-from training.shared import ROOT
+from training.scenes.bank import RoomBank, load_bank
+from training.shared import ROOT, Record
 from training.syllables import decoder, texts, waves
 from training.syllables.inventory import PHRASE, classes_of, holds_phrase, is_near_miss
 from training.tasks.kws import Task
@@ -65,13 +71,14 @@ RECIPE = (
     "syllables.waves",
 )
 
-# Set -> (utterances, conditions as (name, SNR, SER or None)).
+Condition = tuple[str, float, float | None]  # name, SNR, SER
 CONDITIONS = (
     ("quiet", QUIET, None),
     ("noise 10 dB", 10.0, None),
     ("noise 5 dB", 5.0, None),
     ("music played, -10 dB", QUIET, -10.0),
 )
+# Set -> (utterances, conditions).
 SETS = {
     "phrase": (200, CONDITIONS),
     "slow phrase": (100, CONDITIONS[:2]),
@@ -83,7 +90,7 @@ SETS = {
 PHRASES = ("phrase", "slow phrase")
 
 
-def speakers(corpus):
+def speakers(corpus: Corpus) -> list[str]:
     """Test speakers who say both syllables by themselves."""
     said = {}
     for clip in corpus.clips("mandarin", scenes.SPLIT):
@@ -91,7 +98,7 @@ def speakers(corpus):
     return sorted(s for s, names in said.items() if {"ling", "dang"} <= names)
 
 
-def fluent(corpus, what):
+def fluent(corpus: Corpus, what: str) -> dict[str, list[Clip]]:
     """{test speaker: clips} of the phrase, or of what is nearly the phrase."""
     found, wanted = {}, holds_phrase if what == "fluent phrase" else is_near_miss
     for clip in corpus.clips("mandarin", scenes.SPLIT):
@@ -104,12 +111,12 @@ def fluent(corpus, what):
 class Sayings:
     """What a set's utterances are, by its speakers."""
 
-    def __init__(self, corpus, what):
+    def __init__(self, corpus: Corpus, what: str) -> None:
         self.corpus, self.what, self.fluent = corpus, what, what.startswith("fluent")
         of = fluent(corpus, what) if self.fluent else {s: waves.Clips(corpus, s, scenes.SPLIT) for s in speakers(corpus)}
         self.clips, self.speakers = of, sorted(of)
 
-    def draw(self, rng, speaker):
+    def draw(self, rng: np.random.Generator, speaker: str) -> tuple[np.ndarray, list[int]]:
         """The wave of an utterance and its syllables' classes."""
         if not self.fluent:
             return utterance(rng, self.clips[speaker], speaker, self.what)
@@ -117,7 +124,7 @@ class Sayings:
         return sources.levelled(waves.trimmed(self.corpus.read(clip))), classes_of(clip.pinyin.split())
 
 
-def utterance(rng, clips, speaker, what):
+def utterance(rng: np.random.Generator, clips: waves.Clips, speaker: str, what: str) -> tuple[np.ndarray, list[int]]:
     """The wave of an utterance and its syllables' classes."""
     known, said, pause = list(clips.syllables[speaker]), list(PHRASE), None
     length = SLOW if what == "slow phrase" else rng.uniform(*LENGTH)
@@ -136,7 +143,15 @@ def utterance(rng, clips, speaker, what):
     return waves.say(clips, pieces, round((pieces[-1].begin + pieces[-1].frames) / texts.FRAMES_PER_SECOND * RATE)), said
 
 
-def heard(device, corpus, rooms, sayings, speaker, number, conditions):
+def heard(
+    device: Device,
+    corpus: Corpus,
+    rooms: TestRooms,
+    sayings: Sayings,
+    speaker: str,
+    number: int,
+    conditions: Sequence[Condition],
+) -> Iterator[tuple[str, np.ndarray, float, list[int]]]:
     """Yields (condition, int16 wave, s at which the utterance ends, classes)."""
     rng = np.random.default_rng([SEED, list(SETS).index(sayings.what), number])
     dry, said = sayings.draw(rng, speaker)
@@ -167,11 +182,11 @@ def heard(device, corpus, rooms, sayings, speaker, number, conditions):
         yield name, wave, (start + way + end) / RATE, said
 
 
-def cancelled(device, mics, ref):
+def cancelled(device: Device, mics: np.ndarray, ref: np.ndarray) -> np.ndarray:
     return devices.mean(np.stack([devices.to_int16(device.cancel(mic, ref)) for mic in mics]))
 
 
-def without_phrase(device, corpus, rooms, number):
+def without_phrase(device: Device, corpus: Corpus, rooms: TestRooms, number: int) -> np.ndarray:
     """A stretch of talk among noises, or of playback, in turns."""
     if number % 2 == 0:
         return devices.mean(devices.to_int16(scenes.noisy_talk(corpus, rooms, 10000 + number, STRETCH)))
@@ -181,10 +196,10 @@ def without_phrase(device, corpus, rooms, number):
 class Kept:
     """Waves of a set with what is known about them, made once."""
 
-    def __init__(self, folder, name):
+    def __init__(self, folder: pathlib.Path, name: str) -> None:
         self.audio, self.rows = folder / f"{name}.i16", folder / f"{name}.json"
 
-    def make(self, waves_and_rows):
+    def make(self, waves_and_rows: Iterable[tuple[np.ndarray, Record]]) -> Kept:
         if not self.rows.exists():
             rows, at = [], 0
             with open(self.audio, "wb") as f:
@@ -195,13 +210,15 @@ class Kept:
             self.rows.write_text(json.dumps(rows))
         return self
 
-    def __iter__(self):
+    def __iter__(self) -> Iterator[tuple[np.ndarray, Record]]:
         audio = np.memmap(self.audio, np.int16, "r")
         for row in json.loads(self.rows.read_text()):
             yield np.array(audio[row["start"] : row["start"] + row["samples"]]), row
 
 
-def utterances(device, corpus, rooms, sayings, count, conditions):
+def utterances(
+    device: Device, corpus: Corpus, rooms: TestRooms, sayings: Sayings, count: int, conditions: Sequence[Condition]
+) -> Iterator[tuple[np.ndarray, Record]]:
     """Yields (wave, what is known about it) of a set, its speakers taking turns."""
     for number in tqdm.trange(count, desc=sayings.what, mininterval=60):
         speaker = sayings.speakers[number % len(sayings.speakers)]
@@ -209,7 +226,7 @@ def utterances(device, corpus, rooms, sayings, count, conditions):
             yield wave, {"condition": name, "end": end, "said": said, "speaker": speaker}
 
 
-def prepare(device, corpus, rooms, folder, hours):
+def prepare(device: Device, corpus: Corpus, rooms: TestRooms, folder: pathlib.Path, hours: float) -> dict[str, Kept]:
     """{set: Kept}; hours of what is not the phrase."""
     others, kept = scenes.without_phrases(corpus), {}
     if not speakers(corpus):
@@ -230,11 +247,11 @@ def prepare(device, corpus, rooms, folder, hours):
 class EngineListener:
     """The library: seconds at which it wakes on a wave, from a fresh start."""
 
-    def __init__(self, library, params):
+    def __init__(self, library: pathlib.Path, params: pathlib.Path | None) -> None:
         tables = export.read(params) if params else {}
         self.library = engine.load(library, {name: values for name, values in tables.items() if name != "fbank_filter1"})
 
-    def __call__(self, wave):
+    def __call__(self, wave: np.ndarray) -> list[float]:
         with WakeUp(self.library) as listening:
             return [(step + 1) * STEP for step, heard in enumerate(listening.steps(wave)) if heard]
 
@@ -242,14 +259,14 @@ class EngineListener:
 class FloatListener:
     """The averaged float network of a training under the decoder's rules; it is not started afresh after a wake."""
 
-    def __init__(self, folder, phrase):
+    def __init__(self, folder: pathlib.Path, phrase: float) -> None:
         self.model = kws.SyllableNetwork()
         self.model.load_state_dict(train.averaged(folder))
         Task.set_operating_point(self.model, phrase)
         self.model.eval()
 
     @torch.no_grad()
-    def __call__(self, wave):
+    def __call__(self, wave: np.ndarray) -> list[float]:
         whole = torch.from_numpy(wave[: len(wave) // BLOCK * BLOCK]).float()
         p = decoder.merged(kws.posteriors(self.model(kws.inputs(whole)[None])))
         score, may_wake = decoder.scores(p)
@@ -258,7 +275,7 @@ class FloatListener:
         return [(t + 1) * STEP for i, t in enumerate(steps) if i == 0 or t - steps[i - 1] > 1]
 
 
-def summary(kept, listen):
+def summary(kept: dict[str, Kept], listen: Callable[[np.ndarray], list[float]]) -> Record:
     """listen: int16 wave -> seconds at which it wakes."""
     result, latencies = {}, []
     for what, waves_of_set in kept.items():
@@ -285,7 +302,7 @@ def summary(kept, listen):
     return result
 
 
-def table(results):
+def table(results: Record) -> str:
     """results: {listener: summary()}."""
     lines = []
     for listener, result in results.items():
@@ -310,7 +327,7 @@ def table(results):
     return "\n".join(lines)
 
 
-def made_from(corpus, bank, library):
+def made_from(corpus: Corpus, bank: RoomBank, library: pathlib.Path) -> Record:
     """What the waves are a function of (cache_keys.py)."""
     return {
         "library": cache_keys.file_digest(library),
@@ -320,7 +337,7 @@ def made_from(corpus, bank, library):
     }
 
 
-def add_options(parser):
+def add_options(parser: argparse.ArgumentParser) -> None:
     parser.add_argument("--library", type=pathlib.Path, required=True, help="built libquibo.so")
     parser.add_argument("--params", type=pathlib.Path, help="kws.safetensors to listen with instead of the built-in one")
     parser.add_argument("--trained", type=pathlib.Path, help="folder of a training: its float network is measured too")
@@ -332,7 +349,7 @@ def add_options(parser):
     parser.add_argument("--only-prepare", action="store_true", help="make the waves and stop")
 
 
-def run(arguments):
+def run(arguments: argparse.Namespace) -> None:
     corpus = open_corpus(arguments.data, arguments.cache / "corpus", SEED_OF_SPLITS)
     bank = load_bank(arguments.cache / "bank")
     device = devices.Device(arguments.library)

@@ -1,14 +1,24 @@
 """Section 1: the noise suppressor. Microphone 1 is judged."""
 
+from __future__ import annotations
+
 import functools
+import typing
+from collections.abc import Callable
+
+import numpy as np
 
 from training.evaluate import intervals, metrics, peers, scenes
+from training.shared import Record
+
+if typing.TYPE_CHECKING:
+    from training.evaluate.work import Opened
 
 MEASURES = ("si_sdr", "estoi", "ovrl", "sig", "bak")
 
 
 @functools.lru_cache(1)
-def systems(opened):
+def systems(opened: Opened) -> tuple[dict[str, Callable[[np.ndarray], np.ndarray]], dict[str, int], list[str]]:
     """name -> function of mics [3, n] giving microphone 1 [n]; the peers' delays; lines about absent ones."""
     device, speech = opened.device, opened.speech
     ours = {
@@ -26,7 +36,7 @@ def systems(opened):
     return {"noisy": lambda mics: mics[0], **ours, **theirs}, delays, absent
 
 
-def measure(output, target, opinion):
+def measure(output: np.ndarray, target: np.ndarray, opinion: bool) -> Record:
     return {
         "si_sdr": metrics.si_sdr(output, target),
         "estoi": metrics.estoi(output, target),
@@ -34,11 +44,11 @@ def measure(output, target, opinion):
     }
 
 
-def numbers(opened):
+def numbers(opened: Opened) -> range:
     return range(opened.sizes.noise)
 
 
-def rows(opened, number):
+def rows(opened: Opened, number: int) -> list[Record]:
     """One per condition and system."""
     table = {name: process for name, process in systems(opened)[0].items() if opened.sizes.asks(name)}
     return [
@@ -54,12 +64,12 @@ def rows(opened, number):
     ]
 
 
-def result(opened, heard):
+def result(opened: Opened, heard: list[Record]) -> Record:
     _, delays, absent = systems(opened)
     return {"rows": heard, "summary": summarise(heard), "delays": delays, "absent": absent}
 
 
-def summarise(rows):
+def summarise(rows: list[Record]) -> Record:
     """condition -> system -> measure -> figure; also the improvement of SI-SDR over the noisy one."""
     noisy = {(r["scene"], r["condition"]): r["si_sdr"] for r in rows if r["system"] == "noisy"}
     summary = {}

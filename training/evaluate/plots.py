@@ -1,8 +1,15 @@
 """The report's figures, as SVG text to be set into the page."""
 
+from __future__ import annotations
+
 import io
+from collections.abc import Sequence
 
 import matplotlib
+from matplotlib.axes import Axes
+from matplotlib.figure import Figure
+
+from training.shared import Record
 
 matplotlib.use("Agg")
 matplotlib.rcParams.update(
@@ -47,19 +54,19 @@ CONDITION_COLOURS = ("#1f5fd1", "#2f8a57", "#c8701b", "#a0409a")
 DIRECTION_COLOURS = {"Quibo": "#1f5fd1", "SRP-PHAT, whole phrase": "#c8701b"}
 
 
-def svg(figure):
+def svg(figure: Figure) -> str:
     text = io.StringIO()
     figure.savefig(text, format="svg", bbox_inches="tight")
     plt.close(figure)
     return text.getvalue()[text.getvalue().index("<svg") :]
 
 
-def legend(figure, axes, columns):
+def legend(figure: Figure, axes: Axes, columns: int) -> None:
     handles, labels = axes.get_legend_handles_labels()
     figure.legend(handles, labels, loc="upper center", bbox_to_anchor=(0.5, 0.0), ncols=columns)
 
 
-def noise(summary):
+def noise(summary: Record) -> str:
     """SI-SDR gained, ESTOI and DNSMOS against SNR."""
     figure, axes = plt.subplots(1, 3, figsize=(11, 3.1), layout="constrained")
     panels = (("si_sdr_gain", "SI-SDR gained, dB"), ("estoi", "ESTOI"), ("ovrl", "DNSMOS overall"))
@@ -75,7 +82,7 @@ def noise(summary):
     return svg(figure)
 
 
-def _line(axis, x, figures, system):
+def _line(axis: Axes, x: Sequence[float], figures: Sequence[Record | None], system: str) -> None:
     colour, line, marker = STYLES[system]
     figures = [f or dict.fromkeys(("value", "low", "high"), np.nan) for f in figures]
     values = np.array([f["value"] for f in figures])
@@ -94,7 +101,7 @@ def _line(axis, x, figures, system):
     )
 
 
-def echo_over_time(summary, window):
+def echo_over_time(summary: Record, window: float) -> str:
     """ERLE while the device plays alone, a panel per condition."""
     figure, axes = plt.subplots(1, len(summary), figsize=(9.5, 3.0), sharey=True, layout="constrained")
     for axis, (condition, systems) in zip(np.atleast_1d(axes), summary.items()):
@@ -113,7 +120,7 @@ def echo_over_time(summary, window):
     return svg(figure)
 
 
-def levels(rows, window):
+def levels(rows: list[Record], window: float) -> str:
     """Level over time of every recording, a panel each."""
     recordings = list(dict.fromkeys(r["recording"] for r in rows))
     columns = 2
@@ -134,7 +141,7 @@ def levels(rows, window):
     return svg(figure)
 
 
-def double_talk(summary):
+def double_talk(summary: Record) -> str:
     """Echo removed against speech kept; up and to the right is better."""
     figure, axes = plt.subplots(1, len(summary), figsize=(11, 2.9), sharey=True, sharex=True, layout="constrained")
     for axis, (condition, systems) in zip(np.atleast_1d(axes), summary.items()):
@@ -162,7 +169,7 @@ def double_talk(summary):
     return svg(figure)
 
 
-def det(summary, operating_point):
+def det(summary: Record, operating_point: float) -> str:
     """Missed phrases against false accepts, a curve per condition, the decoder's threshold marked."""
     curves = summary["det"]
     figure, axis = plt.subplots(figsize=(5.2, 3.6), layout="constrained")
@@ -195,7 +202,7 @@ def det(summary, operating_point):
     return svg(figure)
 
 
-def directions(rows, conditions):
+def directions(rows: list[Record], conditions: Sequence[str]) -> str:
     """Rose of the signed error per condition: 0 is where the talker is."""
     columns = 4
     lines = -(-len(conditions) // columns)

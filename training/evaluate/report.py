@@ -1,6 +1,10 @@
 """results -> one self-contained HTML page, and the lines for the terminal."""
 
+from __future__ import annotations
+
 import html
+import pathlib
+from collections.abc import Iterator, Sequence
 
 from training.device_facts import THRESHOLD
 from training.evaluate import devices, direction, plots, sets
@@ -9,6 +13,7 @@ from training.evaluate.peers.gtcrn import Gtcrn
 from training.evaluate.peers.rnnoise import RNNoise
 from training.evaluate.peers.speex import Speex
 from training.evaluate.peers.webrtc import WebRtc
+from training.shared import Record
 
 # measure -> (heading, digits, better: +1 more, -1 less, 0 neither)
 NOISE_COLUMNS = {
@@ -60,7 +65,7 @@ table.plain td, table.plain th { text-align: left; white-space: normal; }
 """
 
 
-def write(results, path):
+def write(results: Record, path: pathlib.Path) -> None:
     about = results["about"]
     parts = [
         "<!doctype html><html lang=en><meta charset=utf-8>",
@@ -79,7 +84,7 @@ def write(results, path):
     path.write_text("\n".join(parts), encoding="utf-8")
 
 
-def _warnings(about):
+def _warnings(about: Record) -> str:
     lines = []
     untrained = [n for n, f in about["parameters"].items() if n != "codec.safetensors" and f["trained"] != "yes"]
     if untrained:
@@ -92,7 +97,7 @@ def _warnings(about):
     return "".join(f"<p class=warn>{html.escape(line)}</p>" for line in lines)
 
 
-def _noise(section, about):
+def _noise(section: Record, about: Record) -> Iterator[str]:
     yield "<h2>Noise suppressor</h2>"
     yield (
         f"<p>{about['sizes']['noise']} scenes, each at every SNR: a talker 0.5 to 5 m away and recorded noise, babble, "
@@ -112,7 +117,7 @@ def _noise(section, about):
     )
 
 
-def _echo(section, about):
+def _echo(section: Record, about: Record) -> Iterator[str]:
     yield "<h2>Echo path</h2>"
     yield (
         f"<p>{about['sizes']['echo']} scenes, each at every signal-to-echo ratio at the microphone: 8 s of playback "
@@ -139,7 +144,7 @@ def _echo(section, about):
     )
 
 
-def _devices(section, about):
+def _devices(section: Record, about: Record) -> Iterator[str]:
     yield "<h2>Echo path, real devices</h2>"
     count = len({r["recording"] for r in section["rows"]})
     yield (
@@ -153,7 +158,7 @@ def _devices(section, about):
     yield _peers(section)
 
 
-def _direction(section, about):
+def _direction(section: Record, about: Record) -> Iterator[str]:
     yield "<h2>Pointed</h2>"
     yield (
         f"<p>{about['sizes']['direction']} calls of 0.6 to 1.2 s in rooms of their own, each in every condition; the "
@@ -171,12 +176,12 @@ def _direction(section, about):
     )
 
 
-def _directions(name, systems):
+def _directions(name: str, systems: Record) -> str:
     systems = {s: {**f, "within": _scaled(f["within"], 100)} for s, f in systems.items()}
     return f"<h3>{name[0].upper()}{name[1:]}</h3>" + _table(systems, DIRECTION_COLUMNS)
 
 
-def _wake(section, about):
+def _wake(section: Record, about: Record) -> Iterator[str]:
     yield "<h2>Said, heard, pointed</h2>"
     if "left_out" in section:
         yield f"<p class=warn>Left out: {html.escape(section['left_out'])}.</p>"
@@ -221,11 +226,11 @@ def _wake(section, about):
     )
 
 
-def _scaled(figure, factor):
+def _scaled(figure: Record | None, factor: float) -> Record | None:
     return figure and {k: v * factor if k != "n" else v for k, v in figure.items()}
 
 
-def _table(systems, columns, groups=()):
+def _table(systems: Record, columns: dict[str, tuple[str, int, int]], groups: Sequence[tuple[str, int]] = ()) -> str:
     head = "".join(f"<th>{title}" for title, _, _ in columns.values())
     best = {}
     for measure, (_, digits, better) in columns.items():
@@ -247,14 +252,14 @@ def _table(systems, columns, groups=()):
     return f"<table>{f'<tr><th>{above}</tr>' if groups else ''}<tr><th>{head}</tr>{rows}</table>"
 
 
-def _cell(figure, digits, factor=1, unit="", best=False):
+def _cell(figure: Record | None, digits: int, factor: float = 1, unit: str = "", best: bool = False) -> str:
     if figure is None:
         return "<td>–</td>"
     value, low, high = (f"{round(factor * figure[k], digits) + 0.0:.{digits}f}" for k in ("value", "low", "high"))
     return f"<td{' class=best' * bool(best)}>{value}{unit}<small>{low} to {high}</small></td>"
 
 
-def _peers(section):
+def _peers(section: Record) -> str:
     about = {peer.name: peer.about for peer in (Speex, WebRtc, RNNoise, Gtcrn)}
     lines = [
         f"{about[name]}; its delay of {delay} samples and its fixed phase are taken off"
@@ -263,7 +268,7 @@ def _peers(section):
     return "<ul class=note>" + "".join(f"<li>{html.escape(line)}.</li>" for line in lines) + "</ul>"
 
 
-def _about(results):
+def _about(results: Record) -> Iterator[str]:
     about = results["about"]
     yield "<h2>What was measured</h2><table class=plain><tr><th>file<th>SHA-256<th>compiled in<th>trained</tr>"
     yield f"<tr><td>library<td><code>{about['library']['sha256']}</code><td><td></tr>"
@@ -278,7 +283,7 @@ def _about(results):
     )
 
 
-def terminal(results):
+def terminal(results: Record) -> str:
     """Tables in plain text."""
     lines = []
     for name, columns in (("noise", NOISE_COLUMNS), ("echo", ECHO_COLUMNS), ("devices", DEVICES_COLUMNS)):

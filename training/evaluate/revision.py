@@ -1,15 +1,18 @@
 """What was measured: hashes of library and parameters, and whether they belong together."""
 
+from __future__ import annotations
+
 import ctypes
+import pathlib
 import platform
 import subprocess
 
 from params import safetensors_file
 from training.cache_keys import file_digest
-from training.shared import ROOT
+from training.shared import ROOT, Record
 
 
-def describe(library, params):
+def describe(library: pathlib.Path, params: pathlib.Path) -> Record:
     so = ctypes.CDLL(str(library.resolve()))
     files = {}
     for path in sorted(params.glob("*.safetensors")):
@@ -27,7 +30,7 @@ def describe(library, params):
     }
 
 
-def _compiled_in(so, tensors):
+def _compiled_in(so: ctypes.CDLL, tensors: dict[str, tuple[str, list[int], bytes]]) -> bool:
     """Whether the library's tables are these; those it does not export cannot be told."""
     exported = {name: data for name, (_, _, data) in tensors.items() if hasattr(so, name)}
     return bool(exported) and all(
@@ -35,7 +38,7 @@ def _compiled_in(so, tensors):
     )
 
 
-def _revision():
+def _revision() -> str:
     command = ["git", "describe", "--always", "--dirty", "--abbrev=12"]
     run = subprocess.run(command, cwd=ROOT, capture_output=True, text=True, check=False)
     return run.stdout.strip() or "not a git checkout"

@@ -2,16 +2,21 @@
 i and the number of rooms.
 """
 
+from __future__ import annotations
+
 import dataclasses
 import functools
+from collections.abc import Iterator
 
 import numpy as np
 
+from training.corpus import Clip, Corpus
 from training.device_facts import FRAME
 from training.evaluate import sets
 from training.scenes import bank as banks
 from training.scenes import direction, echo, mixing, noisy, sources
 from training.scenes.audio import LEVEL_FRAME, RATE, active_power, gain
+from training.scenes.bank import RoomBank
 from training.scenes.room import SIMULATOR_DELAY
 
 SPLIT = "test"
@@ -33,7 +38,7 @@ CALL_LEVEL = (-35.0, -20.0)  # dBFS of talker or, if louder, echo
 SECTIONS = ("noise", "echo", "wake", "talk", "playback", "direction")
 
 
-def generator(section, number):
+def generator(section: str, number: int) -> np.random.Generator:
     return np.random.default_rng([sets.SEED, SECTIONS.index(section), number])
 
 
@@ -42,21 +47,21 @@ class TestRooms:
 
     __test__ = False  # not a test case
 
-    def __init__(self, bank, rooms):
+    def __init__(self, bank: RoomBank, rooms: int) -> None:
         self._bank, self._numbers = bank, [n for n in bank.numbers(SPLIT) if n < rooms]
         self.rooms = bank.rooms
 
-    def draw(self, rng, split):
+    def draw(self, rng: np.random.Generator, split: str) -> int:
         return self._numbers[rng.integers(len(self._numbers))]
 
-    def responses(self, room, source):
+    def responses(self, room: int, source: str) -> np.ndarray:
         return self._bank.responses(room, source)
 
-    def rt60(self, room):
+    def rt60(self, room: int) -> float:
         return float(self.rooms["rt60"][room])
 
 
-def noisy_speech(corpus, rooms, number):
+def noisy_speech(corpus: Corpus, rooms: TestRooms, number: int) -> Iterator[tuple[str, np.ndarray, np.ndarray]]:
     """Yields (condition, mics [3, n], target [3, n]) of one scene."""
     rng, samples = generator("noise", number), NOISY_FRAMES * FRAME
     scene = noisy.draw_scene(corpus, rooms, rng, samples, SPLIT, sets.NOISE_KINDS)
@@ -71,7 +76,7 @@ def noisy_speech(corpus, rooms, number):
         yield f"{name}, {sets.STEADY_SNR:g} dB", mics[0], target[0]
 
 
-def steady(corpus, rng, name, samples):
+def steady(corpus: Corpus, rng: np.random.Generator, name: str, samples: int) -> np.ndarray:
     """[2, samples], what sounds at the two places of noise."""
     point = np.zeros((2, samples), np.float32)
     if name == "babble of six":
@@ -84,7 +89,7 @@ def steady(corpus, rng, name, samples):
     return point
 
 
-def fan(rng, samples):
+def fan(rng: np.random.Generator, samples: int) -> np.ndarray:
     """Pink air, and the tones of blades 5 dB below it."""
     hz = np.maximum(np.fft.rfftfreq(samples, 1.0 / RATE), 40.0)
     air = np.fft.irfft(np.fft.rfft(rng.standard_normal(samples)) / np.sqrt(hz), samples)
@@ -103,7 +108,7 @@ class EchoScene:
     near_end: slice  # the talker alone, once playback has rung out
 
 
-def playback(corpus, rooms, number):
+def playback(corpus: Corpus, rooms: TestRooms, number: int) -> Iterator[tuple[str, EchoScene]]:
     """Yields (condition, EchoScene) of one scene: the device plays, somebody talks over it, the
     device stops. The loudspeaker bends the signal, nothing drifts or is lost."""
     rng = generator("echo", number)
@@ -161,16 +166,16 @@ class WakeScene:
     speaker: str
 
 
-def phrases(corpus):
+def phrases(corpus: Corpus) -> list[Clip]:
     """The wake phrase's clips by test speakers."""
     return [c for c in corpus.clips("mandarin", SPLIT) if c.pinyin == PHRASE_PINYIN]
 
 
-def without_phrases(corpus):
+def without_phrases(corpus: Corpus) -> Corpus:
     return corpus.where(lambda clip: clip.pinyin != PHRASE_PINYIN)
 
 
-def spoken_phrase(corpus, others, rooms, number):
+def spoken_phrase(corpus: Corpus, others: Corpus, rooms: TestRooms, number: int) -> Iterator[tuple[str, WakeScene]]:
     """Yields (condition, WakeScene) of one phrase said after LEAD_FRAMES of whatever else is heard.
 
     others: the corpus for everything but the phrase.
@@ -226,7 +231,7 @@ class Call:
     heading: float  # degrees
 
 
-def called(corpus, number):
+def called(corpus: Corpus, number: int) -> Iterator[tuple[str, Call]]:
     """Yields (condition, Call) of one call, heard in every condition of the direction section.
 
     The rooms belong to this section: at every reverberation time the same box, device and talker,
@@ -269,21 +274,21 @@ def called(corpus, number):
 
 
 @functools.lru_cache(len({rt60 for rt60, _, _ in sets.DIRECTION_CONDITIONS.values()}))
-def _room(number, rt60):
+def _room(number: int, rt60: float) -> tuple[dict[str, np.ndarray], np.ndarray]:
     """Responses by source and record of a room with that reverberation time."""
     recipe = banks.Recipe(rt60_seconds=(rt60,) * len(banks.Recipe.rt60_seconds))
     responses, record = banks.simulate_room(sets.SEED, number, recipe)
     return dict(zip(banks.SOURCES, responses.astype(np.float32))), record
 
 
-def noisy_talk(corpus, rooms, number, seconds):
+def noisy_talk(corpus: Corpus, rooms: TestRooms, number: int, seconds: float) -> np.ndarray:
     """[3, n] of talk, noise and music without the phrase."""
     samples = round(seconds * RATE) // FRAME * FRAME
     scene = noisy.draw_scene(corpus, rooms, generator("talk", number), samples, SPLIT)
     return noisy.mix([scene], lambda x: x)[0][0]
 
 
-def playback_alone(corpus, rooms, number, seconds):
+def playback_alone(corpus: Corpus, rooms: TestRooms, number: int, seconds: float) -> tuple[np.ndarray, np.ndarray]:
     """(mics [3, n], ref [n]): the device plays, nobody talks."""
     rng = generator("playback", number)
     samples = round(seconds * RATE) // FRAME * FRAME
@@ -298,28 +303,28 @@ def playback_alone(corpus, rooms, number, seconds):
     return mics * np.float32(min(1.0, PEAK / np.abs(mics).max())), ref
 
 
-def at_power(x, power, level):
+def at_power(x: np.ndarray, power: np.ndarray | float, level: float) -> np.ndarray:
     """x, of which `power` is the power that counts, at `level` dBFS."""
     return x * np.float32(gain(level) / np.sqrt(power + 1e-20))
 
 
-def still_path(rng):
+def still_path(rng: np.random.Generator) -> echo.Path:
     loudspeaker = echo.draw_loudspeaker(rng)
     return echo.Path(loudspeaker, rng.uniform(*echo.DRIVE), round(rng.uniform(*echo.DELAY) * RATE))
 
 
-def ambience(corpus, rng, rooms, room, samples):
+def ambience(corpus: Corpus, rng: np.random.Generator, rooms: TestRooms, room: int, samples: int) -> np.ndarray:
     point, field = noisy.dry_noise(corpus, rng, SPLIT, samples)
     places = {place: rooms.responses(room, place) for place in ("noise 1", "noise 2")}
     return _noise_in(point, field, places)
 
 
-def _noise_in(point, field, responses):
+def _noise_in(point: np.ndarray, field: np.ndarray | None, responses: dict[str, np.ndarray]) -> np.ndarray:
     noise = sum(mixing.convolve(x, responses[place]) for x, place in zip(point, ("noise 1", "noise 2")))
     return noise if field is None else noise + field
 
 
-def _active(x):
+def _active(x: np.ndarray) -> tuple[int, int]:
     """First and last sample of the frames within 30 dB of the loudest."""
     frames = (x[: len(x) // LEVEL_FRAME * LEVEL_FRAME].reshape(-1, LEVEL_FRAME) ** 2).mean(1)
     loud = np.flatnonzero(frames > frames.max() * 1e-3)

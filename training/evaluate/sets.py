@@ -1,5 +1,7 @@
 """How much is evaluated: the short set takes minutes on one core, the long one is for releases."""
 
+from __future__ import annotations
+
 import dataclasses
 
 INPUTS = ("noisy", "unprocessed")  # what the systems are given
@@ -19,10 +21,10 @@ class Sizes:
     conditions: tuple = ("",)  # of the first two sections: how their names may begin
     systems: tuple = ("",)  # likewise, beside what is given to all of them
 
-    def hears(self, condition):
+    def hears(self, condition: str) -> bool:
         return condition.startswith(self.conditions)
 
-    def asks(self, system):
+    def asks(self, system: str) -> bool:
         return system in INPUTS or system.startswith(self.systems)
 
 

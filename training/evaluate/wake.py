@@ -6,11 +6,22 @@ the device has them. Beside it, on the same cancelled microphones:
 - the direction asked for at the end of every phrase, heard or not, and SRP-PHAT's.
 """
 
+from __future__ import annotations
+
+import typing
+
 import numpy as np
 
+from training.corpus import Corpus
 from training.device_facts import BLOCK, RATE, THRESHOLD
 from training.evaluate import device as devices
 from training.evaluate import direction, intervals, scenes, sets
+from training.evaluate.device import Device
+from training.evaluate.scenes import TestRooms
+from training.shared import Record
+
+if typing.TYPE_CHECKING:
+    from training.evaluate.work import Opened
 
 LATE = 1.5  # s: a wake later than this after the phrase is not counted as hearing it
 THRESHOLDS = np.round(np.arange(0.05, 4.61, 0.05), 2)
@@ -20,13 +31,13 @@ STEP = BLOCK / RATE
 NO_STEP = 99.0  # the lowest cost where no step could have woken the device
 
 
-def numbers(opened):
+def numbers(opened: Opened) -> range:
     """Phrases, and behind them the stretches without one."""
     sizes = opened.sizes
     return range(sizes.wake + round(sizes.silence_minutes)) if scenes.phrases(opened.corpus) else range(0)
 
 
-def rows(opened, number):
+def rows(opened: Opened, number: int) -> list[Record]:
     """One per condition; or a stretch's costs."""
     device, rooms, phrases = opened.device, opened.rooms, opened.sizes.wake
     if number >= phrases:
@@ -37,7 +48,7 @@ def rows(opened, number):
     ]
 
 
-def result(opened, heard):
+def result(opened: Opened, heard: list[Record]) -> Record:
     clips = scenes.phrases(opened.corpus)
     if not clips:
         return {"left_out": f"no test speaker in the data says {scenes.PHRASE_PINYIN!r}"}
@@ -51,7 +62,7 @@ def result(opened, heard):
     }
 
 
-def measure(device, scene):
+def measure(device: Device, scene: scenes.WakeScene) -> Record:
     cancelled, events = device.front_end(scene.mics, scene.ref)
     heard = [e for e in events if scene.begin <= e[0] <= scene.end + LATE]
     costs = device.wake_costs(cancelled)
@@ -70,7 +81,7 @@ def measure(device, scene):
     }
 
 
-def without_phrase(device, corpus, rooms, number):
+def without_phrase(device: Device, corpus: Corpus, rooms: TestRooms, number: int) -> Record:
     """Costs of a stretch in which nobody says the phrase: talk in noise and playback in turns."""
     if number % 2 == 0:
         mics = devices.to_int16(scenes.noisy_talk(corpus, rooms, number, STRETCH))
@@ -80,7 +91,7 @@ def without_phrase(device, corpus, rooms, number):
     return {"kind": "playback", "costs": device.wake_costs(cancelled)}
 
 
-def accepts(costs, threshold):
+def accepts(costs: np.ndarray, threshold: float) -> int:
     """Wakes in a run of costs, at most one per REFRACTORY."""
     count, next_step = 0, 0
     for step in np.flatnonzero(costs < threshold):
@@ -89,7 +100,7 @@ def accepts(costs, threshold):
     return count
 
 
-def summarise(rows, silence):
+def summarise(rows: list[Record], silence: list[Record]) -> Record:
     conditions = {name: [r for r in rows if r["condition"] == name] for name in sets.WAKE_CONDITIONS}
     hours = sum(len(s["costs"]) for s in silence) * STEP / 3600
     false = [sum(accepts(s["costs"], t) for s in silence) for t in THRESHOLDS]
@@ -109,7 +120,7 @@ def summarise(rows, silence):
     }
 
 
-def _condition(rows):
+def _condition(rows: list[Record]) -> Record:
     heard = [r for r in rows if r["heard"]]
     pointed = [r for r in heard if direction.off(r["angle"], r["heading"]) <= direction.POINTED]
     return {

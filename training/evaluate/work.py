@@ -1,9 +1,13 @@
 """Scenes over the fleet's engines: what a worker does to one, and the sections made of their rows."""
 
+from __future__ import annotations
+
+import argparse
 import dataclasses
 import functools
 import os
 import pathlib
+from collections.abc import Sequence
 
 import numpy as np
 import tqdm
@@ -16,6 +20,7 @@ from training.evaluate.device import Device
 from training.scenes import sources
 from training.scenes.audio import RATE
 from training.scenes.bank import load_bank
+from training.shared import Record
 
 # A section has numbers(opened), the numbers of its scenes, rows(opened, number), and result(opened, rows) of them all.
 SECTIONS = {"noise": noise, "echo": echo_path, "devices": devices, "direction": direction, "wake": wake}
@@ -37,7 +42,7 @@ class Given:
 class Opened:
     """What scenes are made of, and the device that hears them; a worker opens it once."""
 
-    def __init__(self, given):
+    def __init__(self, given: Given) -> None:
         self.sizes, self.gtcrn = given.sizes, given.gtcrn
         self.device = Device(given.library)
         self.corpus = open_corpus(given.data, given.corpus, given.seed)
@@ -46,7 +51,7 @@ class Opened:
         self.rooms = scenes.TestRooms(self.bank, given.sizes.rooms)
 
     @functools.cached_property
-    def speech(self):
+    def speech(self) -> np.ndarray:
         """4 s of talk, on which the peers' delays are measured."""
         return sources.talk(self.others, np.random.default_rng(sets.SEED), "near", "test", 4 * RATE)
 
@@ -54,13 +59,13 @@ class Opened:
 opened = functools.lru_cache(1)(Opened)
 
 
-def hear(given, task):
+def hear(given: Given, task: tuple[str, int]) -> list[Record]:
     """The rows of a task (section, number)."""
     section, number = task
     return SECTIONS[section].rows(opened(given), number)
 
 
-def measured(given, wanted, options):
+def measured(given: Given, wanted: Sequence[str], options: argparse.Namespace) -> dict[str, Record]:
     """section -> its result; options: the engines' (quibo.fleet.engines)."""
     here = opened(given)
     sections = {name: section for name, section in SECTIONS.items() if name in wanted}

@@ -1,5 +1,7 @@
 """The direction network (doa/): a vector per 30 ms whose heading is the talker's and whose length is confidence."""
 
+from __future__ import annotations
+
 import torch
 from torch import nn
 from torch.nn import functional as F
@@ -13,7 +15,7 @@ STATE = 64
 GCC_DEVIATION = 0.05  # of the correlations: noise about 0.03, a dry talker's peak up to 0.5
 
 
-def inputs(waves):
+def inputs(waves: torch.Tensor) -> torch.Tensor:
     """int16-valued waves [B, 3, samples] -> feature map [B, 4, frames, 40]: three microphone pairs, then log-mel of the
     first microphone."""
     mel = features.log_mel(waves[:, 0], MEL_HISTORY)
@@ -24,7 +26,7 @@ class MemoryLayer(nn.Module):
     """Projection plus a filter over its six previous steps, then ReLU and layer normalisation without epsilon: should
     every unit be equal, the result is not a number, here as in the engine."""
 
-    def __init__(self, size):
+    def __init__(self, size: int) -> None:
         super().__init__()
         self.project = nn.Linear(size, MEMORY, bias=False)
         self.taps = nn.Parameter(torch.randn(MEMORY, TAPS) * TAPS**-0.5)  # oldest step first
@@ -32,7 +34,7 @@ class MemoryLayer(nn.Module):
         nn.init.uniform_(self.output.bias, 0.2, 0.8)  # keeps some units above zero, and with them the variance
         self.norm = nn.LayerNorm(UNITS, eps=0.0)
 
-    def forward(self, x):
+    def forward(self, x: torch.Tensor) -> torch.Tensor:
         p = self.project(x)
         past = F.pad(p, (0, 0, TAPS, 0))
         memory = sum(past[:, k : k + p.shape[1]] * self.taps[:, k] for k in range(TAPS))
@@ -40,7 +42,7 @@ class MemoryLayer(nn.Module):
 
 
 class DirectionNetwork(nn.Module):
-    def __init__(self, mel_mean=10.0, mel_deviation=5.0):
+    def __init__(self, mel_mean: float = 10.0, mel_deviation: float = 5.0) -> None:
         super().__init__()
         self.register_buffer("mean", torch.tensor([0.0, 0.0, 0.0, mel_mean])[:, None, None])
         deviation = [GCC_DEVIATION] * 3 + [mel_deviation]
@@ -56,7 +58,7 @@ class DirectionNetwork(nn.Module):
         self.output = nn.Linear(UNITS, 2)
         self.keep_variance()
 
-    def keep_variance(self):
+    def keep_variance(self) -> None:
         """The framework's initial weights shrink a signal at every layer: after seven of them the recurrent layer would
         hear next to nothing, and a thousand steps would pass before anything is learnt (He et al. 2015)."""
         nn.init.kaiming_normal_(self.conv1.weight, nonlinearity="relu")
@@ -66,7 +68,7 @@ class DirectionNetwork(nn.Module):
             nn.init.kaiming_normal_(pointwise.weight, nonlinearity="relu")
             nn.init.zeros_(pointwise.bias)
 
-    def forward(self, x, deployed=False):
+    def forward(self, x: torch.Tensor, deployed: bool = False) -> torch.Tensor:
         """[B, 4, frames, 40] -> [B, frames / 3, 2]: x, y in -1..1."""
         earlier = lambda maps: F.pad(maps, (0, 0, 1, 0))  # one frame of zeros before the start
         x = F.relu(self.conv1((earlier(x) - self.mean) / self.deviation))
@@ -80,7 +82,7 @@ class DirectionNetwork(nn.Module):
         return torch.tanh(self.output(x))
 
     @torch.no_grad()
-    def tables(self):
+    def tables(self) -> dict[str, torch.Tensor]:
         """The library's tables. The input normalisation goes into the first layer."""
         scaled = self.conv1.weight / self.deviation
         tables = {"ring_conv1_weight": scaled, "ring_conv1_bias": self.conv1.bias - (scaled * self.mean).sum((1, 2, 3))}
@@ -102,7 +104,7 @@ class DirectionNetwork(nn.Module):
             }
         return tables | {"ring_fc_weight": self.output.weight, "ring_fc_bias": self.output.bias}
 
-    def load_blocks(self, tables):
+    def load_blocks(self, tables: dict[str, torch.Tensor]) -> None:
         """What of tables() is not a parameter as it stands: the first layer, normalisation taken out again."""
         scaled = tables["ring_conv1_weight"].view_as(self.conv1.weight)
         self.conv1.weight.copy_(scaled * self.deviation)

@@ -1,5 +1,7 @@
 """The features of the wake-up engine and of the direction estimator, from int16-valued waves."""
 
+from __future__ import annotations
+
 import math
 
 import torch
@@ -15,12 +17,12 @@ GCC_FRAME, GCC_FFT, LAGS = 512, 1024, 40
 PAIRS = ((0, 1), (0, 2), (1, 2))
 
 
-def _hamming():
+def _hamming() -> torch.Tensor:
     half = 0.54 - 0.46 * torch.cos(2 * math.pi * torch.arange(MEL_FRAME // 2, dtype=torch.float64) / (MEL_FRAME - 1))
     return torch.cat([half, half.flip(0)]).float()
 
 
-def _mel_matrix():
+def _mel_matrix() -> torch.Tensor:
     """[257, 40]; bands hold the bins strictly inside their triangle."""
     points = [mel_filters.mel(k * mel_filters.BIN_HZ) for k in range(MEL_FFT // 2 + 1)]
     low, high = mel_filters.mel(mel_filters.LOW_HZ), mel_filters.mel(mel_filters.HIGH_HZ)
@@ -36,7 +38,7 @@ def _mel_matrix():
 WINDOW, MEL = _hamming(), _mel_matrix()
 
 
-def log_mel(wave, history):
+def log_mel(wave: torch.Tensor, history: int) -> torch.Tensor:
     """wave [..., samples], whole blocks, int16 values as floats -> [..., frames, 40], three frames per block. A block's
     first frame starts `history` samples before the block; before the start is silence."""
     padded = torch.nn.functional.pad(wave, (history, 0))
@@ -49,7 +51,7 @@ def log_mel(wave, history):
     return torch.where(energy > 0, energy.clamp_min(1e-30).log(), torch.full_like(energy, SILENCE))
 
 
-def gcc_phat(waves, lags=LAGS):
+def gcc_phat(waves: torch.Tensor, lags: int = LAGS) -> torch.Tensor:
     """waves [B, 3, samples] -> [B, 3 pairs, frames, lags]: lags -20..19 of the phase-transformed cross-correlation
     (Knapp and Carter 1976), frames of 512 samples without a window, ending with their block. lags: LAGS, or one more
     for lag 20 too."""

@@ -1,10 +1,13 @@
 """The wake-up network (wakeup/), float or with the engine's rounding: log-mel frames to 146 syllable scores per 30 ms."""
 
+from __future__ import annotations
+
 import torch
 from torch import nn
 from torch.nn import functional as F
 
 from ..device_facts import BLANK, BLANK_GAIN, CLASSES, FILLER, FILLER_GAIN
+from ..shared import Tables
 from . import features, kws_tables
 from .quantise import Quantiser, fake_bias, fake_weight
 
@@ -16,12 +19,12 @@ STATE_CODES = (2 / 255, 128)
 NORM_GUARD = 1e-7
 
 
-def inputs(wave):
+def inputs(wave: torch.Tensor) -> torch.Tensor:
     """int16-valued wave [B, samples] -> [B, frames, 40]."""
     return features.log_mel(wave, MEL_HISTORY)
 
 
-def as_codes(weight, bias, into):
+def as_codes(weight: torch.Tensor, bias: torch.Tensor | None, into: Quantiser) -> tuple[torch.Tensor, torch.Tensor | None]:
     """Weight and bias as the integers of a layer stand for them; as they are while codes are not in use. into: the
     Quantiser of the layer's input."""
     return (fake_weight(weight), fake_bias(bias, weight, into)) if into.mode == "codes" else (weight, bias)
@@ -30,35 +33,44 @@ def as_codes(weight, bias, into):
 class Conv(nn.Module):
     """A convolution's weights as codes where its output is."""
 
-    def __init__(self, into, inputs, outputs, kernel, stride=1, per_channel=False, rectified=False):
+    def __init__(
+        self,
+        into: Quantiser,
+        inputs: int,
+        outputs: int,
+        kernel: int | tuple[int, int],
+        stride: int | tuple[int, int] = 1,
+        per_channel: bool = False,
+        rectified: bool = False,
+    ) -> None:
         super().__init__()
         # A per-channel layer has no bias: its input has zero point 0, so there is nothing to absorb either.
         self.conv = nn.Conv2d(inputs, outputs, kernel, stride, groups=inputs if per_channel else 1, bias=not per_channel)
         self.into, self.out = [into], Quantiser(rectified)  # the list keeps another layer's module out of this one
 
-    def forward(self, x):
+    def forward(self, x: torch.Tensor) -> torch.Tensor:
         weight, bias = as_codes(self.conv.weight, self.conv.bias, self.into[0])
         return self.out(F.conv2d(x, weight, bias, self.conv.stride, groups=self.conv.groups))
 
 
-def separable(before, inputs, outputs, kernel, stride):
+def separable(before: Conv, inputs: int, outputs: int, kernel: tuple[int, int], stride: tuple[int, int]) -> nn.ModuleList:
     per_channel = Conv(before.out, inputs, inputs, kernel, stride, per_channel=True)
     return nn.ModuleList([per_channel, Conv(per_channel.out, inputs, outputs, 1, rectified=True)])
 
 
 class Dense(nn.Module):
-    def __init__(self, into, inputs, outputs, rectified=False):
+    def __init__(self, into: Quantiser, inputs: int, outputs: int, rectified: bool = False) -> None:
         super().__init__()
         self.linear, self.into, self.out = nn.Linear(inputs, outputs), [into], Quantiser(rectified)
 
-    def forward(self, x):
+    def forward(self, x: torch.Tensor) -> torch.Tensor:
         return self.out(F.linear(x, *as_codes(self.linear.weight, self.linear.bias, self.into[0])))
 
 
 class Recurrent(nn.Module):
     """The engine clears the state to code 0, which stands for about -1, not for 0."""
 
-    def __init__(self, into):
+    def __init__(self, into: Quantiser) -> None:
         super().__init__()
         self.into = [into]
         self.gru = nn.GRU(STATE, STATE, batch_first=True)
@@ -66,7 +78,7 @@ class Recurrent(nn.Module):
         self.state_gates = nn.ModuleList(Quantiser(zero_first=True) for _ in "rzn")
         self.out = Quantiser(fixed=STATE_CODES, zero_first=True)
 
-    def forward(self, x):
+    def forward(self, x: torch.Tensor) -> torch.Tensor:
         h = x.new_full((x.shape[0], STATE), self.out.cleared())
         if self.out.mode == "float":
             return self.gru(x, h[None])[0]
@@ -88,7 +100,7 @@ class Recurrent(nn.Module):
 class MemoryBlock(nn.Module):
     """Dense, a filter over each channel's eight previous steps added on, dense and ReLU, layer norm without epsilon."""
 
-    def __init__(self, into, size):
+    def __init__(self, into: Quantiser, size: int) -> None:
         super().__init__()
         self.into = Dense(into, size, CHANNELS)
         self.taps = nn.Parameter(torch.randn(CHANNELS, MEMORY) * 0.1)  # oldest step first
@@ -97,7 +109,7 @@ class MemoryBlock(nn.Module):
         nn.init.uniform_(self.outof.linear.bias, 0.1, 0.5)
         self.norm, self.out = nn.LayerNorm(WIDTH, eps=0.0), Quantiser(zero_first=True, guard=NORM_GUARD)
 
-    def forward(self, x):
+    def forward(self, x: torch.Tensor) -> torch.Tensor:
         p = self.into(x)
         codes = self.out.mode == "codes"
         past = F.pad(p.transpose(1, 2), (MEMORY, 0), value=self.into.out.cleared() if codes else 0.0)[..., :-1]
@@ -110,7 +122,7 @@ class MemoryBlock(nn.Module):
 
 
 class SyllableNetwork(nn.Module):
-    def __init__(self):
+    def __init__(self) -> None:
         super().__init__()
         self.features = Quantiser(fixed=FEATURE_CODES, zero_first=True)
         self.conv1 = Conv(self.features, 1, 16, (2, 4), (1, 2), rectified=True)
@@ -125,7 +137,7 @@ class SyllableNetwork(nn.Module):
         self.spread()
 
     @torch.no_grad()
-    def spread(self):
+    def spread(self) -> None:
         """Starts with activations of about unit spread: the framework's convolutions would leave a hundredth of it."""
         for module in self.modules():
             if isinstance(module, nn.Conv2d):
@@ -134,7 +146,7 @@ class SyllableNetwork(nn.Module):
         first.weight /= FEATURE_SPREAD
         first.bias.copy_(-FEATURE_MEAN * first.weight.sum((1, 2, 3)))
 
-    def forward(self, x):
+    def forward(self, x: torch.Tensor) -> torch.Tensor:
         """Features [B, frames, 40] -> scores [B, frames / 3, 146]."""
         low = self.features.cleared()
         x = self.features(x.clamp(low, low + 255 * float(self.features.scale)))[:, None]
@@ -147,12 +159,12 @@ class SyllableNetwork(nn.Module):
             x = block(x)
         return self.output(x)
 
-    def tables(self):
+    def tables(self) -> Tables:
         """The library's tables; the quantisers must be calibrated."""
         return kws_tables.tables(self)
 
 
-def posteriors(scores):
+def posteriors(scores: torch.Tensor) -> torch.Tensor:
     """Log posteriors as the engine forms them: positive filler and blank scores are damped."""
     gain = torch.ones(CLASSES, device=scores.device)
     gain[FILLER], gain[BLANK] = FILLER_GAIN, BLANK_GAIN

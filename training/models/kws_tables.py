@@ -1,18 +1,34 @@
 """The trained wake-up network as the library's integers."""
 
+from __future__ import annotations
+
+import typing
+
 import numpy as np
 import torch
 
 from params import mel_filters
 
-from .quantise import LARGEST_WEIGHT, multiplier, round_away, weight_scale
+from ..shared import Tables
+from .quantise import LARGEST_WEIGHT, Quantiser, multiplier, round_away, weight_scale
+
+if typing.TYPE_CHECKING:
+    from .kws import Conv, MemoryBlock, SyllableNetwork
 
 
 class Writer:
-    def __init__(self):
+    def __init__(self) -> None:
         self.tables, self.packed = {}, []
 
-    def layer(self, name, weight, bias, into, *outputs, suffix=""):
+    def layer(
+        self,
+        name: str,
+        weight: torch.Tensor,
+        bias: torch.Tensor | None,
+        into: tuple[float, int],
+        *outputs: Quantiser,
+        suffix: str = "",
+    ) -> list[tuple[int, int]]:
         """Adds one table of weights with its biases. into: (scale, zero point) of the input codes; outputs: the
         Quantiser of each equal part of the rows, with its own weight scale. Returns their multiplier pairs.
 
@@ -34,18 +50,18 @@ class Writer:
         return pairs
 
 
-def codes_of(quantiser):
+def codes_of(quantiser: Quantiser) -> tuple[float, int]:
     return float(quantiser.scale), int(quantiser.zero_point)
 
 
 @torch.no_grad()
-def tables(model):
+def tables(model: SyllableNetwork) -> Tables:
     """model: SyllableNetwork with calibrated quantisers."""
     w = Writer()
     into = codes_of(model.features)
     w.packed += into
 
-    def conv(layer, name, into):
+    def conv(layer: Conv, name: str, into: tuple[float, int]) -> tuple[float, int]:
         (pair,) = w.layer(f"{name}_", layer.conv.weight, layer.conv.bias, into, layer.out)
         w.packed.extend([*pair, codes_of(layer.out)[1]])
         return codes_of(layer.out)
@@ -78,7 +94,7 @@ def tables(model):
     return w.tables
 
 
-def memory_block(w, block, i, into):
+def memory_block(w: Writer, block: MemoryBlock, i: int, into: tuple[float, int]) -> tuple[float, int]:
     p, left, total = codes_of(block.into.out), codes_of(block.left), codes_of(block.sum)
     before, after = codes_of(block.outof.out), codes_of(block.out)
     (pair,) = w.layer(f"d{i}_in_conv1_", block.into.linear.weight, block.into.linear.bias, into, block.into.out)

@@ -3,6 +3,8 @@
 It sees the microphone's spectrum D and the error E = D - Y, Y being the canceller's echo estimate.
 """
 
+from __future__ import annotations
+
 import torch
 from torch import nn
 
@@ -17,25 +19,25 @@ GROUPS, GROUP = 64, 8
 TANH_LIMIT = 8
 
 
-def tanh(x):
+def tanh(x: torch.Tensor) -> torch.Tensor:
     return limited_tanh(x, TANH_LIMIT)
 
 
 class GroupedMap(nn.Module):
     """512 bins as 64 groups of 8, each with its own 8 x 8 matrix."""
 
-    def __init__(self):
+    def __init__(self) -> None:
         super().__init__()
         self.weight = nn.Parameter(torch.eye(GROUP).repeat(GROUPS, 1, 1))
         self.bias = nn.Parameter(torch.zeros(GROUPS * GROUP))
 
-    def forward(self, x):
+    def forward(self, x: torch.Tensor) -> torch.Tensor:
         grouped = x.view(*x.shape[:-1], GROUPS, GROUP)
         return torch.einsum("gji,btgi->btgj", self.weight, grouped).flatten(-2) + self.bias
 
 
 class EchoSuppressor(nn.Module):
-    def __init__(self, norm=True):
+    def __init__(self, norm: bool = True) -> None:
         super().__init__()
         self.input = nn.ModuleList(CausalConv(*shape, (2, 3), stride=2, activation=True, norm=norm) for shape in INPUT)
         stage = lambda: CausalConv(CHANNELS, CHANNELS, (3, 3), activation=True, norm=norm)
@@ -48,7 +50,7 @@ class EchoSuppressor(nn.Module):
         self.real, self.imag = GroupedMap(), GroupedMap()
         nn.init.zeros_(self.imag.weight)  # start as the identity of the complex plane
 
-    def mask(self, microphone, error):
+    def mask(self, microphone: torch.Tensor, error: torch.Tensor) -> torch.Tensor:
         """Complex spectra [B, steps, BINS] -> mask [B, 2, steps, 512]; mask t belongs to spectrum t - 4."""
         d, e = spectrum.as_channels(microphone), spectrum.as_channels(error)
         x = torch.stack([d, e], 2).flatten(1, 2)  # D real, E real, D imaginary, E imaginary
@@ -71,7 +73,7 @@ class EchoSuppressor(nn.Module):
         # Four products, each with its own bias, as the engine forms them.
         return fast_sigmoid(torch.stack([self.real(real) - self.imag(imag), self.real(imag) + self.imag(real)], 1))
 
-    def forward(self, microphone, echo):
+    def forward(self, microphone: torch.Tensor, echo: torch.Tensor) -> torch.Tensor:
         """Waves [B, samples], samples a multiple of 512 -> complex spectra [B, steps - 4, BINS] of the suppressed error."""
         d = spectrum.analyse(microphone)
         e = d - spectrum.analyse(echo)
@@ -79,7 +81,7 @@ class EchoSuppressor(nn.Module):
         return spectrum.apply_mask(mask, e[:, : mask.shape[2]], LOW_BINS, LOW_FACTOR)
 
     @torch.no_grad()
-    def tables(self):
+    def tables(self) -> dict[str, torch.Tensor]:
         """The library's tables, by name. The model must have been through deploy()."""
         tables = {}
         for i, layer in enumerate(self.input, 1):
@@ -102,7 +104,7 @@ class EchoSuppressor(nn.Module):
             tables[f"aec_sys_{name}_conv_weight"], tables[f"aec_sys_{name}_conv_bias"] = layer.weight, layer.bias
         return tables
 
-    def load_blocks(self, tables):
+    def load_blocks(self, tables: dict[str, torch.Tensor]) -> None:
         for i, block in enumerate(self.blocks):
             p, n = f"aec_{block.axis}_gru{i // 2 + 1}", CHANNELS
             rows = tables[p + "_weight"].view(3 * n, 2 * n)

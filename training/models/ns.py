@@ -4,6 +4,8 @@ Three microphones run through one set of recurrent states, as in the product: pe
 microphone 1, two of microphone 2, two of microphone 3. The convolutions' histories are each microphone's own.
 """
 
+from __future__ import annotations
+
 import torch
 from torch import nn
 from torch.nn import functional as F
@@ -24,17 +26,17 @@ class FirstConv(CausalConv):
     over-read contribute nothing, at any position, and costs 32 parameters.
     """
 
-    def convolve(self, padded):
+    def convolve(self, padded: torch.Tensor) -> torch.Tensor:
         return F.conv2d(padded, self.weight(), self.conv.bias, self.conv.stride)
 
-    def weight(self):
+    def weight(self) -> torch.Tensor:
         free = torch.ones_like(self.conv.weight)
         free[:, 0, 0, :2] = 0
         return self.conv.weight * free
 
 
 class NoiseSuppressor(nn.Module):
-    def __init__(self, norm=True):
+    def __init__(self, norm: bool = True) -> None:
         super().__init__()
         self.encoder = nn.ModuleList(
             (FirstConv if i == 0 else CausalConv)(*shape, (3, 3), stride=2, activation=True, norm=norm)
@@ -45,7 +47,7 @@ class NoiseSuppressor(nn.Module):
         )
         self.decoder = nn.ModuleList(CausalConv(*shape, (3, 3)) for shape in DECODER)
 
-    def mask(self, spectra, microphones=1):
+    def mask(self, spectra: torch.Tensor, microphones: int = 1) -> torch.Tensor:
         """spectra: complex [B * microphones, steps, BINS], steps even -> mask [B * microphones, 2, steps - 4, 512].
 
         Microphones of one scene are consecutive in the batch and share the recurrent states. Mask t belongs to
@@ -62,7 +64,7 @@ class NoiseSuppressor(nn.Module):
             x = shuffle(layer(x))
         return fast_sigmoid(x)
 
-    def forward(self, wave, microphones=1, floor=0.0):
+    def forward(self, wave: torch.Tensor, microphones: int = 1, floor: float = 0.0) -> torch.Tensor:
         """[B * microphones, samples], samples a multiple of 1024 -> complex spectra [B * microphones, steps - 4, BINS],
         cleaned; synthesise() makes them audible. Frame t belongs to frame t of analyse(wave)."""
         spectra = spectrum.analyse(wave)
@@ -70,7 +72,7 @@ class NoiseSuppressor(nn.Module):
         return spectrum.apply_mask(mask, spectra[:, : mask.shape[2]], LOW_BINS, LOW_FACTOR, floor)
 
     @torch.no_grad()
-    def tables(self):
+    def tables(self) -> dict[str, torch.Tensor]:
         """The library's tables, by name. The model must have been through deploy()."""
         tables = {}
         for i, layer in enumerate(self.encoder, 1):
@@ -97,7 +99,7 @@ class NoiseSuppressor(nn.Module):
         return tables
 
     @torch.no_grad()
-    def load_blocks(self, tables):
+    def load_blocks(self, tables: dict[str, torch.Tensor]) -> None:
         first = self.encoder[0].conv.weight
         first.copy_(tables["denoise_inp_conv1_weight"].view(-1)[: first.numel()].view_as(first))
         n = CHANNELS
@@ -114,14 +116,14 @@ class NoiseSuppressor(nn.Module):
             set_affine(block.norm, tables[f"{p}norm{k}_weight"], tables[f"{p}norm{k}_bias"])
 
 
-def interleave(x, microphones):
+def interleave(x: torch.Tensor, microphones: int) -> torch.Tensor:
     """[B * M, T, F, C] -> [B, M * T, F, C], two steps of each microphone in turn."""
     _, t, f, c = x.shape
     x = x.reshape(-1, microphones, t // STEPS_PER_FRAME, STEPS_PER_FRAME, f, c)
     return x.transpose(1, 2).reshape(-1, microphones * t, f, c)
 
 
-def separate(x, microphones):
+def separate(x: torch.Tensor, microphones: int) -> torch.Tensor:
     """The inverse of interleave()."""
     _, mt, f, c = x.shape
     t = mt // microphones

@@ -4,12 +4,15 @@ Two dozen voices that speak connectedly, where recordings are isolated syllables
 its own (requirements.txt); where in a clip each syllable ends is read off its attention.
 """
 
+from __future__ import annotations
+
 import argparse
 import csv
 import hashlib
 import importlib.util
 import pathlib
 import sys
+from collections.abc import Iterator
 
 import numpy as np
 import soundfile
@@ -41,7 +44,7 @@ MIXED = (
 
 
 class Synthesiser:
-    def __init__(self):
+    def __init__(self) -> None:
         package = pathlib.Path(importlib.util.find_spec("ttskit").origin).parent
         sys.path.append(str(package))  # its stored models name their modules so
         from mellotron import text
@@ -57,13 +60,13 @@ class Synthesiser:
         self.known = sorted(shengyun2ph_dict)
 
     @staticmethod
-    def speaker(name):
+    def speaker(name: str) -> list[float]:
         """The mean of what the package makes of the names."""
         of = [[(int(digit, 16) - 7) / 10 for digit in hashlib.md5(n.encode()).hexdigest()] for n in name.split("+")]
         return np.mean(of, axis=0).tolist()
 
     @torch.no_grad()
-    def speak(self, name, texts):
+    def speak(self, name: str, texts: list[list[list[str]]]) -> Iterator[tuple[np.ndarray, np.ndarray, list[int]]]:
         """Texts (groups of syllables) of equal length -> per text samples and attention [frames, symbols], symbols."""
         rows = [self.text.text_to_sequence(" , ".join(" ".join(group) for group in text) + " .", "pinyin") for text in texts]
         speakers = torch.tensor([self.speaker(name)] * len(rows))
@@ -76,7 +79,7 @@ class Synthesiser:
             yield self.vocoder.inference(mel[i : i + 1, :, :frames]).numpy() / FULL_SCALE, attention[i, :frames].numpy(), row
 
 
-def spans(attention, row, chain):
+def spans(attention: np.ndarray, row: list[int], chain: int) -> tuple[list[tuple[int, int]], np.ndarray]:
     """First frame and the one behind the last of each syllable and pause of a line, along the best way through the
     attention that takes them one after the other: once a pause has begun, it may rest anywhere."""
     number = np.cumsum([0] + [symbol == chain for symbol in row[:-1]])
@@ -96,7 +99,9 @@ def spans(attention, row, chain):
     return [(int(np.searchsorted(way, n)), int(np.searchsorted(way, n, "right"))) for n in range(len(scores))], rests
 
 
-def clips(samples, attention, row, text, chain):
+def clips(
+    samples: np.ndarray, attention: np.ndarray, row: list[int], text: list[list[str]], chain: int
+) -> Iterator[tuple[list[str], np.ndarray, list[float]]]:
     """Yields (syllables, samples, ends in s) of the groups that came out right."""
     (found, rests), at = spans(attention, row, chain), 0
     for group in text:
@@ -112,7 +117,7 @@ def clips(samples, attention, row, text, chain):
         yield group, samples[begin:end], [(e * SPEECH_HOP - begin) / SPEECH_RATE for _, e in places]
 
 
-def main(argv=None):
+def main(argv: list[str] | None = None) -> None:
     parser = argparse.ArgumentParser(prog="python -m training.neural_voices", description=__doc__)
     parser.add_argument("out", type=pathlib.Path, help="folder to make, in a corpus")
     parser.add_argument("--texts", type=pathlib.Path, help="corpus whose words are said; without it strings of syllables")
@@ -156,14 +161,14 @@ def main(argv=None):
     together(arguments.out)
 
 
-def write(path, rows):
+def write(path: pathlib.Path, rows: list[dict[str, str]]) -> None:
     with open(path, "w", newline="", encoding="utf-8") as f:
         writer = csv.DictWriter(f, ["path", "seconds", "speaker", "pinyin", "pinyin_tones", "ends", "licence"])
         writer.writeheader()
         writer.writerows(rows)
 
 
-def together(folder):
+def together(folder: pathlib.Path) -> None:
     """The voices' manifests as the folder's."""
     rows = []
     for path in sorted(folder.glob("*.csv")):

@@ -15,6 +15,8 @@ A bank is a folder:
 Room i is a function of seed, i, Recipe and constants; building goes on where it stopped.
 """
 
+from __future__ import annotations
+
 import argparse
 import dataclasses
 import hashlib
@@ -23,6 +25,8 @@ import math
 import os
 import pathlib
 import time
+import typing
+from collections.abc import Callable
 from concurrent.futures import ProcessPoolExecutor
 
 import numpy as np
@@ -33,6 +37,7 @@ from training import cache_keys
 from training.scenes import array_geometry
 from training.scenes.audio import RATE
 from training.scenes.room import SIMULATOR_DELAY, Room
+from training.shared import Record
 
 SPEED_OF_SOUND = 343.0
 SOURCES = ("talker", "loudspeaker", "noise 1", "noise 2")
@@ -82,17 +87,17 @@ ROOM_DTYPE = np.dtype(
 SPLITS = ("train", "valid", "test")
 
 
-def split_of(room):
+def split_of(room: int) -> str:
     """Split of room number `room`: 80 % train, 10 % valid, 10 % test, whatever the bank's size."""
     return SPLITS[max(0, room % 10 - 7)]
 
 
-def draw_rt60(rng, recipe):
+def draw_rt60(rng: np.random.Generator, recipe: Recipe) -> float:
     quantiles = np.log(recipe.rt60_seconds)
     return float(np.exp(np.interp(rng.random(), recipe.rt60_probability, quantiles)))
 
 
-def draw_room(rng, recipe):
+def draw_room(rng: np.random.Generator, recipe: Recipe) -> Room:
     """Room with its array; walls absorb unequally, within what walls can."""
     rt60 = draw_rt60(rng, recipe)
     while True:
@@ -107,7 +112,9 @@ def draw_room(rng, recipe):
             pass  # this box cannot be that dead
 
 
-def draw_position(rng, room, distances, heights, margin):
+def draw_position(
+    rng: np.random.Generator, room: Room, distances: tuple[float, float], heights: tuple[float, float], margin: float
+) -> np.ndarray:
     """Array-frame offset of a source inside the room; headings are uniform where the room allows."""
     while True:
         height = rng.uniform(*heights) - room.array[2]
@@ -117,7 +124,7 @@ def draw_position(rng, room, distances, heights, margin):
             return offset
 
 
-def early_responses(room, microphones, sources):
+def early_responses(room: Room, microphones: np.ndarray, sources: np.ndarray) -> np.ndarray:
     """Image-source responses [sources, 3, taps] that are complete until the crossfade ends."""
     reach = SPEED_OF_SOUND * (MIXING_TIME + CROSSFADE)
     shoebox = pra.ShoeBox(
@@ -140,7 +147,7 @@ def early_responses(room, microphones, sources):
     return early
 
 
-def diffuse(noise, spacing):
+def diffuse(noise: np.ndarray, spacing: float) -> np.ndarray:
     """Independent noises [..., 3, n] mixed to the coherence a diffuse field has between microphones
     `spacing` m apart, sin(kd) / (kd)."""
     n = noise.shape[-1]
@@ -153,7 +160,7 @@ def diffuse(noise, spacing):
     return scipy.fft.irfft(mixed.astype(spectrum.dtype), n)
 
 
-def tail(rng, room, band_rt60, taps):
+def tail(rng: np.random.Generator, room: Room, band_rt60: np.ndarray, taps: int) -> np.ndarray:
     """Late reverberation [len(SOURCES), 3, taps] from time 0 on; valid after the mixing time."""
     volume = math.prod(room.size)
     t = np.arange(taps, dtype=np.float32) / RATE
@@ -172,7 +179,7 @@ def tail(rng, room, band_rt60, taps):
     return result
 
 
-def simulate_room(seed, number, recipe=Recipe()):
+def simulate_room(seed: int, number: int, recipe: Recipe = Recipe()) -> tuple[np.ndarray, np.ndarray]:
     """The responses float32 [SOURCES, 3, TAPS] and the record of room `number`."""
     rng = np.random.default_rng([seed, number])
     room = draw_room(rng, recipe)
@@ -218,10 +225,20 @@ def simulate_room(seed, number, recipe=Recipe()):
     return responses / scale[:, None, None], record
 
 
+class Rooms(typing.Protocol):
+    """What a scene asks of a bank, or of a part of one."""
+
+    rooms: np.ndarray
+
+    def draw(self, rng: np.random.Generator, split: str) -> int: ...
+
+    def responses(self, room: int, source: str) -> np.ndarray: ...
+
+
 class RoomBank:
     """A built bank. Rooms are handed out by split; responses are float32."""
 
-    def __init__(self, path):
+    def __init__(self, path: pathlib.Path | str) -> None:
         self.path = pathlib.Path(path)
         self.description = json.loads((self.path / "bank.json").read_text(encoding="utf-8"))
         self.rooms = np.load(self.path / "rooms.npy", mmap_mode="r")
@@ -229,46 +246,53 @@ class RoomBank:
         done = np.flatnonzero(self.rooms["done"])
         self._by_split = {s: [int(i) for i in done if split_of(i) == s] for s in SPLITS}
 
-    def __reduce__(self):
+    def __reduce__(self) -> tuple[type, tuple[pathlib.Path]]:
         return RoomBank, (self.path,)  # worker processes map the files themselves
 
-    def __len__(self):
+    def __len__(self) -> int:
         return sum(len(rooms) for rooms in self._by_split.values())
 
-    def numbers(self, split):
+    def numbers(self, split: str) -> list[int]:
         """Numbers of the rooms of a split that are built."""
         return self._by_split[split]
 
-    def draw(self, rng, split):
+    def draw(self, rng: np.random.Generator, split: str) -> int:
         numbers = self._by_split[split]
         if not numbers:
             raise ValueError(f"{self.path}: no {split} room in a bank of {len(self)}")
         return numbers[rng.integers(len(numbers))]
 
-    def responses(self, room, source):
+    def responses(self, room: int, source: str) -> np.ndarray:
         """Responses float32 [3, taps] of the source named `source` in room number `room`."""
         taps = self.rooms["taps"][room]
         return self._responses[room, SOURCES.index(source), :, :taps].astype(np.float32)
 
-    def digest(self):
+    def digest(self) -> str:
         return self.description["digest"]
 
-    def contents(self, numbers):
+    def contents(self, numbers: list[int]) -> str:
         """Digest of the rooms with these numbers: a bank that grows is not another one for what uses only them."""
         made = {name: self.description[name] for name in ("seed", "recipe", "constants")}
         return cache_keys.digest([made, list(numbers), self.rooms[list(numbers)].tobytes()])
 
 
-def _shape(rooms):
+def _shape(rooms: int) -> tuple[int, int, int, int]:
     return rooms, len(SOURCES), 3, TAPS
 
 
-def _simulate(arguments):
+def _simulate(arguments: tuple[int, int, Recipe]) -> tuple[np.ndarray, np.ndarray]:
     os.environ["OMP_NUM_THREADS"] = "1"
     return simulate_room(*arguments)
 
 
-def build_bank(path, rooms, seed, jobs=1, recipe=Recipe(), progress=lambda done, rooms: None):
+def build_bank(
+    path: pathlib.Path | str,
+    rooms: int,
+    seed: int,
+    jobs: int = 1,
+    recipe: Recipe = Recipe(),
+    progress: Callable[[int, int], object] = lambda done, rooms: None,
+) -> RoomBank:
     """Builds, or goes on building, a bank of `rooms` rooms; a bank grows when asked for more."""
     path = pathlib.Path(path)
     path.mkdir(parents=True, exist_ok=True)
@@ -309,12 +333,12 @@ def build_bank(path, rooms, seed, jobs=1, recipe=Recipe(), progress=lambda done,
     return RoomBank(path)
 
 
-def _listed(recipe):
+def _listed(recipe: Recipe) -> Record:
     """The recipe as it comes back from JSON."""
     return json.loads(json.dumps(dataclasses.asdict(recipe)))
 
 
-def _save(path, description, records):
+def _save(path: pathlib.Path, description: Record, records: np.ndarray) -> None:
     """Each file is replaced whole, so that a reader or a restart never meets half of one."""
     digest = hashlib.sha256(json.dumps(description, sort_keys=True).encode())
     digest.update(str(len(records)).encode())
@@ -327,11 +351,11 @@ def _save(path, description, records):
     part.replace(path / "bank.json")
 
 
-def load_bank(path):
+def load_bank(path: pathlib.Path | str) -> RoomBank:
     return RoomBank(path)
 
 
-def main():
+def main() -> None:
     parser = argparse.ArgumentParser(description="Builds a room bank, or goes on building it.")
     parser.add_argument("path")
     parser.add_argument("--rooms", type=int, default=3000)

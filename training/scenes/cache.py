@@ -9,13 +9,20 @@ Clip i is a function of (seed, split, i), of the recordings of ROLES and the roo
 the library and of the RECIPE's constants.
 """
 
+from __future__ import annotations
+
+import pathlib
+from collections.abc import Callable
+
 import numpy as np
 
 from training import cache_keys
-from training.corpus import SPLITS
+from training.corpus import SPLITS, Corpus
 from training.device_facts import FRAME, FULL_SCALE, MIC_DELAY, RATE
 from training.library import Library
 from training.scenes import clip_store, playback
+from training.scenes.bank import RoomBank
+from training.shared import Record
 
 NOISE_KEPT = (0.15, 0.3)  # of the noise in the target: a floor instead of gating
 ROLES = ("near", "far", "noise", "music")
@@ -36,7 +43,7 @@ RECIPE = (
 )
 
 
-def fields(samples):
+def fields(samples: int) -> clip_store.Fields:
     return {
         "mic": ("mic.i16", np.int16, (samples,)),
         "echo": ("echo.f32", np.float32, (samples,)),
@@ -44,16 +51,18 @@ def fields(samples):
     }
 
 
-def late(x):
+def late(x: np.ndarray) -> np.ndarray:
     """x delayed as the canceller delays its microphone."""
     return np.concatenate([np.zeros(MIC_DELAY, x.dtype), x[:-MIC_DELAY]])
 
 
-def to_int16(x):
+def to_int16(x: np.ndarray) -> np.ndarray:
     return np.int16(np.clip(np.round(x * FULL_SCALE), -32768, 32767))
 
 
-def make_clip(corpus, bank, library, seconds, seed, split, number):
+def make_clip(
+    corpus: Corpus, bank: RoomBank, library: Library, seconds: float, seed: int, split: str, number: int
+) -> tuple[dict[str, np.ndarray], Record]:
     """One scene of the mixed scenarios through the canceller: its three signals and what is known
     about it."""
     rng = np.random.default_rng([seed, SPLITS.index(split), number])
@@ -77,10 +86,10 @@ def make_clip(corpus, bank, library, seconds, seed, split, number):
 class Maker:
     """Clips by number, see clip_store.fill()."""
 
-    def __init__(self, corpus, bank, library, seconds, seed, split):
+    def __init__(self, corpus: Corpus, bank: RoomBank, library: pathlib.Path, seconds: float, seed: int, split: str) -> None:
         self._scenes = corpus, bank, Library(library), seconds, seed, split
 
-    def __call__(self, number):
+    def __call__(self, number: int) -> tuple[dict[str, np.ndarray], Record]:
         return make_clip(*self._scenes, number)
 
 
@@ -88,15 +97,15 @@ class AecCache:
     """List of the first `clips` clips (None: of all): dicts of mic, echo and target (float32, full
     scale 1.0), scenario, ser, snr, spans."""
 
-    def __init__(self, path, clips=None):
+    def __init__(self, path: pathlib.Path, clips: int | None = None) -> None:
         self.path = path
         self._store = clip_store.ClipStore(path, fields)
         self._clips = len(self._store) if clips is None else min(clips, len(self._store))
 
-    def __len__(self):
+    def __len__(self) -> int:
         return self._clips
 
-    def __getitem__(self, i):
+    def __getitem__(self, i: int) -> Record:
         if not -len(self) <= i < len(self):
             raise IndexError(i)
         i %= len(self)
@@ -107,7 +116,7 @@ class AecCache:
         return clip | self._store.made[i]
 
 
-def made_from(corpus, bank, library, seconds, seed, split):
+def made_from(corpus: Corpus, bank: RoomBank, library: pathlib.Path, seconds: float, seed: int, split: str) -> Record:
     """What the clips of a cache are a function of, beside their number (cache_keys.py)."""
     return {
         "seed": seed,
@@ -121,17 +130,17 @@ def made_from(corpus, bank, library, seconds, seed, split):
 
 
 def aec_cache(
-    corpus,
-    bank,
-    path,
-    clips,
-    seconds,
-    seed,
-    split,
-    library,
-    jobs=1,
-    progress=lambda done, clips: None,
-):
+    corpus: Corpus,
+    bank: RoomBank,
+    path: pathlib.Path | str,
+    clips: int,
+    seconds: float,
+    seed: int,
+    split: str,
+    library: pathlib.Path,
+    jobs: int = 1,
+    progress: Callable[[int, int], object] = lambda done, clips: None,
+) -> AecCache:
     """Makes, or goes on making, a cache of `clips` clips of `seconds` in the folder `path`, beside
     those made from anything else; library: path of the shared library. Returns the cache."""
     scenes = corpus, bank, library, seconds, seed, split

@@ -7,17 +7,23 @@ A store is a folder, named by what its clips are made from (cache_keys.py):
 Clip i is a function of that and of its number; making goes on where it stopped.
 """
 
+from __future__ import annotations
+
 import json
 import math
 import os
 import pathlib
+from collections.abc import Callable
 from concurrent.futures import ProcessPoolExecutor
 
 import numpy as np
 
 from training import cache_keys
+from training.shared import Record
 
 SAVE_EVERY = 50  # clips
+
+Fields = dict[str, tuple[str, type, tuple[int, ...]]]  # name -> file, element type, shape of one clip
 
 
 class ClipStore:
@@ -26,7 +32,7 @@ class ClipStore:
     fields: samples per clip -> {name: (file, dtype, shape of one clip)}
     """
 
-    def __init__(self, path, fields):
+    def __init__(self, path: pathlib.Path | str, fields: Callable[[int], Fields]) -> None:
         path = pathlib.Path(path)
         if not (path / "cache.json").exists():
             raise FileNotFoundError(f"{path}: nothing has been made from these ingredients yet")
@@ -37,28 +43,37 @@ class ClipStore:
             for name, (file, dtype, shape) in fields(description["samples"]).items()
         }
 
-    def __len__(self):
+    def __len__(self) -> int:
         return len(self.made)
 
 
-def _describe(path):
+def _describe(path: pathlib.Path) -> Record:
     return json.loads((path / "cache.json").read_text(encoding="utf-8"))
 
 
 _maker = None
 
 
-def _start_worker(kind, arguments):
+def _start_worker(kind: type, arguments: tuple) -> None:
     global _maker
     os.environ["OMP_NUM_THREADS"] = "1"
     _maker = kind(*arguments)
 
 
-def _make(number):
+def _make(number: int) -> tuple[dict[str, np.ndarray], Record]:
     return _maker(number)
 
 
-def fill(parent, fields, made_from, clips, kind, arguments, jobs=1, progress=lambda done, clips: None):
+def fill(
+    parent: pathlib.Path | str,
+    fields: Callable[[int], Fields],
+    made_from: Record,
+    clips: int,
+    kind: type,
+    arguments: tuple,
+    jobs: int = 1,
+    progress: Callable[[int, int], object] = lambda done, clips: None,
+) -> pathlib.Path:
     """Makes, or goes on making, a store of `clips` clips, more if there are more already.
 
     made_from: what the clips are a function of, beside their number, `samples` among it.
@@ -77,7 +92,7 @@ def fill(parent, fields, made_from, clips, kind, arguments, jobs=1, progress=lam
             f.truncate(clips * math.prod(shape) * np.dtype(dtype).itemsize)
         signals[name] = np.memmap(path / file, dtype, "r+", shape=(clips, *shape))
 
-    def save():
+    def save() -> None:
         for x in signals.values():
             x.flush()
         part = path / "cache.json.part"

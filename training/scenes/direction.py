@@ -18,13 +18,16 @@ the correlation of a pair the other way round is the same, backwards.
 Levels as in noisy.py.
 """
 
+from __future__ import annotations
+
 import functools
 import pathlib
+from collections.abc import Callable
 
 import numpy as np
 
 from training import cache_keys, engine
-from training.corpus import SPLITS
+from training.corpus import SPLITS, Corpus
 from training.device_facts import (
     BLOCK,
     DIRECTION_FLOOR,
@@ -38,9 +41,10 @@ from training.device_facts import (
 from training.library import Library
 from training.scenes import clip_store, echo, mixing, sources
 from training.scenes.audio import active_power, fade, gain
-from training.scenes.bank import SOURCES
+from training.scenes.bank import SOURCES, RoomBank
 from training.scenes.noisy import MIC_GAIN, NOISES, PEAK, SELF_NOISE, dry_noise
 from training.scenes.room import SIMULATOR_DELAY
+from training.shared import Record, Tables
 
 SAMPLES = 50 * FRAME
 HOPS = SAMPLES // HOP
@@ -83,18 +87,18 @@ RECIPE = (
 HEARING = ("device_facts", "models.doa", "models.features", "scenes.direction")
 
 
-def fields(samples):
+def fields(samples: int) -> clip_store.Fields:
     return {
         "mics": ("mics.i16", np.int16, (3, samples)),
         "active": ("active.u8", np.uint8, (samples // HOP,)),
     }
 
 
-def heard_fields(samples):
+def heard_fields(samples: int) -> clip_store.Fields:
     return {"features": ("features.f16", np.float16, (RUN, samples // HOP, 3, VALUES))}
 
 
-def phrase(corpus, rng, split, samples):
+def phrase(corpus: Corpus, rng: np.random.Generator, split: str, samples: int) -> np.ndarray:
     """A stretch of talk without a long pause in it."""
     track = sources.talk(corpus, rng, "near", split, 4 * samples, lead=0.0)
     starts = rng.integers(3 * samples, size=PHRASE_CANDIDATES)
@@ -102,7 +106,7 @@ def phrase(corpus, rng, split, samples):
     return fade(max(stretches, key=lambda x: (x * x).sum()), EDGE)
 
 
-def speech(corpus, rng, split, kind):
+def speech(corpus: Corpus, rng: np.random.Generator, split: str, kind: str) -> np.ndarray:
     """The dry talker [SAMPLES]."""
     dry = np.zeros(SAMPLES, np.float32)
     if kind == "phrase":
@@ -115,7 +119,7 @@ def speech(corpus, rng, split, kind):
     return dry
 
 
-def activity(dry, way):
+def activity(dry: np.ndarray, way: int) -> np.ndarray:
     """Whether a talker is heard in each hop; way: samples the sound takes to the microphone."""
     heard = np.concatenate([np.zeros(way, np.float32), dry[: len(dry) - way]])
     power = (heard.reshape(-1, HOP) ** 2).mean(1)
@@ -123,12 +127,14 @@ def activity(dry, way):
     return np.uint8(power > max(power.max() * ACTIVE_RANGE, 1e-12))
 
 
-def to_int16(x):
+def to_int16(x: np.ndarray) -> np.ndarray:
     """As the front end converts the cancellers' output, without its wrap-around."""
     return np.int16(np.clip(np.trunc(x * FULL_SCALE), -32768, 32767))
 
 
-def make_clip(corpus, bank, library, seed, split, number):
+def make_clip(
+    corpus: Corpus, bank: RoomBank, library: Library, seed: int, split: str, number: int
+) -> tuple[dict[str, np.ndarray], Record]:
     """Microphones and activity of one clip, and what is known about it."""
     rng = np.random.default_rng([seed, SPLITS.index(split), number])
     kind = str(rng.choice(list(KINDS), p=list(KINDS.values())))
@@ -181,10 +187,10 @@ def make_clip(corpus, bank, library, seed, split, number):
 class Maker:
     """Clips by number, see clip_store.fill()."""
 
-    def __init__(self, corpus, bank, library, seed, split):
+    def __init__(self, corpus: Corpus, bank: RoomBank, library: pathlib.Path, seed: int, split: str) -> None:
         self._scenes = corpus, bank, Library(library), seed, split
 
-    def __call__(self, number):
+    def __call__(self, number: int) -> tuple[dict[str, np.ndarray], Record]:
         return make_clip(*self._scenes, number)
 
 
@@ -192,18 +198,18 @@ class Listener:
     """Features of runs of clips, see clip_store.fill(). tables: the noise suppressors', or None to
     hear the microphones as they are."""
 
-    def __init__(self, path, library, tables):
+    def __init__(self, path: pathlib.Path, library: pathlib.Path, tables: Tables | None) -> None:
         self._mics = clip_store.ClipStore(path, fields).signals["mics"]
         self._library, self._tables = library, tables
 
-    def __call__(self, number):
+    def __call__(self, number: int) -> tuple[dict[str, np.ndarray], Record]:
         clips = self._mics[number * RUN : (number + 1) * RUN]
         if self._tables is not None:
             clips = suppressed(clips, self._library, self._tables)
         return {"features": features_of(clips)}, {}
 
 
-def suppressed(clips, library, tables):
+def suppressed(clips: np.ndarray, library: pathlib.Path, tables: Tables) -> np.ndarray:
     """int16 [clips, 3, samples] as one device hears them one after the other, the delay taken off."""
     count, _, samples = clips.shape
     recording = np.pad(clips.transpose(1, 0, 2).reshape(3, -1), ((0, 0), (0, 3 * FRAME)))
@@ -213,7 +219,7 @@ def suppressed(clips, library, tables):
     return out.reshape(3, count, samples).transpose(1, 0, 2)
 
 
-def features_of(clips):
+def features_of(clips: np.ndarray) -> np.ndarray:
     """int16 [clips, 3, samples] -> [clips, hops, 3, VALUES]."""
     import torch  # the evaluation draws its phrases here and does without
 
@@ -225,7 +231,7 @@ def features_of(clips):
     return torch.cat([gcc, mel], -1).transpose(1, 2).numpy()
 
 
-def turned(heading, places, mirrored):
+def turned(heading: float, places: int, mirrored: bool) -> tuple[np.ndarray, float]:
     """An array turned by `places` microphones, or seen in a mirror, in the same sound: which
     microphones its own are, and the heading it hears."""
     order = [0, 1, 2]
@@ -234,7 +240,7 @@ def turned(heading, places, mirrored):
     return np.roll(order, -places), (heading - places * TURN) % 360.0
 
 
-def arranged(features, order):
+def arranged(features: np.ndarray, order: np.ndarray) -> np.ndarray:
     """[hops, 3, VALUES] of one array -> the network's [4, hops, 40] for the array whose microphone
     m is the first one's order[m]."""
     gcc, mel = features[..., :LAGS], features[..., LAGS:]
@@ -246,7 +252,7 @@ def arranged(features, order):
     return np.stack([*pairs, mel[:, order[0]]])
 
 
-def made_from(corpus, bank, library, seed, split):
+def made_from(corpus: Corpus, bank: RoomBank, library: pathlib.Path, seed: int, split: str) -> Record:
     """What the clips of a split are a function of, beside their number (cache_keys.py)."""
     return {
         "seed": seed,
@@ -259,7 +265,7 @@ def made_from(corpus, bank, library, seed, split):
     }
 
 
-def heard_from(suppressor):
+def heard_from(suppressor: pathlib.Path | None) -> Record:
     """What their features are a function of, beside the clips; suppressor: parameter file or None."""
     return {
         "samples": SAMPLES,
@@ -268,30 +274,30 @@ def heard_from(suppressor):
     }
 
 
-def heard_folder(path, suppressor):
+def heard_folder(path: pathlib.Path, suppressor: pathlib.Path | None) -> pathlib.Path:
     return path / ("suppressed" if suppressor else "raw")
 
 
 class DirectionClips:
     """List of the first `clips` clips of a folder, heard as they are or behind the suppressors."""
 
-    def __init__(self, path, suppressor, clips):
+    def __init__(self, path: pathlib.Path | str, suppressor: pathlib.Path, clips: int) -> None:
         self.path = pathlib.Path(path)
         self._suppressor = suppressor
         self._store = clip_store.ClipStore(self.path, fields)
         self.about = self._store.made[:clips]
 
-    def __len__(self):
+    def __len__(self) -> int:
         return len(self.about)
 
     @functools.cache
-    def _heard(self, suppressed):
+    def _heard(self, suppressed: bool) -> np.ndarray:
         suppressor = self._suppressor if suppressed else None
         parent = heard_folder(self.path, suppressor)
         folder = cache_keys.folder(parent, heard_from(suppressor))
         return clip_store.ClipStore(folder, heard_fields).signals["features"]
 
-    def excerpt(self, clip, first_hop, blocks, suppressed):
+    def excerpt(self, clip: int, first_hop: int, blocks: int, suppressed: bool) -> tuple[np.ndarray, np.ndarray]:
         """Features [hops, 3, VALUES] from a hop on, and whether the talker speaks in each block: in
         two of its three hops."""
         hops = slice(first_hop, first_hop + blocks * FRAMES_PER_BLOCK)
@@ -300,17 +306,17 @@ class DirectionClips:
 
 
 def direction_clips(
-    corpus,
-    bank,
-    path,
-    clips,
-    seed,
-    split,
-    library,
-    suppressor,
-    jobs=1,
-    progress=lambda done, clips: None,
-):
+    corpus: Corpus,
+    bank: RoomBank,
+    path: pathlib.Path,
+    clips: int,
+    seed: int,
+    split: str,
+    library: pathlib.Path,
+    suppressor: pathlib.Path,
+    jobs: int = 1,
+    progress: Callable[[int, int], object] = lambda done, clips: None,
+) -> DirectionClips:
     """Makes, or goes on making, the clips of a split, whole runs of them, in the folder `path`
     beside those made from anything else. library: path of the shared library; suppressor: parameter
     file of its noise suppressor. Returns the clips."""
@@ -326,7 +332,9 @@ def direction_clips(
     return DirectionClips(folder, suppressor, clips)
 
 
-def batch(clips, rng, size, seconds, raw, gain_db):
+def batch(
+    clips: DirectionClips, rng: np.random.Generator, size: int, seconds: float, raw: float, gain_db: tuple[float, float]
+) -> dict[str, np.ndarray]:
     """features [size, 4, frames, 40]; heading [size] in degrees; active [size, blocks].
 
     Arrays are turned and mirrored at random. raw: share of excerpts without noise suppressor;

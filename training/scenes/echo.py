@@ -5,11 +5,14 @@ the loudspeaker, delayed, may be stretched by a clock of its own, lose or repeat
 path through the room may change.
 """
 
+from __future__ import annotations
+
 import dataclasses
 
 import numpy as np
 from scipy import ndimage, signal
 
+from training.corpus import Corpus
 from training.scenes import mixing, sources
 from training.scenes.audio import RATE
 from training.scenes.loudspeaker import (
@@ -51,7 +54,7 @@ class Path:
     change_at: int | None = None  # the responses change from the first to the second
 
 
-def far_end(corpus, rng, split, samples):
+def far_end(corpus: Corpus, rng: np.random.Generator, split: str, samples: int) -> np.ndarray:
     """A reference signal: int16 steps, full scale 1.0."""
     material = rng.choice(list(MATERIAL), p=list(MATERIAL.values()))
     if material == "speech":
@@ -63,17 +66,17 @@ def far_end(corpus, rng, split, samples):
     return at_reference_level(rng, x)
 
 
-def at_reference_level(rng, x):
+def at_reference_level(rng: np.random.Generator, x: np.ndarray) -> np.ndarray:
     x = sources.levelled(x, rng.uniform(*REFERENCE_LEVEL))
     return quantised(x * np.float32(min(1.0, REFERENCE_PEAK / (np.abs(x).max() + 1e-9))))
 
 
-def quantised(x):
+def quantised(x: np.ndarray) -> np.ndarray:
     """x on the grid of int16 samples."""
     return np.float32(np.round(np.clip(x, -1.0, 32767 / 32768) * 32768) / 32768)
 
 
-def draw_loudspeaker(rng):
+def draw_loudspeaker(rng: np.random.Generator) -> Loudspeaker:
     kind = rng.choice(list(NONLINEARITIES), p=list(NONLINEARITIES.values()))
     nonlinearity = {
         "linear": Linear(),
@@ -85,7 +88,7 @@ def draw_loudspeaker(rng):
     return Loudspeaker(nonlinearity, rng.uniform(*LOW_HZ), rng.uniform(*HIGH_HZ))
 
 
-def draw_path(rng, samples):
+def draw_path(rng: np.random.Generator, samples: int) -> Path:
     late = rng.random() < LATE_SHARE
     path = Path(
         loudspeaker=draw_loudspeaker(rng),
@@ -103,7 +106,7 @@ def draw_path(rng, samples):
     return path
 
 
-def drifted(x, ppm):
+def drifted(x: np.ndarray, ppm: float) -> np.ndarray:
     """x played by a clock `ppm` millionths fast: y(t) = x(t (1 + ppm / 10^6))."""
     # Cubic splines are accurate where the signal is oversampled.
     wide = signal.resample_poly(x, 4, 1)
@@ -111,7 +114,7 @@ def drifted(x, ppm):
     return ndimage.map_coordinates(wide, [at], order=3, mode="constant", prefilter=True)
 
 
-def played(path, reference):
+def played(path: Path, reference: np.ndarray) -> np.ndarray:
     """The sound leaving the loudspeaker, delay, drift and lost samples included."""
     peak = np.abs(reference).max() + 1e-9
     scale = path.drive / peak
@@ -128,7 +131,7 @@ def played(path, reference):
     return x.astype(np.float32)
 
 
-def echo(path, reference, before, after):
+def echo(path: Path, reference: np.ndarray, before: np.ndarray, after: np.ndarray) -> np.ndarray:
     """The reference at the microphones, [3, n], through the responses [3, taps] `before` and, once
     the path has changed, `after`."""
     x = played(path, reference)

@@ -7,7 +7,10 @@ A nonlinearity is a callable on samples with unit gain for small ones, except Zh
 published with its own gain. All of them are memoryless.
 """
 
+from __future__ import annotations
+
 import dataclasses
+from collections.abc import Callable
 
 import numpy as np
 from scipy import signal, special
@@ -19,7 +22,7 @@ OVERSAMPLING = 4  # keeps the harmonics above 8 kHz from folding back
 
 @dataclasses.dataclass(frozen=True)
 class Linear:
-    def __call__(self, x):
+    def __call__(self, x: np.ndarray) -> np.ndarray:
         return x
 
 
@@ -27,7 +30,7 @@ class Linear:
 class HardClip:
     limit: float
 
-    def __call__(self, x):
+    def __call__(self, x: np.ndarray) -> np.ndarray:
         return np.clip(x, -self.limit, self.limit)
 
 
@@ -38,7 +41,7 @@ class AsymmetricTanh:
     full_drive: float  # input that reaches the knee of the saturation
     asymmetry: float  # offset of the working point on the tanh, 0 = odd harmonics only
 
-    def __call__(self, x):
+    def __call__(self, x: np.ndarray) -> np.ndarray:
         b = np.tanh(self.asymmetry)
         s = np.tanh(x / self.full_drive + self.asymmetry) - b
         return self.full_drive * s / (1.0 - b * b)
@@ -53,7 +56,7 @@ class ScaledErf:
 
     beta: float
 
-    def __call__(self, x):
+    def __call__(self, x: np.ndarray) -> np.ndarray:
         return np.sqrt(np.pi / 2) * self.beta * special.erf(x / (np.sqrt(2) * self.beta))
 
 
@@ -66,7 +69,7 @@ class ZhangWang:
     steep: float = 4.0
     flat: float = 0.5
 
-    def __call__(self, x):
+    def __call__(self, x: np.ndarray) -> np.ndarray:
         hard = np.clip(x, -self.clip, self.clip)
         b = 1.5 * hard - 0.3 * hard * hard
         slope = np.where(b > 0, self.steep, self.flat)
@@ -75,21 +78,21 @@ class ZhangWang:
 
 @dataclasses.dataclass(frozen=True)
 class Loudspeaker:
-    nonlinearity: object
+    nonlinearity: Callable[[np.ndarray], np.ndarray]
     low_hz: float  # 2nd-order high-pass: resonance of the small closed box
     high_hz: float  # 2nd-order low-pass
 
-    def band(self, x):
+    def band(self, x: np.ndarray) -> np.ndarray:
         low = signal.butter(2, self.low_hz, "highpass", fs=RATE, output="sos")
         high = signal.butter(2, self.high_hz, "lowpass", fs=RATE, output="sos")
         return signal.sosfilt(np.concatenate([low, high]), x)
 
-    def play(self, x):
+    def play(self, x: np.ndarray) -> np.ndarray:
         """Sound leaving the loudspeaker for the signal x."""
         wide = signal.resample_poly(x, OVERSAMPLING, 1)
         return self.band(signal.resample_poly(self.nonlinearity(wide), 1, OVERSAMPLING))
 
-    def distortion_db(self, x):
+    def distortion_db(self, x: np.ndarray) -> float:
         """Power of what is not a scaled copy of the undistorted output, relative to the output."""
         y, linear = self.play(x), self.band(x)
         rest = y - linear * (y @ linear) / (linear @ linear)

@@ -4,13 +4,22 @@ All levels are taken at microphone 1. A talker's level is that of the frames wit
 loudest, a noise's that of the whole clip.
 """
 
+from __future__ import annotations
+
 import math
+import typing
+from collections.abc import Callable
 
 import numpy as np
 
+from training.corpus import Corpus
 from training.scenes import array_geometry, mixing, sources, steady
 from training.scenes.audio import RATE, active_power, gain
-from training.scenes.bank import diffuse
+from training.scenes.bank import Rooms, diffuse
+from training.shared import Record
+
+if typing.TYPE_CHECKING:
+    import torch
 
 LEVEL = (-42.0, -12.0)  # dBFS of talker and noise together
 PEAK = 0.98  # louder scenes are turned down to it, as whoever sets up the converter does
@@ -27,7 +36,9 @@ DIFFUSE_SHARE = 0.3
 MIC_SPACING = math.sqrt(3.0) * array_geometry.MIC_RADIUS
 
 
-def dry_noise(corpus, rng, split, samples, kinds=NOISES):
+def dry_noise(
+    corpus: Corpus, rng: np.random.Generator, split: str, samples: int, kinds: dict[str, float] = NOISES
+) -> tuple[np.ndarray, np.ndarray | None]:
     """What makes the noise: dry signals for the room's noise places, then for the field around.
 
     Returns float32 [2, samples] and [3, samples] or None. Relative levels are set, absolute ones
@@ -58,14 +69,16 @@ def dry_noise(corpus, rng, split, samples, kinds=NOISES):
     return point, field
 
 
-def background(corpus, rng, split, samples, kind, count=1):
+def background(corpus: Corpus, rng: np.random.Generator, split: str, samples: int, kind: str, count: int = 1) -> np.ndarray:
     """[count, samples]: a recording, a noise by formula, or for two of them either."""
     if kind == "steady" or kind == "two" and rng.random() < STEADY_OF_TWO:
         return steady.steady(rng, samples, count)
     return sources.excerpts(corpus, rng, "noise", split, samples, count)
 
 
-def draw_scene(corpus, bank, rng, samples, split, kinds=NOISES):
+def draw_scene(
+    corpus: Corpus, bank: Rooms, rng: np.random.Generator, samples: int, split: str, kinds: dict[str, float] = NOISES
+) -> Record:
     """Everything random of one scene, dry."""
     room = bank.draw(rng, split)
     speech = bank.responses(room, "talker")
@@ -92,11 +105,11 @@ def draw_scene(corpus, bank, rng, samples, split, kinds=NOISES):
     }
 
 
-def mix(scenes, to_array):
+def mix(scenes: list[Record], to_array: Callable[[np.ndarray], np.ndarray]) -> tuple[np.ndarray, np.ndarray]:
     """Scenes of draw_scene(), as arrays of a kind: mics and target [B, 3, T]."""
     taps = max(s["responses"].shape[-1] for s in scenes)
 
-    def stack(name, extend=0):
+    def stack(name: str, extend: int = 0) -> np.ndarray:
         parts = [np.asarray(s[name], np.float32) for s in scenes]
         if extend:
             parts = [np.pad(p, ((0, 0), (0, 0), (0, extend - p.shape[-1]))) for p in parts]
@@ -126,7 +139,9 @@ def mix(scenes, to_array):
     return mics * down[:, None, None], target * down[:, None, None]
 
 
-def ns_batch(corpus, bank, rng, batch, seconds, split, device=None):
+def ns_batch(
+    corpus: Corpus, bank: Rooms, rng: np.random.Generator, batch: int, seconds: float, split: str, device: str | None = None
+) -> dict[str, np.ndarray] | dict[str, torch.Tensor]:
     """Noisy microphones and what the noise suppressor should make of them.
 
     Returns mics and target, [batch, 3, T] float32, and snr [batch] in dB: numpy arrays, or torch

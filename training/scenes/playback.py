@@ -3,14 +3,19 @@
 Levels as in noisy.py.
 """
 
+from __future__ import annotations
+
 import math
 
 import numpy as np
 
+from training.corpus import Corpus
 from training.device_facts import FRAME
 from training.scenes import echo, mixing, sources
 from training.scenes.audio import RATE, active_power, gain
+from training.scenes.bank import RoomBank
 from training.scenes.noisy import LEVEL, MIC_GAIN, PEAK, SELF_NOISE, dry_noise
+from training.shared import Record
 
 SCENARIOS = {"double_talk": 0.73, "far_end": 0.12, "near_end": 0.15}
 SER = (-25.0, 10.0)  # dB, talker against echo
@@ -24,7 +29,7 @@ MIC_CLIP_SHARE = 0.1
 FADE = 0.02  # s, ends of stretches
 
 
-def _turns(rng, samples, start):
+def _turns(rng: np.random.Generator, samples: int, start: int) -> list[tuple[int, int]]:
     """Stretches [start, end) in which somebody speaks, from sample `start` on."""
     turns = []
     while start < samples - RATE:
@@ -34,7 +39,7 @@ def _turns(rng, samples, start):
     return turns
 
 
-def _gate(samples, stretches):
+def _gate(samples: int, stretches: list[tuple[int, int]]) -> np.ndarray:
     """1 inside the stretches, 0 outside, with faded ends."""
     gate = np.zeros(samples, np.float32)
     for start, end in stretches:
@@ -43,7 +48,7 @@ def _gate(samples, stretches):
     return gate
 
 
-def _spans(far, near):
+def _spans(far: np.ndarray, near: np.ndarray) -> list[tuple[str, int, int]]:
     """Runs of equal state as (kind, start, end) from two boolean tracks."""
     kinds = np.array(["silence", "far_end", "near_end", "double_talk"])
     state = far + 2 * near
@@ -52,7 +57,7 @@ def _spans(far, near):
     return [(str(kinds[state[a]]), a, b) for a, b in zip(bounds[:-1], bounds[1:])]
 
 
-def _rings(stretches, samples, late):
+def _rings(stretches: list[tuple[int, int]], samples: int, late: int) -> np.ndarray:
     """Samples in which the stretches sound, `late` samples of delay and decay included."""
     track = np.zeros(samples, bool)
     for start, end in stretches:
@@ -60,7 +65,7 @@ def _rings(stretches, samples, late):
     return track
 
 
-def aec_clip(corpus, bank, rng, seconds, split, scenario):
+def aec_clip(corpus: Corpus, bank: RoomBank, rng: np.random.Generator, seconds: float, split: str, scenario: str) -> Record:
     """A stretch of device life with playback; clips are rounded up to whole frames
     of the canceller.
 

@@ -1,5 +1,7 @@
 """Shoebox rooms: impulse responses from sources to the three microphones."""
 
+from __future__ import annotations
+
 import dataclasses
 
 import numpy as np
@@ -20,7 +22,7 @@ class Room:
     rt60: float  # target, seconds
     weights: tuple  # relative absorption of WALLS; unequal walls avoid flutter of a bare box
 
-    def absorption(self):
+    def absorption(self) -> dict[str, float]:
         """Energy absorption per wall that gives the target RT60 by Eyring's formula."""
         x, y, z = self.size
         area = np.array([y * z, y * z, x * z, x * z, x * y, x * y])
@@ -32,11 +34,11 @@ class Room:
             raise ValueError(f"RT60 of {self.rt60} s needs a wall that absorbs {alpha.max():.2f}")
         return dict(zip(WALLS, alpha))
 
-    def place(self, offset):
+    def place(self, offset: np.ndarray) -> np.ndarray:
         """Room position of an array-frame offset."""
         return np.array(self.array) + offset
 
-    def impulse_responses(self, offsets):
+    def impulse_responses(self, offsets: dict[str, np.ndarray]) -> dict[str, np.ndarray]:
         """Responses of sources at array-frame `offsets` (name -> xyz): name -> [3, taps]."""
         shoebox = pra.ShoeBox(
             self.size,
@@ -55,6 +57,6 @@ class Room:
         }
 
 
-def measured_rt60(response):
+def measured_rt60(response: np.ndarray) -> float:
     """RT60 from the -5..-35 dB part of the backward-integrated response, seconds."""
     return float(pra.measure_rt60(response, fs=RATE, decay_db=30))

@@ -4,6 +4,8 @@ Every call draws another fan, another hiss: levels, slopes, pitches and speeds o
 have what formulas lack; formulas have the numbers that recordings lack.
 """
 
+from __future__ import annotations
+
 import math
 
 import numpy as np
@@ -25,7 +27,7 @@ OCTAVES = np.arange(9)  # from 40 Hz on
 MAINS = (50.0, 60.0, 100.0, 120.0)
 
 
-def steady(rng, samples, count=1, kinds=KINDS):
+def steady(rng: np.random.Generator, samples: int, count: int = 1, kinds: dict[str, float] = KINDS) -> np.ndarray:
     """[count, samples] float32 of unit power: one noise at as many places, alike but not the same."""
     shares = np.array(list(kinds.values()))
     kind = rng.choice(list(kinds), p=shares / shares.sum())
@@ -35,7 +37,7 @@ def steady(rng, samples, count=1, kinds=KINDS):
     return np.float32(x / np.sqrt((x**2).mean() + 1e-20))
 
 
-def shaped(rng, samples, count, points):
+def shaped(rng: np.random.Generator, samples: int, count: int, points: np.ndarray) -> np.ndarray:
     """Gaussian noise [count, samples] of unit power; points: its spectrum, dB per octave from 40 Hz on."""
     size = scipy.fft.next_fast_len(samples, real=True)
     gain = response(points, scipy.fft.rfftfreq(size, 1.0 / RATE))
@@ -43,22 +45,22 @@ def shaped(rng, samples, count, points):
     return x[:, :samples] / np.sqrt((x**2).mean())
 
 
-def response(points, hz):
+def response(points: np.ndarray, hz: np.ndarray) -> np.ndarray:
     return 10 ** (np.interp(np.log2(np.maximum(hz, 20.0) / 40.0), OCTAVES, points) / 20)
 
 
-def slope(rng, low, high, spread):
+def slope(rng: np.random.Generator, low: float, high: float, spread: float) -> np.ndarray:
     """A spectrum of `low` to `high` dB per octave, each octave off by up to about `spread` dB."""
     return rng.uniform(low, high) * OCTAVES + rng.normal(0.0, rng.uniform(0.0, spread), len(OCTAVES))
 
 
-def slow(rng, samples, depth, hz):
+def slow(rng: np.random.Generator, samples: int, depth: float, hz: float) -> np.ndarray:
     """A gain that wanders by about `depth` dB within 1 / `hz` s."""
     points = rng.normal(0.0, depth, int(samples / RATE * hz) + 3)
     return 10 ** (np.interp(np.arange(samples) / RATE * hz, np.arange(len(points)), points) / 20)
 
 
-def tones(rng, samples, fundamental, count, fall):
+def tones(rng: np.random.Generator, samples: int, fundamental: float, count: int, fall: float) -> np.ndarray:
     """Harmonics of unit power that fall by `fall` dB per octave, each off by a few dB."""
     wander = slow(rng, samples, rng.uniform(0.0, 0.1), 1.0)
     phase = 2 * np.pi * np.cumsum(fundamental * wander) / RATE
@@ -69,24 +71,24 @@ def tones(rng, samples, fundamental, count, fall):
     return x / np.sqrt((x**2).mean() + 1e-20)
 
 
-def coloured(rng, samples, count):
+def coloured(rng: np.random.Generator, samples: int, count: int) -> np.ndarray:
     return shaped(rng, samples, count, slope(rng, -7.0, 0.5, 3.0))
 
 
-def white_or_coloured(rng, samples, count):
+def white_or_coloured(rng: np.random.Generator, samples: int, count: int) -> np.ndarray:
     if rng.random() < 0.3:
         return shaped(rng, samples, count, 0.0 * OCTAVES)
     return coloured(rng, samples, count)
 
 
-def speech_shaped(rng, samples, count):
+def speech_shaped(rng: np.random.Generator, samples: int, count: int) -> np.ndarray:
     fall = rng.uniform(-12.0, -7.0)
     points = np.where(OCTAVES < 4, 3.0 * (OCTAVES - 4), fall * (OCTAVES - 4))
     x = shaped(rng, samples, count, points + rng.normal(0.0, 2.0, len(OCTAVES)))
     return x * slow(rng, samples, rng.uniform(0.0, 4.0), rng.uniform(2.0, 6.0))
 
 
-def fan(rng, samples, count):
+def fan(rng: np.random.Generator, samples: int, count: int) -> np.ndarray:
     x = shaped(rng, samples, count, slope(rng, -6.0, -0.5, 4.0))
     blades = tones(rng, samples, rng.uniform(50.0, 400.0), int(rng.integers(2, 12)), rng.uniform(-9, -3))
     x = x + 10 ** (rng.uniform(-20.0, 3.0) / 20) * blades
@@ -95,23 +97,23 @@ def fan(rng, samples, count):
     return x * (1 + flutter)
 
 
-def air(rng, samples, count):
+def air(rng: np.random.Generator, samples: int, count: int) -> np.ndarray:
     x = shaped(rng, samples, count, slope(rng, -9.0, -4.0, 3.0))
     compressor = tones(rng, samples, rng.choice(MAINS) * rng.uniform(0.9, 1.0), 10, rng.uniform(-12, -4))
     return x + 10 ** (rng.uniform(-25.0, 0.0) / 20) * compressor
 
 
-def hum(rng, samples, count):
+def hum(rng: np.random.Generator, samples: int, count: int) -> np.ndarray:
     floor = shaped(rng, samples, count, slope(rng, -6.0, 0.0, 3.0))
     mains = tones(rng, samples, rng.choice(MAINS), int(rng.integers(5, 25)), rng.uniform(-9, -1))
     return mains + 10 ** (rng.uniform(-25.0, 0.0) / 20) * floor
 
 
-def hiss(rng, samples, count):
+def hiss(rng: np.random.Generator, samples: int, count: int) -> np.ndarray:
     return shaped(rng, samples, count, slope(rng, 0.5, 5.0, 2.0))
 
 
-def rain(rng, samples, count):
+def rain(rng: np.random.Generator, samples: int, count: int) -> np.ndarray:
     """Drops of very different sizes, 20 to 2000 per second."""
     drops = rng.standard_normal((count, samples)) ** 3
     drops *= rng.random((count, samples)) < 10 ** rng.uniform(1.3, 3.3) / RATE
@@ -121,7 +123,7 @@ def rain(rng, samples, count):
     return x + 10 ** (rng.uniform(-25.0, 0.0) / 20) * coloured(rng, samples, count)
 
 
-def knocks(rng, samples, count):
+def knocks(rng: np.random.Generator, samples: int, count: int) -> np.ndarray:
     """Short decaying resonances on a quiet floor."""
     x = 10 ** (rng.uniform(-35.0, -10.0) / 20) * coloured(rng, samples, 1)[0]
     t = np.arange(round(0.3 * RATE)) / RATE

@@ -5,12 +5,21 @@ A folder for one split, named by what it was made from (cache_keys.py): backgrou
 energies (level of their recordings), rooms.npy.
 """
 
+from __future__ import annotations
+
 import json
+import pathlib
+import typing
+from collections.abc import Callable, Iterator
 
 import numpy as np
 
 from .. import cache_keys
+from ..corpus import Clip, Corpus
 from ..scenes.audio import RATE
+from ..scenes.bank import RoomBank
+from ..scenes.cache import AecCache
+from ..shared import Record
 from . import spectra
 
 DECAY_FRAMES = 64  # 0.64 s of a room's decay
@@ -20,11 +29,11 @@ SELF_NOISE_SECONDS = 60.0
 RECIPE = ("models.features", "scenes.audio", "syllables.backgrounds", "syllables.spectra")
 
 
-def log_mel(x):
+def log_mel(x: np.ndarray) -> np.ndarray:
     return np.log(np.maximum(spectra.power(x, spectra.FEATURE_HOP) @ spectra.mel(), 1e-3))
 
 
-def room_decay(responses):
+def room_decay(responses: np.ndarray) -> np.ndarray:
     """Responses [3, taps] to the microphones -> energy in each band and each 10 ms of what the engine hears, their mean."""
     h = responses.mean(0)
     start = max(0, int(np.abs(h).argmax()) - 16)
@@ -35,7 +44,7 @@ def room_decay(responses):
     return np.float32(energy / energy.mean(1).sum())
 
 
-def clips_of(corpus, split):
+def clips_of(corpus: Corpus, split: str) -> dict[str, list[Clip]]:
     """{role: clips}. Other languages come from recordings, if there are any."""
     clips = {role: corpus.clips(role, split) for role in ("noise", "music", "far")}
     foreign = [c for c in clips["far"] if "mandarin" not in c.roles]
@@ -43,7 +52,7 @@ def clips_of(corpus, split):
     return clips
 
 
-def recordings(corpus, split):
+def recordings(corpus: Corpus, split: str) -> Iterator[tuple[str, np.ndarray]]:
     """Yields (role, log mel) in pieces of at most PIECE s."""
     for role, chosen in clips_of(corpus, split).items():
         for clip in chosen:
@@ -53,7 +62,7 @@ def recordings(corpus, split):
                     yield role, log_mel(x)
 
 
-def residual(clips):
+def residual(clips: AecCache | tuple[()]) -> Iterator[tuple[str, np.ndarray]]:
     """Yields what the canceller leaves of playback alone, relative to a power of the playback of 1."""
     for i in range(len(clips)):
         clip = clips[i]
@@ -66,7 +75,7 @@ def residual(clips):
                 yield "residual", log_mel(left / np.sqrt(played))
 
 
-def made_from(corpus, bank, clips, split):
+def made_from(corpus: Corpus, bank: RoomBank, clips: AecCache | None, split: str) -> Record:
     """What the backgrounds of a split are a function of."""
     return {
         "split": split,
@@ -77,7 +86,14 @@ def made_from(corpus, bank, clips, split):
     }
 
 
-def build(corpus, bank, clips, parent, split, progress=lambda done, of: None):
+def build(
+    corpus: Corpus,
+    bank: RoomBank,
+    clips: AecCache | None,
+    parent: pathlib.Path,
+    split: str,
+    progress: Callable[[int, int], object] = lambda done, of: None,
+) -> pathlib.Path:
     """Makes the backgrounds of a split in the folder `parent`, unless they are there. clips: runs of the canceller
     (scenes/cache.py), or None. Returns their own folder."""
     path = cache_keys.begin(parent, made_from(corpus, bank, clips, split))
@@ -86,7 +102,7 @@ def build(corpus, bank, clips, parent, split, progress=lambda done, of: None):
         return path
     pieces, at = [], 0
 
-    def keep(f, role, energies):
+    def keep(f: typing.BinaryIO, role: str, energies: np.ndarray) -> None:
         nonlocal at
         f.write(energies.astype(np.float16).tobytes())
         pieces.append([role, at, len(energies)])
@@ -107,7 +123,7 @@ def build(corpus, bank, clips, parent, split, progress=lambda done, of: None):
 
 
 class Backgrounds:
-    def __init__(self, path):
+    def __init__(self, path: pathlib.Path) -> None:
         description = json.loads((path / "backgrounds.json").read_text())
         self.features = np.memmap(path / "features.f16", np.float16, "r", shape=(description["frames"], 40))
         self.rooms = np.load(path / "rooms.npy")
@@ -120,7 +136,7 @@ class Backgrounds:
             lengths = np.array([n for _, n in pieces], float)
             self.shares[role] = np.cumsum(lengths / lengths.sum())
 
-    def energies(self, rng, role, frames):
+    def energies(self, rng: np.random.Generator, role: str, frames: int) -> np.ndarray:
         """Mel energies [frames, 40] from anywhere in a role's recordings, short ones one after the other; for
         "residual" time runs from a recording's beginning in a third of the draws, before the canceller has learnt."""
         found, missing = [], frames

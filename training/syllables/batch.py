@@ -4,11 +4,17 @@ Speech is warped, put through rooms and mixed as mel energies: powers add, phase
 times faster than on waves and lets every utterance have a voice, a room and noises of its own.
 """
 
+from __future__ import annotations
+
+from collections.abc import Sequence
+
 import numpy as np
 
 from ..device_facts import FRAMES_PER_BLOCK, RATE
 from . import spectra, texts
-from .texts import FRAMES_PER_SECOND
+from .backgrounds import Backgrounds
+from .texts import FRAMES_PER_SECOND, Piece
+from .voices import Voices
 
 FORMANTS, PITCH = (0.87, 1.15), (0.65, 1.4)  # factors
 FAR_FORMANTS, FAR_PITCH, FAR_SHARE = (0.80, 1.22), (0.5, 1.6), 0.3  # now and then: children, very low and high voices
@@ -37,12 +43,12 @@ LAST = np.array([0.19, 0.24, 0.20, 0.15, 0.14, 0.02, 0.03, 0.03])
 WITHOUT_SPEECH = KINDS[4:]
 
 
-def shares(progress):
+def shares(progress: float) -> np.ndarray:
     later = np.clip((progress - 0.45) / 0.15, 0, 1)
     return (1 - later) * FIRST + later * LAST
 
 
-def colour(rng):
+def colour(rng: np.random.Generator) -> np.ndarray:
     """Factors of the bands' energies: another microphone, another mouth."""
     x = np.linspace(0, 1, 40)
     decibels = rng.normal(0, 4.0) * (x - 0.5)
@@ -51,7 +57,7 @@ def colour(rng):
     return np.float32(10 ** (decibels / 10))
 
 
-def speak(rng, voices, pieces, frames):
+def speak(rng: np.random.Generator, voices: Voices, pieces: Sequence[Piece], frames: int) -> np.ndarray:
     """Mel energies [frames, 40] of an utterance, active power about 1, in a voice of its own."""
     bins = np.arange(spectra.BINS) * (RATE / 2 / (spectra.BINS - 1))
     far = rng.random() < FAR_SHARE
@@ -78,7 +84,7 @@ def speak(rng, voices, pieces, frames):
     return heard
 
 
-def reverberant(energies, decay):
+def reverberant(energies: np.ndarray, decay: np.ndarray) -> np.ndarray:
     """Energies through a room's decay, band by band."""
     y = decay[0] * energies
     audible = np.flatnonzero(decay.max(1) > INAUDIBLE)[-1]
@@ -87,13 +93,13 @@ def reverberant(energies, decay):
     return y
 
 
-def active_level(energies):
+def active_level(energies: np.ndarray) -> float:
     """Mean power of the frames within 30 dB of the loudest."""
     loud = energies @ spectra.level_weights()
     return loud[loud > 1e-3 * loud.max()].mean() + 1e-12
 
 
-def noise(rng, backgrounds, frames, present):
+def noise(rng: np.random.Generator, backgrounds: Backgrounds, frames: int, present: float) -> tuple[np.ndarray | None, float]:
     """Mel energies of unit power, or for playback of the canceller's remainder at a playback of unit power; decibels
     below speech. present: share of the utterances that have any."""
     kinds = [k for k in NOISES if k in ("none", "babble") or k in backgrounds.pieces]
@@ -110,11 +116,19 @@ def noise(rng, backgrounds, frames, present):
     return unit(x), rng.uniform(*(TALKER_SNR if kind == "far" else SNR))
 
 
-def unit(energies):
+def unit(energies: np.ndarray) -> np.ndarray:
     return energies / np.float32((energies @ spectra.level_weights()).mean() + 1e-12)
 
 
-def features(rng, voices, backgrounds, kind, pieces, frames, hard=1.0):
+def features(
+    rng: np.random.Generator,
+    voices: Voices,
+    backgrounds: Backgrounds,
+    kind: str,
+    pieces: Sequence[Piece] | None,
+    frames: int,
+    hard: float = 1.0,
+) -> np.ndarray:
     """Log mel energies [frames, 40] as the engine computes them. hard: factor of the shares of rooms, noise and masks."""
     if pieces is None:
         x = backgrounds.energies(rng, kind, frames)
@@ -141,7 +155,7 @@ def features(rng, voices, backgrounds, kind, pieces, frames, hard=1.0):
     return y
 
 
-def alignment(pieces, steps):
+def alignment(pieces: Sequence[Piece] | None, steps: int) -> tuple[list[int], list[int], list[int], list[int], bool]:
     """Classes of the syllables that have one, the steps in which they may be said, the steps of their middles, whether
     all that is certain."""
     labels, first, last, middle, certain = [], [], [], [], True
@@ -163,7 +177,9 @@ def alignment(pieces, steps):
     return labels, first, last, middle, certain
 
 
-def draw(rng, voices, backgrounds, kind, frames):
+def draw(
+    rng: np.random.Generator, voices: Voices, backgrounds: Backgrounds, kind: str, frames: int
+) -> tuple[str, list[Piece] | None]:
     if kind in WITHOUT_SPEECH and kind not in backgrounds.pieces:
         kind = "string"
     while True:
@@ -176,7 +192,9 @@ def draw(rng, voices, backgrounds, kind, frames):
         return kind, pieces
 
 
-def batch(voices, backgrounds, rng, size, seconds, progress):
+def batch(
+    voices: Voices, backgrounds: Backgrounds, rng: np.random.Generator, size: int, seconds: float, progress: float
+) -> dict[str, np.ndarray]:
     """features [B, frames, 40]; labels [B, L] with 0 behind the last, first, last and middle step of each (alignment());
     certain [B]; kind [B] of KINDS; progress."""
     frames = round(seconds * FRAMES_PER_SECOND) // FRAMES_PER_BLOCK * FRAMES_PER_BLOCK

@@ -3,6 +3,11 @@
 Isolated syllables are few and slow. Those inside words are many, of more speakers, and as people say them.
 """
 
+from __future__ import annotations
+
+import pathlib
+from collections.abc import Iterator, Sequence
+
 import numpy as np
 
 from .. import cache_keys, engine, export
@@ -21,7 +26,7 @@ AUDIBLE = 0.01  # of the loudest frame's power: where words begin and end
 FRAME, SIDE = 80, 3  # samples; frames compared on either side of a boundary
 
 
-def made_from(library, params):
+def made_from(library: pathlib.Path, params: pathlib.Path) -> dict[str, str]:
     """What a Cutter's cuts come from, beside the clip (cache_keys.py)."""
     return {"library": cache_keys.file_digest(library), "parameters": cache_keys.file_digest(params)}
 
@@ -29,20 +34,20 @@ def made_from(library, params):
 class Cutter:
     """library: built libquibo.so; params: the network's exported file; classes: {syllable: class}."""
 
-    def __init__(self, library, params, classes):
+    def __init__(self, library: pathlib.Path, params: pathlib.Path, classes: dict[str, int]) -> None:
         tables = export.read(params)
         tables.pop("fbank_filter1")
         self.library, self.classes = engine.load(library, tables), classes
         self.made_from = made_from(library, params)
 
-    def posteriors(self, x):
+    def posteriors(self, x: np.ndarray) -> np.ndarray:
         """Per step of the wave and of what is put around it, as the decoder has them [steps, 146]."""
         noise = np.random.default_rng(len(x)).standard_normal(len(x) + (LEAD + TAIL) * BLOCK) * QUIETEST
         noise[LEAD * BLOCK : LEAD * BLOCK + len(x)] += x * (LEVEL / (np.sqrt((x**2).mean()) + 1e-9))
         wave = np.int16(np.clip(noise, -0.99, 0.99) * FULL_SCALE)
         return np.float64(list(engine.posteriors(self.library, wave[: len(wave) // BLOCK * BLOCK])))
 
-    def cut(self, x, said):
+    def cut(self, x: np.ndarray, said: Sequence[str]) -> Iterator[tuple[str, int, int]]:
         """Yields (syllable, begin, end) in samples for those whose both ends are known."""
         known = [self.classes[s] for s in said if s in self.classes]
         found = last_steps(self.posteriors(x), known) if known else None
@@ -67,7 +72,7 @@ class Cutter:
             begin = end if sure else None
 
 
-def last_steps(p, classes):
+def last_steps(p: np.ndarray, classes: Sequence[int]) -> list[tuple[int, float]] | None:
     """The best way through posteriors [steps, 146] that says the classes in their order, blanks between: last step and
     best posterior of each class; None if there is no way."""
     states = np.full(2 * len(classes) + 1, BLANK)
@@ -100,7 +105,7 @@ def last_steps(p, classes):
     return found
 
 
-def boundary(log_mel, seconds):
+def boundary(log_mel: np.ndarray, seconds: float) -> float:
     """Where the spectrum changes most, in s, near where a boundary should be. log_mel: every FRAME samples."""
     per_second = RATE / FRAME
     at, around = round(seconds * per_second), round(SEARCH * per_second)

@@ -1,5 +1,7 @@
 """The decoder's score of the wake phrase (wakeup/decoder.cpp), differentiable: what decides is trained and measured itself."""
 
+from __future__ import annotations
+
 import torch
 
 from ..device_facts import BLANK, DECAY, DECAY_AFTER, DIVISOR, FILLER, RESET_AFTER, SILENT, SMALLEST_SCORE
@@ -11,13 +13,13 @@ CLASSES = [PHRASE[j // 2] if j % 2 else BLANK for j in range(STATES)]
 SKIPS = torch.tensor([float(j > 1 and j % 2 == 1 and CLASSES[j] != CLASSES[j - 2]) for j in range(STATES)])
 
 
-def merged(log_posteriors):
+def merged(log_posteriors: torch.Tensor) -> torch.Tensor:
     """Log posteriors with the filler's share added to the blank's, as the decoder has them."""
     blank = torch.logaddexp(log_posteriors[..., BLANK], log_posteriors[..., FILLER])
     return torch.cat([log_posteriors[..., :BLANK], blank[..., None]], -1)
 
 
-def silent_runs(blank):
+def silent_runs(blank: torch.Tensor) -> tuple[torch.Tensor, torch.Tensor]:
     """Per step the number of silent steps up to it, and whether all scores are cleared there. blank [B, T]."""
     count, runs, cleared = torch.zeros_like(blank[:, 0]), [], []
     for step in (blank > SILENT).unbind(1):
@@ -28,7 +30,7 @@ def silent_runs(blank):
     return torch.stack(runs, 1), torch.stack(cleared, 1)
 
 
-def scores(log_posteriors):
+def scores(log_posteriors: torch.Tensor) -> tuple[torch.Tensor, torch.Tensor]:
     """[B, T, 146] merged -> the score of the phrase's last syllable [B, T], and where a step may wake."""
     p = log_posteriors[..., CLASSES].exp()
     blank = p[..., 0]
@@ -50,5 +52,5 @@ def scores(log_posteriors):
     return torch.stack(found, 1), blank <= SILENT
 
 
-def cost(score):
+def cost(score: torch.Tensor) -> torch.Tensor:
     return -torch.log(score + SMALLEST_SCORE) / DIVISOR

@@ -1,6 +1,9 @@
 """The syllables the network has classes for, the wake phrase made of them, and what sounds like its syllables."""
 
+from __future__ import annotations
+
 import functools
+from collections.abc import Iterable, Sequence
 
 from params import syllable_names
 
@@ -11,19 +14,19 @@ LIKE_DANG = "bang deng dong fang da dan dai tang gang zhang lang mang pang ang c
 
 
 @functools.cache
-def inventory():
+def inventory() -> dict[str, int]:
     """{syllable: class}"""
     return syllable_names.classes()
 
 
-def classes_of(syllables):
+def classes_of(syllables: Iterable[str]) -> list[int]:
     """0 for those the network has no class for."""
     return [inventory().get(s, 0) for s in syllables]
 
 
-def holds_phrase(said):
+def holds_phrase(said: Sequence[int]) -> bool:
     return any(tuple(said[i : i + 4]) == PHRASE for i in range(len(said) - 3))
 
 
-def is_near_miss(said):
+def is_near_miss(said: Sequence[int]) -> bool:
     return sum(c in PHRASE for c in said) > 1 and not holds_phrase(said)

@@ -1,5 +1,7 @@
 """Power spectra as the engine's features see them, in numpy and at any hop, and voices bent in them."""
 
+from __future__ import annotations
+
 import functools
 
 import numpy as np
@@ -15,12 +17,12 @@ PITCH_QUEFRENCY = (30, 44)  # samples: the spectral envelope is below, the harmo
 
 
 @functools.cache
-def mel():
+def mel() -> np.ndarray:
     return features.MEL.numpy()
 
 
 @functools.cache
-def level_weights():
+def level_weights() -> np.ndarray:
     """Mel energies times these, summed, are the power of the wave: pre-emphasis, window and transform undone."""
     centre = (mel() * np.arange(BINS)[:, None]).sum(0) / mel().sum(0)
     emphasis = np.abs(1 - features.PRE_EMPHASIS * np.exp(-2j * np.pi * centre / features.MEL_FFT)) ** 2
@@ -28,7 +30,7 @@ def level_weights():
     return np.float32(1 / emphasis / frame)
 
 
-def power(x, hop):
+def power(x: np.ndarray, hop: int) -> np.ndarray:
     """x of full scale 1.0 -> power spectra [frames, 257]; frame i is centred on sample i hop."""
     half = features.MEL_FRAME // 2
     frames = sliding_window_view(np.pad(np.float32(x) * np.float32(FULL_SCALE), half), features.MEL_FRAME)[::hop]
@@ -39,7 +41,7 @@ def power(x, hop):
 
 
 @functools.cache
-def envelope():
+def envelope() -> np.ndarray:
     """[257, 257]: log spectrum -> its smooth part."""
     low, high = PITCH_QUEFRENCY
     lifter = 0.5 + 0.5 * np.cos(np.pi * np.clip((np.arange(BINS) - low) / (high - low), 0, 1))
@@ -47,7 +49,7 @@ def envelope():
     return np.float32(scipy.fft.idct(lifter[:, None] * cosines, type=1, axis=0))
 
 
-def stretched(matrix, factor):
+def stretched(matrix: np.ndarray, factor: float) -> np.ndarray:
     """The rows of `matrix`, functions of frequency, moved to `factor` times their frequency (one for all bins, or one for
     each); mirrored at the top."""
     at = np.arange(BINS) / factor
@@ -57,7 +59,7 @@ def stretched(matrix, factor):
     return matrix[low] * (1 - part) + matrix[low + 1] * part
 
 
-def voice(formants, pitch, voicing):
+def voice(formants: float, pitch: float, voicing: float) -> np.ndarray:
     """[257, 257]: log spectra @ this have formants (by one factor or one per bin) and pitch times these factors, harmonics
     `voicing` as marked."""
     smooth = envelope()

@@ -8,12 +8,18 @@ Many speakers, most of all in the north, say "-ing" with a schwa before the nasa
 "li" and "feng", one going over into the other.
 """
 
+from __future__ import annotations
+
 import collections
 import dataclasses
+import typing
 
 import numpy as np
 
 from . import spectra
+
+if typing.TYPE_CHECKING:
+    from .voices import Voices
 
 INITIALS = "zh ch sh b p m f d t n l g k h j q x r z c s".split()
 FADE = 4  # frames of 5 ms in which one goes over into the other
@@ -27,7 +33,7 @@ SCHWA_LEAVE, SCHWA_ENTER = (0.2, 0.5), (0.35, 0.5)  # of a syllable, where the j
 SCHWA_FADE = (8, 20)  # frames
 
 
-def parts(name):
+def parts(name: str) -> tuple[str, str, str]:
     """Initial, final and the vowel the final begins with, of a toneless syllable: "liang" -> ("l", "iang", "i")."""
     if name[0] in "yw":
         final = {
@@ -70,11 +76,11 @@ class Splice:
 class Splices:
     """classes: {syllable: class}."""
 
-    def __init__(self, voices, classes):
+    def __init__(self, voices: Voices, classes: dict[str, int]) -> None:
         self.voices, self.kept, self.places, self.donors = voices, {}, {}, {}
         self.parts = {c: parts(name) for name, c in classes.items()}
 
-    def of_speaker(self, speaker):
+    def of_speaker(self, speaker: str) -> dict[int, tuple[list[int], list[int], list[int]]]:
         """{class: (pieces to begin with, pieces to end with, pieces to end with after a schwa)}; class 0 has no name to go
         by."""
         if speaker not in self.donors:
@@ -91,7 +97,7 @@ class Splices:
             }
         return self.donors[speaker]
 
-    def choose(self, rng, speaker, syllable):
+    def choose(self, rng: np.random.Generator, speaker: str, syllable: int) -> Splice | None:
         """A Splice, or None where there is nothing that goes together."""
         heads, tails, schwas = self.of_speaker(speaker).get(syllable, ((), (), ()))
         if len(heads) and len(schwas) and rng.random() < SCHWA_SHARE:
@@ -102,19 +108,19 @@ class Splices:
                 return found
         return None
 
-    def joined(self, head, tail):
+    def joined(self, head: int, tail: int) -> Splice | None:
         if head == tail:
             return None
         if (head, tail) not in self.kept:
             self.kept[head, tail] = self.search(head, tail)
         return self.kept[head, tail]
 
-    def place(self, piece):
+    def place(self, piece: int) -> tuple[np.ndarray, np.ndarray]:
         if piece not in self.places:
             self.places[piece] = self.candidates(piece)
         return self.places[piece]
 
-    def with_schwa(self, rng, head, tail):
+    def with_schwa(self, rng: np.random.Generator, head: int, tail: int) -> Splice | None:
         (a, at_a), (b, at_b) = self.place(head), self.place(tail)
         at_a = at_a[(at_a >= SCHWA_LEAVE[0] * len(a)) & (at_a < SCHWA_LEAVE[1] * len(a))]
         at_b = at_b[(at_b >= SCHWA_ENTER[0] * len(b)) & (at_b < SCHWA_ENTER[1] * len(b))]
@@ -124,7 +130,7 @@ class Splices:
         raised = float(b[enter].mean() - a[leave].mean())
         return Splice(head, tail, leave, enter, raised, leave + len(b) - enter, int(rng.integers(*SCHWA_FADE)))
 
-    def search(self, head, tail):
+    def search(self, head: int, tail: int) -> Splice | None:
         (a, at_a), (b, at_b) = self.place(head), self.place(tail)
         if not len(at_a) or not len(at_b):
             return None
@@ -140,7 +146,7 @@ class Splices:
         raised = float(b[enter + around].mean() - a[leave + around].mean())
         return Splice(head, tail, leave, enter, raised, leave + len(b) - enter)
 
-    def candidates(self, piece):
+    def candidates(self, piece: int) -> tuple[np.ndarray, np.ndarray]:
         """Log mel energies of a piece, and the frames at which it may be joined."""
         count = self.voices.pieces[piece][2]
         power = np.exp(self.voices.at(piece, np.arange(count))) @ spectra.mel()
@@ -148,7 +154,7 @@ class Splices:
         at = np.arange(max(CONTEXT, int(EARLIEST * count)), min(count - CONTEXT - 1, int(LATEST * count)))
         return np.log(power + 1e-9), at[loud[at] > VOICED * loud.max()]
 
-    def rows(self, splice, u):
+    def rows(self, splice: Splice, u: np.ndarray) -> np.ndarray:
         """Log spectra at u, which runs from 0 to 1 over the splice."""
         at = u * splice.frames
         share = np.float32(np.clip((at - splice.leave) / splice.fade + 0.5, 0, 1))[:, None]

@@ -1,11 +1,16 @@
 """What is said, and when: the wake phrase, what is nearly it, strings of syllables, words, sentences."""
 
+from __future__ import annotations
+
 import dataclasses
 import math
+import typing
+from collections.abc import Iterator, Sequence
 
 import numpy as np
 
 from .inventory import DANG, LIKE_DANG, LIKE_LING, LING, PHRASE, holds_phrase, inventory
+from .voices import Voices
 
 FRAMES_PER_SECOND = 100
 SYLLABLE = (0.13, 0.6)  # s, limits of the mean length of an utterance's syllables
@@ -27,12 +32,18 @@ class Piece:
     number: object  # of the voices: what its choose() gave, or one of its pieces
     begin: float  # frames of 10 ms
     frames: float
-    said: tuple  # classes
+    said: tuple[int, ...]  # classes
     decibels: float = 0.0
     ends: tuple = None  # shares of the frames at which each ends; None: they are evenly spread, as far as is known
 
 
-def one_off(rng, known):
+class Saying(typing.Protocol):
+    """What joined() takes syllables from: Voices, or the waves of listening tests."""
+
+    def choose(self, rng: np.random.Generator, speaker: str, syllable: int) -> object: ...
+
+
+def one_off(rng: np.random.Generator, known: list[int]) -> list[int]:
     """The phrase with one syllable wrong, in one place or in both. known: classes to choose from."""
     said, place = list(PHRASE), int(rng.integers(4))
     close = [inventory()[name] for name in (LIKE_LING, LIKE_DANG)[place % 2]]
@@ -44,7 +55,7 @@ def one_off(rng, known):
     return said
 
 
-def disordered(rng, known):
+def disordered(rng: np.random.Generator, known: list[int]) -> list[int]:
     a, b, x = LING, DANG, int(rng.choice(known))
     orders = (
         [a, b, a],
@@ -64,7 +75,7 @@ def disordered(rng, known):
     return list(orders[rng.integers(len(orders))])
 
 
-def near_miss(rng, known):
+def near_miss(rng: np.random.Generator, known: list[int]) -> tuple[list[int], int | None]:
     """Classes and the place behind which there is a pause too long for the phrase, or None."""
     kind = rng.random()
     while True:
@@ -75,7 +86,7 @@ def near_miss(rng, known):
             return said, pause
 
 
-def some(rng, voices, speaker, count):
+def some(rng: np.random.Generator, voices: Voices, speaker: str, count: int) -> list[int]:
     """Classes of syllables that the speaker has said, drawn by frequency; 0 for those that have no class."""
     mine = voices.syllables[speaker]
     p = voices.frequency * np.isin(np.arange(len(voices.frequency)), list(mine))
@@ -83,18 +94,27 @@ def some(rng, voices, speaker, count):
     return [0 if u < OUTSIDE_SHARE and 0 in mine else int(c) for c, u in zip(said, rng.random(count))]
 
 
-def tempo(rng, slowest=SYLLABLE[1]):
+def tempo(rng: np.random.Generator, slowest: float = SYLLABLE[1]) -> float:
     return float(np.clip(TYPICAL * math.exp(rng.normal(0, SPREAD)), SYLLABLE[0], slowest))
 
 
-def gap(rng):
+def gap(rng: np.random.Generator) -> float:
     """s to the next syllable; below 0 they overlap."""
     kind = rng.random()
     low, high = (-0.035, 0.01) if kind < 0.62 else (0.0, 0.08) if kind < 0.82 else (0.08, 0.25)
     return rng.uniform(low, high)
 
 
-def joined(rng, voices, speaker, said, frames, pause=None, length=None, cut=False):
+def joined(
+    rng: np.random.Generator,
+    voices: Saying,
+    speaker: str,
+    said: Sequence[int],
+    frames: float,
+    pause: int | None = None,
+    length: float | None = None,
+    cut: bool = False,
+) -> list[Piece] | None:
     """Isolated syllables of one speaker joined to an utterance that ends within `frames`; None if it does not fit. cut:
     what does not fit is left away. length: mean s per syllable."""
     mean = length or tempo(rng)
@@ -119,7 +139,7 @@ def joined(rng, voices, speaker, said, frames, pause=None, length=None, cut=Fals
     return placed(rng, pieces, spare * FRAMES_PER_SECOND)
 
 
-def placed(rng, pieces, spare):
+def placed(rng: np.random.Generator, pieces: list[Piece], spare: float) -> list[Piece]:
     """Moved to a random place, which often is the very beginning: the engine starts afresh after every wake."""
     start = rng.uniform(0, spare) if rng.random() < 0.8 else rng.uniform(0, min(spare, 10))
     for piece in pieces:
@@ -127,7 +147,7 @@ def placed(rng, pieces, spare):
     return pieces
 
 
-def words(rng, voices, speaker, frames, core=None):
+def words(rng: np.random.Generator, voices: Voices, speaker: str, frames: int, core: int | None = None) -> list[Piece] | None:
     """Words and sentences as somebody said them, one after the other; around the piece `core`, if there is one."""
     available, speed = frames / FRAMES_PER_SECOND, Speed(rng, voices)
     pieces, at, said = [], 0.0, []
@@ -157,7 +177,7 @@ def words(rng, voices, speaker, frames, core=None):
     return placed(rng, pieces, frames - pieces[-1].begin - pieces[-1].frames)
 
 
-def sequence(rng, others, core):
+def sequence(rng: np.random.Generator, others: list[int], core: int | None) -> Iterator[int]:
     """Others without end; or the core, now and then among a few of them."""
     while core is None:
         yield int(rng.choice(others))
@@ -171,10 +191,10 @@ def sequence(rng, others, core):
 class Speed:
     """Seconds a recorded piece takes in an utterance of one tempo."""
 
-    def __init__(self, rng, voices):
+    def __init__(self, rng: np.random.Generator, voices: Voices) -> None:
         self.rng, self.voices, self.citation, self.length = rng, voices, rng.uniform(1.0, 1.8), tempo(rng)
 
-    def __call__(self, number, classes, ends, fits):
+    def __call__(self, number: int, classes: Sequence[int], ends: Sequence[float] | None, fits: float | None) -> float:
         """fits: s into which a sentence is to be brought, if a little haste does it."""
         seconds = self.voices.seconds(number)
         if ends:  # spoken fluently
@@ -185,7 +205,7 @@ class Speed:
         return 0.99 * fits if fits and fits < seconds < fits * FASTEST else seconds
 
 
-def speaker_of(rng, speakers):
+def speaker_of(rng: np.random.Generator, speakers: dict[str, float]) -> str:
     """speakers: {name: weight}."""
     groups = {}
     for name in speakers:
@@ -196,13 +216,13 @@ def speaker_of(rng, speakers):
     return chosen[rng.choice(len(chosen), p=p / p.sum())]
 
 
-def said_as_a_whole(rng, voices, whole, frames):
+def said_as_a_whole(rng: np.random.Generator, voices: Voices, whole: dict[str, list[int]], frames: int) -> list[Piece] | None:
     """whole: {speaker: pieces}, one of which is said."""
     speaker = speaker_of(rng, dict.fromkeys(whole, 1.0))
     return words(rng, voices, speaker, frames, int(rng.choice(whole[speaker])))
 
 
-def utterance(rng, voices, kind, frames):
+def utterance(rng: np.random.Generator, voices: Voices, kind: str, frames: int) -> list[Piece] | None:
     """Pieces of an utterance of a kind: "phrase", "near miss", "string" or "words"; None if it came out too long."""
     if kind == "words" and voices.words:
         return words(rng, voices, speaker_of(rng, voices.word_speakers), frames)

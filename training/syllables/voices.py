@@ -6,15 +6,22 @@ They lie in a folder for one split, named by what it was made from (cache_keys.p
   spectra.f16    [frames, 257] float16, log power spectra every HOP samples; every clip's active power is 1
 """
 
+from __future__ import annotations
+
 import collections
 import json
+import pathlib
+from collections.abc import Callable, Iterator
 
 import numpy as np
 
 from .. import cache_keys, synthetic
 from .. import corpus as corpora
+from ..corpus import Corpus
 from ..device_facts import RATE
+from ..shared import Record
 from . import spectra, splicing
+from .cutting import Cutter
 from .inventory import DANG, LIKE_DANG, LIKE_LING, LING, PHRASE, classes_of, holds_phrase, inventory, is_near_miss
 
 HOP = 80
@@ -31,8 +38,10 @@ FLOOR = 1e-3  # power below int16 steps
 SHORTEST = 10  # frames of a syllable
 RECIPE = ("models.features", "syllables.cutting", "syllables.inventory", "syllables.spectra", "syllables.voices")
 
+Said = tuple[str, list[str], np.ndarray, list[int] | None]  # speaker, syllables, samples, ends
 
-def pieces(corpus, split, cutter=None):
+
+def pieces(corpus: Corpus, split: str, cutter: Cutter | None = None) -> Iterator[Said]:
     """Yields (speaker, syllables, samples, samples at which each syllable ends or None); of words and sentences in which
     nobody says that, their syllables, too, if there is a cutter."""
     for clip in corpus.clips("mandarin", split):
@@ -46,7 +55,7 @@ def pieces(corpus, split, cutter=None):
                     yield clip.speaker, [syllable], x[begin:end], None
 
 
-def synthetic_pieces(split, seed, voices):
+def synthetic_pieces(split: str, seed: int, voices: int) -> Iterator[Said]:
     """The synthesiser's isolated syllables, by the voices of a split."""
     names = list(inventory())
     for number, variant in enumerate(synthetic.SPEAKERS):
@@ -64,7 +73,7 @@ def synthetic_pieces(split, seed, voices):
             return
 
 
-def active(x):
+def active(x: np.ndarray) -> tuple[np.ndarray, int] | None:
     """Log spectra of the part of a clip in which somebody speaks, its active power brought to 1, and its first frame;
     None if there is none."""
     p = spectra.power(x, HOP)
@@ -77,7 +86,7 @@ def active(x):
     return np.log(np.maximum(p, FLOOR)), int(first)
 
 
-def made_from(corpus, split, seed, synthetic_voices, cutter):
+def made_from(corpus: Corpus, split: str, seed: int, synthetic_voices: int, cutter: dict[str, str] | None) -> Record:
     """What the voices of a split are a function of; cutter: what cutting.made_from() says of it, or None."""
     return {
         "seed": seed,
@@ -91,7 +100,15 @@ def made_from(corpus, split, seed, synthetic_voices, cutter):
     }
 
 
-def build(corpus, parent, split, seed, synthetic_voices=100, cutter=None, progress=lambda done, of: None):
+def build(
+    corpus: Corpus,
+    parent: pathlib.Path,
+    split: str,
+    seed: int,
+    synthetic_voices: int = 100,
+    cutter: Cutter | None = None,
+    progress: Callable[[int, int], object] = lambda done, of: None,
+) -> pathlib.Path:
     """Makes those of a split in the folder `parent`, unless it is there. Returns its own folder."""
     path = cache_keys.begin(parent, made_from(corpus, split, seed, synthetic_voices, cutter and cutter.made_from))
     file = path / "voices.json"
@@ -127,7 +144,7 @@ def build(corpus, parent, split, seed, synthetic_voices=100, cutter=None, progre
 class Voices:
     """What was built in several folders, as one."""
 
-    def __init__(self, *paths):
+    def __init__(self, *paths: pathlib.Path) -> None:
         self.pieces, self.spectra = [], []  # pieces: speaker, first frame, frames, classes, ends, folder
         for path in paths:
             description = json.loads((path / "voices.json").read_text())
@@ -160,19 +177,19 @@ class Voices:
         }
         self.splices = splicing.Splices(self, inventory())
 
-    def choose(self, rng, speaker, syllable):
+    def choose(self, rng: np.random.Generator, speaker: str, syllable: int) -> int | splicing.Splice:
         """A piece in which the speaker says the class: a recorded one, or one spliced from two."""
         recorded = self.syllables[speaker][syllable]
         spliced = rng.random() < SPLICED_SHARE and self.splices.choose(rng, speaker, syllable)
         return spliced or int(recorded[rng.integers(len(recorded))])
 
-    def rows(self, piece, u):
+    def rows(self, piece: int | splicing.Splice, u: np.ndarray) -> np.ndarray:
         """Log spectra of a piece at u, which runs from 0 to 1 over it."""
         if isinstance(piece, splicing.Splice):
             return self.splices.rows(piece, u)
         return self.at(piece, u * self.pieces[piece][2])
 
-    def at(self, piece, frames):
+    def at(self, piece: int, frames: np.ndarray) -> np.ndarray:
         """Log spectra of a recorded piece at fractional frames."""
         _, first, count, _, _, folder = self.pieces[piece]
         frames = np.clip(frames, 0, count - 1.001)
@@ -181,5 +198,5 @@ class Voices:
         rows = self.spectra[folder]
         return rows[first + low] * (1 - part) + rows[first + low + 1] * part
 
-    def seconds(self, piece):
+    def seconds(self, piece: int) -> float:
         return self.pieces[piece][2] * HOP / RATE

@@ -6,6 +6,7 @@ import numpy as np
 import torch
 
 from .. import tasks
+from ..data import doa as scenes
 from ..device_facts import DECISION_BLOCKS, HEADING_OFFSET
 from ..models import doa
 
@@ -14,6 +15,8 @@ CHORD_ROUNDING = 0.03  # of the heading's loss near zero, radians
 
 
 class Task(tasks.Task):
+    data: scenes.Scenes | scenes.Stub
+
     def model(self) -> doa.DirectionNetwork:
         return doa.DirectionNetwork(**self.config["model"])
 

@@ -15,6 +15,7 @@ import torch
 from params.syllable_names import class_names
 
 from .. import tasks
+from ..data import kws as scenes
 from ..device_facts import BLANK, CLASSES, FILLER, THRESHOLD
 from ..models import kws
 from ..models.quantise import set_mode
@@ -28,6 +29,8 @@ PER_TEXT = 4.0  # weighs texts of different length: nats per (syllables + this)
 
 
 class Task(tasks.Task):
+    data: scenes.Scenes | scenes.Stub
+
     def model(self) -> kws.SyllableNetwork:
         return kws.SyllableNetwork()
 

@@ -8,6 +8,7 @@ import numpy as np
 import torch
 
 from .. import data, losses, tasks
+from ..data import naec as scenes
 from ..device_facts import RATE
 from ..models import spectrum
 from ..models.naec import LOW_BINS, LOW_FACTOR, EchoSuppressor
@@ -15,6 +16,8 @@ from ..shared import Config
 
 
 class Task(tasks.Task):
+    data: scenes.Scenes | scenes.Stub
+
     def __init__(self, config: Config, source: data.Stub | data.Scenes) -> None:
         super().__init__(config, source)
         self.low_factors = spectrum.low_bin_factors(LOW_BINS, LOW_FACTOR)
@@ -50,7 +53,7 @@ class Task(tasks.Task):
         estimate: torch.Tensor,
         target: torch.Tensor,
         error: torch.Tensor,
-        sizes: Sequence[int] = losses.RESOLUTIONS,
+        sizes: Sequence[int] | np.ndarray = losses.RESOLUTIONS,
     ) -> torch.Tensor:
         c = self.config["loss"]
         # Bins where echo is left count more: there the network earns its keep. Where the talker is what there is, taking

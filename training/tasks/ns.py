@@ -6,6 +6,7 @@ import numpy as np
 import torch
 
 from .. import data, losses, tasks
+from ..data import ns as scenes
 from ..device_facts import MICROPHONES
 from ..models import spectrum
 from ..models.ns import LOW_BINS, LOW_FACTOR, NoiseSuppressor
@@ -15,6 +16,8 @@ VALIDATION_FLOOR = 0.1
 
 
 class Task(tasks.Task):
+    data: scenes.Scenes | scenes.Stub
+
     def __init__(self, config: Config, source: data.Stub | data.Scenes) -> None:
         super().__init__(config, source)
         self.low_factors = spectrum.low_bin_factors(LOW_BINS, LOW_FACTOR)

@@ -3,7 +3,11 @@
 A peer has a name, a description, `suppress_noise(x)` and / or `cancel_echo(mic, ref)` on float [n].
 """
 
+from __future__ import annotations
+
 import inspect
+import pathlib
+from collections.abc import Callable, Sequence
 
 import numpy as np
 from scipy import signal
@@ -18,19 +22,19 @@ class Absent(Exception):
     """The peer is not installed; the message says what to install."""
 
 
-def noise_suppressors(gtcrn_file=None):
+def noise_suppressors(gtcrn_file: pathlib.Path | None = None) -> tuple[list, list[str]]:
     from training.evaluate.peers import gtcrn, rnnoise, speex, webrtc
 
     return _opened([speex.Speex, webrtc.WebRtc, rnnoise.RNNoise, gtcrn.Gtcrn], [(), (), (), (gtcrn_file,)])
 
 
-def echo_cancellers():
+def echo_cancellers() -> tuple[list, list[str]]:
     from training.evaluate.peers import speex, webrtc
 
     return _opened([speex.Speex, webrtc.WebRtc])
 
 
-def _opened(classes, arguments=None):
+def _opened(classes: Sequence[type], arguments: Sequence[tuple] | None = None) -> tuple[list, list[str]]:
     """(peers that are installed, lines about those that are not)."""
     peers, absent = [], []
     for peer, given in zip(classes, arguments or [()] * len(classes)):
@@ -45,7 +49,7 @@ class Aligned:
     """A peer's processing with its own constant delay and phase taken off, both measured once on
     clean speech, with silence as reference: a fixed high-pass is no distortion."""
 
-    def __init__(self, process, speech):
+    def __init__(self, process: Callable[..., np.ndarray], speech: np.ndarray) -> None:
         self._process = process
         silence = np.zeros_like(speech)
         references = [silence] * (len(inspect.signature(process).parameters) - 1)
@@ -56,10 +60,10 @@ class Aligned:
         equaliser = np.fft.irfft(cross.conj() / (np.abs(cross) + 1e-20))
         self._equaliser = np.fft.fftshift(equaliser) * signal.windows.hann(PHASE_TAPS, sym=False)
 
-    def __call__(self, mic, *reference):
+    def __call__(self, mic: np.ndarray, *reference: np.ndarray) -> np.ndarray:
         y = advance(self._flushed(mic, *reference), self.delay, len(mic))
         y = signal.fftconvolve(y, self._equaliser)[PHASE_TAPS // 2 :][: len(mic)]
         return y.astype(np.float32)
 
-    def _flushed(self, *signals):
+    def _flushed(self, *signals: np.ndarray) -> np.ndarray:
         return self._process(*(np.pad(x, (0, MOST_DELAY)).astype(np.float32) for x in signals))

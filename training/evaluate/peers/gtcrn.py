@@ -5,6 +5,10 @@ Its streaming network is stream/onnx_models/gtcrn_simple.onnx in the public repo
 kept here. Name the file with --gtcrn.
 """
 
+from __future__ import annotations
+
+import pathlib
+
 import numpy as np
 
 from training.evaluate.peers import Absent
@@ -18,7 +22,7 @@ class Gtcrn:
     name = "GTCRN"
     about = "GTCRN's streaming network of the DNS challenge, 48 k weights, through onnxruntime"
 
-    def __init__(self, path):
+    def __init__(self, path: pathlib.Path | None) -> None:
         if path is None:
             raise Absent("name its gtcrn_simple.onnx with --gtcrn")
         if not path.exists():
@@ -29,7 +33,7 @@ class Gtcrn:
         options.intra_op_num_threads = options.inter_op_num_threads = 1
         self._session = onnxruntime.InferenceSession(str(path), options, providers=["CPUExecutionProvider"])
 
-    def suppress_noise(self, x):
+    def suppress_noise(self, x: np.ndarray) -> np.ndarray:
         padded = np.pad(x, (HOP, FRAME)).astype(np.float32)
         out = np.zeros_like(padded)
         state = {name: np.zeros(shape, np.float32) for name, shape in CACHES.items()}

@@ -1,5 +1,7 @@
 """speexdsp, through the system's libspeexdsp: preprocessor, and echo canceller with preprocessor."""
 
+from __future__ import annotations
+
 import ctypes
 import ctypes.util
 
@@ -18,7 +20,7 @@ class Speex:
     name = "speexdsp"
     about = "libspeexdsp; preprocessor with its defaults (15 dB), canceller of 192 ms in front in the echo section"
 
-    def __init__(self):
+    def __init__(self) -> None:
         library = ctypes.util.find_library("speexdsp")
         if not library:
             raise Absent("install libspeexdsp1")
@@ -26,13 +28,13 @@ class Speex:
         for name in ("speex_preprocess_state_init", "speex_echo_state_init"):
             getattr(self._so, name).restype = ctypes.c_void_p
 
-    def suppress_noise(self, x):
+    def suppress_noise(self, x: np.ndarray) -> np.ndarray:
         return self._run(x, None)
 
-    def cancel_echo(self, mic, ref):
+    def cancel_echo(self, mic: np.ndarray, ref: np.ndarray) -> np.ndarray:
         return self._run(mic, ref)
 
-    def _run(self, mic, ref):
+    def _run(self, mic: np.ndarray, ref: np.ndarray | None) -> np.ndarray:
         so = self._so
         denoiser = ctypes.c_void_p(so.speex_preprocess_state_init(FRAME, RATE))
         canceller = None
@@ -57,5 +59,5 @@ class Speex:
         return to_float(out)
 
 
-def _address(x):
+def _address(x: np.ndarray) -> ctypes.c_void_p:
     return ctypes.c_void_p(x.ctypes.data)

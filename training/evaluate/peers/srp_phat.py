@@ -5,6 +5,8 @@ environments", 2000. Far field; every degree of heading at several elevations, o
 counts: talkers nearby stand well above a device.
 """
 
+from __future__ import annotations
+
 import functools
 
 import numpy as np
@@ -21,7 +23,7 @@ ELEVATIONS = (0.0, 15.0, 30.0, 45.0, 60.0)  # degrees
 PAIRS = ((1, 0), (2, 0), (2, 1))
 
 
-def heading(mics):
+def heading(mics: np.ndarray) -> float:
     """Degrees from [3, n]."""
     frequencies, _, spectra = signal.stft(mics, RATE, nperseg=WINDOW)
     inside = (frequencies >= BAND[0]) & (frequencies <= BAND[1])
@@ -34,7 +36,7 @@ def heading(mics):
 
 
 @functools.cache
-def _steering(frequencies):
+def _steering(frequencies: tuple[float, ...]) -> list[np.ndarray]:
     """Per pair, [elevations x headings, frequencies]: what brings a wave's phases in line."""
     towards = np.concatenate(
         [[array_geometry.offset(h, np.cos(e), np.sin(e)) for h in HEADINGS] for e in np.deg2rad(ELEVATIONS)]
