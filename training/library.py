@@ -7,12 +7,12 @@ from __future__ import annotations
 
 import ctypes
 import pathlib
-from collections.abc import Callable, Iterator
+from collections.abc import Callable, Iterator, Sequence
 from ctypes import c_float, c_int16, c_int32, c_uint8, c_void_p
 
 import numpy as np
 
-from training.device_facts import BLOCK, CLASSES, FRAME, FRAMES_PER_BLOCK
+from training.device_facts import BLANK, BLOCK, CLASSES, FRAME, FRAMES_PER_BLOCK
 
 # name -> (result, arguments); handles, records and samples are addresses.
 CALLS = {
@@ -110,6 +110,9 @@ class LAYER_DATA(ctypes.Structure):
         return np.array([getattr(self.qleft, f"qleft{i}") for i in (1, 2, 3, 4)], np.uint8).reshape(4, 164, 8)
 
 
+MOST_STATES = 78  # of a keyword, KWS_MAX_STATES + 1
+
+
 class WORD_ITEM(ctypes.Structure):
     """One keyword of the decoder."""
 
@@ -119,6 +122,7 @@ class WORD_ITEM(ctypes.Structure):
         ("thres", c_float),
         ("div", c_float),
         ("dp", ctypes.POINTER(c_float)),
+        ("pseq", c_int16 * MOST_STATES),
     ]
 
     def score(self) -> float:
@@ -172,19 +176,33 @@ class DoaNet(ctypes.Structure):
 
 
 class WakeUp:
-    """A wake-up engine, its insides open: `data` (LAYER_DATA) and `word`, its first keyword."""
+    """A wake-up engine, its insides open: `data` (LAYER_DATA) and `word`, its first keyword.
 
-    def __init__(self, so: ctypes.CDLL) -> None:
+    keyword: (classes of its syllables, divisor) to listen for instead of the one compiled in.
+    """
+
+    def __init__(self, so: ctypes.CDLL, keyword: tuple[Sequence[int], float] | None = None) -> None:
         self._so, self._handle = so, c_void_p()
         if so.QuibWakeupInit(ctypes.byref(self._handle), 0) != 0:
             raise MemoryError("QuibWakeupInit")
         engine = ctypes.cast(self._handle, ctypes.POINTER(ctypes.POINTER(EWordNet)))[0][0]
         self.data, self.word = engine.dlayer[0], engine.pdec[0].pWords[0]
+        self._own_scores = ctypes.cast(self.word.dp, c_void_p).value  # an address: the field's pointer would change with it
+        if keyword:
+            self._listen_for(*keyword)
+
+    def _listen_for(self, classes: Sequence[int], divisor: float) -> None:
+        states = 2 * len(classes) + 1
+        self.word.seqLen, self.word.div = states, divisor
+        self.word.pseq[:states] = [classes[j // 2] if j % 2 else BLANK for j in range(states)]
+        self._scores = (c_float * states)()
+        self.word.dp = self._scores
 
     def __enter__(self) -> WakeUp:
         return self
 
     def __exit__(self, *_: object) -> None:
+        self.word.dp = ctypes.cast(self._own_scores, ctypes.POINTER(c_float))  # the engine releases them
         self._so.QuibWakeupUnit(self._handle)
 
     def steps(self, wave: np.ndarray) -> Iterator[bool]:

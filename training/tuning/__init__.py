@@ -1,0 +1,1 @@
+"""The wake word's operating point on a person's own recordings."""
