@@ -74,6 +74,11 @@ const char* name_of(Severity severity) {
   return kNames[static_cast<int>(severity)];
 }
 
+const char* CheckResult::verdict() const {
+  constexpr const char* kVerdicts[] = {"fit", "look", "unfit"};
+  return kVerdicts[static_cast<int>(worst())];
+}
+
 Severity CheckResult::worst() const {
   Severity worst = Severity::kNote;
   for (const Finding& finding : findings) worst = std::max(worst, finding.severity);

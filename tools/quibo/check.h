@@ -46,7 +46,8 @@ struct CheckResult {
   double drift_ppm;  // NaN: not to be told
   double seconds;
 
-  Severity worst() const;  // kNote where nothing was found
+  Severity worst() const;       // kNote where nothing was found
+  const char* verdict() const;  // "fit", "look", "unfit"
 };
 
 const char* name_of(Severity severity);  // "note", "warning", "fault"

@@ -6,8 +6,7 @@ namespace quibo::recordings {
 
 Json check_json(const CheckResult& result) {
   Json json;
-  constexpr const char* kVerdicts[] = {"fit", "look", "unfit"};
-  json["verdict"] = kVerdicts[static_cast<int>(result.worst())];
+  json["verdict"] = result.verdict();
   json["findings"] = Json::array();
   for (const Finding& finding : result.findings) {
     json["findings"].push_back(

@@ -68,27 +68,34 @@ export class FrontEnd {
   #calls;
   #inputs;
   #outputs;
+  #recorded;
   #frame = 0;
   #scrambled;
 
   // module: a WebAssembly.Module of quibo.wasm. encoding: of the microphones, "plain" or the codec's "scrambled".
-  // measure: keep meters of the recording, for finish().
-  constructor(module, { encoding = "plain", measure = false } = {}) {
+  // measure: keep meters of the recording, for finish(). checkRate: look at the recording, whose samples per second
+  // before any resampling these are, for check().
+  constructor(module, { encoding = "plain", measure = false, checkRate = 0 } = {}) {
     complainAboutThisPlace();
     if (encoding !== "plain" && encoding !== "scrambled") throw new QuiboError(`no encoding is called ${encoding}`);
     this.#scrambled = encoding === "scrambled" ? 1 : 0;
     const calls = instance(module);
-    calls.module_create(measure ? 1 : 0);
+    calls.module_create(measure ? 1 : 0, checkRate);
     const frame = (address) => new Int16Array(calls.memory.buffer, address, FRAME);
     this.#calls = calls;
     this.#inputs = TRACKS.map((_, track) => frame(calls.module_input(track)));
     this.#outputs = TRACKS.map((_, track) => frame(calls.module_output(track)));
+    this.#recorded = TRACKS.map((_, track) => frame(calls.module_recorded(track)));
   }
 
   // Name of the kernels in use.
   get kernels() {
-    const bytes = new Uint8Array(this.#calls.memory.buffer, this.#calls.module_kernels(), 16);
-    return String.fromCharCode(...bytes.subarray(0, bytes.indexOf(0)));
+    return this.#text(this.#calls.module_kernels());
+  }
+
+  #text(address) {
+    const bytes = new Uint8Array(this.#calls.memory.buffer, address);
+    return String.fromCharCode(...bytes.subarray(0, bytes.indexOf(0))); // ASCII; worklets have no TextDecoder
   }
 
   // Of the last frame: microphone 1 as it came, decoded where it was scrambled.
@@ -128,7 +135,55 @@ export class FrontEnd {
       medianReduction: known(calls.module_median_reduction()),
     };
   }
+
+  // For check(): the tracks as they were recorded, Int16Arrays, in pieces of up to FRAME samples.
+  addRecorded(...tracks) {
+    tracks.forEach((samples, track) => {
+      if (!(samples instanceof Int16Array) || samples.length !== tracks[0].length || samples.length > FRAME) {
+        throw new QuiboError(`${TRACKS[track]}: a check takes Int16Arrays of one length, up to ${FRAME}`);
+      }
+      this.#recorded[track].set(samples);
+    });
+    this.#calls.module_check_recorded(this.#scrambled, tracks[0].length);
+  }
+
+  // After the last frame: what `quibo check --json` tells of the recording.
+  check() {
+    const calls = this.#calls;
+    const findings = Array.from({ length: calls.module_check_finish() }, (_, i) => {
+      const [id, severity, channel, what, how_bad, advice] = [0, 1, 2, 3, 4, 5].map((part) =>
+        this.#text(calls.module_finding_text(i, part)),
+      );
+      const [start, end] = [0, 1].map((which) => rounded(calls.module_finding_time(i, which), 3));
+      return { id, severity, channel: channel || null, start, end, what, how_bad, do: advice };
+    });
+    const channel = (track) => {
+      const decimals = Object.entries({ level_dbfs: 1, peak_dbfs: 1, floor_dbfs: 0, dc: 5, clipped: 0 });
+      return Object.fromEntries(
+        decimals.map(([name, places], i) => [name, rounded(calls.module_channel_state(track, i), places)]),
+      );
+    };
+    const points = Array.from({ length: calls.module_delay_points() }, (_, point) => {
+      const [seconds, delay, confidence] = [0, 1, 2].map((i) => calls.module_delay_point(point, i));
+      return { seconds: rounded(seconds, 2), ms: rounded(1000 * delay, 3), confidence: rounded(confidence, 2) };
+    });
+    const [from, to] = [0, 1].map((end) => 1000 * calls.module_delay_reach(end));
+    return {
+      verdict: this.#text(calls.module_verdict()),
+      findings,
+      channels: Object.fromEntries(TRACKS.map((name, track) => [name, channel(track)])),
+      reference_delay: {
+        reach_ms: [rounded(from, 2), rounded(to, 1)],
+        points,
+        drift_ppm: rounded(calls.module_drift(), 1),
+      },
+    };
+  }
 }
+
+// To so many decimals, as the command does; null for what is not known.
+const rounded = (value, decimals) =>
+  Number.isNaN(value) ? null : (Math.sign(value) * Math.round(Math.abs(value) * 10 ** decimals)) / 10 ** decimals;
 
 const known = (value) => (Number.isNaN(value) ? null : Math.round(value * 100) / 100);
 

@@ -40,7 +40,8 @@ export interface Processed {
 }
 
 export declare class FrontEnd {
-  constructor(module: WebAssembly.Module, options?: { encoding?: Encoding; measure?: boolean });
+  /** checkRate: samples per second of what addRecorded() gets; 0: no check. */
+  constructor(module: WebAssembly.Module, options?: { encoding?: Encoding; measure?: boolean; checkRate?: number });
   /** Name of the kernels in use. */
   readonly kernels: string;
   /** Of the last frame: microphone 1 as it came, decoded where it was scrambled. */
@@ -49,6 +50,10 @@ export declare class FrontEnd {
   process(mic1: Samples, mic2: Samples, mic3: Samples, ref: Samples, samples?: number): Processed;
   /** After the last frame, where `measure` was asked for. */
   finish(): Meters;
+  /** Where there is a checkRate: all of the recording as it was before any resampling, FRAME samples at most at a time. */
+  addRecorded(mic1: Int16Array, mic2: Int16Array, mic3: Int16Array, ref: Int16Array): void;
+  /** After the last frame, where there is a checkRate. */
+  check(): Check;
 }
 
 /** A front end on the thread that calls; each is an instance of its own. */
@@ -74,6 +79,47 @@ export interface Meters {
   medianReduction: number | null;
 }
 
+/** What `quibo check --json` tells of a recording. */
+export interface Check {
+  /** By the worst finding: none or a note, a warning, a fault. */
+  verdict: "fit" | "look" | "unfit";
+  /** The worst first. */
+  findings: Finding[];
+  channels: Record<"mic1" | "mic2" | "mic3" | "ref", ChannelState>;
+  reference_delay: {
+    /** What the canceller covers. */
+    reach_ms: [number, number];
+    points: { seconds: number; ms: number; confidence: number }[];
+    /** Null: not to be told. */
+    drift_ppm: number | null;
+  };
+}
+
+export interface Finding {
+  /** Stays the same from version to version: "reference_early". */
+  id: string;
+  severity: "fault" | "warning" | "note";
+  /** Null: the recording. */
+  channel: "mic1" | "mic2" | "mic3" | "ref" | null;
+  /** Seconds; null: all of it. */
+  start: number | null;
+  end: number | null;
+  what: string;
+  how_bad: string;
+  do: string;
+}
+
+export interface ChannelState {
+  level_dbfs: number;
+  peak_dbfs: number;
+  /** Null: the device always plays. */
+  floor_dbfs: number | null;
+  /** Mean, full scale 1.0. */
+  dc: number;
+  /** Samples. */
+  clipped: number;
+}
+
 /** Outputs as long as the recording and lined up with it. */
 export interface Result {
   /** Microphone 1 as it came, decoded. */
@@ -82,6 +128,8 @@ export interface Result {
   clean: Int16Array;
   wakes: Wake[];
   meters: Meters;
+  /** Null where it was not asked for. */
+  check: Check | null;
   encoding: Encoding;
   kernels: string;
   secondsUsed: number;
@@ -94,6 +142,10 @@ export declare function processRecording(
     wasm?: Exclude<Wasm, WebAssembly.Module>;
     /** "guess": by listening to microphone 1, for int16. */
     encoding?: Encoding | "guess";
+    /** Look at the recording, too: it takes int16. */
+    check?: boolean;
+    /** For the check: the tracks before they were resampled, and their rate. */
+    recorded?: { mic1: Int16Array; mic2: Int16Array; mic3: Int16Array; ref: Int16Array; rate: number };
     /** A worker that runs worker.js, where a bundler or a policy asks for another way to make it. */
     worker?: Worker;
     /** Samples done, samples in all. */

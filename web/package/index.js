@@ -43,9 +43,19 @@ export async function createFrontEnd({ wasm = beside("./quibo.wasm"), encoding }
 }
 
 // A whole recording, in a worker of its own: tracks is { mic1, mic2, mic3, ref }, equally long. encoding may be "guess".
+// check: whether to look at it as `quibo check` does; recorded: the tracks before they were resampled, and their rate.
 export async function processRecording(
   tracks,
-  { wasm = beside("./quibo.wasm"), encoding, worker, onProgress = () => {}, onWake = () => {}, signal } = {},
+  {
+    wasm = beside("./quibo.wasm"),
+    encoding,
+    check = false,
+    recorded,
+    worker,
+    onProgress = () => {},
+    onWake = () => {},
+    signal,
+  } = {},
 ) {
   if (typeof Worker === "undefined") throw new QuiboError("there are no web workers here: use createFrontEnd()");
   const bytes = await bytesOf(wasm);
@@ -64,7 +74,7 @@ export async function processRecording(
   });
   try {
     signal?.throwIfAborted();
-    thread.postMessage({ tracks, encoding, wasm: bytes });
+    thread.postMessage({ tracks, encoding, check, recorded, wasm: bytes });
     return await Promise.race([finished, stopped]);
   } finally {
     thread.terminate();

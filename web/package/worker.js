@@ -6,7 +6,14 @@ const FRAMES_PER_MESSAGE = 16; // about a second of the recording
 
 const GUESS_S = 10; // of microphone 1 tell whether it is scrambled
 
-function play({ tracks, encoding, wasm }, send) {
+// Shows the check the recording before it was resampled.
+function addRecorded(frontEnd, { mic1, mic2, mic3, ref }) {
+  for (let start = 0; start < mic1.length; start += FRAME) {
+    frontEnd.addRecorded(...[mic1, mic2, mic3, ref].map((track) => track.subarray(start, start + FRAME)));
+  }
+}
+
+function play({ tracks, encoding, check, recorded, wasm }, send) {
   const { mic1, mic2, mic3, ref } = tracks;
   const length = mic1.length;
   if ([mic2, mic3, ref].some((track) => track.length !== length)) throw new Error("the tracks are not equally long");
@@ -15,7 +22,8 @@ function play({ tracks, encoding, wasm }, send) {
     const scrambled = mic1 instanceof Int16Array && looksScrambled(module, mic1.subarray(0, GUESS_S * SAMPLE_RATE));
     encoding = scrambled ? "scrambled" : "plain";
   }
-  const frontEnd = new FrontEnd(module, { encoding, measure: true });
+  recorded ??= { ...tracks, rate: SAMPLE_RATE };
+  const frontEnd = new FrontEnd(module, { encoding, measure: true, checkRate: check ? recorded.rate : 0 });
   const microphone = new Int16Array(length);
   const outputs = { mics: [0, 1, 2].map(() => new Int16Array(length)), clean: new Int16Array(length) };
   const put = (samples, output, start) => {
@@ -31,6 +39,7 @@ function play({ tracks, encoding, wasm }, send) {
   };
   const wakes = [];
   const begun = performance.now();
+  if (check) addRecorded(frontEnd, recorded);
   const count = Math.ceil((length + DELAYS.clean) / FRAME);
   for (let i = 0; i < count; ++i) {
     const start = i * FRAME;
@@ -51,6 +60,7 @@ function play({ tracks, encoding, wasm }, send) {
     mic1: microphone,
     wakes,
     meters: frontEnd.finish(),
+    check: check ? frontEnd.check() : null,
     encoding: encoding ?? "plain",
     kernels: frontEnd.kernels,
     secondsUsed,

@@ -91,7 +91,7 @@ function build() {
     const loaded = await engine(text);
     still();
     status.textContent = text.reading(title);
-    const { tracks, about } = await readRecording(await bytes(), options.name, text, options.map);
+    const { tracks, recorded, about } = await readRecording(await bytes(), options.name, text, options.map);
     still();
     bar.hidden = cancel.hidden = false;
     bar.value = 0;
@@ -100,6 +100,8 @@ function build() {
       wasm: loaded.wasm,
       worker: loaded.worker(),
       encoding: options.encoding,
+      check: true,
+      recorded,
       signal: abort.signal,
       onProgress: (samples, total) => {
         bar.value = samples / total;

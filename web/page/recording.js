@@ -144,7 +144,8 @@ async function resampled(tracks, rate) {
   return out;
 }
 
-// { tracks: { mic1, mic2, mic3, ref }, about } of a file's bytes. Throws a Problem.
+// { tracks: { mic1, mic2, mic3, ref }, recorded, about } of a file's bytes; recorded: the tracks as they are in the file,
+// with their rate. Throws a Problem.
 export async function readRecording(buffer, name, text, wantedMap = "") {
   const file = (await readWav(buffer, name, text)) ?? (await readFlac(buffer, name, text));
   if (!file) throw new Problem(text.problems.notAudio(name));
@@ -155,11 +156,16 @@ export async function readRecording(buffer, name, text, wantedMap = "") {
   const names = ["mic1", "mic2", "mic3", "ref"];
   if (guessed) notes.push(text.guessedMap(names.map((track, i) => `${track}=${map[i] + 1}`).join(", ")));
   let chosen = map.map((channel) => channels[channel]);
+  const named = () => Object.fromEntries(names.map((track, i) => [track, chosen[i]]));
+  const recorded = { ...named(), rate };
   if (rate !== SAMPLE_RATE) {
     notes.push(text.resampled(rate));
     chosen = await resampled(chosen, rate);
   }
-  const tracks = Object.fromEntries(names.map((track, i) => [track, chosen[i]]));
   const numbers = Object.fromEntries(names.map((track, i) => [track, map[i] + 1]));
-  return { tracks, about: { file: name, format, channels: channels.length, sample_rate: rate, map: numbers, notes } };
+  return {
+    tracks: named(),
+    recorded,
+    about: { file: name, format, channels: channels.length, sample_rate: rate, map: numbers, notes },
+  };
 }

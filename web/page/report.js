@@ -17,7 +17,7 @@ export function reportOf({ title, tracks, about, result, text }) {
     levels: { seconds_per_point: 1, ...meters.levels },
     peaks: { seconds_per_point: 1, ...meters.peaks },
     echo: { seconds_per_point: 1, reduction_db: meters.reduction, only_device: meters.onlyDevice },
-    reference_delay: check && { reach_ms: check.reach_ms, points: check.delay, drift_ppm: check.drift_ppm },
+    reference_delay: check?.reference_delay,
     check,
     wakes: wakes.map(({ angleLength, ...wake }) => ({ ...wake, angle_length: angleLength })),
     summary: {

@@ -1,6 +1,6 @@
 // What the tests take from the builds, and the sample recording.
 
-import { execFileSync } from "node:child_process";
+import { execFileSync, spawnSync } from "node:child_process";
 import { mkdirSync, readFileSync, writeFileSync } from "node:fs";
 import { join, resolve } from "node:path";
 import { fileURLToPath } from "node:url";
@@ -31,6 +31,22 @@ export function playNatively(folder, raw) {
     output: readFileSync(join(folder, "wav2/nnaec.pcm")),
     wakes: [...wakes].map(([, angle, m, s, ms]) => [60000 * m + 1000 * s + Number(ms), Number(angle)]),
   };
+}
+
+// What the native command tells of a recording of four tracks, as its JSON has it.
+export function checkNatively(folder, tracks) {
+  const file = join(folder, "checked.wav");
+  writeFileSync(file, wav(tracks));
+  const run = spawnSync(join(NATIVE, "quibo"), ["check", "--json", file], { encoding: "utf8" });
+  const { verdict, findings, channels, reference_delay } = JSON.parse(run.stdout);
+  return { verdict, findings, channels, reference_delay };
+}
+
+// Twenty seconds of the sample's tracks, decoded, with faults that a check is to name: the reference 0.4 s too early,
+// microphone 2 dead.
+export function faulty(plain) {
+  const [mic1, mic2, mic3, ref] = plain.map((track) => track.slice(0, 20 * 16000));
+  return [mic1, mic2.fill(0), mic3, Int16Array.from(ref, (_, i) => ref[i + 6400] ?? 0)];
 }
 
 const CHANNELS = { mic1: 0, mic2: 1, mic3: 2, ref: 4 };

@@ -8,7 +8,7 @@ import { tmpdir } from "node:os";
 import { join } from "node:path";
 import { after, before, test } from "node:test";
 import { launch } from "./browser.js";
-import { PACKAGE, capture, descramble, playNatively, tracksOf } from "./builds.js";
+import { PACKAGE, capture, checkNatively, descramble, faulty, playNatively, tracksOf } from "./builds.js";
 import { serve } from "./server.js";
 import { DELAYS, FRAME, FrontEnd, QuiboError, createFrontEnd, createFrontEndNode } from "../package/index.js";
 
@@ -46,6 +46,31 @@ test("node: the sample's wakes at the native angles, the driver's output to the 
   assert.equal(wakes.length, 5);
   assert.deepEqual(told(wakes), native.wakes);
   assert.equal(hash(Buffer.concat(clean)), hash(native.output));
+});
+
+test("node: a check tells what the native command tells, of faults and of none", async () => {
+  const module = await WebAssembly.compile(readFileSync(join(PACKAGE, "quibo.wasm")));
+  const plain = [...[tracks.mic1, tracks.mic2, tracks.mic3].map(descramble), tracks.ref];
+  const pieces = (recording, size) =>
+    Array.from({ length: Math.floor(recording[0].length / size) }, (_, i) =>
+      recording.map((track) => track.subarray(i * size, (i + 1) * size)),
+    );
+  const fine = plain.map((track) => track.subarray(0, 20 * 16000 - 512));
+  for (const [recording, verdict] of [
+    [fine, "fit"],
+    [faulty(plain), "unfit"],
+  ]) {
+    const frontEnd = new FrontEnd(module, { checkRate: 16000 });
+    for (const piece of pieces(recording, 512)) frontEnd.addRecorded(...piece);
+    for (const frame of pieces(recording, FRAME)) frontEnd.process(...frame);
+    const found = frontEnd.check();
+    assert.equal(found.verdict, verdict);
+    assert.deepEqual(found, checkNatively(folder, recording));
+  }
+  const floats = Array(4).fill(new Float32Array(FRAME));
+  assert.throws(() => new FrontEnd(module, { checkRate: 16000 }).addRecorded(...floats), {
+    message: /mic1: a check takes Int16Arrays/,
+  });
 });
 
 test("Chromium, in a worker: the same, lined up, with progress", async () => {

@@ -9,7 +9,7 @@ import { join } from "node:path";
 import { after, before, test } from "node:test";
 import { pathToFileURL } from "node:url";
 import { launch, noSeriousAccessibilityFault, noSidewaysScroll, open } from "./browser.js";
-import { SOURCE, capture, descramble, playNatively, tracksOf, wav } from "./builds.js";
+import { SOURCE, capture, checkNatively, descramble, faulty, playNatively, tracksOf, wav } from "./builds.js";
 import { serve } from "./server.js";
 
 const PAGE = join(SOURCE, "build-web/");
@@ -115,6 +115,24 @@ test("a dropped file gives the same, from a folder without a server too", async 
     addresses.filter((address) => !/^(file|blob|data):/.test(address)),
     [],
   );
+  assert.deepEqual(page.faults, []);
+  await page.context().close();
+});
+
+test("planted faults are named as the command words them", async () => {
+  const { page } = await visit(browser, { locale: "zh-CN" });
+  const recording = faulty(plain);
+  await drop(page, "faulty.wav", wav(recording));
+  await page.waitForSelector(".q-play:not([disabled])", DONE);
+  const { findings } = checkNatively(folder, recording);
+  const ids = findings.map(({ id }) => id);
+  assert.ok(ids.includes("dead_microphone") && ids.includes("reference_early"), ids.join());
+  const shown = await page.$$eval(".q-findings li", (all) => all.map((item) => item.textContent));
+  assert.equal(shown.length, findings.length);
+  for (const [i, { what, how_bad, do: advice }] of findings.entries()) {
+    for (const words of [what, how_bad, advice]) assert.ok(shown[i].includes(words), `${shown[i]}: ${words}`);
+  }
+  assert.match(shown[0], /故障/);
   assert.deepEqual(page.faults, []);
   await page.context().close();
 });
