@@ -1,5 +1,5 @@
 // Four lanes: NEON, two taps with the base instructions, four with the dot-product ones. Contract
-// in int8_scalar.h.
+// in int8_scalar.h, on 32-bit ARM too: no float here is ever denormal.
 #pragma once
 
 #include <string.h>
@@ -9,6 +9,25 @@
 
 namespace quibo {
 namespace {
+
+#if defined(__aarch64__)
+inline int32x4_t neon_pair_sums(int32x4_t a, int32x4_t b) {
+  return vpaddq_s32(a, b);
+}
+inline int32x4_t neon_round(float32x4_t x) {
+  return vcvtaq_s32_f32(x);
+}
+#else
+inline int32x4_t neon_pair_sums(int32x4_t a, int32x4_t b) {
+  return vcombine_s32(vpadd_s32(vget_low_s32(a), vget_high_s32(a)),
+                      vpadd_s32(vget_low_s32(b), vget_high_s32(b)));
+}
+inline int32x4_t neon_round(float32x4_t x) {
+  const uint32x4_t sign = vandq_u32(vreinterpretq_u32_f32(x), vdupq_n_u32(0x80000000u));
+  const uint32x4_t half = vreinterpretq_u32_f32(vdupq_n_f32(kBelowHalf));
+  return vcvtq_s32_f32(vaddq_f32(x, vreinterpretq_f32_u32(vorrq_u32(half, sign))));
+}
+#endif
 
 struct NeonInt8 {
   using Float = NeonF32;
@@ -31,7 +50,7 @@ struct NeonInt8 {
     // A product of a uint8 and an int8 fits 16 bits.
     return vpadalq_s16(s, vmulq_s16(c, vmovl_s8(vld1_s8(w))));
   }
-  static Reg pair_sums(Reg a, Reg b) { return vpaddq_s32(a, b); }
+  static Reg pair_sums(Reg a, Reg b) { return neon_pair_sums(a, b); }
   static Reg load_bytes(const uint8_t* p) {
     uint32_t four;
     memcpy(&four, p, sizeof four);
@@ -45,7 +64,7 @@ struct NeonInt8 {
     memcpy(p, &four, sizeof four);
   }
   static Float::Reg to_float(Reg v) { return vcvtq_f32_s32(v); }
-  static Reg round(Float::Reg x) { return vcvtaq_s32_f32(x); }
+  static Reg round(Float::Reg x) { return neon_round(x); }
 
  private:
   static Codes widen(uint8x8_t bytes) { return vreinterpretq_s16_u16(vmovl_u8(bytes)); }

@@ -156,8 +156,8 @@ const Kernels& kernels();
 // Variant i of those this processor can run, slowest (scalar) first; null past the last one.
 const Kernels* available_kernels(int i);
 
-// The same of those whose multiply-adds round once (simd_fused.h): none of them equals another to the
-// bit. They are in use only where the library was built with QUIBO_FUSED or by name.
+// The same of those whose multiply-adds are one operation (simd_fused.h): their bits are their own.
+// They are in use only where the library was built with QUIBO_FUSED or by name.
 const Kernels* fused_kernels(int i);
 
 // Makes the named variant the one in use; false, and no change, where this processor or build does

@@ -8,7 +8,7 @@
 
 #if defined(__x86_64__)
 #include <cpuid.h>
-#elif defined(__aarch64__) && defined(__linux__)
+#elif (defined(__aarch64__) || defined(__arm__)) && defined(__linux__)
 #include <asm/hwcap.h>
 #include <sys/auxv.h>
 #endif
@@ -79,6 +79,19 @@ bool has_neon_i8mm() {
   return false;
 }
 #endif
+#elif defined(__arm__)
+#if defined(__linux__)
+bool has_neon_int8() {
+  return getauxval(AT_HWCAP) & HWCAP_NEON;
+}
+#else  // no way to ask
+bool has_neon_int8() {
+  return false;
+}
+#endif
+bool has_neon_fused() {
+  return has_neon_int8();
+}
 #elif defined(__wasm_simd128__)
 bool has_wasm() {
   return true;

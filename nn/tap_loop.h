@@ -141,3 +141,7 @@ struct TapLoop<NeonFusedF32> : WrittenTapLoop {
 
 }  // namespace
 }  // namespace quibo
+
+#if defined(__arm__) && defined(__ARM_NEON)
+#include "nn/tap_loop_arm.h"
+#endif

@@ -23,9 +23,14 @@ EMULATED = {
             "cortex-a53": ["scalar", "neon"],
         },
     ),
-    # NEON of 32-bit ARM flushes denormals to zero, so it cannot give the same bits.
-    "build-armhf": (["qemu-arm", "-L", "/usr/arm-linux-gnueabihf"], {"max": ["scalar"]}),
+    # NEON of 32-bit ARM flushes denormals to zero, so that only its integers are promised to give the same bits.
+    "build-armhf": (
+        ["qemu-arm", "-L", "/usr/arm-linux-gnueabihf"],
+        {"cortex-a7": ["scalar", "neon_int8"]},
+    ),
 }
+# Not promised, but on this recording, which makes no denormal that counts, a stricter bar than that of the other fused ones.
+SAME_HERE = {"build-armhf": ["neon_fused"]}
 
 
 @pytest.fixture(scope="module")
@@ -84,8 +89,9 @@ def test_arm_gives_the_digests_of_this_machine_and_its_registers_keep_their_cont
     for processor, offered in processors.items():
         emulator = (*program, "-cpu", processor)
         assert variants(folders[name], emulator) == offered
-        expect_equal(folders[name], capture, expected, [v for v in offered if v not in tried], SHORT, emulator)
-        tried.update(offered)
+        here = offered + SAME_HERE.get(name, [])
+        expect_equal(folders[name], capture, expected, [v for v in here if v not in tried], SHORT, emulator)
+        tried.update(here)
         subprocess.run([*emulator, folders[name] / "tests/registers/register_test"], check=True)
 
 
