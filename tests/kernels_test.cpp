@@ -30,6 +30,8 @@ std::vector<std::pair<std::string, std::vector<std::string>>> requirements() {
           {"neon", {"asimd"}},
           {"neon_dotprod", {"asimddp"}},
           {"neon_i8mm", {"asimddp", "i8mm"}}};
+#elif defined(__arm__)
+  return {{"scalar", {}}, {"neon_int8", {"neon"}}};
 #else
   return {{"scalar", {}}};
 #endif
