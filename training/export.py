@@ -16,6 +16,7 @@ from .cache_keys import file_digest
 from .shared import PARAMS, ROOT, Config, Record, Tables
 
 DTYPES = {"F32": np.float32, "I8": np.int8, "I16": np.int16, "I32": np.int32}
+TRAILING = 2  # values that the engine reads behind the noise suppressor's first layer
 
 
 def manifest(network: str) -> Record:
@@ -23,12 +24,19 @@ def manifest(network: str) -> Record:
 
 
 def fit(network: str, tables: Mapping[str, torch.Tensor | np.ndarray]) -> Tables:
-    """Tables in the manifest's element types and shapes; the first layer's two trailing floats are zeros."""
+    """Tables in the manifest's element types and shapes; the first layer's two trailing floats are zeros. What does not fit,
+    a value that is not finite or is no code among them, is refused."""
     fitted = {}
     for name, entry in manifest(network).items():
         values = torch.as_tensor(tables[name]).detach().numpy().ravel()
-        size = int(np.prod(entry["shape"]))
-        fitted[name] = np.pad(values, (0, size - values.size)).astype(DTYPES[entry["dtype"]]).reshape(entry["shape"])
+        missing = int(np.prod(entry["shape"])) - values.size
+        if missing not in (0, TRAILING):
+            raise ValueError(f"{name}: {values.size} values for the shape {entry['shape']}")
+        dtype = DTYPES[entry["dtype"]]
+        as_stored = values.astype(dtype)
+        if not np.isfinite(values).all() or dtype != np.float32 and (as_stored != values).any():
+            raise ValueError(f"{name}: values that are not finite, or that {entry['dtype']} does not hold")
+        fitted[name] = np.pad(as_stored, (0, missing)).reshape(entry["shape"])
     unknown = tables.keys() - fitted.keys()
     if unknown:
         raise ValueError(f"the library has no tables {sorted(unknown)}")
