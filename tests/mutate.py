@@ -131,6 +131,54 @@ MUTATIONS = [
     ),
     ("dsp/log_mel.cpp", "energy != 0.0f ?", "energy > 1e-3f ?", "log_mel_test"),
     ("dsp/elementary.cpp", "for (int k = 17; k > 0; k -= 2)", "for (int k = 9; k > 0; k -= 2)", "elementary_test"),
+    # Registers.
+    ("dsp/simd_avx2.h", "_mm256_cmp_ps(a, b, _CMP_GT_OQ)", "_mm256_cmp_ps(a, b, _CMP_NLE_UQ)", "register_test"),
+    ("dsp/simd_avx2.h", "store(p + 8, _mm256_permute2f128_ps(y2, y3, 0x20));", "store(p + 8, y2);", "register_test"),
+    ("dsp/simd_sse2.h", "return _mm_max_ps(a, b);", "return _mm_max_ps(b, a);", "register_test"),
+    ("dsp/int8_avx2.h", "_mm256_set1_ps(kBelowHalf)", "_mm256_set1_ps(0.5f)", "register_test"),
+    (
+        "dsp/int8_avx2.h",
+        "_mm256_hadd_epi32(a, b), _MM_SHUFFLE(3, 1, 2, 0)",
+        "_mm256_hadd_epi32(a, b), _MM_SHUFFLE(3, 2, 1, 0)",
+        "register_test",
+    ),
+    # FFT, convolutions, recurrent and int8 kernels: one body for all instruction sets.
+    ("dsp/fft_kernels.h", "bins[n + 1] = 0.0f;", "", "fft_test"),
+    ("dsp/fft_kernels.h", "z.re[0] = bins[0] - half_difference;", "z.re[0] = 0.5f * (bins[0] + bins[n]);", "fft_test"),
+    ("dsp/fft_kernels.h", "constexpr int last = count + 1 - V::kWidth;", "constexpr int last = count - V::kWidth;", "fft_test"),
+    (
+        "nn/conv_kernels.h",
+        "V::add(V::add(lane[0][c][p], lane[2][c][p]), V::add(lane[1][c][p], lane[3][c][p]))",
+        "V::add(V::add(lane[0][c][p], lane[1][c][p]), V::add(lane[2][c][p], lane[3][c][p]))",
+        "denoise_test aec_denoise_test",
+    ),
+    (
+        "nn/conv_kernels.h",
+        "residual_at[p] = step * job.residual_step + position;",
+        "residual_at[p] = position;",
+        "denoise_test",
+    ),
+    (
+        "nn/gru_kernels.h",
+        "V::mul_add(V::mul(V::sub(V::splat(1.0f), z), n), z, h)",
+        "V::mul_add(n, z, V::sub(h, n))",
+        "denoise_test aec_denoise_test",
+    ),
+    (
+        "nn/gru_kernels.h",
+        "memcpy(job.state, h[kSteps - 1], sizeof h[0]);",
+        "memcpy(job.state, h[0], sizeof h[0]);",
+        "denoise_test",
+    ),
+    ("nn/gru_kernels.h", "tanh<V, ExactExp>(x, 8.0f)", "tanh<V, ExactExp>(x)", "aec_denoise_test"),
+    ("nn/float_kernels.h", "V::splat(0.00138145406f)", "V::splat(0.00139f)", "float_kernels_test"),
+    (
+        "nn/int8_kernels.h",
+        "F::smaller(F::larger(x, F::splat(low)), F::splat(high))",
+        "F::larger(F::smaller(x, F::splat(high)), F::splat(low))",
+        "wakeup_network_test",
+    ),
+    ("nn/int8_kernels.h", "kLimit = 1 << 30;", "kLimit = 1 << 24;", "wakeup_network_test"),
 ]
 
 
@@ -145,7 +193,7 @@ def build(tests):
 def verdict(tests):
     if not build(tests):
         return "does not compile"
-    passed = all(run(BUILD / "tests" / test, "--gtest_brief=1").returncode == 0 for test in tests)
+    passed = all(run(*BUILD.glob(f"tests/**/{test}"), "--gtest_brief=1").returncode == 0 for test in tests)
     return "survived" if passed else "caught"
 
 

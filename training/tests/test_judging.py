@@ -419,3 +419,23 @@ def test_a_device_that_points_nowhere_or_hears_nothing_has_not_pointed():
     assert found["heard"]["value"] == 0.75 and found["pointed"]["value"] == 0.25 and found["said"] == 4
     assert found["latency"]["n"] == 3 and found["direction"]["Quibo"]["median"]["value"] == 20.0
     assert pointed.off(None, 10.0) == 180.0 and pointed.off(355.0, 5.0) == 10.0
+
+
+def test_what_is_gained_is_gained_over_the_same_scene_in_the_same_condition():
+    row = lambda scene, condition, system, value: {
+        "scene": scene,
+        "condition": condition,
+        "system": system,
+        "si_sdr": value,
+        "estoi": 0.5,
+    }
+    rows = [
+        row(scene, condition, system, level + 3 * scene + (gain + scene if system == "Quibo" else 0))
+        for scene in (0, 1)
+        for condition, level, gain in (("0 dB", 0.0, 4.0), ("15 dB", 15.0, 1.0))
+        for system in ("noisy", "Quibo")
+    ]
+    summary = noise.summarise(rows)
+    gained = {c: summary[c]["Quibo"]["si_sdr_gain"]["value"] for c in summary}
+    assert gained == {"0 dB": 4.5, "15 dB": 1.5}
+    assert summary["15 dB"]["noisy"]["si_sdr_gain"]["value"] == 0 and summary["0 dB"]["Quibo"]["ovrl"] is None
