@@ -20,6 +20,7 @@ import tempfile
 import cycles
 import instructions
 import peers
+import wasm
 
 ROOT = pathlib.Path(__file__).resolve().parent.parent
 FRAME_US = 64000
@@ -170,6 +171,9 @@ def measure(build, arm):
         on_arm = cycles.measure(arm.resolve() / "quibo_demo_static", samples, ("scalar", "neon", "neon_i8mm", "neon_fused"))
         found["instructions"] |= {"AArch64, " + v: count for v, count in on_arm["instructions"].items()}
         found["cycles"] = on_arm["cycles"]
+    found["wasm"] = wasm.measure(ROOT, build, DIGEST_FRAMES)
+    if found["wasm"]:
+        found["digests"]["WebAssembly (node)"] = wasm.digests(found["wasm"])
     found["load"] = max(load)
     return found
 
@@ -313,6 +317,9 @@ and direction estimator.
 ## Cost
 
 {cost_section(found)}
+### In WebAssembly
+
+{wasm.section(found.get("wasm"), table)}
 ## Instructions
 
 Executed instructions do not depend on the machine: callgrind on x86 (which does not know AVX-512), qemu-user on AArch64.

@@ -1,7 +1,8 @@
-// What a frame costs in node beside the native library on SSE2: the sample by turns, the least of some rounds, in
-// processor time. And the size of the module.
+// What a frame costs in node and in Chromium beside the native library on SSE2: the sample by turns, the least of some
+// rounds, in processor time; in Chromium, in the package's worker, by the clock. The module's size, and what quibo_digest
+// prints in node. As JSON, for docs/performance.md (bench/wasm.py):
 //
-//   node web/tests/cost.js        after ./run test and ./run web
+//   node web/tests/cost.js FRAMES        of the digests; after `./run test` and `./run web`
 
 import { execFileSync } from "node:child_process";
 import { mkdirSync, mkdtempSync, readFileSync, rmSync, writeFileSync } from "node:fs";
@@ -9,15 +10,18 @@ import { tmpdir } from "node:os";
 import { join } from "node:path";
 import { brotliCompressSync, gzipSync } from "node:zlib";
 import { FRAME, FrontEnd } from "../package/index.js";
+import { launch } from "./browser.js";
 import { INPUT, NATIVE, PACKAGE, capture, tracksOf } from "./builds.js";
+import { digestInNode } from "./digest.js";
+import { serve } from "./server.js";
 
 const ROUNDS = 3;
-const FRAME_MS = 64;
 
 const bytes = readFileSync(join(PACKAGE, "quibo.wasm"));
 const module = new WebAssembly.Module(bytes);
 const raw = capture();
-const tracks = Object.values(tracksOf(raw));
+const named = tracksOf(raw);
+const tracks = Object.values(named);
 const frames = Math.floor(tracks[0].length / FRAME);
 
 function inNode() {
@@ -43,20 +47,46 @@ function native() {
   return (1000 * (seconds[0] + seconds[1])) / frames;
 }
 
-const times = { node: [], native: [] };
+async function inChromium(page) {
+  const seconds = await page.evaluate(async (names) => {
+    const { processRecording } = await import("/package/index.js");
+    const track = async (name) => [name, new Int16Array(await (await fetch(name)).arrayBuffer())];
+    const tracks = Object.fromEntries(await Promise.all(names.map(track)));
+    return (await processRecording(tracks, { encoding: "scrambled" })).secondsUsed;
+  }, Object.keys(named));
+  return (1000 * seconds) / frames;
+}
+
+for (const [name, track] of Object.entries(named)) writeFileSync(join(folder, name), track);
+writeFileSync(join(folder, "index.html"), "");
+const server = await serve({ "/": folder, "/package/": PACKAGE });
+const browser = await launch();
+const page = await browser.newPage();
+await page.goto(server.url);
+const times = { native: [], node: [], chromium: [] };
 for (let round = 0; round < ROUNDS; ++round) {
   times.native.push(native());
   times.node.push(inNode());
+  times.chromium.push(await inChromium(page));
 }
+const chromium = browser.version();
+await browser.close();
+await server.close();
 rmSync(folder, { recursive: true });
 
-const least = Object.fromEntries(Object.entries(times).map(([name, all]) => [name, Math.min(...all)]));
-const row = (name, ms) => `| ${name} | ${ms.toFixed(2)} | ${(FRAME_MS / ms).toFixed(0)} |`;
-console.log("| the sample | ms of processor per frame | times real time |\n| --- | ---: | ---: |");
-console.log(row("native, SSE2", least.native));
-console.log(row("node, WebAssembly SIMD", least.node));
-console.log(`\nnode / native: ${(least.node / least.native).toFixed(2)}`);
-const sizes = [bytes, gzipSync(bytes, { level: 9 }), brotliCompressSync(bytes)].map(({ length }) =>
-  (length / 1e6).toFixed(2),
+const digests = {};
+for (const kernels of (await digestInNode(raw, "list")).trim().split("\n")) {
+  digests[kernels] = await digestInNode(raw, kernels, Number(process.argv[2]));
+}
+console.log(
+  JSON.stringify({
+    versions: { node: process.versions.node, chromium },
+    ms: Object.fromEntries(Object.entries(times).map(([name, all]) => [name, Math.min(...all)])),
+    bytes: {
+      plain: bytes.length,
+      gzip: gzipSync(bytes, { level: 9 }).length,
+      brotli: brotliCompressSync(bytes).length,
+    },
+    digests,
+  }),
 );
-console.log(`quibo.wasm: ${sizes[0]} MB, by gzip ${sizes[1]} MB, by brotli ${sizes[2]} MB`);

@@ -3,12 +3,12 @@
 import assert from "node:assert/strict";
 import { execFileSync } from "node:child_process";
 import { mkdtempSync, readFileSync, rmSync, writeFileSync } from "node:fs";
-import { createRequire } from "node:module";
 import { tmpdir } from "node:os";
 import { join } from "node:path";
 import { after, before, test } from "node:test";
 import { launch } from "./browser.js";
 import { NATIVE, WASM, capture } from "./builds.js";
+import { digest, digestInNode } from "./digest.js";
 import { serve } from "./server.js";
 
 const SHORT = 40; // frames, for what runs slowly
@@ -30,24 +30,7 @@ after(async () => {
 
 const native = (frames) => execFileSync(join(NATIVE, "quibo_digest"), [file, `${frames}`], { encoding: "utf8" });
 
-// Runs in node and in the page: what quibo_digest prints.
-async function digest(createDigest, wasmBinary, samples, kernels, frames) {
-  const lines = [];
-  const module = await createDigest({
-    wasmBinary,
-    print: (line) => lines.push(line),
-    preRun: [({ ENV }) => (ENV.QUIBO_KERNELS = kernels)],
-    quit: () => {}, // node is to go on
-  });
-  module.FS.writeFile("capture.raw", samples);
-  module.callMain(kernels === "list" ? ["--variants"] : ["capture.raw", `${frames}`]);
-  return `${lines.join("\n")}\n`;
-}
-
-const inNode = (kernels, frames) => {
-  const createDigest = createRequire(import.meta.url)(join(WASM, "quibo_digest.js"));
-  return digest(createDigest, readFileSync(join(WASM, "quibo_digest.wasm")), readFileSync(file), kernels, frames);
-};
+const inNode = (kernels, frames) => digestInNode(readFileSync(file), kernels, frames);
 
 test("the module holds the scalar kernels and those of WebAssembly's SIMD", async () => {
   assert.equal(await inNode("list"), "scalar\nwasm\n");
