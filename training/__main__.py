@@ -13,7 +13,7 @@ import torch
 from . import data, export, parity, tasks, train
 from .cache_keys import file_digest
 from .evaluate import listening
-from .models.layers import deploy, load_tables
+from .models.layers import deploy
 from .models.quantise import set_mode
 from .shared import ROOT, Config
 from .tasks import Task
@@ -32,13 +32,14 @@ def configuration(network: str, path: pathlib.Path | None, smoke: bool) -> Confi
 
 
 def run_training(arguments: argparse.Namespace) -> None:
+    data.of(arguments.network).Scenes.settle(arguments)
     config = configuration(arguments.network, arguments.config, arguments.smoke)
     if arguments.steps:
         config["train"]["steps"] = arguments.steps
     if arguments.start:
         # Folded tables have no normalisation left whose statistics could be learnt.
         config["start"] = file_digest(arguments.start)
-        if "norm" in config["model"]:
+        if "norm" in config.get("model", {}):
             config["model"]["norm"] = False
             config["train"]["freeze_norm"] = 0
     config |= data.of(arguments.network).Scenes.recorded(arguments)
@@ -67,7 +68,7 @@ def started(task: Task, config: Config, arguments: argparse.Namespace) -> torch.
     if not arguments.start:
         return None
     model = task.model()
-    load_tables(model, export.read(arguments.start))
+    task.start(model, export.read(arguments.start))
     return model
 
 
@@ -109,7 +110,10 @@ def export_trained(
     print("valid:", json.dumps(results))
     metadata = export.describe(config, train.trained_steps(folder), source.digest(), results) | task.metadata()
     tables = export.fit(arguments.network, model.tables())
-    path, digest = export.write(arguments.network, tables, metadata, arguments.params or folder)
+    target = arguments.params or folder
+    target.mkdir(parents=True, exist_ok=True)
+    path, digest = export.write(arguments.network, tables, metadata, target)
+    task.write_beside(target)
     draft = path.with_suffix(".draft.md")
     draft.write_text(export.card(arguments.network, metadata, source.sources(), digest))
     print(f"wrote {path}\nSHA-256 {digest}\nwrote {draft}, from which the card is written")
@@ -143,7 +147,7 @@ def main() -> None:
         help="length of the training instead of the configuration's; a run that is "
         "resumed with fewer steps comes to its end sooner",
     )
-    p.add_argument("--start", type=pathlib.Path, help="ns, naec, doa: parameter file to go on from, instead of a new network")
+    p.add_argument("--start", type=pathlib.Path, help="parameter file to go on from, instead of a new network")
     p.add_argument("--config", type=pathlib.Path, help="TOML instead of training/configs/NETWORK.toml")
     p.add_argument(
         "--out",

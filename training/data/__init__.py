@@ -53,6 +53,10 @@ class Scenes:
         """What the command `train` takes for this network alone."""
 
     @staticmethod
+    def settle(arguments: argparse.Namespace) -> None:
+        """Fills in what these options imply for others."""
+
+    @staticmethod
     def recorded(arguments: argparse.Namespace) -> dict[str, str]:
         """What of these options belongs to the recipe that an exported file names."""
         return {}

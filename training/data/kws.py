@@ -16,10 +16,15 @@ from training.data import naec
 from training.device_facts import BLANK, BLOCK, FULL_SCALE, RATE
 from training.models import kws
 from training.scenes import cache
-from training.shared import PARAMS
-from training.syllables import backgrounds, cutting, voices
+from training.shared import PARAMS, ROOT, Config
+from training.syllables import backgrounds, cutting, linter, voices
 from training.syllables import batch as batches
-from training.syllables.inventory import PHRASE, inventory
+from training.syllables.inventory import Phrase, inventory, shipped
+
+
+def phrase_of(config: Config) -> Phrase:
+    """What a recipe trains for."""
+    return Phrase.of(config["phrase"]) if "phrase" in config else shipped
 
 
 class Scenes(naec.Scenes):
@@ -33,6 +38,27 @@ class Scenes(naec.Scenes):
             default=PARAMS / "kws.safetensors",
             help="kws: parameter file of the wake-up network that finds the syllables inside words (default: %(default)s)",
         )
+        parser.add_argument(
+            "--phrase",
+            type=linter.checked,
+            help="kws: another wake phrase, in syllables: fine-tunes the shipped network with configs/kws_phrase.toml",
+        )
+
+    @staticmethod
+    def recorded(arguments: argparse.Namespace) -> dict[str, str]:
+        return {"phrase": arguments.phrase} if arguments.phrase else {}
+
+    @staticmethod
+    def settle(arguments: argparse.Namespace) -> None:
+        """Another phrase has a recipe, a beginning and a folder of its own."""
+        if arguments.phrase:
+            arguments.config = arguments.config or ROOT / "training/configs/kws_phrase.toml"
+            arguments.start = arguments.start or PARAMS / "kws.safetensors"
+            arguments.params = arguments.params or arguments.out / arguments.phrase.replace(" ", "_")
+
+    @property
+    def phrase(self) -> Phrase:
+        return phrase_of(self.config)
 
     def sources(self) -> collections.Counter[tuple[str, str]]:
         sources = super().sources()
@@ -51,7 +77,14 @@ class Scenes(naec.Scenes):
         for split in SPLITS:
             with data.Progress(f"voices, {split}") as progress:
                 voices.build(
-                    self.corpus, self.folder("syllables") / "voices" / split, split, data.SEED, synthetic, cutter, progress
+                    self.corpus,
+                    self.folder("syllables") / "voices" / split,
+                    split,
+                    data.SEED,
+                    synthetic,
+                    cutter,
+                    self.phrase,
+                    progress,
                 )
             with data.Progress(f"backgrounds, {split}") as progress:
                 folder = self.folder("syllables") / "backgrounds" / split
@@ -63,7 +96,9 @@ class Scenes(naec.Scenes):
 
     def voices_folder(self, split: str) -> pathlib.Path:
         cutter = cutting.made_from(self.library, self.arguments.cutter) if self.library else None
-        made_from = voices.made_from(self.corpus, split, data.SEED, self.config["data"]["synthetic_voices"], cutter)
+        made_from = voices.made_from(
+            self.corpus, split, data.SEED, self.config["data"]["synthetic_voices"], cutter, self.phrase
+        )
         return cache_keys.folder(self.folder("syllables") / "voices" / split, made_from)
 
     def backgrounds_folder(self, split: str) -> pathlib.Path:
@@ -73,7 +108,9 @@ class Scenes(naec.Scenes):
     @functools.cache
     def syllables(self, split: str) -> tuple[voices.Voices, backgrounds.Backgrounds]:
         splits = [split, "test"] if split == "train" and self.config["data"]["test_voices"] else [split]
-        return voices.Voices(*map(self.voices_folder, splits)), backgrounds.Backgrounds(self.backgrounds_folder(split))
+        return voices.Voices(*map(self.voices_folder, splits), phrase=self.phrase), backgrounds.Backgrounds(
+            self.backgrounds_folder(split)
+        )
 
     def batch(self, rng: np.random.Generator, batch: int, seconds: float, split: str, progress: float) -> dict[str, np.ndarray]:
         return batches.batch(*self.syllables(split), rng, batch, seconds, progress)
@@ -85,8 +122,10 @@ class Stub(data.Stub):
     def batch(self, rng: np.random.Generator, batch: int, seconds: float, split: str, progress: float) -> dict[str, np.ndarray]:
         blocks = round(seconds * RATE) // BLOCK
         count = max(4, int(seconds / 0.4) - 1)
+        phrase = phrase_of(self.config).said
+        count = max(count, len(phrase))
         waves, labels = 0.003 * rng.standard_normal((batch, blocks * BLOCK)), rng.integers(1, BLANK, (batch, count))
-        labels[0, :4], kind = PHRASE, np.full(batch, batches.KINDS.index("string"))
+        labels[0, : len(phrase)], kind = phrase, np.full(batch, batches.KINDS.index("string"))
         kind[0] = batches.KINDS.index("phrase")
         t = np.arange(round(0.25 * RATE)) / RATE
         starts = np.round(np.linspace(0.1, blocks * BLOCK / RATE - 0.4, count) * RATE).astype(int)

@@ -34,7 +34,7 @@ from training.scenes.bank import RoomBank, load_bank
 from training.shared import ROOT, Record
 from training.syllables import decoder, texts, waves
 from training.syllables.inventory import PHRASE, classes_of, holds_phrase, is_near_miss
-from training.tasks.kws import Task
+from training.tasks.kws import move_operating_point
 
 SEED = 20260102
 LEAD, AFTER = 2.0, 1.2  # s before and behind an utterance
@@ -262,7 +262,7 @@ class FloatListener:
     def __init__(self, folder: pathlib.Path, phrase: float) -> None:
         self.model = kws.SyllableNetwork()
         self.model.load_state_dict(train.averaged(folder))
-        Task.set_operating_point(self.model, phrase)
+        move_operating_point(self.model, phrase)
         self.model.eval()
 
     @torch.no_grad()

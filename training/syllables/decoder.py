@@ -2,15 +2,12 @@
 
 from __future__ import annotations
 
+from collections.abc import Sequence
+
 import torch
 
 from ..device_facts import BLANK, DECAY, DECAY_AFTER, DIVISOR, FILLER, RESET_AFTER, SILENT, SMALLEST_SCORE
 from .inventory import PHRASE
-
-STATES = 2 * len(PHRASE) + 1
-CLASSES = [PHRASE[j // 2] if j % 2 else BLANK for j in range(STATES)]
-# A state may be entered from the one two before, over the blank between two different syllables.
-SKIPS = torch.tensor([float(j > 1 and j % 2 == 1 and CLASSES[j] != CLASSES[j - 2]) for j in range(STATES)])
 
 
 def merged(log_posteriors: torch.Tensor) -> torch.Tensor:
@@ -30,15 +27,17 @@ def silent_runs(blank: torch.Tensor) -> tuple[torch.Tensor, torch.Tensor]:
     return torch.stack(runs, 1), torch.stack(cleared, 1)
 
 
-def scores(log_posteriors: torch.Tensor) -> tuple[torch.Tensor, torch.Tensor]:
+def scores(log_posteriors: torch.Tensor, phrase: Sequence[int] = PHRASE) -> tuple[torch.Tensor, torch.Tensor]:
     """[B, T, 146] merged -> the score of the phrase's last syllable [B, T], and where a step may wake."""
-    p = log_posteriors[..., CLASSES].exp()
+    classes = [BLANK, *(c for syllable in phrase for c in (syllable, BLANK))]
+    p = log_posteriors[..., classes].exp()
     blank = p[..., 0]
     runs, cleared = silent_runs(blank.detach())
     decay = torch.where(runs > DECAY_AFTER[1], DECAY[1], torch.where(runs > DECAY_AFTER[0], DECAY[0], 1.0))
     states, found = torch.zeros_like(p[:, 0]), []
-    skips = SKIPS.to(p)
-    inner = torch.zeros(STATES, dtype=torch.bool, device=p.device)
+    # A state may be entered from the one two before, over the blank between two different syllables.
+    skips = p.new_tensor([float(j > 1 and j % 2 == 1 and c != classes[j - 2]) for j, c in enumerate(classes)])
+    inner = torch.zeros(len(classes), dtype=torch.bool, device=p.device)
     inner[1:-1] = True
     one = torch.ones_like(states[:, :1])
     for t in range(p.shape[1]):
@@ -52,5 +51,5 @@ def scores(log_posteriors: torch.Tensor) -> tuple[torch.Tensor, torch.Tensor]:
     return torch.stack(found, 1), blank <= SILENT
 
 
-def cost(score: torch.Tensor) -> torch.Tensor:
-    return -torch.log(score + SMALLEST_SCORE) / DIVISOR
+def cost(score: torch.Tensor, divisor: float = DIVISOR) -> torch.Tensor:
+    return -torch.log(score + SMALLEST_SCORE) / divisor

@@ -2,10 +2,13 @@
 
 from __future__ import annotations
 
+import dataclasses
 import functools
 from collections.abc import Iterable, Sequence
 
 from params import syllable_names
+
+from .phonetics import neighbours
 
 LING, DANG = 125, 2
 PHRASE = (LING, DANG, LING, DANG)
@@ -24,9 +27,46 @@ def classes_of(syllables: Iterable[str]) -> list[int]:
     return [inventory().get(s, 0) for s in syllables]
 
 
+@dataclasses.dataclass(frozen=True)
+class Phrase:
+    """What the device is to wake on."""
+
+    said: tuple[int, ...] = PHRASE
+
+    @staticmethod
+    def of(text: str) -> Phrase:
+        return Phrase(tuple(inventory()[name] for name in text.split()))
+
+    @property
+    def text(self) -> str:
+        return " ".join(_names()[c] for c in self.said)
+
+    def is_in(self, said: Sequence[int]) -> bool:
+        n = len(self.said)
+        return any(tuple(said[i : i + n]) == self.said for i in range(len(said) - n + 1))
+
+    def is_nearly(self, said: Sequence[int]) -> bool:
+        """Half of its syllables, not itself."""
+        return sum(c in self.said for c in said) >= max(2, len(self.said) // 2) and not self.is_in(said)
+
+    def like(self, place: int) -> list[int]:
+        """What is easily taken for the syllable in a place."""
+        name = _names()[self.said[place]]
+        chosen = {"ling": LIKE_LING, "dang": LIKE_DANG}.get(name) or neighbours(name, inventory())
+        return [inventory()[other] for other in chosen]
+
+
+shipped = Phrase()
+
+
+@functools.cache
+def _names() -> dict[int, str]:
+    return {c: name for name, c in inventory().items()}
+
+
 def holds_phrase(said: Sequence[int]) -> bool:
-    return any(tuple(said[i : i + 4]) == PHRASE for i in range(len(said) - 3))
+    return shipped.is_in(said)
 
 
 def is_near_miss(said: Sequence[int]) -> bool:
-    return sum(c in PHRASE for c in said) > 1 and not holds_phrase(said)
+    return shipped.is_nearly(said)

@@ -17,11 +17,11 @@ import typing
 import numpy as np
 
 from . import spectra
+from .phonetics import parts
 
 if typing.TYPE_CHECKING:
     from .voices import Voices
 
-INITIALS = "zh ch sh b p m f d t n l g k h j q x r z c s".split()
 FADE = 4  # frames of 5 ms in which one goes over into the other
 CONTEXT = 2  # frames compared on either side of the joint
 VOICED = 0.1  # of the loudest frame's power: what belongs to the vowel
@@ -31,33 +31,6 @@ ATTEMPTS = 3
 SCHWA_SHARE = 0.3  # of the spliced syllables in "-ing"
 SCHWA_LEAVE, SCHWA_ENTER = (0.2, 0.5), (0.35, 0.5)  # of a syllable, where the joint with the schwa may be
 SCHWA_FADE = (8, 20)  # frames
-
-
-def parts(name: str) -> tuple[str, str, str]:
-    """Initial, final and the vowel the final begins with, of a toneless syllable: "liang" -> ("l", "iang", "i")."""
-    if name[0] in "yw":
-        final = {
-            "yi": "i",
-            "yin": "in",
-            "ying": "ing",
-            "wu": "u",
-            "you": "iu",
-            "wei": "ui",
-            "wen": "un",
-            "yu": "v",
-            "yue": "ve",
-            "yuan": "van",
-            "yun": "vn",
-            "yong": "iong",
-        }.get(name)
-        final = final or {"y": "i", "w": "u"}[name[0]] + name[1:]
-        return "", final, final[0]
-    initial = next((i for i in INITIALS if name.startswith(i)), "")
-    final = name[len(initial) :]
-    if initial in ("j", "q", "x") and final[0] == "u":
-        final = "v" + final[1:]
-    # The vowel of "shi" and "zi" is another than that of "li".
-    return initial, final, "-" if final == "i" and initial in ("zh", "ch", "sh", "r", "z", "c", "s") else final[0]
 
 
 @dataclasses.dataclass(frozen=True)

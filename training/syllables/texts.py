@@ -9,7 +9,7 @@ from collections.abc import Iterator, Sequence
 
 import numpy as np
 
-from .inventory import DANG, LIKE_DANG, LIKE_LING, LING, PHRASE, holds_phrase, inventory
+from .inventory import Phrase, shipped
 from .voices import Voices
 
 FRAMES_PER_SECOND = 100
@@ -43,21 +43,45 @@ class Saying(typing.Protocol):
     def choose(self, rng: np.random.Generator, speaker: str, syllable: int) -> object: ...
 
 
-def one_off(rng: np.random.Generator, known: list[int]) -> list[int]:
-    """The phrase with one syllable wrong, in one place or in both. known: classes to choose from."""
-    said, place = list(PHRASE), int(rng.integers(4))
-    close = [inventory()[name] for name in (LIKE_LING, LIKE_DANG)[place % 2]]
-    close = [c for c in close if c in known]
-    wrong = int(rng.choice(close if close and rng.random() < 0.7 else known))
+def one_off(rng: np.random.Generator, known: list[int], phrase: Phrase = shipped) -> list[int]:
+    """The phrase with one syllable wrong, in one place or wherever it stands. known: classes to choose from."""
+    said, place = list(phrase.said), int(rng.integers(len(phrase.said)))
+    close = [c for c in phrase.like(place) if c in known]
+    right, wrong = said[place], int(rng.choice(close if close and rng.random() < 0.7 else known))
     said[place] = wrong
     if rng.random() < 0.3:
-        said[(place + 2) % 4] = wrong
+        said = [wrong if c == right else c for c in said]
     return said
 
 
-def disordered(rng: np.random.Generator, known: list[int]) -> list[int]:
-    a, b, x = LING, DANG, int(rng.choice(known))
-    orders = (
+def disordered(rng: np.random.Generator, known: list[int], phrase: Phrase = shipped) -> list[int]:
+    """The phrase's syllables in another order, some of them, others among them."""
+    x, n = int(rng.choice(known)), len(phrase.said)
+    if n == 4 and phrase.said[:2] == phrase.said[2:]:
+        orders = twice(*phrase.said[:2], x)
+        return list(orders[rng.integers(len(orders))])
+    said, place = list(phrase.said), int(rng.integers(n))
+    kind = int(rng.integers(7))
+    if kind == 0:  # one left away
+        return said[:place] + said[place + 1 :]
+    if kind == 1:  # one too many
+        return [*said[: place + 1], x, *said[place + 1 :]]
+    if kind == 2:  # one twice
+        return [*said[: place + 1], *said[place:]]
+    if kind == 3:  # a half
+        return said[: (n + 1) // 2] if rng.random() < 0.5 else said[n // 2 :]
+    if kind == 4:  # two change places
+        other = (place + 1) % n
+        said[place], said[other] = said[other], said[place]
+        return said
+    if kind == 5:  # another end
+        return said[:-1] + [x]
+    return said[place:] + said[:place]
+
+
+def twice(a: int, b: int, x: int) -> tuple[list[int], ...]:
+    """Of a phrase that is the same two syllables twice."""
+    return (
         [a, b, a],
         [b, a, b],
         [b, a, b, a],
@@ -72,17 +96,16 @@ def disordered(rng: np.random.Generator, known: list[int]) -> list[int]:
         [a, a, a, b],
         [a, b, b, b],
     )
-    return list(orders[rng.integers(len(orders))])
 
 
-def near_miss(rng: np.random.Generator, known: list[int]) -> tuple[list[int], int | None]:
+def near_miss(rng: np.random.Generator, known: list[int], phrase: Phrase = shipped) -> tuple[list[int], int | None]:
     """Classes and the place behind which there is a pause too long for the phrase, or None."""
     kind = rng.random()
     while True:
-        said, pause = one_off(rng, known) if kind < 0.6 else disordered(rng, known), None
+        said, pause = one_off(rng, known, phrase) if kind < 0.6 else disordered(rng, known, phrase), None
         if kind > 0.92:
-            said, pause = list(PHRASE), 1
-        if pause is not None or not holds_phrase(said):
+            said, pause = list(phrase.said), (len(phrase.said) - 1) // 2
+        if pause is not None or not phrase.is_in(said):
             return said, pause
 
 
@@ -172,7 +195,7 @@ def words(rng: np.random.Generator, voices: Voices, speaker: str, frames: int, c
         )
         said += classes
         at += seconds + rng.uniform(0.0, 0.3)
-    if not pieces or holds_phrase(said) != (core is not None and holds_phrase(voices.pieces[core][3])):
+    if not pieces or voices.phrase.is_in(said) != (core is not None and voices.phrase.is_in(voices.pieces[core][3])):
         return None
     return placed(rng, pieces, frames - pieces[-1].begin - pieces[-1].frames)
 
@@ -231,15 +254,17 @@ def utterance(rng: np.random.Generator, voices: Voices, kind: str, frames: int) 
         return said_as_a_whole(rng, voices, whole, frames)
     speaker, pause = speaker_of(rng, voices.speakers), None
     if kind in ("phrase", "near miss"):
-        said, pause = (list(PHRASE), None) if kind == "phrase" else near_miss(rng, list(voices.syllables[speaker]))
+        said, pause = list(voices.phrase.said), None
+        if kind == "near miss":
+            said, pause = near_miss(rng, list(voices.syllables[speaker]), voices.phrase)
         if rng.random() < 0.4:
             before, after = some(rng, voices, speaker, rng.integers(3)), some(rng, voices, speaker, rng.integers(3))
             longer = before + said + after
-            if kind == "phrase" or pause is not None or not holds_phrase(longer):
+            if kind == "phrase" or pause is not None or not voices.phrase.is_in(longer):
                 said, pause = longer, None if pause is None else pause + len(before)
     else:
         # Most strings fill their time: there are many classes to learn.
         said = some(rng, voices, speaker, LONGEST if rng.random() < 0.75 else int(rng.integers(3, 9)))
-        if holds_phrase(said):
+        if voices.phrase.is_in(said):
             return None
     return joined(rng, voices, speaker, said, frames, pause, cut=kind == "string")

@@ -22,7 +22,7 @@ from ..device_facts import RATE
 from ..shared import Record
 from . import spectra, splicing
 from .cutting import Cutter
-from .inventory import DANG, LIKE_DANG, LIKE_LING, LING, PHRASE, classes_of, holds_phrase, inventory, is_near_miss
+from .inventory import LIKE_DANG, LIKE_LING, Phrase, classes_of, inventory, shipped
 
 HOP = 80
 ACTIVE = 1e-3  # of the loudest frame's power: 30 dB
@@ -55,7 +55,7 @@ def pieces(corpus: Corpus, split: str, cutter: Cutter | None = None) -> Iterator
                     yield clip.speaker, [syllable], x[begin:end], None
 
 
-def synthetic_pieces(split: str, seed: int, voices: int) -> Iterator[Said]:
+def synthetic_pieces(split: str, seed: int, voices: int, phrase: Phrase) -> Iterator[Said]:
     """The synthesiser's isolated syllables, by the voices of a split."""
     names = list(inventory())
     for number, variant in enumerate(synthetic.SPEAKERS):
@@ -63,7 +63,7 @@ def synthetic_pieces(split: str, seed: int, voices: int) -> Iterator[Said]:
         if corpora.hashed_split(seed, speaker) != split or variant == "whisper":
             continue
         rng = np.random.default_rng([seed, number])
-        chosen = ["ling", "dang"] * 2 + LIKE_LING + LIKE_DANG + list(rng.choice(names, SYNTHETIC_OTHERS, replace=False))
+        chosen = own_syllables(phrase) + list(rng.choice(names, SYNTHETIC_OTHERS, replace=False))
         for name in chosen:
             for tone in rng.choice(4, SYNTHETIC_TONES, replace=False) + 1:
                 x = synthetic.syllable(variant, f"{name}{tone}", int(rng.integers(130, 200)), int(rng.integers(20, 80)))
@@ -71,6 +71,16 @@ def synthetic_pieces(split: str, seed: int, voices: int) -> Iterator[Said]:
         voices -= 1
         if voices == 0:
             return
+
+
+def own_syllables(phrase: Phrase) -> list[str]:
+    """Those of the phrase, and what is like them."""
+    if phrase == shipped:
+        return ["ling", "dang"] * 2 + LIKE_LING + LIKE_DANG
+    names = {c: name for name, c in inventory().items()}
+    said = list(dict.fromkeys(phrase.said))
+    like = dict.fromkeys(c for place in map(phrase.said.index, said) for c in phrase.like(place))
+    return [names[c] for c in [*said, *said, *like]]
 
 
 def active(x: np.ndarray) -> tuple[np.ndarray, int] | None:
@@ -86,7 +96,9 @@ def active(x: np.ndarray) -> tuple[np.ndarray, int] | None:
     return np.log(np.maximum(p, FLOOR)), int(first)
 
 
-def made_from(corpus: Corpus, split: str, seed: int, synthetic_voices: int, cutter: dict[str, str] | None) -> Record:
+def made_from(
+    corpus: Corpus, split: str, seed: int, synthetic_voices: int, cutter: dict[str, str] | None, phrase: Phrase = shipped
+) -> Record:
     """What the voices of a split are a function of; cutter: what cutting.made_from() says of it, or None."""
     return {
         "seed": seed,
@@ -97,7 +109,7 @@ def made_from(corpus: Corpus, split: str, seed: int, synthetic_voices: int, cutt
         "synthesiser": synthetic.made_from("speech"),
         "classes": cache_keys.digest(inventory()),
         "recipe": cache_keys.constants(*RECIPE),
-    }
+    } | ({} if phrase == shipped else {"phrase": phrase.text})
 
 
 def build(
@@ -107,10 +119,11 @@ def build(
     seed: int,
     synthetic_voices: int = 100,
     cutter: Cutter | None = None,
+    phrase: Phrase = shipped,
     progress: Callable[[int, int], object] = lambda done, of: None,
 ) -> pathlib.Path:
     """Makes those of a split in the folder `parent`, unless it is there. Returns its own folder."""
-    path = cache_keys.begin(parent, made_from(corpus, split, seed, synthetic_voices, cutter and cutter.made_from))
+    path = cache_keys.begin(parent, made_from(corpus, split, seed, synthetic_voices, cutter and cutter.made_from, phrase))
     file = path / "voices.json"
     if file.exists():
         return path
@@ -119,7 +132,7 @@ def build(
     with open(path / "spectra.f16", "wb") as f:
         sources = [pieces(corpus, split, cutter)]
         if synthetic.available():
-            sources.append(synthetic_pieces(split, seed, synthetic_voices))
+            sources.append(synthetic_pieces(split, seed, synthetic_voices, phrase))
         for source in sources:
             for speaker, said, x, ends in source:
                 found, said = active(x), classes_of(said)
@@ -144,7 +157,8 @@ def build(
 class Voices:
     """What was built in several folders, as one."""
 
-    def __init__(self, *paths: pathlib.Path) -> None:
+    def __init__(self, *paths: pathlib.Path, phrase: Phrase = shipped) -> None:
+        self.phrase = phrase
         self.pieces, self.spectra = [], []  # pieces: speaker, first frame, frames, classes, ends, folder
         for path in paths:
             description = json.loads((path / "voices.json").read_text())
@@ -159,11 +173,11 @@ class Voices:
         for i, (speaker, _, _, said, _, _) in enumerate(self.pieces):
             if len(said) == 1:
                 self.syllables[speaker][said[0]].append(i)
-            elif tuple(said) == PHRASE:
+            elif tuple(said) == phrase.said:
                 self.phrases[speaker].append(i)
-            elif is_near_miss(said):
+            elif phrase.is_nearly(said):
                 self.near_misses[speaker].append(i)
-            elif not holds_phrase(said):
+            elif not phrase.is_in(said):
                 self.words[speaker].append(i)
                 np.add.at(count, said, 1)
         # Syllables are drawn half by their frequency in words and sentences, half evenly; class 0 apart.
@@ -173,7 +187,7 @@ class Voices:
         self.word_speakers = {s: sum(map(self.seconds, pieces)) ** 0.5 for s, pieces in self.words.items()}
         # Who can say the phrase, and how often he does: more often with more syllables, but not in proportion.
         self.speakers = {
-            s: sum(map(len, said.values())) ** 0.25 for s, said in self.syllables.items() if LING in said and DANG in said
+            s: sum(map(len, said.values())) ** 0.25 for s, said in self.syllables.items() if set(phrase.said) <= set(said)
         }
         self.splices = splicing.Splices(self, inventory())
 

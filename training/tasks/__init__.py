@@ -4,13 +4,15 @@ from __future__ import annotations
 
 import abc
 import importlib
+import pathlib
 from collections.abc import Iterable
 
 import numpy as np
 import torch
 
 from training import data
-from training.shared import Config
+from training.models.layers import load_tables
+from training.shared import Config, Tables
 
 NETWORKS = ("ns", "naec", "doa", "kws")
 
@@ -38,6 +40,10 @@ class Task(abc.ABC):
     def validate(self, model: torch.nn.Module, batch: Batch) -> dict[str, float]:
         """Figures of one batch."""
 
+    def start(self, model: torch.nn.Module, tables: Tables) -> None:
+        """Begins with an exported file's tables."""
+        load_tables(model, tables)
+
     def calibrate(self, model: torch.nn.Module, batches: Iterable[Batch]) -> None:
         """Of recipes with a stage `quantise`: sets the ranges of the codes; the model rounds from then on."""
         raise NotImplementedError
@@ -45,6 +51,10 @@ class Task(abc.ABC):
     def set_operating_point(self, model: torch.nn.Module, **values: float) -> None:
         """Of recipes that have one: before the export."""
         raise NotImplementedError
+
+    def write_beside(self, folder: pathlib.Path) -> None:
+        """What else belongs into a folder that a network was exported to."""
+        return
 
     def metadata(self) -> dict[str, str]:
         """What an exported file holds beside what all do."""

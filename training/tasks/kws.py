@@ -6,22 +6,27 @@ syllable's end, so that nothing is said before it has been heard; beside it, in 
 
 from __future__ import annotations
 
+import functools
 import math
+import pathlib
+import shutil
 from collections.abc import Iterable, Sequence
 
 import numpy as np
 import torch
 
+from params import keyword_table
 from params.syllable_names import class_names
 
 from .. import tasks
 from ..data import kws as scenes
 from ..device_facts import BLANK, CLASSES, FILLER, THRESHOLD
-from ..models import kws
+from ..models import kws, kws_tables
 from ..models.quantise import set_mode
+from ..shared import PARAMS, Config, Tables
 from ..syllables import batch as batches
 from ..syllables import decoder
-from ..syllables.inventory import PHRASE
+from ..syllables.inventory import Phrase, shipped
 
 NOT_NOW = -20.0  # log probability taken from a class outside its windows
 SAID = 3  # steps from a syllable's end in which cross-entropy wants its class
@@ -30,6 +35,10 @@ PER_TEXT = 4.0  # weighs texts of different length: nats per (syllables + this)
 
 class Task(tasks.Task):
     data: scenes.Scenes | scenes.Stub
+
+    def __init__(self, config: Config, source: scenes.Scenes | scenes.Stub) -> None:
+        super().__init__(config, source)
+        self.phrase = scenes.phrase_of(config)
 
     def model(self) -> kws.SyllableNetwork:
         return kws.SyllableNetwork()
@@ -58,7 +67,7 @@ class Task(tasks.Task):
         total = total + (c["ctc_first"] + (1 - c["ctc_first"]) * share) * values["ctc"]
         share = ramp(*c["hinge_from"])
         if share > 0:
-            values["missed"], values["false"] = hinge(p, batch, c["enough"], c["too_much"])
+            values["missed"], values["false"] = hinge(p, batch, c["enough"], c["too_much"], self.phrase)
             total = total + share * (c["missed"] * values["missed"] + c["false"] * values["false"])
         return total, {name: value.item() for name, value in values.items()}
 
@@ -70,8 +79,8 @@ class Task(tasks.Task):
                 heard = [int(c) for c in torch.unique_consecutive(path) if c not in (BLANK, FILLER)]
                 said = [int(c) for c in row if c > 0]
                 wrong, total = wrong + edit_distance(heard, said), total + len(said)
-        score, may_wake = decoder.scores(p)
-        wakes = (torch.where(may_wake, decoder.cost(score), torch.inf).amin(1) < THRESHOLD).float()
+        score, may_wake = decoder.scores(p, self.phrase.said)
+        wakes = (torch.where(may_wake, decoder.cost(score, len(self.phrase.said)), torch.inf).amin(1) < THRESHOLD).float()
         results = {"ctc": ctc(p, batch).item(), "syllable_error": wrong / max(1, total)}
         for i, kind in enumerate(batches.KINDS):
             of_kind = batch["kind"] == i
@@ -79,11 +88,12 @@ class Task(tasks.Task):
                 results[f"wakes on {kind}"] = wakes[of_kind].mean().item()
         return results
 
-    @staticmethod
-    @torch.no_grad()
-    def set_operating_point(model: kws.SyllableNetwork, phrase: float) -> None:
+    def start(self, model: kws.SyllableNetwork, tables: Tables) -> None:
+        kws_tables.load(model, tables)
+
+    def set_operating_point(self, model: kws.SyllableNetwork, phrase: float) -> None:
         """phrase: nats added to what the phrase's syllables score. The decoder's thresholds are fixed."""
-        model.output.linear.bias[list(set(PHRASE))] += phrase
+        move_operating_point(model, phrase, self.phrase)
 
     @torch.no_grad()
     def calibrate(self, model: torch.nn.Module, batches: Iterable[tasks.Batch]) -> None:
@@ -94,8 +104,22 @@ class Task(tasks.Task):
             self.log_posteriors(model, batch)
         set_mode(model, "codes")
 
+    def write_beside(self, folder: pathlib.Path) -> None:
+        """Another phrase makes a whole folder of parameters, to build with."""
+        if self.phrase == shipped:
+            return
+        keyword_table.write(folder / "keywords.json", [keyword_table.keyword(self.phrase.text.split())])
+        for path in PARAMS.glob("*.safetensors"):
+            if not (folder / path.name).exists():
+                shutil.copy(path, folder)
+
     def metadata(self) -> dict[str, str]:
-        return {"classes": class_names()}
+        return {"classes": class_names(), "phrase": self.phrase.text}
+
+
+@torch.no_grad()
+def move_operating_point(model: kws.SyllableNetwork, nats: float, phrase: Phrase = shipped) -> None:
+    model.output.linear.bias[list(set(phrase.said))] += nats
 
 
 def edit_distance(a: Sequence[int], b: Sequence[int]) -> int:
@@ -148,12 +172,16 @@ def cross_entropy(p: torch.Tensor, batch: tasks.Batch, whole: bool = False) -> t
     return (weight * nats).sum() / (weight.sum() + 1e-6)
 
 
-def hinge(p: torch.Tensor, batch: tasks.Batch, enough: float, too_much: float) -> tuple[torch.Tensor, torch.Tensor]:
-    """How far the phrase's cost is above `enough`; how far, in nats per syllable, anything else scores above `too_much`."""
-    score, may_wake = decoder.scores(p)
+def hinge(
+    p: torch.Tensor, batch: tasks.Batch, enough: float, too_much: float, of: Phrase = shipped
+) -> tuple[torch.Tensor, torch.Tensor]:
+    """How far the phrase's cost is above `enough`; how far, in nats per syllable, anything else scores above `too_much`,
+    the score of a phrase of DIVISOR syllables."""
+    score, may_wake = decoder.scores(p, of.said)
+    cost = functools.partial(decoder.cost, divisor=float(len(of.said)))
     phrase = (batch["kind"] == batches.KINDS.index("phrase")).float()
     best = torch.where(may_wake, score, score * 0).amax(1)
-    missed = torch.relu(decoder.cost(best) - enough)
+    missed = torch.relu(cost(best) - enough)
     worst = score.amax(1)
-    false = torch.relu(decoder.cost(worst.new_tensor(too_much)) - decoder.cost(worst))
+    false = torch.relu(decoder.cost(worst.new_tensor(too_much)) - cost(worst))
     return ((phrase * missed).sum() / (phrase.sum() + 1e-6), ((1 - phrase) * false).sum() / ((1 - phrase).sum() + 1e-6))

@@ -13,7 +13,7 @@ from training.neural_voices import __main__ as speech
 from training.neural_voices import lines
 from training.scenes.audio import RATE
 from training.shared import ROOT
-from training.syllables import batch, cutting, decoder, inventory, spectra, splicing, texts, waves
+from training.syllables import batch, cutting, decoder, inventory, phonetics, spectra, splicing, texts, waves
 from training.tasks import kws as task
 
 torch.set_num_threads(1)
@@ -47,7 +47,7 @@ class Everything:
 
     def __init__(self):
         self.syllables = {"s": {c: [c] for c in range(145)}}
-        self.frequency = np.full(145, 1 / 144)
+        self.frequency, self.phrase = np.full(145, 1 / 144), inventory.Phrase()
         self.frequency[0] = 0
 
     def choose(self, rng, speaker, syllable):
@@ -112,7 +112,7 @@ def test_what_is_said_as_a_whole_keeps_its_syllables_places():
     ],
 )
 def test_syllables_fall_into_initial_and_final(name, expected):
-    assert splicing.parts(name) == expected
+    assert phonetics.parts(name) == expected
 
 
 class Recordings:
