@@ -40,7 +40,9 @@ def rows(opened: Opened, number: int) -> list[Record]:
 
 
 def result(opened: Opened, heard: list[Record]) -> Record:
-    conditions = {name: [r for r in heard if r["condition"] == name] for name in sets.DIRECTION_CONDITIONS}
+    conditions = {
+        name: [r for r in heard if r["condition"] == name] for name in (*sets.DIRECTION_CONDITIONS, *sets.POINT_NOISES)
+    }
     return {
         "rows": heard,
         "summary": {name: directions(chosen) for name, chosen in conditions.items() if chosen},

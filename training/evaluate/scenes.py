@@ -35,7 +35,8 @@ PEAK = 0.98
 CALL_LEAD_FRAMES, CALL_AFTER = 62, 0.5  # 4 s before a call, s behind it
 CALL_LEVEL = (-35.0, -20.0)  # dBFS of talker or, if louder, echo
 
-SECTIONS = ("noise", "echo", "wake", "talk", "playback", "direction")
+ANOTHER_ROOM = 10**6  # added to a room's number
+SECTIONS = ("noise", "echo", "wake", "talk", "playback", "direction", "points")
 
 
 def generator(section: str, number: int) -> np.random.Generator:
@@ -250,10 +251,21 @@ def called(corpus: Corpus, number: int) -> Iterator[tuple[str, Call]]:
     point, field = noisy.dry_noise(corpus, rng, SPLIT, samples, direction.CLIP_NOISES)
     hiss = gain(SELF_NOISE) * rng.standard_normal((3, samples), np.float32)
     level = rng.uniform(*CALL_LEVEL)
-    for name, (rt60, snr, ser) in sets.DIRECTION_CONDITIONS.items():
+    points = direction.point_noises(corpus, generator("points", number), SPLIT, samples, direction.MOST_POINTS)
+
+    def conditions() -> Iterator[tuple[str, float, float, float | None, np.ndarray]]:
+        for name, (rt60, snr, ser) in sets.DIRECTION_CONDITIONS.items():
+            yield name, rt60, snr, ser, _noise_in(point, field, _room(number, rt60)[0])
+        here = _room(number, sets.POINTS_RT60)[0]
+        # The third one's place is another room's, as alike as rooms of that reverberation time are.
+        places = here["noise 1"], here["noise 2"], _room(number + ANOTHER_ROOM, sets.POINTS_RT60)[0]["noise 1"]
+        heard = [mixing.convolve(x, place) for x, place in zip(points, places)]
+        for name, (count, snr) in sets.POINT_NOISES.items():
+            yield name, sets.POINTS_RT60, snr, None, sum(heard[:count])
+
+    for name, rt60, snr, ser, noise in conditions():
         responses, room = _room(number, rt60)
         near = mixing.convolve(dry, responses["talker"])
-        noise = _noise_in(point, field, responses)
         louder = level - max(0.0, -(ser or 0.0))
         mics = at_power(near, active_power(near[0]), louder) + hiss
         mics = mics + at_power(noise, mixing.power(noise[0]), louder - snr)
@@ -273,7 +285,7 @@ def called(corpus: Corpus, number: int) -> Iterator[tuple[str, Call]]:
         )
 
 
-@functools.lru_cache(len({rt60 for rt60, _, _ in sets.DIRECTION_CONDITIONS.values()}))
+@functools.lru_cache(1 + len({rt60 for rt60, _, _ in sets.DIRECTION_CONDITIONS.values()}))
 def _room(number: int, rt60: float) -> tuple[dict[str, np.ndarray], np.ndarray]:
     """Responses by source and record of a room with that reverberation time."""
     recipe = banks.Recipe(rt60_seconds=(rt60,) * len(banks.Recipe.rt60_seconds))

@@ -48,6 +48,13 @@ DIRECTION_CONDITIONS = {  # name -> (RT60 in s, SNR, SER or None in dB)
     "music playing -10 dB": (0.4, 30.0, -10.0),
     "music playing -20 dB": (0.4, 30.0, -20.0),
 }
+POINTS_RT60 = 0.4  # s
+POINT_NOISES = {  # name -> (noises at a point each, SNR in dB of all together)
+    "one noise at a point, 10 dB": (1, 10.0),
+    "three noises at points, 20 dB": (3, 20.0),
+    "three noises at points, 10 dB": (3, 10.0),
+    "three noises at points, 0 dB": (3, 0.0),
+}
 WAKE_CONDITIONS = {  # name -> (SNR, SER or None) in dB
     "quiet": (30.0, None),
     "noise 5 dB": (5.0, None),

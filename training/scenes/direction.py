@@ -42,7 +42,7 @@ from training.library import Library
 from training.scenes import clip_store, echo, mixing, sources
 from training.scenes.audio import active_power, fade, gain
 from training.scenes.bank import SOURCES, RoomBank
-from training.scenes.noisy import MIC_GAIN, NOISES, PEAK, SELF_NOISE, dry_noise
+from training.scenes.noisy import MIC_GAIN, NOISES, PEAK, SELF_NOISE, background, dry_noise
 from training.scenes.room import SIMULATOR_DELAY
 from training.shared import Record, Tables
 
@@ -57,6 +57,10 @@ TALK_BEGIN = (0.2, 1.5)
 PHRASE_CANDIDATES = 4  # stretches of talk, of which the loudest becomes the phrase
 EDGE = 0.01  # s
 SNR = (5.0, 30.0)  # dB
+# In some clips noises at one to three points, which the room does not spread: the hardest to tell from a talker.
+POINTS_SHARE, MOST_POINTS, POINTS_SNR = 0.35, 3, (0.0, 20.0)
+POINT_KINDS = {"recorded": 0.5, "steady": 0.5}
+POINT_LEVELS = (-6.0, 0.0)  # dB, of one against another
 LEVEL = (-40.0, -15.0)  # dBFS of the louder of talker and echo
 PLAYBACK_SHARE = 0.3
 SER = (-20.0, 5.0)  # dB, before the canceller
@@ -119,6 +123,14 @@ def speech(corpus: Corpus, rng: np.random.Generator, split: str, kind: str) -> n
     return dry
 
 
+def point_noises(corpus: Corpus, rng: np.random.Generator, split: str, samples: int, count: int) -> np.ndarray:
+    """[count, samples]: dry noises, each from a place of its own."""
+    kinds = rng.choice(list(POINT_KINDS), count, p=list(POINT_KINDS.values()))
+    rows = [background(corpus, rng, split, samples, str(kind))[0] for kind in kinds]
+    levels = gain(rng.uniform(*POINT_LEVELS, count))
+    return np.float32([x * (g / np.sqrt(mixing.power(x) + 1e-20)) for x, g in zip(rows, levels)])
+
+
 def activity(dry: np.ndarray, way: int) -> np.ndarray:
     """Whether a talker is heard in each hop; way: samples the sound takes to the microphone."""
     heard = np.concatenate([np.zeros(way, np.float32), dry[: len(dry) - way]])
@@ -148,11 +160,17 @@ def make_clip(
     dry = speech(corpus, rng, split, kind)
     near = np.zeros((3, samples), np.float32)
     near[:, lead:] = mixing.convolve(dry, bank.responses(room, place))
-    point, field = dry_noise(corpus, rng, split, samples, CLIP_NOISES)
+    if rng.random() < POINTS_SHARE:
+        point, field = point_noises(corpus, rng, split, samples, int(rng.integers(1, MOST_POINTS + 1))), None
+        snr = rng.uniform(*POINTS_SNR)
+    else:
+        point, field = dry_noise(corpus, rng, split, samples, CLIP_NOISES)
     noise = np.zeros((3, samples), np.float32) if field is None else field
-    for x, other in zip(point, (p for p in PLACES if p != place)):
+    # A room has two places beside the talker's; a third noise comes from another room's.
+    places = [(room, p) for p in PLACES if p != place] + [(bank.draw(rng, split), "noise 1")]
+    for x, other in zip(point, places):
         if x.any():
-            noise = noise + mixing.convolve(x, bank.responses(room, other))
+            noise = noise + mixing.convolve(x, bank.responses(*other))
 
     level = rng.uniform(*LEVEL) - max(0.0, -(ser or 0.0))
     mic_gain = gain(rng.uniform(-MIC_GAIN, MIC_GAIN, (3, 1))).astype(np.float32)

@@ -100,12 +100,15 @@ def test_a_call_is_heard_when_it_is_said_to_be(corpus):
     """From one heading in every condition; in the driest room at least 6 dB above the second before it."""
     for number in range(3):
         calls = dict(scenes.called(corpus, number))
-        assert list(calls) == list(sets.DIRECTION_CONDITIONS)
+        assert list(calls) == [*sets.DIRECTION_CONDITIONS, *sets.POINT_NOISES]
         assert len({call.heading for call in calls.values()}) == 1
         call = calls["RT60 0.2 s"]
         begin, end = round(call.begin * RATE), round(call.end * RATE)
         before = metrics.power(call.mics[0, begin - RATE : begin])
         assert metrics.power(call.mics[0, begin:end]) > 4 * before
+        # Noises at points: the fewer decibels, the more of what is heard before the call.
+        levels = [metrics.power(calls[f"three noises at points, {snr} dB"].mics[0, :begin]) for snr in (20, 10, 0)]
+        assert levels[0] < levels[1] < levels[2]
 
 
 def test_steady_noises_are_what_they_are_called():
