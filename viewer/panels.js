@@ -6,7 +6,7 @@ import { canvas, colour, el } from "./dom.js";
 import { BINS, colourScale, paintColumns } from "./spectrum.js";
 import { clock, ticks } from "./timeline.js";
 
-export const GUTTER = 44;
+export const GUTTER = 52;
 const FLAG = 15; // pixels, height of a wake's flag
 const SLICE_MS = 12; // of computing between two screen frames
 const MOST_COLUMNS = 1600;

@@ -69,7 +69,7 @@ function facts({ recording = {}, summary = {}, raw_timing: raw }, text) {
         .join(", "),
     ],
     [names.map, map],
-    [names.encoding, recording.encoding],
+    [names.encoding, text.encodings[recording.encoding] ?? recording.encoding],
     [
       names.cost,
       summary.core_share != null &&

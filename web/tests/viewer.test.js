@@ -1,13 +1,13 @@
 // The report in a browser: what it shows, how it is used, how fast a long one opens.
 
 import assert from "node:assert/strict";
-import { execFileSync } from "node:child_process";
+import { execFileSync, spawnSync } from "node:child_process";
 import { mkdtempSync, readFileSync, rmSync, writeFileSync } from "node:fs";
 import { tmpdir } from "node:os";
 import { join } from "node:path";
 import { after, before, test } from "node:test";
 import { fileURLToPath, pathToFileURL } from "node:url";
-import { wav } from "./builds.js";
+import { NATIVE, capture, descramble, faulty, tracksOf, wav } from "./builds.js";
 import { launch, noSeriousAccessibilityFault, noSidewaysScroll, open } from "./browser.js";
 
 const VIEWER = fileURLToPath(new URL("../../viewer/", import.meta.url));
@@ -116,6 +116,26 @@ test("a report says what was heard, from where, and what is wrong with the recor
   );
   assert.match(await page.getByRole("img", { name: /Echo reduction/ }).getAttribute("aria-label"), /median 20\.0 dB/);
   assert.match(await page.getByRole("meter", { name: "Output" }).textContent(), /-29 dB/);
+  assert.deepEqual(page.faults, []);
+  await page.close();
+});
+
+test("the report that the command writes opens without a fault and shows its events and findings", async () => {
+  const { mic1, mic2, mic3, ref } = tracksOf(capture());
+  const recording = join(folder, "kitchen.wav");
+  writeFileSync(recording, wav(faulty([...[mic1, mic2, mic3].map(descramble), ref])));
+  const run = spawnSync(join(NATIVE, "quibo"), ["run", recording, "--report", "-o", join(folder, "kitchen")]);
+  assert.equal(run.status, 1, `${run.stderr}`); // something to look at
+  const lines = readFileSync(join(folder, "kitchen/events.jsonl"), "utf8").trim().split("\n");
+  const wakes = lines.map((line) => JSON.parse(line)).filter(({ type }) => type === "wake");
+  const page = await open(browser, pathToFileURL(join(folder, "kitchen/report.html")).href);
+  await ready(page);
+  assert.equal(await page.textContent("h1"), "kitchen.wav");
+  assert.equal(await page.locator(".q-events tbody tr").count(), wakes.length);
+  assert.match(await page.textContent(".q-findings"), /Microphone 2 is dead.*Delay the reference by about 410 ms/s);
+  await page.locator(".q-play").click();
+  await page.waitForTimeout(500);
+  await noSeriousAccessibilityFault(page);
   assert.deepEqual(page.faults, []);
   await page.close();
 });
