@@ -96,6 +96,13 @@ def cycles(counted, core, triple="aarch64"):
     return tuple(dict(zip(MODULES, row)) | {"total": sum(row)} for row in result)
 
 
+def count(demo, capture, variants, qemu=instructions.QEMU):
+    """{variant: {module: instructions per frame}}"""
+    with tempfile.TemporaryDirectory() as folder:
+        library = plugin(folder)
+        return {variant: per_module(blocks(demo, capture, variant, library, qemu)) for variant in variants}
+
+
 def measure(demo, capture, variants):
     found = {"instructions": {}, "cycles": {}}
     with tempfile.TemporaryDirectory() as folder:

@@ -19,6 +19,7 @@ MODULES = {
     "direction": "kesto_customs_doa_write",
 }
 QEMU = ["qemu-aarch64", "-L", "/usr/aarch64-linux-gnu", "-cpu", "max"]
+QEMU_32 = ["qemu-arm", "-L", "/usr/arm-linux-gnueabihf", "-cpu", "cortex-a7"]
 
 
 def play(command, capture, frames, variant):

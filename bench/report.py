@@ -1,7 +1,7 @@
 #!/usr/bin/env python3
 """Measures the library and writes docs/performance.md. `./run bench` builds what is needed and calls it; by hand:
 
-    bench/report.py build-bench build-aarch64 [--from build-bench/performance.json]
+    bench/report.py build-bench build-aarch64 build-armhf [--from build-bench/performance.json]
 
 What was measured is kept in build-bench/performance.json; --from writes the page again from it.
 """
@@ -122,7 +122,7 @@ def digests(program, capture, emulator=()):
     return rows
 
 
-def measure(build, arm):
+def measure(build, arm, arm32):
     load = [os.getloadavg()[0]]
     capture = build / "capture.raw"
     text_of(
@@ -171,6 +171,11 @@ def measure(build, arm):
         on_arm = cycles.measure(arm.resolve() / "quibo_demo_static", samples, ("scalar", "neon", "neon_i8mm", "neon_fused"))
         found["instructions"] |= {"AArch64, " + v: count for v, count in on_arm["instructions"].items()}
         found["cycles"] = on_arm["cycles"]
+    if (arm32 / "quibo_demo_static").exists():
+        on_arm32 = cycles.count(
+            arm32.resolve() / "quibo_demo_static", samples, ("scalar", "neon_int8", "neon_fused"), instructions.QEMU_32
+        )
+        found["instructions"] |= {"32-bit ARM, " + v: count for v, count in on_arm32.items()}
     found["wasm"] = wasm.measure(ROOT, build, DIGEST_FRAMES)
     if found["wasm"]:
         found["digests"]["WebAssembly (node)"] = wasm.digests(found["wasm"])
@@ -322,7 +327,7 @@ and direction estimator.
 {wasm.section(found.get("wasm"), table)}
 ## Instructions
 
-Executed instructions do not depend on the machine: callgrind on x86 (which does not know AVX-512), qemu-user on AArch64.
+Executed instructions do not depend on the machine: callgrind on x86 (which does not know AVX-512), qemu-user on ARM.
 
 {instruction_section(found)}
 ### Estimated cycles on devices' cores
@@ -353,7 +358,8 @@ two steps of a frame, {next(iter(found["chain"]))}.
 ## The same bits
 
 Digest of everything every module computed over {DIGEST_FRAMES} frames, wakes and angles included (`quibo_digest`, any score made
-to wake). Tests compare these at every run; 32-bit ARM, which `./run check` runs too, has the scalar kernels.
+to wake). Tests compare these at every run; 32-bit ARM, which `./run check` runs too, has the scalar kernels
+and exact NEON integers.
 
 {digest_section(found)}"""
 
@@ -362,13 +368,14 @@ def main():
     parser = argparse.ArgumentParser(description=__doc__, formatter_class=argparse.RawDescriptionHelpFormatter)
     parser.add_argument("build", type=pathlib.Path)
     parser.add_argument("arm", type=pathlib.Path)
+    parser.add_argument("arm32", type=pathlib.Path)
     parser.add_argument("--from", dest="earlier", type=pathlib.Path)
     arguments = parser.parse_args()
     kept = arguments.build / "performance.json"
     if arguments.earlier:
         found = json.loads(arguments.earlier.read_text())
     else:
-        found = measure(arguments.build, arguments.arm)
+        found = measure(arguments.build, arguments.arm, arguments.arm32)
         kept.write_text(json.dumps(found))
     (ROOT / "docs/performance.md").write_text(page(found))
     print(f"docs/performance.md; what was measured in {kept}")

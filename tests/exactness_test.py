@@ -78,6 +78,16 @@ def test_every_instruction_set_gives_the_scalar_digests(build, capture):
     expect_equal(build, capture, expected, others, frames)
 
 
+def test_a_small_build_has_one_variant_and_its_bits(build, capture):
+    small = os.environ.get("QUIBO_SMALL_BUILD")
+    if not small:
+        pytest.skip("./run check builds it")
+    small, (program, _) = pathlib.Path(small), EMULATED["build-armhf"]
+    emulator = (*program, "-cpu", "cortex-a7")
+    assert variants(small, emulator) == SAME_HERE["build-armhf"]
+    expect_equal(small, capture, digest(build, capture, "scalar", SHORT), [""], SHORT, emulator)
+
+
 @pytest.mark.parametrize("name", EMULATED)
 def test_arm_gives_the_digests_of_this_machine_and_its_registers_keep_their_contracts(name, build, capture):
     folders = {pathlib.Path(folder).name: pathlib.Path(folder) for folder in os.environ.get("QUIBO_CROSS_BUILDS", "").split()}
