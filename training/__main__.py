@@ -12,7 +12,7 @@ import torch
 
 from . import data, export, parity, tasks, train
 from .cache_keys import file_digest
-from .evaluate import listening
+from .evaluate import diagnosis, listening
 from .models.layers import deploy
 from .models.quantise import set_mode
 from .shared import ROOT, Config
@@ -174,6 +174,9 @@ def main() -> None:
     p = commands.add_parser("listen", help="the wake-up engine alone: recall, near misses, false accepts of held-out speakers")
     listening.add_options(p)
     p.set_defaults(run=listening.run)
+    p = commands.add_parser("diagnose", help="what is lost of the wake phrase, and where: per voice, place and condition")
+    diagnosis.add_options(p)
+    p.set_defaults(run=diagnosis.run)
     arguments = parser.parse_args()
     arguments.run(arguments)
 
