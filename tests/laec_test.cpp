@@ -8,6 +8,7 @@
 #include <cmath>
 #include <complex>
 #include <cstring>
+#include <functional>
 #include <limits>
 #include <memory>
 #include <random>
@@ -581,6 +582,64 @@ TEST(LaecWrapper, ASquareWaveStartsTheCancellerAnewOnceAndTheFrameIsTheMicrophon
   EXPECT_TRUE(unguarded_failed) << "the tone does no harm: the test shows nothing";
   EXPECT_EQ(kesto_laec_restarts(handle), 1) << "seed " << kSeed;
   kesto_Laec_Post_unit(handle);
+}
+
+// 120 pulses a second, each the start of two resonances that ring for milliseconds.
+float voice(int n) {
+  const float t = static_cast<float>(n % 133) / 16000.0f;
+  return 6000.0f * std::exp(-60.0f * t) *
+         (std::sin(2 * static_cast<float>(M_PI) * 700.0f * t) +
+          std::sin(2 * static_cast<float>(M_PI) * 1200.0f * t));
+}
+
+// A keypad's, 50 ms of 90.
+float bursts(int n) {
+  const float t = static_cast<float>(n) / 16000.0f;
+  const float pair = std::sin(2 * static_cast<float>(M_PI) * 770.0f * t) +
+                     std::sin(2 * static_cast<float>(M_PI) * 1336.0f * t);
+  return n % 1440 < 800 ? 6000.0f * pair : 0.0f;
+}
+
+float dings(int n) {
+  const float t = static_cast<float>(n % 16000) / 16000.0f;
+  return 16000.0f * std::exp(-6.0f * t) * std::sin(2 * static_cast<float>(M_PI) * 900.0f * t);
+}
+
+// Weights that stay as they are make the output four times the reference over a silent microphone.
+TEST(LaecWrapper, ALoudOutputIsBorneForFiveFramesOfTonesAndFor64OfSpeechOrNoise) {
+  std::mt19937 random(kSeed);
+  const Frame hiss = noise(random, 80 * kShift, 3000.0f);
+  const struct {
+    const char* name;
+    int frames;
+    std::function<float(int)> wave;
+  } kCases[] = {
+      {"square", 5, [](int n) { return square_wave(n, kBadTone, 8000.0f); }},
+      {"bursts of two tones", 5, bursts},
+      {"dings", 5, dings},
+      {"voice", 64, voice},
+      {"noise", 64, [&](int n) { return hiss[n]; }},
+  };
+  for (const auto& c : kCases) {
+    void* handle = kesto_Laec_Post_init();
+    LAEC& st = static_cast<AEC_POST*>(handle)->laec;
+    st.muMax = st.muMin = 0.0f;
+    st.pfMin = 1.0f;
+    for (laec_complex_t& w : st.wk[0]) w.real = 4.0f;
+    const Samples mic(kShift, 1);
+    Frame out(kShift);
+    int frames = 0;
+    while (kesto_laec_restarts(handle) == 0 && frames < 80) {
+      Samples ref(kShift);
+      for (int n = 0; n < kShift; ++n) {
+        ref[n] = static_cast<int16_t>(c.wave(frames * kShift + n) / 8);
+      }
+      kesto_Laec_Post_write(handle, mic.data(), ref.data(), out.data());
+      ++frames;
+    }
+    EXPECT_EQ(frames, c.frames) << c.name << ", seed " << kSeed;
+    kesto_Laec_Post_unit(handle);
+  }
 }
 
 TEST(LaecWrapper, WhatIsNotANumberIsGoneBeforeTheCallerSeesIt) {
