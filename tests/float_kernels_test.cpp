@@ -118,4 +118,40 @@ TEST(FloatKernels, EveryVariantGivesTheScalarBitsAtAnyLength) {
   });
 }
 
+// A frequency block's steps are independent of each other: two at a time, which share the weights, give what each
+// gives alone, and the state kept is the second one's.
+TEST(FloatKernels, AFrequencyBlockKeepsTheStateOfItsLastStep) {
+  constexpr int H = 32, kMap = H * quibo::kGruPositions;
+  const std::vector<float> weights = noise(8 * H * H, kSeed + 40, 0.1f);
+  const std::vector<float> input = noise(2 * kMap, kSeed + 41);
+  std::vector<float> scratch(quibo::gru_scratch(H));
+  for_each_variant([&](const std::string& variant) {
+    auto run = [&](const float* from, int steps, float* state) {
+      std::vector<float> output(steps * kMap);
+      quibo::GruJob job = {};
+      job.weight_ir = weights.data();
+      job.weight_iz = job.weight_ir + 2 * H * H;
+      job.weight_in_x = job.weight_iz + 2 * H * H;
+      job.weight_in_h = job.weight_in_x + H;
+      job.weight_in_stride = 2 * H;
+      job.linear_weight = job.weight_in_x + 2 * H * H;
+      job.bias_ir = job.bias_iz = job.bias_in1 = job.bias_in2 = job.linear_bias = weights.data();
+      job.state = state;
+      job.input = from;
+      job.output = output.data();
+      job.steps = steps;
+      job.scratch = scratch.data();
+      net().denoise_gru.frequency(job);
+      return output;
+    };
+    float first[H], second[H], both[H];
+    std::vector<float> alone = run(input.data(), 1, first);
+    const std::vector<float> other = run(input.data() + kMap, 1, second);
+    alone.insert(alone.end(), other.begin(), other.end());
+    EXPECT_EQ(alone, run(input.data(), 2, both)) << variant;
+    EXPECT_EQ(0, std::memcmp(both, second, sizeof both)) << variant;
+    EXPECT_NE(0, std::memcmp(first, second, sizeof first)) << variant;
+  });
+}
+
 }  // namespace

@@ -168,7 +168,7 @@ MUTATIONS = [
         "nn/gru_kernels.h",
         "memcpy(job.state, h[kSteps - 1], sizeof h[0]);",
         "memcpy(job.state, h[0], sizeof h[0]);",
-        "denoise_test",
+        "float_kernels_test",
     ),
     ("nn/gru_kernels.h", "tanh<V, ExactExp>(x, 8.0f)", "tanh<V, ExactExp>(x)", "aec_denoise_test"),
     ("nn/float_kernels.h", "V::splat(0.00138145406f)", "V::splat(0.00139f)", "float_kernels_test"),
