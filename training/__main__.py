@@ -32,7 +32,7 @@ def configuration(network: str, path: pathlib.Path | None, smoke: bool) -> Confi
 
 
 def run_training(arguments: argparse.Namespace) -> None:
-    data.of(arguments.network).Scenes.settle(arguments)
+    name = data.of(arguments.network).Scenes.settle(arguments)
     config = configuration(arguments.network, arguments.config, arguments.smoke)
     if arguments.steps:
         config["train"]["steps"] = arguments.steps
@@ -43,7 +43,7 @@ def run_training(arguments: argparse.Namespace) -> None:
             config["model"]["norm"] = False
             config["train"]["freeze_norm"] = 0
     config |= data.of(arguments.network).Scenes.recorded(arguments)
-    folder = arguments.out / f"train-{arguments.network}{'-smoke' if arguments.smoke else ''}"
+    folder = arguments.out / f"train-{name}{'-smoke' if arguments.smoke else ''}"
     folder.mkdir(parents=True, exist_ok=True)
     device = "cuda" if torch.cuda.is_available() else "cpu"
     source = data.open_data(arguments.network, config, arguments)

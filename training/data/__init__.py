@@ -53,8 +53,9 @@ class Scenes:
         """What the command `train` takes for this network alone."""
 
     @staticmethod
-    def settle(arguments: argparse.Namespace) -> None:
-        """Fills in what these options imply for others."""
+    def settle(arguments: argparse.Namespace) -> str:
+        """Fills in what these options imply for others. Returns the run's name, of its folder."""
+        return arguments.network
 
     @staticmethod
     def recorded(arguments: argparse.Namespace) -> dict[str, str]:

@@ -49,12 +49,15 @@ class Scenes(naec.Scenes):
         return {"phrase": arguments.phrase} if arguments.phrase else {}
 
     @staticmethod
-    def settle(arguments: argparse.Namespace) -> None:
-        """Another phrase has a recipe, a beginning and a folder of its own."""
+    def settle(arguments: argparse.Namespace) -> str:
+        """Another phrase has a recipe, a beginning and folders of its own."""
+        name = "kws"
         if arguments.phrase:
+            name = f"kws-{arguments.phrase.replace(' ', '_')}"
             arguments.config = arguments.config or ROOT / "training/configs/kws_phrase.toml"
             arguments.start = arguments.start or PARAMS / "kws.safetensors"
-            arguments.params = arguments.params or arguments.out / arguments.phrase.replace(" ", "_")
+            arguments.params = arguments.params or arguments.out / f"params-{name}{'-smoke' if arguments.smoke else ''}"
+        return name
 
     @property
     def phrase(self) -> Phrase:

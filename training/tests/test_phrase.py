@@ -83,8 +83,11 @@ def test_a_phrase_brings_its_recipe_and_writes_a_folder_to_build_with(tmp_path):
     arguments = parser.parse_args(["--phrase", " Xiao hu  xian sheng"])
     arguments.config = arguments.start = arguments.params = None
     arguments.out = tmp_path
-    data.of("kws").Scenes.settle(arguments)
-    assert arguments.start == PARAMS / "kws.safetensors" and arguments.params == tmp_path / "xiao_hu_xian_sheng"
+    arguments.smoke = True
+    assert data.of("kws").Scenes.settle(arguments) == "kws-xiao_hu_xian_sheng"
+    assert (
+        arguments.start == PARAMS / "kws.safetensors" and arguments.params == tmp_path / "params-kws-xiao_hu_xian_sheng-smoke"
+    )
     config = configuration("kws", arguments.config, True) | data.of("kws").Scenes.recorded(arguments)
     task = tasks.create("kws", config, data.of("kws").Stub(config))
     task.write_beside(tmp_path)
