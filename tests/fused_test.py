@@ -15,6 +15,7 @@ FRAME, FIFO = 1024, 2048  # samples that quibo_digest writes per frame: one fram
 # the signal is quiet, and so each weighs more.
 ECHO_DB, NOISE_DB = 90.0, 80.0
 ANGLE_DEGREES = 1
+TALK = 128  # the frame in which somebody speaks for the first time; before, an angle points at nothing
 
 
 @pytest.fixture(scope="module")
@@ -75,7 +76,7 @@ def test_fused_kernels_stay_within_their_bars(build, capture, tmp_path):
             assert its_digests[name] == digests[name], (variant, name)
         assert its_digests["echo suppressor"] != digests["echo suppressor"], f"{variant} is not in use"
         assert its_wakes.keys() == wakes.keys()
-        for frame, angle in wakes.items():
+        for frame, angle in ((frame, angle) for frame, angle in wakes.items() if frame >= TALK):
             off = (its_wakes[frame] - angle + 180) % 360 - 180
             assert abs(off) <= ANGLE_DEGREES, (variant, frame)
         for part, bar in ((slice(0, FRAME), ECHO_DB), (slice(FRAME, FRAME + 3 * FIFO), NOISE_DB)):
