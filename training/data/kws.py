@@ -27,6 +27,15 @@ def phrase_of(config: Config) -> Phrase:
     return Phrase.of(config["phrase"]) if "phrase" in config else shipped
 
 
+class Once(argparse.Action):
+    """An option that a second time does not silently replace what the first one said."""
+
+    def __call__(self, parser: argparse.ArgumentParser, namespace: argparse.Namespace, values: object, *_: object) -> None:
+        if getattr(namespace, self.dest) is not None:
+            raise argparse.ArgumentError(self, "one phrase at a time")
+        setattr(namespace, self.dest, values)
+
+
 class Scenes(naec.Scenes):
     """With a library also what the canceller leaves of playback, in the echo suppressor's clips."""
 
@@ -40,6 +49,7 @@ class Scenes(naec.Scenes):
         )
         parser.add_argument(
             "--phrase",
+            action=Once,
             type=linter.checked,
             help="kws: another wake phrase, in syllables: fine-tunes the shipped network with configs/kws_phrase.toml",
         )

@@ -81,6 +81,8 @@ def test_a_phrase_brings_its_recipe_and_writes_a_folder_to_build_with(tmp_path):
     parser = argparse.ArgumentParser()
     data.of("kws").Scenes.add_options(parser)
     arguments = parser.parse_args(["--phrase", " Xiao hu  xian sheng"])
+    with pytest.raises(SystemExit):
+        parser.parse_args(["--phrase", "xiao hu xian sheng", "--phrase", "ling dang ling dang"])
     arguments.config = arguments.start = arguments.params = None
     arguments.out = tmp_path
     arguments.smoke = True
