@@ -20,7 +20,9 @@ std::string version() {
   std::string text = "quibo " + about["version"].get<std::string>() + "\nkernels    " +
                      about["kernels"].get<std::string>() + "\n";
   for (const auto& [name, digest] : about["parameters"].items()) {
-    text.append("parameters ").append(name).append(std::max<size_t>(name.size() + 1, 9) - name.size(), ' ');
+    text.append("parameters ")
+        .append(name)
+        .append(std::max<size_t>(name.size() + 1, 9) - name.size(), ' ');
     text.append(digest.get<std::string>()).append("\n");
   }
   text.pop_back();
