@@ -166,7 +166,7 @@ def measure(build, arm, arm32):
         if v in ("scalar", "sse2", "avx2")
     }
     found["digests"] = {"x86-64": digests(build / "quibo_digest", capture)}
-    if (arm / "quibo_demo").exists():
+    if (arm / "quibo_demo_static").exists():
         found["digests"]["AArch64 (qemu)"] = digests(arm / "quibo_digest", capture, instructions.QEMU)
         on_arm = cycles.measure(arm.resolve() / "quibo_demo_static", samples, ("scalar", "neon", "neon_i8mm", "neon_fused"))
         found["instructions"] |= {"AArch64, " + v: count for v, count in on_arm["instructions"].items()}
