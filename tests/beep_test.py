@@ -2,7 +2,6 @@
 
 import ctypes
 import json
-import subprocess
 
 import pytest
 
@@ -12,14 +11,9 @@ LATE = 1.5  # s after a phrase
 
 
 @pytest.fixture(scope="module")
-def sample(source, build, unsanitized):
+def sample(capture, unsanitized):
     """The sample's frames: per frame the six channels, 1024 int16 each."""
-    raw = subprocess.run(
-        ["flac", "-dcs", "--force-raw-format", "--endian=little", "--sign=signed", source / "samples/living_room.flac"],
-        check=True,
-        capture_output=True,
-    ).stdout
-    samples = memoryview(raw).cast("h")
+    samples = memoryview(capture.read_bytes()).cast("h")
     whole = len(samples) // (CHANNELS * FRAME)
     return [
         [samples[(f * FRAME) * CHANNELS + c : (f + 1) * FRAME * CHANNELS : CHANNELS].tobytes() for c in range(CHANNELS)]

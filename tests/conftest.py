@@ -30,6 +30,15 @@ def unsanitized():
 
 
 @pytest.fixture(scope="session")
+def capture(source, tmp_path_factory):
+    """The sample recording as the driver reads it: int16, six channels interleaved."""
+    path = tmp_path_factory.mktemp("sample") / "capture.raw"
+    how = ["-d", "-s", "--force-raw-format", "--endian=little", "--sign=signed"]
+    subprocess.run(["flac", *how, "-o", path, source / "samples/living_room.flac"], check=True)
+    return path
+
+
+@pytest.fixture(scope="session")
 def quibo(build):
     """Runs the command."""
     if not (build / "quibo").exists():

@@ -9,7 +9,6 @@ do not; ./run evaluate measures how well.
 import array
 import ctypes
 import json
-import subprocess
 
 BAR_DEGREES = 20
 ASKED_SECONDS = 0.1  # after the talker's last sound
@@ -37,23 +36,9 @@ def frames(build, channels):
         quibo.QuibAncUnit(ctypes.byref(handle))
 
 
-def test_the_estimator_points_at_every_talker_of_the_sample(build, source, unsanitized):
+def test_the_estimator_points_at_every_talker_of_the_sample(build, source, capture, unsanitized):
     scene = json.loads((source / "samples/living_room.json").read_text(encoding="utf-8"))
-    raw = subprocess.run(
-        [
-            "flac",
-            "-d",
-            "-c",
-            "-s",
-            "--force-raw-format",
-            "--endian=little",
-            "--sign=signed",
-            source / "samples" / scene["file"],
-        ],
-        check=True,
-        stdout=subprocess.PIPE,
-    ).stdout
-    channels = [array.array("h", raw)[c::6] for c in range(6)]
+    channels = [array.array("h", capture.read_bytes())[c::6] for c in range(6)]
     asked = {
         int((talker["end"] + ASKED_SECONDS) * RATE) // BLOCK: talker
         for stretch in scene["stretches"]

@@ -33,26 +33,6 @@ EMULATED = {
 SAME_HERE = {"build-armhf": ["neon_fused"]}
 
 
-@pytest.fixture(scope="module")
-def capture(source, tmp_path_factory):
-    path = tmp_path_factory.mktemp("sample") / "capture.raw"
-    subprocess.run(
-        [
-            "flac",
-            "-d",
-            "-s",
-            "--force-raw-format",
-            "--endian=little",
-            "--sign=signed",
-            "-o",
-            path,
-            source / "samples/living_room.flac",
-        ],
-        check=True,
-    )
-    return path
-
-
 def digest(build, capture, variant, frames, emulator=()):
     command = [*emulator, build / "quibo_digest", capture, str(frames)]
     return subprocess.run(

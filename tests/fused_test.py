@@ -18,26 +18,6 @@ ANGLE_DEGREES = 1
 TALK = 128  # the frame in which somebody speaks for the first time; before, an angle points at nothing
 
 
-@pytest.fixture(scope="module")
-def capture(source, tmp_path_factory):
-    path = tmp_path_factory.mktemp("sample") / "capture.raw"
-    subprocess.run(
-        [
-            "flac",
-            "-d",
-            "-s",
-            "--force-raw-format",
-            "--endian=little",
-            "--sign=signed",
-            "-o",
-            path,
-            source / "samples/living_room.flac",
-        ],
-        check=True,
-    )
-    return path
-
-
 def play(build, capture, variant, out):
     """(digest lines, {frame: angle} of the wakes, what the suppressors put out)"""
     text = subprocess.run(
