@@ -14,6 +14,7 @@ import json
 import pathlib
 from collections.abc import Sequence
 
+FILE = "keywords.json"  # in a folder of parameters
 NAME = "keywords_index"  # the library's table
 LONGEST = 38  # syllables
 LARGEST = 2**15 - 1  # of the table's whole numbers

@@ -25,7 +25,7 @@ import hashlib
 import os
 import pathlib
 import subprocess
-from collections.abc import Callable, Iterator, Sequence
+from collections.abc import Callable, Iterator, Mapping, Sequence
 
 import numpy as np
 import soundfile
@@ -37,6 +37,7 @@ from training.device_facts import RATE
 ROLES = ("near", "far", "noise", "music", "mandarin")
 SPLITS = ("train", "valid", "test")
 EXTENSIONS = (".wav", ".flac", ".ogg", ".opus")
+VOICES = "neural_voices"  # folder of what a synthesiser says
 DEFAULT_DESCRIPTION = pathlib.Path(__file__).parent / "corpora" / "default.toml"
 
 
@@ -59,9 +60,15 @@ class Clip:
 
 
 class Corpus:
-    def __init__(self, root: pathlib.Path | None, cache: pathlib.Path | str, clips: list[Clip]) -> None:
+    def __init__(
+        self,
+        root: pathlib.Path | None,
+        cache: pathlib.Path | str,
+        clips: list[Clip],
+        elsewhere: Mapping[str, pathlib.Path] | None = None,
+    ) -> None:
         self._root, self._cache = root, pathlib.Path(cache)
-        self._clips = clips
+        self._clips, self._elsewhere = clips, elsewhere or {}  # {folder of the corpus: where it really lies}
         self._pools = {}
         self._draws = {}
 
@@ -80,7 +87,12 @@ class Corpus:
 
     def where(self, keep: Callable[[Clip], bool]) -> Corpus:
         """The corpus of the clips that `keep` accepts."""
-        return Corpus(self._root, self._cache, [c for c in self._clips if keep(c)])
+        return Corpus(self._root, self._cache, [c for c in self._clips if keep(c)], self._elsewhere)
+
+    def with_split(self, split: str, named: str) -> Corpus:
+        """The corpus of one split's clips, that split being called `named`."""
+        clips = [dataclasses.replace(c, split=named) for c in self._clips if c.split == split]
+        return Corpus(self._root, self._cache, clips, self._elsewhere)
 
     def draw_speaker(self, rng: np.random.Generator, role: str, split: str) -> list[Clip]:
         """All clips of one speaker: a set by its share, then one of its speakers."""
@@ -128,7 +140,14 @@ class Corpus:
         """Digest of a clip's audio."""
         if self._synthetic(clip):
             return cache_keys.digest([clip.path, synthetic.made_from(clip.path.split("/")[1])])
-        return self._digests(self._root / clip.path)
+        return self._digests(self._file(clip))
+
+    def _file(self, clip: Clip) -> pathlib.Path:
+        """The recording itself."""
+        for folder, place in self._elsewhere.items():
+            if clip.path.startswith(f"{folder}/"):
+                return place / clip.path[len(folder) + 1 :]
+        return self._root / clip.path
 
     def contents(self, clips: list[Clip], labels: bool = False) -> str:
         """Digest of what a draw from these clips depends on: their audio, in this order, their speakers and shares;
@@ -147,7 +166,7 @@ class Corpus:
     def _playable(self, clip: Clip) -> pathlib.Path:
         """The clip as a 16 kHz mono file: itself, or a copy of this content in the cache."""
         if not self._synthetic(clip):
-            path = self._root / clip.path
+            path = self._file(clip)
             if path.suffix == ".wav" and _is_mono_16k(path):
                 return path
         name = f"{pathlib.PurePath(clip.path).stem}-{self._content(clip)[:12]}.wav"
@@ -164,14 +183,14 @@ class Corpus:
             _, kind, number = clip.path.split("/")
             make = {"speech": synthetic.speech, "noise": synthetic.noise, "music": synthetic.music}
             return make[kind](int(number))
-        x, rate = soundfile.read(self._root / clip.path, always_2d=True)
+        x, rate = soundfile.read(self._file(clip), always_2d=True)
         return synthetic.to_rate(x.mean(axis=1), rate)
 
     def digest(self) -> str:
         """Hash of what is in the corpus and how it is split."""
         digest = hashlib.sha256()
         for c in self._clips:
-            size = 0 if self._synthetic(c) else (self._root / c.path).stat().st_size
+            size = 0 if self._synthetic(c) else self._file(c).stat().st_size
             line = (c.path, size, c.speaker, c.split, c.roles, c.share)
             digest.update(f"{line}\n".encode())
         return digest.hexdigest()[:16]
@@ -254,16 +273,19 @@ class _Description:
         )
 
 
+def _manifest(folder: pathlib.Path, name: pathlib.Path | str) -> Iterator[dict[str, str]]:
+    """A folder's rows, their paths below `name`."""
+    with open(folder / "manifest.csv", newline="", encoding="utf-8") as f:
+        for row in csv.DictReader(f):
+            yield {k: v for k, v in row.items() if k and v} | {"path": str(pathlib.PurePath(name) / row["path"])}
+
+
 def _rows(root: pathlib.Path) -> Iterator[dict[str, str]]:
     """Manifest rows of every folder, paths below `root`; folders without one file by file."""
     folders = sorted(p for p in root.iterdir() if p.is_dir())
     for folder in [root, *folders] if (root / "manifest.csv").exists() else folders:
-        manifest = folder / "manifest.csv"
-        if manifest.exists():
-            with open(manifest, newline="", encoding="utf-8") as f:
-                for row in csv.DictReader(f):
-                    path = (folder / row["path"]).relative_to(root)
-                    yield {k: v for k, v in row.items() if k and v} | {"path": str(path)}
+        if (folder / "manifest.csv").exists():
+            yield from _manifest(folder, folder.relative_to(root))
         else:
             for path in sorted(folder.rglob("*")):
                 if path.suffix.lower() in EXTENSIONS:
@@ -330,22 +352,31 @@ def _unpack(packed: pathlib.Path, unpacked: pathlib.Path) -> pathlib.Path:
 
 
 def open_corpus(
-    path: pathlib.Path | str | None, cache_dir: pathlib.Path | str, seed: int = 0, description: pathlib.Path | None = None
+    path: pathlib.Path | str | None,
+    cache_dir: pathlib.Path | str,
+    seed: int = 0,
+    description: pathlib.Path | None = None,
+    voices: pathlib.Path | None = None,
 ) -> Corpus:
     """The corpus in the folder `path`, or synthetic audio alone when that is None.
 
     A folder with an unpack.sh of its own is unpacked into the cache first. `cache_dir` also takes
-    synthetic and decoded clips. `seed` turns the hash that splits speakers.
+    synthetic and decoded clips. `seed` turns the hash that splits speakers. `voices`: a folder that
+    training/neural_voices made, heard as if it lay in the corpus.
     """
     cache_dir = pathlib.Path(cache_dir)
-    if path is None:
-        return Corpus(None, cache_dir, _synthetic_clips(seed, SPLITS, 1.0))
-    root = pathlib.Path(path)
-    if (root / "unpack.sh").exists():
+    root = path and pathlib.Path(path)
+    if root and (root / "unpack.sh").exists():
         root = _unpack(root, cache_dir / "unpacked")
-    own = root / "corpus.toml"
-    rules = _Description(description or (own if own.exists() else DEFAULT_DESCRIPTION), seed)
-    clips = [clip for row in _rows(root) if (clip := rules.clip(row)) and clip.roles]
+    own = root and root / "corpus.toml"
+    rules = _Description(description or (own if own and own.exists() else DEFAULT_DESCRIPTION), seed)
+    rows, elsewhere = list(_rows(root)) if root else [], {}
+    if voices:
+        elsewhere[f"{VOICES}/{voices.name}"] = voices
+        rows += [{"roles": "mandarin"} | row for row in _manifest(voices, f"{VOICES}/{voices.name}")]
+    clips = [clip for row in rows if (clip := rules.clip(row)) and clip.roles]
+    if root is None:
+        return Corpus(None, cache_dir, clips + _synthetic_clips(seed, SPLITS, 1.0), elsewhere)
     if not clips:
         raise ValueError(f"{root}: no audio")
     by_speech = [c for c in clips if {"near", "far"} & set(c.roles)]
@@ -353,4 +384,4 @@ def open_corpus(
     for clip in by_speech:
         if own_splits[clip.speaker] != clip.split:
             raise ValueError(f"speaker {clip.speaker} is in two splits")
-    return Corpus(root, cache_dir, clips + _synthetic_clips(seed, ("train",), rules.synthetic_share))
+    return Corpus(root, cache_dir, clips + _synthetic_clips(seed, ("train",), rules.synthetic_share), elsewhere)

@@ -11,10 +11,12 @@ import time
 
 from quibo.fleet import engines
 
+from params import keyword_table
 from training.data import SEED
 from training.evaluate import report, revision, sets, work
 from training.scenes.bank import build_bank
 from training.shared import ROOT
+from training.syllables.inventory import Phrase
 
 SIZED = ("noise", "echo", "direction", "wake")
 
@@ -26,12 +28,13 @@ def add_options(parser: argparse.ArgumentParser) -> None:
         type=pathlib.Path,
         help="folder of audio as for training; without it synthetic speech only",
     )
+    parser.add_argument("--voices", type=pathlib.Path, help="what ./run voices has made, if it is not in that folder")
     parser.add_argument("--library", type=pathlib.Path, default=ROOT / "build-release/libquibo.so")
     parser.add_argument(
         "--params",
         type=pathlib.Path,
         default=ROOT / "params",
-        help="the parameter files the library was built with",
+        help="the parameter files the library was built with; their keyword table names the wake phrase",
     )
     parser.add_argument(
         "--cache",
@@ -69,6 +72,8 @@ def run(arguments: argparse.Namespace) -> None:
         raise SystemExit(f"evaluate: {error}") from None
     if not arguments.library.exists():
         raise SystemExit(f"evaluate: no library {arguments.library}: build it, or name one with --library")
+    if not (arguments.params / keyword_table.FILE).exists():
+        raise SystemExit(f"evaluate: no {keyword_table.FILE} in {arguments.params}, which is to name the wake phrase")
     sizes = sets.SHORT if arguments.short else sets.LONG
     chosen = {name: getattr(arguments, f"{name}_scenes") for name in SIZED}
     sizes = dataclasses.replace(sizes, **{name: n for name, n in chosen.items() if n is not None})
@@ -84,7 +89,14 @@ def run(arguments: argparse.Namespace) -> None:
     folder = (arguments.bank or place / "bank").resolve()
     build_bank(folder, sizes.rooms, SEED)
     given = work.Given(
-        arguments.library.resolve(), absolute(arguments.data), place / "corpus", folder, sizes, absolute(arguments.gtcrn)
+        arguments.library.resolve(),
+        absolute(arguments.data),
+        place / "corpus",
+        folder,
+        sizes,
+        absolute(arguments.gtcrn),
+        Phrase.in_folder(arguments.params),
+        absolute(arguments.voices),
     )
     opened = work.opened(given)
     results = {
@@ -94,6 +106,7 @@ def run(arguments: argparse.Namespace) -> None:
             "seed": sets.SEED,
             "data": opened.corpus.digest(),
             "speech": "recordings" if arguments.data else "synthetic",
+            "phrase": given.phrase.text,
             "rooms": opened.bank.digest(),
             **revision.describe(arguments.library, arguments.params),
         }

@@ -3,6 +3,7 @@
 The engine is kept from waking and its posteriors are looked at along the best way through the phrase's syllables. What was not
 heard is put down to one of
 
+    outside   the score was enough, but too early (on what came before, or on a part of the phrase) or too late
     gate      the score was enough, but only in steps that count as silent, which never wake
     decoder   the network said every syllable, and the score came to too little all the same
     network   it did not: per place what it said instead, or that it said nothing ("blank")
@@ -20,20 +21,19 @@ from collections.abc import Iterator, Sequence
 import numpy as np
 
 from params.syllable_names import class_names
-from training import engine, export
-from training.corpus import open_corpus
-from training.data import SEED as SEED_OF_SPLITS
 from training.device_facts import BLANK, BLOCK, RATE, SILENT, SMALLEST_SCORE, THRESHOLD
 from training.evaluate import device as devices
-from training.evaluate import intervals, listening, scenes
+from training.evaluate import intervals, listening, material
+from training.evaluate.material import Material
 from training.library import WakeUp
-from training.scenes.bank import load_bank
-from training.shared import ROOT, Record
+from training.shared import Record
 from training.syllables import cutting
+from training.syllables.inventory import Phrase
 
 SAID = 0.5  # posterior from which on a syllable was said
 AROUND = (4, 2)  # steps before and behind a syllable's last one, in which something else may have been said
-OUTCOMES = ("heard", "gate", "decoder", "network")
+LATEST = 0.6  # s behind the phrase's end, from which on a wake is too late
+OUTCOMES = ("heard", "outside", "gate", "decoder", "network")
 SETS = ("phrase", "fluent phrase")
 
 
@@ -46,9 +46,9 @@ class Heard:
     end: float
 
     @staticmethod
-    def of(so: object, wave: np.ndarray, end: float) -> Heard:
+    def of(so: object, wave: np.ndarray, end: float, phrase: Phrase) -> Heard:
         posteriors, costs = [], []
-        with WakeUp(so) as listened:
+        with WakeUp(so, phrase.keyword) as listened:
             listened.word.thres = -np.inf
             for _ in listened.steps(wave):
                 posteriors.append(listened.data.posteriors())
@@ -59,14 +59,17 @@ class Heard:
 
 def outcome(heard: Heard, said: Sequence[int]) -> tuple[str, list[int]]:
     """Which of OUTCOMES, and per place the class that was said there."""
-    late_enough = np.arange(1, len(heard.costs) + 1) * BLOCK / RATE > heard.end - listening.SOONEST
-    enough = (heard.costs < THRESHOLD) & late_enough
+    since_end = np.arange(1, len(heard.costs) + 1) * BLOCK / RATE - heard.end
+    inside = (since_end > -listening.SOONEST) & (since_end < LATEST)
+    enough = heard.costs < THRESHOLD
     silent = heard.posteriors[:, BLANK] > SILENT
     instead = spoken(heard.posteriors, said)
-    if (enough & ~silent).any():
+    if (enough & inside & ~silent).any():
         return "heard", instead
-    if enough.any():
+    if (enough & inside).any():
         return "gate", instead
+    if (enough & ~silent).any():
+        return "outside", instead
     return "decoder" if instead == list(said) else "network", instead
 
 
@@ -105,8 +108,8 @@ def summary(rows: Sequence[Record]) -> Record:
 
 def table(summaries: dict[tuple[str, str], Record]) -> str:
     """As Markdown."""
-    lines = ["| voice | condition | n | heard | gate | decoder | network | lost in each place, and to what |"]
-    lines.append("|---|---|---:|---:|---:|---:|---:|---|")
+    lines = ["| voice | condition | n | heard | outside | gate | decoder | network | lost in each place, and to what |"]
+    lines.append("|---|---|---:|---:|---:|---:|---:|---:|---|")
     for (voice, condition), s in summaries.items():
         places = "; ".join(
             f"{100 * p['lost']:.0f} %"
@@ -122,40 +125,43 @@ def table(summaries: dict[tuple[str, str], Record]) -> str:
 
 
 def by_voice(rows: Sequence[Record]) -> dict[tuple[str, str], Record]:
-    keys = dict.fromkeys((r["voice"], r["condition"]) for r in rows)
-    return {key: summary([r for r in rows if (r["voice"], r["condition"]) == key]) for key in sorted(keys)}
+    """{(voice, condition): summary}; where several voices say a set, they are summed up before."""
+    voices_of, found = {}, collections.defaultdict(list)
+    for r in rows:
+        voices_of.setdefault(r["set"], set()).add(r["voice"])
+        found[r["set"], r["voice"], r["condition"]].append(r)
+    for r in rows:
+        if len(voices_of[r["set"]]) > 1:
+            found[r["set"], "", r["condition"]].append(r)
+    name = lambda what, voice: voice or f"{what}, {len(voices_of[what])} voices"
+    return {(name(what, voice), condition): summary(found[what, voice, condition]) for what, voice, condition in sorted(found)}
 
 
 def utterances(arguments: argparse.Namespace) -> Iterator[Record]:
-    corpus = open_corpus(arguments.data, arguments.cache / "corpus", SEED_OF_SPLITS)
-    bank, device = load_bank(arguments.cache / "bank"), devices.Device(arguments.library)
-    rooms, others = scenes.TestRooms(bank, len(bank.rooms)), scenes.without_phrases(corpus)
-    tables = export.read(arguments.params) if arguments.params else {}
-    so = engine.load(arguments.library, {name: values for name, values in tables.items() if name != "fbank_filter1"})
-    wanted = [c for c in listening.CONDITIONS if c[0] in arguments.conditions.split(",")]
+    of = Material(arguments)
+    device, so = devices.Device(arguments.library), of.engine()
+    wanted = [c for c in listening.CONDITIONS if c[0] in arguments.conditions.split(";")]
     for what in SETS:
-        sayings = listening.Sayings(corpus, what)
-        for speaker in sayings.speakers:
-            for number in range(arguments.count):
-                for name, wave, end, said in listening.heard(device, others, rooms, sayings, speaker, number, wanted):
-                    result, instead = outcome(Heard.of(so, wave, end), said)
-                    yield {
-                        "voice": speaker,
-                        "condition": name,
-                        "said": list(said),
-                        "outcome": result,
-                        "spoken": instead,
-                    }
+        sayings = listening.Sayings(of.corpus, what, of.phrase)
+        for number in range(arguments.count * bool(sayings.speakers)):
+            speaker = sayings.speakers[number % len(sayings.speakers)]
+            for name, wave, end, said in listening.heard(device, of.others, of.rooms, sayings, speaker, number, wanted):
+                result, instead = outcome(Heard.of(so, wave, end, of.phrase), said)
+                yield {
+                    "set": what,
+                    "voice": speaker,
+                    "condition": name,
+                    "said": list(said),
+                    "outcome": result,
+                    "spoken": instead,
+                }
 
 
 def add_options(parser: argparse.ArgumentParser) -> None:
-    parser.add_argument("--library", type=pathlib.Path, required=True, help="built libquibo.so")
-    parser.add_argument("--params", type=pathlib.Path, help="kws.safetensors to listen with instead of the built-in one")
-    parser.add_argument("--data", type=pathlib.Path, required=True, help="folder of audio as for training")
-    parser.add_argument("--cache", type=pathlib.Path, default=ROOT / "build-training", help="rooms, audio")
-    parser.add_argument("--count", type=int, default=60, help="utterances of each voice")
+    material.add_options(parser)
+    parser.add_argument("--count", type=int, default=60, help="utterances of each set, its voices taking turns")
     parser.add_argument(
-        "--conditions", default=",".join(c[0] for c in listening.CONDITIONS if c[2] is None), help="of listen's, by commas"
+        "--conditions", default=";".join(c[0] for c in listening.CONDITIONS), help="of listen's, semicolons between them"
     )
     parser.add_argument("--out", type=pathlib.Path, help="JSON to write, a row per utterance")
 
@@ -163,7 +169,7 @@ def add_options(parser: argparse.ArgumentParser) -> None:
 def run(arguments: argparse.Namespace) -> None:
     rows = list(utterances(arguments))
     if not rows:
-        raise SystemExit(f"diagnose: no test speaker, or none of the conditions {arguments.conditions}")
+        raise SystemExit(f"diagnose: no {arguments.split} speaker, or none of the conditions {arguments.conditions}")
     print(table(by_voice(rows)))
     if arguments.out:
         arguments.out.write_text(json.dumps(rows))

@@ -2,14 +2,16 @@
 else, by speakers, in rooms and among noises it was not trained with.
 
 Phrases are joined from isolated syllables of test speakers, each with a length and a place of its own, or fluent: clips in
-which a test speaker says the whole. Every utterance is heard in every condition of its set. What the engine hears is made
-once and kept (mixes are a function of seed and number, and of made_from()). The microphones' mean goes to the engine; where
-the device plays, each microphone goes through the canceller first.
+which a test speaker says the whole. Every utterance is heard in every condition of its set, and its speakers take turns, so
+that a voice that is heard less than others shows. What the engine hears is made once and kept (mixes are a function of seed
+and number, and of made_from()). The microphones' mean goes to the engine; where the device plays, each microphone goes through
+the canceller first.
 """
 
 from __future__ import annotations
 
 import argparse
+import collections
 import json
 import pathlib
 from collections.abc import Callable, Iterable, Iterator, Sequence
@@ -18,22 +20,22 @@ import numpy as np
 import torch
 import tqdm
 
-from training import cache_keys, engine, export, train
-from training.corpus import ROLES, Clip, Corpus, open_corpus
-from training.data import SEED as SEED_OF_SPLITS
+from training import cache_keys, train
+from training.corpus import ROLES, Clip, Corpus
 from training.device_facts import BLOCK, RATE, THRESHOLD
 from training.evaluate import device as devices
-from training.evaluate import intervals, scenes
+from training.evaluate import intervals, material, scenes
 from training.evaluate.device import Device
+from training.evaluate.material import Material
 from training.evaluate.scenes import TestRooms
 from training.library import WakeUp
 from training.models import kws
 from training.scenes import echo, mixing, noisy, sources
 from training.scenes.audio import active_power, gain
-from training.scenes.bank import RoomBank, load_bank
-from training.shared import ROOT, Record
+from training.scenes.bank import RoomBank
+from training.shared import Record
 from training.syllables import decoder, texts, waves
-from training.syllables.inventory import PHRASE, classes_of, holds_phrase, is_near_miss
+from training.syllables.inventory import Phrase, classes_of, shipped
 from training.tasks.kws import move_operating_point
 
 SEED = 20260102
@@ -42,7 +44,7 @@ LEARNING = 6.0  # s of playback before it
 LENGTH, SLOW = (0.17, 0.36), 0.6  # s per syllable
 LEVEL = (-40.0, -20.0)  # dBFS of the talker
 QUIET = 30.0  # dB
-LONGEST = 6.0  # s
+LONGEST = 6.0  # s of four syllables
 PAUSED = 0.25  # of the "other orders", those that are the phrase with a pause in its middle
 STRETCH = 60.0  # s of one scene without the phrase
 STEP = BLOCK / RATE
@@ -90,20 +92,20 @@ SETS = {
 PHRASES = ("phrase", "slow phrase")
 
 
-def speakers(corpus: Corpus) -> list[str]:
-    """Test speakers who say both syllables by themselves."""
+def speakers(corpus: Corpus, phrase: Phrase) -> list[str]:
+    """Test speakers who say each of the phrase's syllables by itself."""
     said = {}
     for clip in corpus.clips("mandarin", scenes.SPLIT):
         said.setdefault(clip.speaker, set()).add(clip.pinyin)
-    return sorted(s for s, names in said.items() if {"ling", "dang"} <= names)
+    return sorted(s for s, names in said.items() if set(phrase.text.split()) <= names)
 
 
-def fluent(corpus: Corpus, what: str) -> dict[str, list[Clip]]:
+def fluent(corpus: Corpus, what: str, phrase: Phrase) -> dict[str, list[Clip]]:
     """{test speaker: clips} of the phrase, or of what is nearly the phrase."""
-    found, wanted = {}, holds_phrase if what == "fluent phrase" else is_near_miss
+    found, wanted = {}, phrase.is_in if what == "fluent phrase" else phrase.is_nearly
     for clip in corpus.clips("mandarin", scenes.SPLIT):
         said = classes_of(clip.pinyin.split())
-        if clip.ends and len(said) == len(PHRASE) and wanted(said):
+        if clip.ends and len(said) == len(phrase.said) and wanted(said):
             found.setdefault(clip.speaker, []).append(clip)
     return found
 
@@ -111,32 +113,39 @@ def fluent(corpus: Corpus, what: str) -> dict[str, list[Clip]]:
 class Sayings:
     """What a set's utterances are, by its speakers."""
 
-    def __init__(self, corpus: Corpus, what: str) -> None:
-        self.corpus, self.what, self.fluent = corpus, what, what.startswith("fluent")
-        of = fluent(corpus, what) if self.fluent else {s: waves.Clips(corpus, s, scenes.SPLIT) for s in speakers(corpus)}
-        self.clips, self.speakers = of, sorted(of)
+    def __init__(self, corpus: Corpus, what: str, phrase: Phrase) -> None:
+        self.corpus, self.what, self.phrase, self.fluent = corpus, what, phrase, what.startswith("fluent")
+        if self.fluent:
+            self.clips = fluent(corpus, what, phrase)
+        else:
+            self.clips = {s: waves.Clips(corpus, s, scenes.SPLIT) for s in speakers(corpus, phrase)}
+        self.speakers = sorted(self.clips)
 
     def draw(self, rng: np.random.Generator, speaker: str) -> tuple[np.ndarray, list[int]]:
         """The wave of an utterance and its syllables' classes."""
         if not self.fluent:
-            return utterance(rng, self.clips[speaker], speaker, self.what)
+            return utterance(rng, self.clips[speaker], speaker, self.what, self.phrase)
         clip = self.clips[speaker][rng.integers(len(self.clips[speaker]))]
         return sources.levelled(waves.trimmed(self.corpus.read(clip))), classes_of(clip.pinyin.split())
 
 
-def utterance(rng: np.random.Generator, clips: waves.Clips, speaker: str, what: str) -> tuple[np.ndarray, list[int]]:
+def utterance(
+    rng: np.random.Generator, clips: waves.Clips, speaker: str, what: str, phrase: Phrase
+) -> tuple[np.ndarray, list[int]]:
     """The wave of an utterance and its syllables' classes."""
-    known, said, pause = list(clips.syllables[speaker]), list(PHRASE), None
+    known, said, pause = list(clips.syllables[speaker]), list(phrase.said), None
     length = SLOW if what == "slow phrase" else rng.uniform(*LENGTH)
     if what == "one syllable off":
-        said = texts.one_off(rng, known)
+        said = texts.one_off(rng, known, phrase)
     elif what == "other order":
-        said, pause = (said, 1) if rng.random() < PAUSED else (texts.disordered(rng, known), None)
-    if what not in PHRASES and pause is None and holds_phrase(said):
-        return utterance(rng, clips, speaker, what)
-    pieces = texts.joined(rng, clips, speaker, said, LONGEST * texts.FRAMES_PER_SECOND, pause, length)
+        middle = (len(said) - 1) // 2
+        said, pause = (said, middle) if rng.random() < PAUSED else (texts.disordered(rng, known, phrase), None)
+    if what not in PHRASES and pause is None and phrase.is_in(said):
+        return utterance(rng, clips, speaker, what, phrase)
+    longest = LONGEST * max(1.0, len(phrase.said) / 4) * texts.FRAMES_PER_SECOND
+    pieces = texts.joined(rng, clips, speaker, said, longest, pause, length)
     if pieces is None:
-        return utterance(rng, clips, speaker, what)
+        return utterance(rng, clips, speaker, what, phrase)
     silence = pieces[0].begin
     for piece in pieces:
         piece.begin -= silence
@@ -226,18 +235,21 @@ def utterances(
             yield wave, {"condition": name, "end": end, "said": said, "speaker": speaker}
 
 
-def prepare(device: Device, corpus: Corpus, rooms: TestRooms, folder: pathlib.Path, hours: float) -> dict[str, Kept]:
-    """{set: Kept}; hours of what is not the phrase."""
-    others, kept = scenes.without_phrases(corpus), {}
-    if not speakers(corpus):
-        raise SystemExit("no test speaker says 'ling' and 'dang' by themselves")
+def prepare(of: Material, folder: pathlib.Path, hours: float, share: float = 1.0) -> dict[str, Kept]:
+    """{set: Kept}; hours of what is not the phrase; share: of the sets' utterances."""
+    device, kept = Device(of.library), {}
     for what, (count, conditions) in SETS.items():
-        sayings = Sayings(corpus, what)
+        sayings = Sayings(of.corpus, what, of.phrase)
         if sayings.speakers:
-            made = utterances(device, others, rooms, sayings, count, conditions)
-            kept[what] = Kept(folder, what.replace(" ", "_")).make(made)
+            count = max(1, round(count * share))
+            made = utterances(device, of.others, of.rooms, sayings, count, conditions)
+            kept[what] = Kept(folder, f"{what.replace(' ', '_')}_{count}").make(made)
+    if not kept:
+        raise SystemExit(
+            f"no {of.split} speaker says {of.phrase.text!r}, nor each of its syllables by itself: ./run voices --phrase"
+        )
     stretches = (
-        (without_phrase(device, others, rooms, i), {"condition": ("talk", "playback")[i % 2]})
+        (without_phrase(device, of.others, of.rooms, i), {"condition": ("talk", "playback")[i % 2]})
         for i in tqdm.trange(round(hours * 3600 / STRETCH), desc="without the phrase", mininterval=60)
     )
     kept["without"] = Kept(folder, f"without_{hours:g}_h").make(stretches)
@@ -247,59 +259,75 @@ def prepare(device: Device, corpus: Corpus, rooms: TestRooms, folder: pathlib.Pa
 class EngineListener:
     """The library: seconds at which it wakes on a wave, from a fresh start."""
 
-    def __init__(self, library: pathlib.Path, params: pathlib.Path | None) -> None:
-        tables = export.read(params) if params else {}
-        self.library = engine.load(library, {name: values for name, values in tables.items() if name != "fbank_filter1"})
+    def __init__(self, of: Material) -> None:
+        self.library, self.keyword = of.engine(), of.phrase.keyword
 
     def __call__(self, wave: np.ndarray) -> list[float]:
-        with WakeUp(self.library) as listening:
+        with WakeUp(self.library, self.keyword) as listening:
             return [(step + 1) * STEP for step, heard in enumerate(listening.steps(wave)) if heard]
 
 
 class FloatListener:
     """The averaged float network of a training under the decoder's rules; it is not started afresh after a wake."""
 
-    def __init__(self, folder: pathlib.Path, phrase: float) -> None:
-        self.model = kws.SyllableNetwork()
+    def __init__(self, folder: pathlib.Path, nats: float, phrase: Phrase = shipped) -> None:
+        """nats: its operating point."""
+        self.model, self.phrase = kws.SyllableNetwork(), phrase
         self.model.load_state_dict(train.averaged(folder))
-        move_operating_point(self.model, phrase)
+        move_operating_point(self.model, nats, phrase)
         self.model.eval()
 
     @torch.no_grad()
     def __call__(self, wave: np.ndarray) -> list[float]:
         whole = torch.from_numpy(wave[: len(wave) // BLOCK * BLOCK]).float()
         p = decoder.merged(kws.posteriors(self.model(kws.inputs(whole)[None])))
-        score, may_wake = decoder.scores(p)
-        wakes = may_wake & (decoder.cost(score) < THRESHOLD)
+        said, divisor = self.phrase.keyword
+        score, may_wake = decoder.scores(p, said)
+        wakes = may_wake & (decoder.cost(score, divisor) < THRESHOLD)
         steps = wakes[0].nonzero()[:, 0].tolist()
         return [(t + 1) * STEP for i, t in enumerate(steps) if i == 0 or t - steps[i - 1] > 1]
 
 
 def summary(kept: dict[str, Kept], listen: Callable[[np.ndarray], list[float]]) -> Record:
-    """listen: int16 wave -> seconds at which it wakes."""
-    result, latencies = {}, []
+    """listen: int16 wave -> seconds at which it wakes. {set: {condition: share}, "without": {condition: rate}, "latency",
+    "voices": {set: {speaker: {condition or "all": share}}}}"""
+    result, voices, latencies = {}, {}, []
     for what, waves_of_set in kept.items():
-        found = {}
-        for wave, row in waves_of_set:
-            times, of_condition = listen(wave), found.setdefault(row["condition"], [])
-            if what == "without":
-                spaced = [t for i, t in enumerate(times) if i == 0 or t - times[i - 1] > REFRACTORY]
-                of_condition.append((len(spaced), len(wave) / RATE / 3600))
-            else:
-                times = [t for t in times if t > row["end"] - SOONEST]
-                of_condition.append(bool(times))
-                if times and what == "phrase":
-                    latencies.append(times[0] - row["end"])
         if what == "without":
-            result[what] = {
-                name: intervals.rate(*map(sum, zip(*rows))) | {"hours": sum(h for _, h in rows)} for name, rows in found.items()
-            }
-            everything = [r for rows in found.values() for r in rows]
-            result[what]["all"] = intervals.rate(*map(sum, zip(*everything))) | {"hours": sum(h for _, h in everything)}
-        else:
-            result[what] = {name: intervals.share(sum(rows), len(rows)) for name, rows in found.items()}
+            result[what] = false_wakes(waves_of_set, listen)
+            continue
+        found = []  # (speaker, condition, whether it was heard)
+        for wave, row in waves_of_set:
+            times = [t for t in listen(wave) if t > row["end"] - SOONEST]
+            found.append((row["speaker"], row["condition"], bool(times)))
+            if times and what == "phrase":
+                latencies.append(times[0] - row["end"])
+        result[what] = shares((condition, woke) for _, condition, woke in found)
+        voices[what] = {
+            speaker: shares((name, woke) for who, condition, woke in found if who == speaker for name in (condition, "all"))
+            for speaker in sorted({who for who, _, _ in found})
+        }
     result["latency"] = {f"p{q}": float(np.percentile(latencies, q)) for q in (5, 50, 95)} if latencies else {}
-    return result
+    return result | {"voices": voices}
+
+
+def shares(found: Iterable[tuple[str, bool]]) -> Record:
+    """{name: share} of (name, whether) pairs."""
+    of = collections.defaultdict(list)
+    for name, woke in found:
+        of[name].append(woke)
+    return {name: intervals.share(sum(woke), len(woke)) for name, woke in of.items()}
+
+
+def false_wakes(stretches: Iterable[tuple[np.ndarray, Record]], listen: Callable[[np.ndarray], list[float]]) -> Record:
+    """{condition or "all": rate}"""
+    found = collections.defaultdict(list)
+    for wave, row in stretches:
+        times = listen(wave)
+        spaced = [t for i, t in enumerate(times) if i == 0 or t - times[i - 1] > REFRACTORY]
+        found[row["condition"]].append((len(spaced), len(wave) / RATE / 3600))
+    found["all"] = [r for rows in found.values() for r in rows]
+    return {name: intervals.rate(*map(sum, zip(*rows))) | {"hours": sum(h for _, h in rows)} for name, rows in found.items()}
 
 
 def table(results: Record) -> str:
@@ -315,52 +343,62 @@ def table(results: Record) -> str:
                         f"{r['value']:.2f} per hour ({r['low']:.2f} to {r['high']:.2f})"
                     )
                 else:
-                    lines.append(
-                        f"  {what + ', ' + name:45} {100 * r['value']:5.1f} % "
-                        f"({100 * r['low']:.1f} to {100 * r['high']:.1f}) of {r['n']}"
-                    )
+                    lines.append(f"  {what + ', ' + name:45} {percent(r)} of {r['n']}")
         if result["latency"]:
             lines.append(
                 "  wake after the phrase's end, 5/50/95 %        "
                 + " / ".join(f"{t:+.2f} s" for t in result["latency"].values())
             )
+        for what, speakers_of_set in result["voices"].items():
+            conditions = list(result[what])
+            lines.append(f"  {what}, by voice: all conditions; {'; '.join(conditions)}, in %")
+            for speaker, of in sorted(speakers_of_set.items(), key=lambda item: item[1]["all"]["value"]):
+                each = " ".join(f"{100 * of[c]['value']:4.0f}" for c in conditions)
+                lines.append(f"    {speaker:43} {percent(of['all'])} of {of['all']['n']:<5}{each}")
     return "\n".join(lines)
 
 
-def made_from(corpus: Corpus, bank: RoomBank, library: pathlib.Path) -> Record:
-    """What the waves are a function of (cache_keys.py)."""
+def percent(r: Record) -> str:
+    """A share with its interval."""
+    return f"{100 * r['value']:5.1f} % ({100 * r['low']:.1f} to {100 * r['high']:.1f})"
+
+
+def made_from(
+    corpus: Corpus, bank: RoomBank, library: pathlib.Path, phrase: Phrase = shipped, split: str = scenes.SPLIT
+) -> Record:
+    """What the waves are a function of (cache_keys.py). corpus: the one in which that split counts as the test split."""
     return {
         "library": cache_keys.file_digest(library),
         "corpus": corpus.used(ROLES, scenes.SPLIT),
-        "bank": bank.contents(bank.numbers(scenes.SPLIT)),
+        "bank": bank.contents(bank.numbers(split)),
         "recipe": cache_keys.constants(*RECIPE),
-    }
+    } | ({} if phrase == shipped else {"phrase": phrase.text})
+
+
+def kept_of(of: Material, cache: pathlib.Path, hours: float, share: float = 1.0) -> dict[str, Kept]:
+    """prepare() in the folder of what it is a function of."""
+    made = made_from(of.corpus, of.bank, of.library, of.phrase, of.split)
+    return prepare(of, cache_keys.begin(cache / "listening", made), hours, share)
 
 
 def add_options(parser: argparse.ArgumentParser) -> None:
-    parser.add_argument("--library", type=pathlib.Path, required=True, help="built libquibo.so")
-    parser.add_argument("--params", type=pathlib.Path, help="kws.safetensors to listen with instead of the built-in one")
+    material.add_options(parser)
     parser.add_argument("--trained", type=pathlib.Path, help="folder of a training: its float network is measured too")
-    parser.add_argument("--phrase", type=float, default=0.0, help="operating point of the float network, nats")
-    parser.add_argument("--data", type=pathlib.Path, required=True, help="folder of audio as for training")
-    parser.add_argument("--cache", type=pathlib.Path, default=ROOT / "build-training", help="rooms, audio; waves are kept here")
+    parser.add_argument("--nats", type=float, default=0.0, help="operating point of the float network")
     parser.add_argument("--hours", type=float, default=12.0, help="without the phrase")
+    parser.add_argument("--share", type=float, default=1.0, help="of the utterances (default: all)")
     parser.add_argument("--out", type=pathlib.Path, help="JSON to write")
     parser.add_argument("--only-prepare", action="store_true", help="make the waves and stop")
 
 
 def run(arguments: argparse.Namespace) -> None:
-    corpus = open_corpus(arguments.data, arguments.cache / "corpus", SEED_OF_SPLITS)
-    bank = load_bank(arguments.cache / "bank")
-    device = devices.Device(arguments.library)
-    rooms = scenes.TestRooms(bank, len(bank.rooms))
-    folder = cache_keys.begin(arguments.cache / "listening", made_from(corpus, bank, arguments.library))
-    kept = prepare(device, corpus, rooms, folder, arguments.hours)
+    of = Material(arguments)
+    kept = kept_of(of, arguments.cache, arguments.hours, arguments.share)
     if arguments.only_prepare:
         return
-    results = {"engine": summary(kept, EngineListener(arguments.library, arguments.params))}
+    results = {"engine": summary(kept, EngineListener(of))}
     if arguments.trained:
-        results["float network"] = summary(kept, FloatListener(arguments.trained, arguments.phrase))
+        results["float network"] = summary(kept, FloatListener(arguments.trained, arguments.nats, of.phrase))
     print(table(results))
     if arguments.out:
         arguments.out.write_text(json.dumps(results, indent=1))

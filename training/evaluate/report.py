@@ -188,8 +188,8 @@ def _wake(section: Record, about: Record) -> Iterator[str]:
         return
     summary = section["summary"]
     yield (
-        f"<p>{about['sizes']['wake']} phrases in rooms, each in every condition, through the two calls per frame of the "
-        f"whole front end. {section['clips']} clips of {len(section['voices'])} voice"
+        f"<p>“{about['phrase']}” {about['sizes']['wake']} times in rooms, each in every condition, through the two calls per "
+        f"frame of the whole front end. {section['clips']} clips of {len(section['voices'])} voice"
         f"{'s' * (len(section['voices']) != 1)}, joined from single syllables: an optimistic test.</p>"
     )
     rows = ""

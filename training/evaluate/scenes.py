@@ -18,9 +18,9 @@ from training.scenes import direction, echo, mixing, noisy, sources
 from training.scenes.audio import LEVEL_FRAME, RATE, active_power, gain
 from training.scenes.bank import RoomBank
 from training.scenes.room import SIMULATOR_DELAY
+from training.syllables.inventory import Phrase
 
 SPLIT = "test"
-PHRASE_PINYIN = "ling dang ling dang"
 
 NOISY_FRAMES = 144  # 9.2 s: what DNSMOS listens to at once
 FAR_FRAMES, DOUBLE_FRAMES, NEAR_FRAMES = 125, 125, 94  # 8 s, 8 s, 6 s
@@ -44,12 +44,12 @@ def generator(section: str, number: int) -> np.random.Generator:
 
 
 class TestRooms:
-    """The first test rooms of a bank, however many rooms it has grown to."""
+    """The first test rooms of a bank, however many rooms it has grown to; or those of another split in their place."""
 
     __test__ = False  # not a test case
 
-    def __init__(self, bank: RoomBank, rooms: int) -> None:
-        self._bank, self._numbers = bank, [n for n in bank.numbers(SPLIT) if n < rooms]
+    def __init__(self, bank: RoomBank, rooms: int, split: str = SPLIT) -> None:
+        self._bank, self._numbers = bank, [n for n in bank.numbers(split) if n < rooms]
         self.rooms = bank.rooms
 
     def draw(self, rng: np.random.Generator, split: str) -> int:
@@ -167,22 +167,24 @@ class WakeScene:
     speaker: str
 
 
-def phrases(corpus: Corpus) -> list[Clip]:
+def phrases(corpus: Corpus, phrase: Phrase) -> list[Clip]:
     """The wake phrase's clips by test speakers."""
-    return [c for c in corpus.clips("mandarin", SPLIT) if c.pinyin == PHRASE_PINYIN]
+    return [c for c in corpus.clips("mandarin", SPLIT) if c.pinyin == phrase.text]
 
 
-def without_phrases(corpus: Corpus) -> Corpus:
-    return corpus.where(lambda clip: clip.pinyin != PHRASE_PINYIN)
+def without_phrases(corpus: Corpus, phrase: Phrase) -> Corpus:
+    return corpus.where(lambda clip: not phrase.is_said_in(clip.pinyin))
 
 
-def spoken_phrase(corpus: Corpus, others: Corpus, rooms: TestRooms, number: int) -> Iterator[tuple[str, WakeScene]]:
+def spoken_phrase(
+    corpus: Corpus, others: Corpus, rooms: TestRooms, number: int, phrase: Phrase
+) -> Iterator[tuple[str, WakeScene]]:
     """Yields (condition, WakeScene) of one phrase said after LEAD_FRAMES of whatever else is heard.
 
     others: the corpus for everything but the phrase.
     """
     rng = generator("wake", number)
-    clips = phrases(corpus)
+    clips = phrases(corpus, phrase)
     # Joined from isolated syllables and fluent ones in turns.
     clips = [c for c in clips if bool(c.ends) == bool(number % 2)] or clips
     clip = clips[rng.integers(len(clips))]

@@ -34,7 +34,7 @@ NO_STEP = 99.0  # the lowest cost where no step could have woken the device
 def numbers(opened: Opened) -> range:
     """Phrases, and behind them the stretches without one."""
     sizes = opened.sizes
-    return range(sizes.wake + round(sizes.silence_minutes)) if scenes.phrases(opened.corpus) else range(0)
+    return range(sizes.wake + round(sizes.silence_minutes)) if scenes.phrases(opened.corpus, opened.phrase) else range(0)
 
 
 def rows(opened: Opened, number: int) -> list[Record]:
@@ -44,14 +44,14 @@ def rows(opened: Opened, number: int) -> list[Record]:
         return [without_phrase(device, opened.others, rooms, number - phrases)]
     return [
         {"scene": number, "condition": condition, **measure(device, scene)}
-        for condition, scene in scenes.spoken_phrase(opened.corpus, opened.others, rooms, number)
+        for condition, scene in scenes.spoken_phrase(opened.corpus, opened.others, rooms, number, opened.phrase)
     ]
 
 
 def result(opened: Opened, heard: list[Record]) -> Record:
-    clips = scenes.phrases(opened.corpus)
+    clips = scenes.phrases(opened.corpus, opened.phrase)
     if not clips:
-        return {"left_out": f"no test speaker in the data says {scenes.PHRASE_PINYIN!r}"}
+        return {"left_out": f"no test speaker in the data says {opened.phrase.text!r}"}
     silence = [r for r in heard if "costs" in r]
     said = [r for r in heard if "costs" not in r]
     return {

@@ -21,6 +21,7 @@ from training.scenes import sources
 from training.scenes.audio import RATE
 from training.scenes.bank import load_bank
 from training.shared import Record
+from training.syllables.inventory import Phrase, shipped
 
 # A section has numbers(opened), the numbers of its scenes, rows(opened, number), and result(opened, rows) of them all.
 SECTIONS = {"noise": noise, "echo": echo_path, "devices": devices, "direction": direction, "wake": wake}
@@ -36,6 +37,8 @@ class Given:
     bank: pathlib.Path
     sizes: sets.Sizes
     gtcrn: pathlib.Path | None
+    phrase: Phrase = shipped
+    voices: pathlib.Path | None = None  # beside the data
     seed: int = SEED  # of the corpus' splits
 
 
@@ -43,10 +46,10 @@ class Opened:
     """What scenes are made of, and the device that hears them; a worker opens it once."""
 
     def __init__(self, given: Given) -> None:
-        self.sizes, self.gtcrn = given.sizes, given.gtcrn
+        self.sizes, self.gtcrn, self.phrase = given.sizes, given.gtcrn, given.phrase
         self.device = Device(given.library)
-        self.corpus = open_corpus(given.data, given.corpus, given.seed)
-        self.others = scenes.without_phrases(self.corpus)
+        self.corpus = open_corpus(given.data, given.corpus, given.seed, voices=given.voices)
+        self.others = scenes.without_phrases(self.corpus, self.phrase)
         self.bank = load_bank(given.bank)
         self.rooms = scenes.TestRooms(self.bank, given.sizes.rooms)
 

@@ -4,9 +4,10 @@ from __future__ import annotations
 
 import dataclasses
 import functools
+import pathlib
 from collections.abc import Iterable, Sequence
 
-from params import syllable_names
+from params import keyword_table, syllable_names
 
 from .phonetics import neighbours
 
@@ -37,6 +38,11 @@ class Phrase:
     def of(text: str) -> Phrase:
         return Phrase(tuple(inventory()[name] for name in text.split()))
 
+    @staticmethod
+    def in_folder(params: pathlib.Path) -> Phrase:
+        """What a folder of parameters listens for: its first keyword."""
+        return Phrase.of(keyword_table.read(params / keyword_table.FILE, inventory())[0]["phrase"])
+
     @property
     def text(self) -> str:
         return " ".join(_names()[c] for c in self.said)
@@ -44,6 +50,14 @@ class Phrase:
     def is_in(self, said: Sequence[int]) -> bool:
         n = len(self.said)
         return any(tuple(said[i : i + n]) == self.said for i in range(len(said) - n + 1))
+
+    def is_said_in(self, pinyin: str) -> bool:
+        return f" {self.text} " in f" {pinyin} "
+
+    @property
+    def keyword(self) -> tuple[tuple[int, ...], float]:
+        """As the engine has it: classes, and what its score's logarithm is divided by, one per syllable."""
+        return self.said, float(len(self.said))
 
     def is_nearly(self, said: Sequence[int]) -> bool:
         """Half of its syllables, not itself."""
@@ -62,11 +76,3 @@ shipped = Phrase()
 @functools.cache
 def _names() -> dict[int, str]:
     return {c: name for name, c in inventory().items()}
-
-
-def holds_phrase(said: Sequence[int]) -> bool:
-    return shipped.is_in(said)
-
-
-def is_near_miss(said: Sequence[int]) -> bool:
-    return shipped.is_nearly(said)

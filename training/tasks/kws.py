@@ -108,7 +108,7 @@ class Task(tasks.Task):
         """Another phrase makes a whole folder of parameters, to build with."""
         if self.phrase == shipped:
             return
-        keyword_table.write(folder / "keywords.json", [keyword_table.keyword(self.phrase.text.split())])
+        keyword_table.write(folder / keyword_table.FILE, [keyword_table.keyword(self.phrase.text.split())])
         for path in PARAMS.glob("*.safetensors"):
             if not (folder / path.name).exists():
                 shutil.copy(path, folder)

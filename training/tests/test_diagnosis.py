@@ -12,11 +12,11 @@ END = 40 * BLOCK / RATE
 
 def heard(said, sure=0.9, cost=5.0, at=36, blank=None):
     """One class per place, seven steps apart."""
-    p = np.full((50, 146), 1e-4)
+    p = np.full((70, 146), 1e-4)
     p[:, BLANK] = 0.96
     for i, c in enumerate(said):
         p[10 + 8 * i, c], p[10 + 8 * i, BLANK] = sure, 1 - sure
-    costs = np.full(50, 8.0)
+    costs = np.full(70, 8.0)
     costs[at] = cost
     if blank:
         p[at, BLANK] = blank
@@ -31,7 +31,9 @@ LIN = inventory()["lin"]
     [
         (heard(PHRASE, cost=1.0, blank=0.5), "heard", list(PHRASE)),
         (heard(PHRASE, cost=1.0, at=36), "gate", list(PHRASE)),
-        (heard(PHRASE, cost=1.0, at=2, blank=0.5), "decoder", list(PHRASE)),  # too soon to be this phrase
+        (heard(PHRASE, cost=1.0, at=2, blank=0.5), "outside", list(PHRASE)),  # too soon to be this phrase
+        (heard(PHRASE, cost=1.0, at=64, blank=0.5), "outside", list(PHRASE)),
+        (heard(PHRASE, cost=1.0, at=2), "decoder", list(PHRASE)),
         (heard(PHRASE, cost=1.3), "decoder", list(PHRASE)),
         (heard((PHRASE[0], PHRASE[1], LIN, PHRASE[3])), "network", [PHRASE[0], PHRASE[1], LIN, PHRASE[3]]),
         (heard((BLANK, *PHRASE[1:])), "network", [BLANK, *PHRASE[1:]]),
@@ -42,12 +44,14 @@ def test_what_is_lost_is_put_down_to_gate_decoder_or_network(given, outcome, ins
 
 
 def test_the_table_has_a_row_per_voice_and_condition():
+    """And one of all voices of a set of several."""
     rows = [
-        {"voice": v, "condition": "quiet", "said": PHRASE, "outcome": o, "spoken": s}
-        for v, o, s in (
-            ("a", "heard", list(PHRASE)),
-            ("a", "network", [LIN, *PHRASE[1:]]),
-            ("b", "gate", list(PHRASE)),
+        {"set": what, "voice": v, "condition": "quiet", "said": PHRASE, "outcome": o, "spoken": s}
+        for what, v, o, s in (
+            ("phrase", "a", "heard", list(PHRASE)),
+            ("phrase", "a", "network", [LIN, *PHRASE[1:]]),
+            ("fluent phrase", "b", "gate", list(PHRASE)),
+            ("fluent phrase", "c", "heard", list(PHRASE)),
         )
     ]
     found = diagnosis.by_voice(rows)
@@ -56,4 +60,5 @@ def test_the_table_has_a_row_per_voice_and_condition():
         "instead": {"lin": 1},
     }
     text = diagnosis.table(found)
-    assert len(text.splitlines()) == 4 and "50 % (lin 1); 0 %; 0 %; 0 %" in text
+    assert len(text.splitlines()) == 6 and "50 % (lin 1); 0 %; 0 %; 0 %" in text
+    assert found["fluent phrase, 2 voices", "quiet"]["n"] == 2 and list(found)[0] == ("fluent phrase, 2 voices", "quiet")

@@ -396,14 +396,17 @@ def test_systems_get_the_microphones_they_are_named_after(monkeypatch):
 
 
 def test_a_wake_counts_where_the_phrase_was_and_late_ones_do_not():
-    """`listen`'s figures: heard, latency from the end, wakes per hour with the refractory time."""
-    row = {"condition": "quiet", "end": 3.0}
+    """`listen`'s figures: heard, latency from the end, wakes per hour with the refractory time; of each voice its own."""
+    rows = [{"condition": "quiet", "end": 3.0, "speaker": speaker} for speaker in ("anna", "berta", "anna", "berta")]
     silence = np.zeros(int(3600 * 0.01 * RATE), np.int16)
     times = iter([[3.3], [1.0], [], [2.9, 4.0], [1.0, 1.5, 5.0]])
-    kept = {"phrase": [(silence, row)] * 4, "without": [(silence, {"condition": "talk"})]}
+    kept = {"phrase": [(silence, row) for row in rows], "without": [(silence, {"condition": "talk"})]}
     found = listening.summary(kept, lambda wave: next(times))
     assert found["phrase"]["quiet"]["value"] == 0.5 and found["phrase"]["quiet"]["n"] == 4
     assert found["latency"]["p5"] == pytest.approx(-0.08, abs=0.02) and found["latency"]["p95"] == pytest.approx(0.28, abs=0.02)
+    voices = found["voices"]["phrase"]
+    assert {s: (of["all"]["value"], of["quiet"]["n"]) for s, of in voices.items()} == {"anna": (0.5, 2), "berta": (0.5, 2)}
+    assert "anna" in listening.table({"engine": found}).splitlines()[-2]
     assert found["without"]["talk"]["n"] == 2 and found["without"]["all"]["value"] == pytest.approx(200)
 
 

@@ -16,7 +16,7 @@ import numpy as np
 import tqdm
 from numpy.typing import NDArray
 
-from params.keyword_table import TableError
+from params import keyword_table
 from params.safetensors_file import FormatError
 from training.device_facts import RATE
 from training.shared import PARAMS, ROOT
@@ -98,13 +98,13 @@ def chosen(arguments: argparse.Namespace, found: list[report.Row], nats: list[fl
 
 
 def run(arguments: argparse.Namespace) -> int:
-    for wanted in arguments.library, arguments.params / scores.NETWORK, arguments.params / scores.KEYWORDS:
+    for wanted in arguments.library, arguments.params / scores.NETWORK, arguments.params / keyword_table.FILE:
         if not wanted.exists():
             raise SystemExit(f"tune: {wanted}: no such file")
     try:
         parameters = scores.Parameters.of(arguments.params)
         paths = [recordings.find(folder, arguments.raw) for folder in (arguments.positive, arguments.negative)]
-    except (FormatError, TableError, recordings.Unreadable) as reason:
+    except (FormatError, keyword_table.TableError, recordings.Unreadable) as reason:
         raise SystemExit(f"tune: {reason}") from None
     positive, remarks = over("every_operating_point", paths[0], arguments, parameters)
     negative, more = over("every_operating_point", paths[1], arguments, parameters)

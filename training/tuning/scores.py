@@ -36,7 +36,7 @@ STRICT_AFTER, STRICT_THRESHOLD = 20000, 1.0  # steps without a wake, from which 
 CHUNK = 4096  # steps of which all operating points' posteriors are held at once
 LARGEST_CODE = 255
 DTYPES = {"F32": np.float32, "I8": np.int8, "I16": np.int16, "I32": np.int32}
-NETWORK, KEYWORDS = "kws.safetensors", "keywords.json"
+NETWORK = "kws.safetensors"
 # Of the packed table: the last five are M0, M1, zero point of the codes, nats of a code, zero point of the scores.
 MULTIPLIER, SHIFT, SCALE, ZERO_POINT = -5, -4, -2, -1
 
@@ -56,7 +56,7 @@ class Parameters:
     def of(folder: pathlib.Path) -> Parameters:
         entries, metadata = safetensors_file.read(folder / NETWORK)
         tables = {n: np.frombuffer(data, DTYPES[dtype]).reshape(shape) for n, (dtype, shape, data) in entries.items()}
-        first = keyword_table.read(folder / KEYWORDS, syllable_names.classes())[0]
+        first = keyword_table.read(folder / keyword_table.FILE, syllable_names.classes())[0]
         return Parameters(folder, tables, metadata, first["phrase"], first["threshold"], first["divisor"])
 
     @property
