@@ -142,7 +142,7 @@ def train(
     else:
         optimizer = torch.optim.AdamW(model.parameters(), weight_decay=c["weight_decay"], betas=(0.9, 0.99))
     gradients = Gradients(task, model, c.get("parts", 1))
-    step = resume(folder, model, optimizer)
+    step = resume(folder, task, model, optimizer)
     log, seen = Log(folder), {}
     valid = list(batches(task, seed, "valid", 0, config["data"]["validation_batches"], 0)) if step < c["steps"] else []
     progress = tqdm.tqdm(total=c["steps"], initial=step, unit="step", mininterval=1 if os.isatty(2) else 60)
@@ -166,7 +166,7 @@ def train(
             log.write(step, "train", {name: float(np.mean(values)) for name, values in seen.items()})
             progress.set_postfix(loss=f"{np.mean(seen['loss']):.4f}")
             seen = {}
-            save(folder, model, optimizer, step, c["average"])
+            save(folder, task, model, optimizer, step, c["average"])
         if step % c["validate_every"] == 0 or step == c["steps"]:
             log.write(step, "valid", validate(task, model, valid, device))
     progress.close()
@@ -187,9 +187,12 @@ def validate(task: Task, model: torch.nn.Module, valid: Iterable[Batch], device:
 # ---- checkpoints ----------------------------------------------------------------------------------------------------
 
 
-def save(folder: pathlib.Path, model: torch.nn.Module, optimizer: torch.optim.Optimizer, step: int, keep: int) -> None:
+def save(
+    folder: pathlib.Path, task: Task, model: torch.nn.Module, optimizer: torch.optim.Optimizer, step: int, keep: int
+) -> None:
     """checkpoint.pt to resume from, weights-STEP.pt to average; the newest `keep` of these stay."""
-    write(folder / "checkpoint.pt", {"model": model.state_dict(), "optimizer": optimizer.state_dict(), "step": step})
+    state = {"model": model.state_dict(), "optimizer": optimizer.state_dict(), "task": task.state(), "step": step}
+    write(folder / "checkpoint.pt", state)
     write(folder / f"weights-{step:07}.pt", model.state_dict())
     for old in weights(folder)[:-keep]:
         old.unlink()
@@ -213,13 +216,14 @@ def trained_weights(folder: pathlib.Path) -> list[pathlib.Path]:
     return found
 
 
-def resume(folder: pathlib.Path, model: torch.nn.Module, optimizer: torch.optim.Optimizer) -> int:
+def resume(folder: pathlib.Path, task: Task, model: torch.nn.Module, optimizer: torch.optim.Optimizer) -> int:
     path = folder / "checkpoint.pt"
     if not path.exists():
         return 0
     checkpoint = torch.load(path, map_location="cpu")
     model.load_state_dict(checkpoint["model"])
     optimizer.load_state_dict(checkpoint["optimizer"])
+    task.resume(checkpoint.get("task", {}))
     return checkpoint["step"]
 
 

@@ -19,6 +19,7 @@ from training.scenes import cache
 from training.shared import PARAMS, ROOT, Config
 from training.syllables import backgrounds, cutting, linter, voices
 from training.syllables import batch as batches
+from training.syllables.confusions import Confusions
 from training.syllables.inventory import Phrase, inventory, shipped
 
 
@@ -36,7 +37,22 @@ class Once(argparse.Action):
         setattr(namespace, self.dest, values)
 
 
-class Scenes(naec.Scenes):
+class ForPhrase:
+    """What both kinds of material know."""
+
+    config: Config
+
+    @property
+    def phrase(self) -> Phrase:
+        return phrase_of(self.config)
+
+    @functools.cached_property
+    def confusions(self) -> Confusions:
+        """Of the network that is trained on it."""
+        return Confusions(self.phrase)
+
+
+class Scenes(ForPhrase, naec.Scenes):
     """With a library also what the canceller leaves of playback, in the echo suppressor's clips."""
 
     @staticmethod
@@ -68,10 +84,6 @@ class Scenes(naec.Scenes):
             arguments.start = arguments.start or PARAMS / "kws.safetensors"
             arguments.params = arguments.params or arguments.out / f"params-{name}{'-smoke' if arguments.smoke else ''}"
         return name
-
-    @property
-    def phrase(self) -> Phrase:
-        return phrase_of(self.config)
 
     def sources(self) -> collections.Counter[tuple[str, str]]:
         sources = super().sources()
@@ -121,21 +133,21 @@ class Scenes(naec.Scenes):
     @functools.cache
     def syllables(self, split: str) -> tuple[voices.Voices, backgrounds.Backgrounds]:
         splits = [split, "test"] if split == "train" and self.config["data"]["test_voices"] else [split]
-        return voices.Voices(*map(self.voices_folder, splits), phrase=self.phrase), backgrounds.Backgrounds(
-            self.backgrounds_folder(split)
-        )
+        mined = self.confusions if split == "train" else None
+        spoken = voices.Voices(*map(self.voices_folder, splits), phrase=self.phrase, confusions=mined)
+        return spoken, backgrounds.Backgrounds(self.backgrounds_folder(split))
 
     def batch(self, rng: np.random.Generator, batch: int, seconds: float, split: str, progress: float) -> dict[str, np.ndarray]:
         return batches.batch(*self.syllables(split), rng, batch, seconds, progress)
 
 
-class Stub(data.Stub):
+class Stub(ForPhrase, data.Stub):
     """Strings of "syllables", one pair of tones per class, the wake phrase among them, as syllables/batch.py has them."""
 
     def batch(self, rng: np.random.Generator, batch: int, seconds: float, split: str, progress: float) -> dict[str, np.ndarray]:
         blocks = round(seconds * RATE) // BLOCK
         count = max(4, int(seconds / 0.4) - 1)
-        phrase = phrase_of(self.config).said
+        phrase = self.phrase.said
         count = max(count, len(phrase))
         waves, labels = 0.003 * rng.standard_normal((batch, blocks * BLOCK)), rng.integers(1, BLANK, (batch, count))
         labels[0, : len(phrase)], kind = phrase, np.full(batch, batches.KINDS.index("string"))

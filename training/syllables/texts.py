@@ -9,6 +9,7 @@ from collections.abc import Iterator, Sequence
 
 import numpy as np
 
+from .confusions import Confusions
 from .inventory import Phrase, shipped
 from .voices import Voices
 
@@ -21,6 +22,7 @@ NEUTRAL_SHARE = 0.12  # syllables said short and weak
 TOO_LONG = (0.95, 1.5)  # s between the halves of what is no longer the phrase
 FASTEST = 1.35  # by which a sentence is sped up to fit
 TEMPO_FACTORS = (0.6, 1.7)  # times the tempo in which something was said
+CLOSE_SHARE = 0.7  # of the phrases with one syllable wrong, those where it is easily taken for the right one
 CONNECTED_SHARE = 0.5  # of the phrases and near misses, those that were said as a whole
 BEFORE_SHARE, BEHIND_SHARE = 0.2, 0.3  # of those, how often something else is said before and behind
 # How often recordings, a neural synthesiser's and a formant synthesiser's voices are heard, by how their names begin.
@@ -43,11 +45,18 @@ class Saying(typing.Protocol):
     def choose(self, rng: np.random.Generator, speaker: str, syllable: int) -> object: ...
 
 
-def one_off(rng: np.random.Generator, known: list[int], phrase: Phrase = shipped) -> list[int]:
-    """The phrase with one syllable wrong, in one place or wherever it stands. known: classes to choose from."""
+def one_off(
+    rng: np.random.Generator, known: list[int], phrase: Phrase = shipped, confusions: Confusions | None = None
+) -> list[int]:
+    """The phrase with one syllable wrong, in one place or wherever it stands. known: classes to choose from; confusions:
+    what of them is taken for the right ones, else it is its neighbours."""
     said, place = list(phrase.said), int(rng.integers(len(phrase.said)))
     close = [c for c in phrase.like(place) if c in known]
-    right, wrong = said[place], int(rng.choice(close if close and rng.random() < 0.7 else known))
+    right, likely = said[place], rng.random() < CLOSE_SHARE
+    if likely and confusions:
+        wrong = confusions.draw(rng, place, [c for c in known if c not in (0, right)])
+    else:
+        wrong = int(rng.choice(close if close and likely else known))
     said[place] = wrong
     if rng.random() < 0.3:
         said = [wrong if c == right else c for c in said]
@@ -98,11 +107,13 @@ def twice(a: int, b: int, x: int) -> tuple[list[int], ...]:
     )
 
 
-def near_miss(rng: np.random.Generator, known: list[int], phrase: Phrase = shipped) -> tuple[list[int], int | None]:
+def near_miss(
+    rng: np.random.Generator, known: list[int], phrase: Phrase = shipped, confusions: Confusions | None = None
+) -> tuple[list[int], int | None]:
     """Classes and the place behind which there is a pause too long for the phrase, or None."""
     kind = rng.random()
     while True:
-        said, pause = one_off(rng, known, phrase) if kind < 0.6 else disordered(rng, known, phrase), None
+        said, pause = one_off(rng, known, phrase, confusions) if kind < 0.6 else disordered(rng, known, phrase), None
         if kind > 0.92:
             said, pause = list(phrase.said), (len(phrase.said) - 1) // 2
         if pause is not None or not phrase.is_in(said):
@@ -256,7 +267,7 @@ def utterance(rng: np.random.Generator, voices: Voices, kind: str, frames: int) 
     if kind in ("phrase", "near miss"):
         said, pause = list(voices.phrase.said), None
         if kind == "near miss":
-            said, pause = near_miss(rng, list(voices.syllables[speaker]), voices.phrase)
+            said, pause = near_miss(rng, list(voices.syllables[speaker]), voices.phrase, voices.confusions)
         if rng.random() < 0.4:
             before, after = some(rng, voices, speaker, rng.integers(3)), some(rng, voices, speaker, rng.integers(3))
             longer = before + said + after

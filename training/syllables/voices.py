@@ -21,6 +21,7 @@ from ..corpus import Corpus
 from ..device_facts import RATE
 from ..shared import Record
 from . import spectra, splicing
+from .confusions import Confusions
 from .cutting import Cutter
 from .inventory import LIKE_DANG, LIKE_LING, Phrase, classes_of, inventory, shipped
 
@@ -157,8 +158,8 @@ def build(
 class Voices:
     """What was built in several folders, as one."""
 
-    def __init__(self, *paths: pathlib.Path, phrase: Phrase = shipped) -> None:
-        self.phrase = phrase
+    def __init__(self, *paths: pathlib.Path, phrase: Phrase = shipped, confusions: Confusions | None = None) -> None:
+        self.phrase, self.confusions = phrase, confusions
         self.pieces, self.spectra = [], []  # pieces: speaker, first frame, frames, classes, ends, folder
         for path in paths:
             description = json.loads((path / "voices.json").read_text())

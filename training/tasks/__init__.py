@@ -44,6 +44,13 @@ class Task(abc.ABC):
         """Begins with an exported file's tables."""
         load_tables(model, tables)
 
+    def state(self) -> Tables:
+        """What a training has learnt beside the network, for a checkpoint to hold."""
+        return {}
+
+    def resume(self, state: Tables) -> None:
+        return
+
     def calibrate(self, model: torch.nn.Module, batches: Iterable[Batch]) -> None:
         """Of recipes with a stage `quantise`: sets the ranges of the codes; the model rounds from then on."""
         raise NotImplementedError

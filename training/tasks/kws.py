@@ -67,9 +67,24 @@ class Task(tasks.Task):
         total = total + (c["ctc_first"] + (1 - c["ctc_first"]) * share) * values["ctc"]
         share = ramp(*c["hinge_from"])
         if share > 0:
-            values["missed"], values["false"] = hinge(p, batch, c["enough"], c["too_much"], self.phrase)
+            score, may_wake = decoder.scores(p, self.phrase.said)
+            values["missed"], values["false"] = hinge(score, may_wake, batch, c["enough"], c["too_much"], self.phrase)
+            self.mine(score.detach(), batch)
             total = total + share * (c["missed"] * values["missed"] + c["false"] * values["false"])
         return total, {name: value.item() for name, value in values.items()}
+
+    def mine(self, score: torch.Tensor, batch: tasks.Batch) -> None:
+        """Which near misses of a batch of training would wake a device."""
+        woke = decoder.cost(score.amax(1), len(self.phrase.said)) < THRESHOLD
+        for row in torch.nonzero(batch["kind"] == batches.KINDS.index("near miss")).flatten():
+            self.data.confusions.heard([int(c) for c in batch["labels"][row] if c > 0], bool(woke[row]))
+
+    def state(self) -> Tables:
+        return {"confusions": self.data.confusions.rates}
+
+    def resume(self, state: Tables) -> None:
+        if "confusions" in state:
+            self.data.confusions.rates.copy_(state["confusions"])
 
     def validate(self, model: torch.nn.Module, batch: tasks.Batch) -> dict[str, float]:
         p = self.log_posteriors(model, batch)
@@ -173,11 +188,10 @@ def cross_entropy(p: torch.Tensor, batch: tasks.Batch, whole: bool = False) -> t
 
 
 def hinge(
-    p: torch.Tensor, batch: tasks.Batch, enough: float, too_much: float, of: Phrase = shipped
+    score: torch.Tensor, may_wake: torch.Tensor, batch: tasks.Batch, enough: float, too_much: float, of: Phrase = shipped
 ) -> tuple[torch.Tensor, torch.Tensor]:
-    """How far the phrase's cost is above `enough`; how far, in nats per syllable, anything else scores above `too_much`,
+    """decoder.scores() -> how far the phrase's cost is above `enough`; how far, in nats per syllable, anything else scores above `too_much`,
     the score of a phrase of DIVISOR syllables."""
-    score, may_wake = decoder.scores(p, of.said)
     cost = functools.partial(decoder.cost, divisor=float(len(of.said)))
     phrase = (batch["kind"] == batches.KINDS.index("phrase")).float()
     best = torch.where(may_wake, score, score * 0).amax(1)

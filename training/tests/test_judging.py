@@ -17,6 +17,7 @@ from training.models.kws import SyllableNetwork
 from training.models.naec import EchoSuppressor
 from training.models.ns import NoiseSuppressor
 from training.scenes import direction
+from training.syllables import decoder
 from training.syllables.batch import KINDS
 from training.syllables.inventory import DANG, LING, PHRASE
 from training.tasks import kws as kws_task
@@ -188,10 +189,10 @@ def test_the_hinge_pushes_the_phrase_down_and_all_else_up():
     """Only where they are not yet far enough."""
     p, batch = said([SPOKEN, [(DANG, 12), (LING, 20)]])
     batch["kind"] = torch.tensor([KINDS.index("phrase"), KINDS.index("near miss")], dtype=torch.float32)
-    missed, false = kws_task.hinge(p, batch, enough=0.3, too_much=1e-4)
+    missed, false = kws_task.hinge(*decoder.scores(p), batch, enough=0.3, too_much=1e-4)
     assert missed.item() == pytest.approx(0, abs=0.01) and false.item() == 0
     swapped = batch | {"kind": batch["kind"].flip(0)}
-    missed, false = kws_task.hinge(p, swapped, enough=0.3, too_much=1e-4)
+    missed, false = kws_task.hinge(*decoder.scores(p), swapped, enough=0.3, too_much=1e-4)
     assert missed.item() > 1 and false.item() > 1
 
 

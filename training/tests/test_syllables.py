@@ -14,6 +14,7 @@ from training.neural_voices import lines
 from training.scenes.audio import RATE
 from training.shared import ROOT
 from training.syllables import batch, cutting, decoder, inventory, phonetics, spectra, splicing, texts, waves
+from training.syllables import confusions as confusion
 from training.tasks import kws as task
 
 torch.set_num_threads(1)
@@ -63,6 +64,22 @@ def test_what_is_nearly_the_phrase_is_not_the_phrase():
         seen.add(tuple(said))
     a, b = inventory.LING, inventory.DANG
     assert {(a, b, a), (b, a, b, a), (a, b, b, a)} <= seen  # the decoder's own weak spots are among them
+
+
+def test_near_misses_that_wake_come_again():
+    a, b, lin, da = inventory.LING, inventory.DANG, *inventory.classes_of(["lin", "da"])
+    confusions, rng = confusion.Confusions(inventory.shipped), np.random.default_rng(7)
+    for _ in range(100):
+        confusions.heard([7, a, b, lin, b], woke=True)
+        confusions.heard([a, da, a, da], woke=False)
+        confusions.heard([lin, da, a, b], woke=True)  # two wrong ones: nothing to learn
+    assert confusions.rates[2, lin] > 0.9 and confusions.rates[[1, 3], da].max() < 0.01
+    assert confusions.rates[0, lin] == confusions.rates[0, inventory.classes_of(["ning"])[0]]
+    drawn = [confusions.draw(rng, 2, [lin, da]) for _ in range(500)]
+    assert drawn.count(lin) > 400
+    said = [texts.one_off(rng, list(range(1, 145)), confusions=confusions) for _ in range(2000)]
+    wrong = [s[2] for s in said if s[2] != a and s[0] == a]
+    assert wrong.count(lin) > 0.05 * len(wrong) and all(tuple(s) != inventory.PHRASE for s in said if len(set(s)) > 2)
 
 
 def test_syllables_may_be_said_once_they_have_been_heard():
@@ -198,6 +215,16 @@ def test_lines_for_a_synthesiser_are_equally_long_and_say_what_they_claim():
     assert all([s[:-1] for s in source.near_miss()] != ["ling", "dang"] * 2 for _ in range(300))
 
 
+def test_invented_voices_hold_nothing_of_those_they_are_kept_from():
+    unit = lambda name: np.array(speech.speaker(name)) / np.linalg.norm(speech.speaker(name))
+    held_out, named = [np.stack([unit(v) for v in voices]) for voices in (speech.HELD_OUT, speech.VOICES)]
+    for n in range(5):
+        invented, unknown = unit(f"Invented{n:03}"), unit(f"Unknown{n:03}")
+        assert np.abs(held_out @ invented).max() < 1e-9 and np.abs(named @ unknown).max() < 1e-9
+        assert abs(invented @ unknown) < 1e-9 and np.abs(named @ invented).max() > 0.1
+    assert np.allclose(speech.speaker("Aida+Aiqi"), np.mean([speech.speaker("Aida"), speech.speaker("Aiqi")], 0))
+
+
 def said(places, steps=40, classes=inventory.PHRASE):
     """Log posteriors of a network that says `classes` at `places` and is silent elsewhere."""
     p = torch.full((1, steps, CLASSES), 1e-4)
@@ -220,10 +247,10 @@ def test_the_losses_want_what_the_device_needs():
     in_time, early = said(places), said([t - 4 for t in places])
     assert task.ctc(in_time, example) < 0.5 < task.ctc(early, example)
     assert task.cross_entropy(in_time, example) < task.cross_entropy(early, example)
-    missed, false = task.hinge(in_time, example, 0.3, 1e-4)
+    missed, false = task.hinge(*decoder.scores(in_time), example, 0.3, 1e-4)
     assert missed == 0 and false == 0
     example["kind"] = torch.tensor([batch.KINDS.index("near miss")])
-    assert task.hinge(in_time, example, 0.3, 1e-4)[1] > 1
+    assert task.hinge(*decoder.scores(in_time), example, 0.3, 1e-4)[1] > 1
 
 
 def test_the_score_is_the_decoder_s(library_path):
