@@ -29,26 +29,34 @@ SPLITS = ("train", "valid", "test")
 
 class Batches(torch.utils.data.Dataset):
     """Batch number -> batch. Worker processes mix while the network learns. of: the number of batches of a training that
-    goes from the beginning of a recipe to its end; without it all batches are those of its end."""
+    goes on to the end of a recipe, from a share `begin` of it; without it all batches are those of its end."""
 
-    def __init__(self, task: Task, seed: int, split: str, count: int, of: int | None = None) -> None:
-        self.task, self.seed, self.split, self.count, self.of = task, seed, split, count, of
+    def __init__(self, task: Task, seed: int, split: str, count: int, of: int | None = None, begin: float = 0.0) -> None:
+        self.task, self.seed, self.split, self.count, self.of, self.begin = task, seed, split, count, of, begin
 
     def __len__(self) -> int:
         return self.count
 
     def __getitem__(self, i: int) -> dict[str, torch.Tensor]:
-        progress = i / self.of if self.of else 1.0
+        progress = self.begin + (1 - self.begin) * i / self.of if self.of else 1.0
         batch = self.task.sample(np.random.default_rng([self.seed, SPLITS.index(self.split), i]), self.split, progress)
         return {name: torch.from_numpy(value) for name, value in batch.items()}
 
 
 def batches(
-    task: Task, seed: int, split: str, first: int, last: int, workers: int, of: int | None = None
+    task: Task,
+    seed: int,
+    split: str,
+    first: int,
+    last: int,
+    workers: int,
+    of: int | None = None,
+    begin: float = 0.0,
 ) -> torch.utils.data.DataLoader:
+    source = Batches(task, seed, split, last, of, begin)
     return (
         torch.utils.data.DataLoader(
-            Batches(task, seed, split, last, of),
+            source,
             batch_size=None,
             sampler=range(first, last),
             num_workers=workers,
@@ -56,7 +64,7 @@ def batches(
             worker_init_fn=lambda _: torch.set_num_threads(1),
         )
         if workers
-        else torch.utils.data.DataLoader(Batches(task, seed, split, last, of), batch_size=None, sampler=range(first, last))
+        else torch.utils.data.DataLoader(source, batch_size=None, sampler=range(first, last))
     )
 
 
@@ -147,7 +155,7 @@ def train(
     valid = list(batches(task, seed, "valid", 0, config["data"]["validation_batches"], 0)) if step < c["steps"] else []
     progress = tqdm.tqdm(total=c["steps"], initial=step, unit="step", mininterval=1 if os.isatty(2) else 60)
     of = c["steps"] if section == "train" else None
-    for batch in batches(task, seed, "train", step, c["steps"], config["data"]["workers"], of):
+    for batch in batches(task, seed, "train", step, c["steps"], config["data"]["workers"], of, c.get("begin", 0.0)):
         model.train()
         if step >= c.get("freeze_norm", 1) * c["steps"]:
             freeze_norm(model)

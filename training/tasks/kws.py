@@ -190,8 +190,8 @@ def cross_entropy(p: torch.Tensor, batch: tasks.Batch, whole: bool = False) -> t
 def hinge(
     score: torch.Tensor, may_wake: torch.Tensor, batch: tasks.Batch, enough: float, too_much: float, of: Phrase = shipped
 ) -> tuple[torch.Tensor, torch.Tensor]:
-    """decoder.scores() -> how far the phrase's cost is above `enough`; how far, in nats per syllable, anything else scores above `too_much`,
-    the score of a phrase of DIVISOR syllables."""
+    """Of decoder.scores(): how far the phrase's cost is above `enough`; how far, in nats per syllable, anything else scores
+    above `too_much`, the score of a phrase of DIVISOR syllables."""
     cost = functools.partial(decoder.cost, divisor=float(len(of.said)))
     phrase = (batch["kind"] == batches.KINDS.index("phrase")).float()
     best = torch.where(may_wake, score, score * 0).amax(1)

@@ -135,12 +135,23 @@ def test_a_continuation_belongs_to_the_training_it_continues(tmp_path):
 
 
 def test_the_average_is_that_of_the_last_checkpoints(tmp_path):
+    ns, _ = task("ns")
     for step, value in enumerate((100.0, 1.0, 3.0), 1):
         model = torch.nn.Linear(1, 1)
         torch.nn.init.constant_(model.weight, value)
-        train.save(tmp_path, model, torch.optim.AdamW(model.parameters()), step, keep=2)
+        train.save(tmp_path, ns, model, torch.optim.AdamW(model.parameters()), step, keep=2)
     assert train.averaged(tmp_path)["weight"].item() == 2.0
     assert train.trained_steps(tmp_path) == 3
+
+
+def test_what_a_training_mined_is_in_its_checkpoint(tmp_path):
+    before, after = task("kws")[0], task("kws")[0]
+    model = before.model()
+    optimizer = torch.optim.AdamW(model.parameters())
+    before.data.confusions.rates[1, 7] = 0.625
+    train.save(tmp_path, before, model, optimizer, 5, keep=1)
+    assert train.resume(tmp_path, after, model, optimizer) == 5
+    assert after.data.confusions.rates[1, 7] == 0.625
 
 
 @pytest.mark.parametrize("network", tasks.NETWORKS)
@@ -166,7 +177,7 @@ def test_an_export_leaves_the_card_that_a_person_wrote(tmp_path, capsys):
     """A draft goes beside it, and that is said."""
     ns, config = task("ns")
     (tmp_path / "run").mkdir()
-    train.save(tmp_path / "run", ns.model(), torch.optim.AdamW(ns.model().parameters()), 3, keep=1)
+    train.save(tmp_path / "run", ns, ns.model(), torch.optim.AdamW(ns.model().parameters()), 3, keep=1)
     arguments = types.SimpleNamespace(network="ns", params=tmp_path, library=None)
     (tmp_path / "ns.md").write_text("ours")
     __main__.export_trained(arguments, ns, config, ns.data, tmp_path / "run")
