@@ -47,6 +47,8 @@ MIXED = (
 # is held out is in their vectors. Those of UNKNOWN are for testing: nothing of any voice named above is in theirs.
 HELD_OUT = "Aida Aijing Aiqi Aiyu Siyue Xiaobei Xiaomei".split()
 INVENTED, UNKNOWN = "Invented", "Unknown"
+COUNTS = {INVENTED: 60, UNKNOWN: 20}
+FEW = 20  # lines of a voice that is nobody's: many voices tell more than many lines
 INTELLIGIBLE = 0.8  # of a voice's groups that must have come out right; what is below is dropped
 
 
@@ -55,6 +57,11 @@ def vector(name: str) -> np.ndarray:
     return np.mean(
         [[(int(digit, 16) - 7) / 10 for digit in hashlib.md5(n.encode()).hexdigest()] for n in name.split("+")], axis=0
     )
+
+
+def nobody() -> list[str]:
+    """Names of the invented voices that are made unless others are named."""
+    return [f"{kind}{n:03}" for kind, count in COUNTS.items() for n in range(1, count + 1)]
 
 
 def span(names: list[str]) -> np.ndarray:
@@ -148,9 +155,14 @@ def main(argv: list[str] | None = None) -> None:
     parser = argparse.ArgumentParser(prog="python -m training.neural_voices", description=__doc__)
     parser.add_argument("out", type=pathlib.Path, help="folder to make, in a corpus")
     parser.add_argument("--texts", type=pathlib.Path, help="corpus whose words are said; without it strings of syllables")
-    parser.add_argument("--lines", type=int, default=160, help="of three groups, per voice")
+    parser.add_argument("--lines", type=int, default=160, help=f"of three groups, per voice; at most {FEW} of an invented one")
     parser.add_argument("--batch", type=int, default=32)
-    parser.add_argument("--voices", nargs="*", default=[*VOICES, *MIXED])
+    parser.add_argument(
+        "--voices",
+        nargs="*",
+        default=[*VOICES, *MIXED, *nobody()],
+        help=f"any {INVENTED}... and {UNKNOWN}... beside the package's",
+    )
     arguments = parser.parse_args(argv)
     torch.set_num_threads(1)
     synthesiser = Synthesiser()
@@ -162,7 +174,8 @@ def main(argv: list[str] | None = None) -> None:
         if manifest.exists():
             continue
         source, rows = lines.Lines(np.random.default_rng(list(name.encode())), recorded, synthesiser.known), []
-        texts = [source.line() for _ in range(arguments.lines)]
+        invented = name.startswith((INVENTED, UNKNOWN))
+        texts = [source.line() for _ in range(min(FEW, arguments.lines) if invented else arguments.lines)]
         torch.manual_seed(0)  # the synthesiser's dropout stays on
         for start in range(0, len(texts), arguments.batch):
             some = texts[start : start + arguments.batch]
@@ -183,8 +196,10 @@ def main(argv: list[str] | None = None) -> None:
                             "licence": LICENCE,
                         }
                     )
-        print(f"{name}: {len(rows)} of {lines.GROUPS * len(texts)} groups", file=sys.stderr)
-        write(manifest, rows)
+        groups = lines.GROUPS * len(texts)
+        kept = len(rows) >= INTELLIGIBLE * groups
+        print(f"{name}: {len(rows)} of {groups} groups{'' if kept else ', dropped'}", file=sys.stderr)
+        write(manifest, rows if kept else [])
     together(arguments.out)
 
 
