@@ -61,6 +61,7 @@ def run_training(arguments: argparse.Namespace) -> None:
     if "evaluate" in stages:
         model, folder = trained(task, config, folder)
         print("test:", json.dumps(judge(task, model, config, "test", folder)))
+        task.examine(arguments.params or folder)
 
 
 def started(task: Task, config: Config, arguments: argparse.Namespace) -> torch.nn.Module | None:
@@ -112,8 +113,9 @@ def export_trained(
     tables = export.fit(arguments.network, model.tables())
     target = arguments.params or folder
     target.mkdir(parents=True, exist_ok=True)
-    path, digest = export.write(arguments.network, tables, metadata, target)
+    path, _ = export.write(arguments.network, tables, metadata, target)
     task.write_beside(target)
+    digest = file_digest(path)
     draft = path.with_suffix(".draft.md")
     draft.write_text(export.card(arguments.network, metadata, source.sources(), digest))
     print(f"wrote {path}\nSHA-256 {digest}\nwrote {draft}, from which the card is written")

@@ -6,12 +6,13 @@ import argparse
 import collections
 import functools
 import pathlib
+import subprocess
 
 import numpy as np
 import torch
 
 from training import cache_keys, data
-from training.corpus import SPLITS
+from training.corpus import SPLITS, Corpus, open_corpus
 from training.data import naec
 from training.device_facts import BLANK, BLOCK, FULL_SCALE, RATE
 from training.models import kws
@@ -69,6 +70,11 @@ class Scenes(ForPhrase, naec.Scenes):
             type=linter.checked,
             help="kws: another wake phrase, in syllables: fine-tunes the shipped network with configs/kws_phrase.toml",
         )
+        parser.add_argument(
+            "--voices",
+            type=pathlib.Path,
+            help="kws: what ./run voices has made, beside the corpus (another phrase: made there if it is missing)",
+        )
 
     @staticmethod
     def recorded(arguments: argparse.Namespace) -> dict[str, str]:
@@ -82,8 +88,18 @@ class Scenes(ForPhrase, naec.Scenes):
             name = f"kws-{arguments.phrase.replace(' ', '_')}"
             arguments.config = arguments.config or ROOT / "training/configs/kws_phrase.toml"
             arguments.start = arguments.start or PARAMS / "kws.safetensors"
+            arguments.voices = arguments.voices or arguments.out / f"voices-{arguments.phrase.replace(' ', '_')}"
             arguments.params = arguments.params or arguments.out / f"params-{name}{'-smoke' if arguments.smoke else ''}"
         return name
+
+    @functools.cached_property
+    def corpus(self) -> Corpus:
+        voices = self.arguments.voices
+        if voices and not (voices / "manifest.csv").exists():
+            if "phrase" not in self.config:
+                raise SystemExit(f"training: --voices {voices}: no manifest.csv there")
+            voices = None
+        return open_corpus(self.arguments.data, self.arguments.out / "corpus", data.SEED, voices=voices)
 
     def sources(self) -> collections.Counter[tuple[str, str]]:
         sources = super().sources()
@@ -95,7 +111,18 @@ class Scenes(ForPhrase, naec.Scenes):
         if self.library:
             super().make_echo_clips()
 
+    def say(self) -> None:
+        """Has the synthesiser's voices say another phrase, in an environment of their own (./run voices)."""
+        lines, folder = self.config["data"].get("voice_lines", 0), self.arguments.voices
+        if not lines or (folder / "manifest.csv").exists():
+            return
+        command = [ROOT / "run", "voices", folder.resolve(), "--phrase", self.phrase.text, "--lines", str(lines)]
+        if self.arguments.data:
+            command += ["--texts", open_corpus(self.arguments.data, self.arguments.out / "corpus", data.SEED).root.resolve()]
+        subprocess.run(command, check=True)
+
     def prepare(self) -> None:
+        self.say()
         super().prepare()
         cutter = cutting.Cutter(self.library, self.arguments.cutter, inventory()) if self.library else None
         synthetic = self.config["data"]["synthetic_voices"]

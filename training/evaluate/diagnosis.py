@@ -138,7 +138,7 @@ def by_voice(rows: Sequence[Record]) -> dict[tuple[str, str], Record]:
 
 
 def utterances(arguments: argparse.Namespace) -> Iterator[Record]:
-    of = Material(arguments)
+    of = Material.of(arguments)
     device, so = devices.Device(arguments.library), of.engine()
     wanted = [c for c in listening.CONDITIONS if c[0] in arguments.conditions.split(";")]
     for what in SETS:

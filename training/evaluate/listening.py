@@ -36,7 +36,6 @@ from training.scenes.bank import RoomBank
 from training.shared import Record
 from training.syllables import decoder, texts, waves
 from training.syllables.inventory import Phrase, classes_of, shipped
-from training.tasks.kws import move_operating_point
 
 SEED = 20260102
 LEAD, AFTER = 2.0, 1.2  # s before and behind an utterance
@@ -90,6 +89,11 @@ SETS = {
     "fluent near miss": (300, CONDITIONS[:2]),
 }
 PHRASES = ("phrase", "slow phrase")
+HEARD = (*PHRASES, "fluent phrase")  # the other sets are not to wake the device
+
+
+class Unsaid(Exception):
+    """Nobody says the phrase."""
 
 
 def speakers(corpus: Corpus, phrase: Phrase) -> list[str]:
@@ -244,8 +248,8 @@ def prepare(of: Material, folder: pathlib.Path, hours: float, share: float = 1.0
             count = max(1, round(count * share))
             made = utterances(device, of.others, of.rooms, sayings, count, conditions)
             kept[what] = Kept(folder, f"{what.replace(' ', '_')}_{count}").make(made)
-    if not kept:
-        raise SystemExit(
+    if not set(kept) & set(HEARD):
+        raise Unsaid(
             f"no {of.split} speaker says {of.phrase.text!r}, nor each of its syllables by itself: ./run voices --phrase"
         )
     stretches = (
@@ -274,7 +278,7 @@ class FloatListener:
         """nats: its operating point."""
         self.model, self.phrase = kws.SyllableNetwork(), phrase
         self.model.load_state_dict(train.averaged(folder))
-        move_operating_point(self.model, nats, phrase)
+        self.model.favour(phrase.said, nats)
         self.model.eval()
 
     @torch.no_grad()
@@ -375,10 +379,10 @@ def made_from(
     } | ({} if phrase == shipped else {"phrase": phrase.text})
 
 
-def kept_of(of: Material, cache: pathlib.Path, hours: float, share: float = 1.0) -> dict[str, Kept]:
+def kept_of(of: Material, parent: pathlib.Path, hours: float, share: float = 1.0) -> dict[str, Kept]:
     """prepare() in the folder of what it is a function of."""
     made = made_from(of.corpus, of.bank, of.library, of.phrase, of.split)
-    return prepare(of, cache_keys.begin(cache / "listening", made), hours, share)
+    return prepare(of, cache_keys.begin(parent, made), hours, share)
 
 
 def add_options(parser: argparse.ArgumentParser) -> None:
@@ -392,8 +396,11 @@ def add_options(parser: argparse.ArgumentParser) -> None:
 
 
 def run(arguments: argparse.Namespace) -> None:
-    of = Material(arguments)
-    kept = kept_of(of, arguments.cache, arguments.hours, arguments.share)
+    of = Material.of(arguments)
+    try:
+        kept = kept_of(of, arguments.cache / "listening", arguments.hours, arguments.share)
+    except Unsaid as reason:
+        raise SystemExit(f"listen: {reason}") from None
     if arguments.only_prepare:
         return
     results = {"engine": summary(kept, EngineListener(of))}

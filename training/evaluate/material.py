@@ -33,19 +33,32 @@ def add_options(parser: argparse.ArgumentParser) -> None:
 
 
 class Material:
-    """What is opened once. The split that is listened to counts as the test split in it."""
+    """The split that is listened to counts as the test split in it. params: a file, a folder or None."""
 
-    def __init__(self, arguments: argparse.Namespace) -> None:
-        self.library, self.split = arguments.library, arguments.split
-        params = arguments.params
+    def __init__(
+        self,
+        library: pathlib.Path,
+        params: pathlib.Path | None,
+        corpus: Corpus,
+        bank: RoomBank,
+        split: str = scenes.SPLIT,
+        phrase: Phrase | None = None,
+    ) -> None:
+        self.library, self.bank, self.split = library, bank, split
         whole = params is not None and params.is_dir()
         self.tables: Tables = export.read(params / "kws.safetensors" if whole else params) if params else {}
-        self.phrase = Phrase.of(arguments.phrase) if arguments.phrase else Phrase.in_folder(params) if whole else shipped
-        corpus = open_corpus(arguments.data, arguments.cache / "corpus", SEED, voices=arguments.voices)
-        self.corpus: Corpus = corpus if self.split == scenes.SPLIT else corpus.with_split(self.split, scenes.SPLIT)
+        self.phrase = phrase or (Phrase.in_folder(params) if whole else shipped)
+        self.corpus = corpus if split == scenes.SPLIT else corpus.with_split(split, scenes.SPLIT)
         self.others = scenes.without_phrases(self.corpus, self.phrase)
-        self.bank: RoomBank = load_bank(arguments.cache / "bank")
-        self.rooms = scenes.TestRooms(self.bank, len(self.bank.rooms), self.split)
+        self.rooms = scenes.TestRooms(bank, len(bank.rooms), split)
+
+    @staticmethod
+    def of(arguments: argparse.Namespace) -> Material:
+        corpus = open_corpus(arguments.data, arguments.cache / "corpus", SEED, voices=arguments.voices)
+        phrase = Phrase.of(arguments.phrase) if arguments.phrase else None
+        return Material(
+            arguments.library, arguments.params, corpus, load_bank(arguments.cache / "bank"), arguments.split, phrase
+        )
 
     def engine(self) -> ctypes.CDLL:
         """The library with the parameters that are listened with."""

@@ -22,6 +22,8 @@ from scipy import signal
 
 from training.device_facts import FULL_SCALE, RATE
 from training.neural_voices import lines
+from training.syllables import linter
+from training.syllables.inventory import Phrase, shipped
 
 SPEECH_RATE, SPEECH_HOP = 22050, 256  # of the synthesiser
 STEPS = 450  # the longest line takes less
@@ -155,6 +157,7 @@ def main(argv: list[str] | None = None) -> None:
     parser = argparse.ArgumentParser(prog="python -m training.neural_voices", description=__doc__)
     parser.add_argument("out", type=pathlib.Path, help="folder to make, in a corpus")
     parser.add_argument("--texts", type=pathlib.Path, help="corpus whose words are said; without it strings of syllables")
+    parser.add_argument("--phrase", type=linter.checked, default=shipped.text, help="the wake phrase, in syllables")
     parser.add_argument("--lines", type=int, default=160, help=f"of three groups, per voice; at most {FEW} of an invented one")
     parser.add_argument("--batch", type=int, default=32)
     parser.add_argument(
@@ -168,12 +171,15 @@ def main(argv: list[str] | None = None) -> None:
     synthesiser = Synthesiser()
     chain = synthesiser.text.text_to_sequence("a1", "pinyin")[3]
     recorded = lines.words(arguments.texts) if arguments.texts else []
+    phrase = Phrase.of(arguments.phrase)
+    if unknown := set(phrase.text.split()) - set(synthesiser.known):
+        raise SystemExit(f"voices: the synthesiser cannot say {' '.join(sorted(unknown))}")
     arguments.out.mkdir(parents=True, exist_ok=True)
     for name in tqdm.tqdm(arguments.voices, mininterval=30):
         manifest = arguments.out / f"{name}.csv"
         if manifest.exists():
             continue
-        source, rows = lines.Lines(np.random.default_rng(list(name.encode())), recorded, synthesiser.known), []
+        source, rows = lines.Lines(np.random.default_rng(list(name.encode())), recorded, synthesiser.known, phrase), []
         invented = name.startswith((INVENTED, UNKNOWN))
         texts = [source.line() for _ in range(min(FEW, arguments.lines) if invented else arguments.lines)]
         torch.manual_seed(0)  # the synthesiser's dropout stays on
@@ -196,7 +202,7 @@ def main(argv: list[str] | None = None) -> None:
                             "licence": LICENCE,
                         }
                     )
-        groups = lines.GROUPS * len(texts)
+        groups = sum(map(len, texts))
         kept = len(rows) >= INTELLIGIBLE * groups
         print(f"{name}: {len(rows)} of {groups} groups{'' if kept else ', dropped'}", file=sys.stderr)
         write(manifest, rows if kept else [])

@@ -60,7 +60,11 @@ class Task(abc.ABC):
         raise NotImplementedError
 
     def write_beside(self, folder: pathlib.Path) -> None:
-        """What else belongs into a folder that a network was exported to."""
+        """What else belongs into a folder that a network was exported to; may move the network's operating point."""
+        return
+
+    def examine(self, folder: pathlib.Path) -> None:
+        """More than validate() asks of the test split, of what was exported to a folder."""
         return
 
     def metadata(self) -> dict[str, str]:

@@ -10,7 +10,7 @@ import functools
 import math
 import pathlib
 import shutil
-from collections.abc import Iterable, Sequence
+from collections.abc import Callable, Iterable, Sequence
 
 import numpy as np
 import torch
@@ -21,6 +21,7 @@ from params.syllable_names import class_names
 from .. import tasks
 from ..data import kws as scenes
 from ..device_facts import BLANK, CLASSES, FILLER, THRESHOLD
+from ..evaluate import listening, new_phrase
 from ..models import kws, kws_tables
 from ..models.quantise import set_mode
 from ..shared import PARAMS, Config, Tables
@@ -30,6 +31,7 @@ from ..syllables.inventory import Phrase, shipped
 
 NOT_NOW = -20.0  # log probability taken from a class outside its windows
 SAID = 3  # steps from a syllable's end in which cross-entropy wants its class
+OPERATING_POINTS = "operating_points.md"  # in the folder of another phrase
 PER_TEXT = 4.0  # weighs texts of different length: nats per (syllables + this)
 
 
@@ -108,7 +110,7 @@ class Task(tasks.Task):
 
     def set_operating_point(self, model: kws.SyllableNetwork, phrase: float) -> None:
         """phrase: nats added to what the phrase's syllables score. The decoder's thresholds are fixed."""
-        move_operating_point(model, phrase, self.phrase)
+        model.favour(self.phrase.said, phrase)
 
     @torch.no_grad()
     def calibrate(self, model: torch.nn.Module, batches: Iterable[tasks.Batch]) -> None:
@@ -120,21 +122,40 @@ class Task(tasks.Task):
         set_mode(model, "codes")
 
     def write_beside(self, folder: pathlib.Path) -> None:
-        """Another phrase makes a whole folder of parameters, to build with."""
+        """Another phrase makes a whole folder of parameters, to build with, at an operating point chosen for it."""
         if self.phrase == shipped:
             return
         keyword_table.write(folder / keyword_table.FILE, [keyword_table.keyword(self.phrase.text.split())])
         for path in PARAMS.glob("*.safetensors"):
             if not (folder / path.name).exists():
                 shutil.copy(path, folder)
+        if table := self.listened(new_phrase.settle, folder):
+            (folder / OPERATING_POINTS).write_text(table, encoding="utf-8")
+            print(table)
+
+    def examine(self, folder: pathlib.Path) -> None:
+        """Another phrase has a card of its own, made of what export has left in the folder."""
+        if self.phrase == shipped or not (folder / OPERATING_POINTS).exists():
+            return
+        if figures := self.listened(new_phrase.heard, folder):
+            parts = [(folder / name).read_text(encoding="utf-8") for name in (OPERATING_POINTS, "kws.draft.md")]
+            path = folder / f"{self.phrase.text.replace(' ', '_')}.md"
+            path.write_text(new_phrase.card(self.phrase.text, parts[0], figures, parts[1]), encoding="utf-8")
+            print(f"{figures}\nwrote {path}")
+
+    def listened(self, how: Callable[..., str], folder: pathlib.Path) -> str:
+        """What one of new_phrase's functions says of a folder, or nothing where that cannot be had."""
+        d = self.data
+        if not isinstance(d, scenes.Scenes) or d.library is None:
+            return ""
+        try:
+            return how(d.library, folder, d.corpus, d.bank, d.folder("listening"), self.config["listen"])
+        except listening.Unsaid as reason:
+            print(f"training: not listened to: {reason}")
+            return ""
 
     def metadata(self) -> dict[str, str]:
         return {"classes": class_names(), "phrase": self.phrase.text}
-
-
-@torch.no_grad()
-def move_operating_point(model: kws.SyllableNetwork, nats: float, phrase: Phrase = shipped) -> None:
-    model.output.linear.bias[list(set(phrase.said))] += nats
 
 
 def edit_distance(a: Sequence[int], b: Sequence[int]) -> int:

@@ -108,7 +108,7 @@ def test_scenes_through_the_library_ask_for_it(network, tmp_path):
     """Before anything is drawn, in words; noise needs none, and the wake-up network does without remainders."""
     _, config = task(network)
     arguments = __main__.argparse.Namespace(
-        stub=False, library=None, out=tmp_path, smoke=True, data=None, suppressor=None, cutter=None
+        stub=False, library=None, out=tmp_path, smoke=True, data=None, suppressor=None, cutter=None, voices=None
     )
     scenes = __main__.data.open_data(network, config, arguments)
     if network in ("naec", "doa"):

@@ -75,9 +75,9 @@ def test_a_folder_of_parameters_says_what_it_listens_for(audio, bank, voices, tm
     keyword_table.write(mine / keyword_table.FILE, [keyword_table.keyword(OTHER.text.split())])
     common = "--data", audio, "--cache", tmp_path, "--voices", voices
     for params, phrase in ((mine, OTHER), (mine / "kws.safetensors", shipped)):
-        of = material.Material(options(*common, "--params", params))
+        of = material.Material.of(options(*common, "--params", params))
         assert of.phrase == phrase and len(of.others.clips("mandarin", "test")) == 2
-    of = material.Material(options(*common, "--params", mine, "--phrase", "da  Kai", "--split", "valid"))
+    of = material.Material.of(options(*common, "--params", mine, "--phrase", "da  Kai", "--split", "valid"))
     assert of.phrase.text == "da kai" and of.tables and [c.pinyin for c in of.corpus.clips("mandarin", "test")] == [OTHER.text]
     assert of.rooms.draw(np.random.default_rng(1), "test") in bank.numbers("valid")
 

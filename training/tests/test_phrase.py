@@ -84,7 +84,7 @@ def test_a_phrase_brings_its_recipe_and_writes_a_folder_to_build_with(tmp_path):
     with pytest.raises(SystemExit):
         parser.parse_args(["--phrase", "xiao hu xian sheng", "--phrase", "ling dang ling dang"])
     arguments.config = arguments.start = arguments.params = None
-    arguments.out = tmp_path
+    arguments.out, arguments.library = tmp_path, None
     arguments.smoke = True
     assert data.of("kws").Scenes.settle(arguments) == "kws-xiao_hu_xian_sheng"
     assert (
@@ -107,3 +107,27 @@ def test_the_decoder_s_score_is_of_the_phrase_that_is_asked_for():
     score = decoder.scores(p.log(), OTHER.said)[0]
     assert decoder.cost(score.amax(), 4.0) < 0.6
     assert decoder.cost(decoder.scores(p.log(), shipped.said)[0].amax()) > 2
+
+
+def test_the_voices_say_the_phrase_once_and_are_then_heard(tmp_path, monkeypatch):
+    """By the recipe's number of lines; a folder that somebody names himself and that is none is an error."""
+    scenes, called = data.of("kws"), []
+
+    def run(command, check):
+        called.append([str(part) for part in command[1:]])
+        folder = command[2]
+        folder.mkdir()
+        (folder / "manifest.csv").write_text("path,speaker,pinyin,ends,split\n1.wav,neural a,xiao hu xian sheng,,train\n")
+        (folder / "1.wav").write_bytes(b"")
+
+    monkeypatch.setattr(scenes.subprocess, "run", run)
+    arguments = argparse.Namespace(data=None, out=tmp_path, voices=tmp_path / "said", library=None)
+    config = {"phrase": OTHER.text, "data": {"voice_lines": 6}}
+    for _ in range(2):
+        spoken = scenes.Scenes(config, arguments)
+        spoken.say()
+        assert [c for c in spoken.corpus.clips("mandarin", "train") if c.pinyin == OTHER.text]
+    assert called == [["voices", str(tmp_path / "said"), "--phrase", OTHER.text, "--lines", "6"]]
+    arguments.voices = tmp_path / "nowhere"
+    with pytest.raises(SystemExit, match="no manifest.csv"):
+        scenes.Scenes({"data": {}}, arguments).corpus  # noqa: B018

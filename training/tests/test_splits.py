@@ -98,7 +98,7 @@ def test_scenes_that_networks_are_judged_by_are_all_of_the_test_split(spoken, ba
 def scenes_of_kws(spoken, bank, folder, **options):
     config = __main__.configuration("kws", None, smoke=True)
     config["data"] |= {"synthetic_voices": 1, **options}
-    arguments = types.SimpleNamespace(library=None, out=folder, smoke=True, data=spoken.root, cutter=None)
+    arguments = types.SimpleNamespace(library=None, out=folder, smoke=True, data=spoken.root, cutter=None, voices=None)
     found = data.of("kws").Scenes(config, arguments)
     found.corpus, found.bank = spoken, bank
     return found

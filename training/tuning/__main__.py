@@ -22,14 +22,6 @@ from training.device_facts import RATE
 from training.shared import PARAMS, ROOT
 from training.tuning import recordings, report, scores
 
-WIDEST = 4.0  # nats either way
-
-
-def operating_points(nats: float) -> np.ndarray:
-    """In codes of so many nats."""
-    most = int(WIDEST / nats)
-    return np.arange(-most, most + 1)
-
 
 class Worker:
     """In each process: the library with these parameters."""
@@ -40,7 +32,7 @@ class Worker:
 
     def every_operating_point(self, wave: NDArray[np.int16]) -> list[list[float]]:
         trace = scores.Trace.of(wave, self.parameters, self.so)
-        return scores.wakes(trace, self.parameters, operating_points(self.parameters.nats))
+        return scores.wakes(trace, self.parameters, self.parameters.operating_points())
 
     def engine_itself(self, wave: NDArray[np.int16]) -> list[list[float]]:
         """At the parameters' own operating point."""
@@ -113,7 +105,7 @@ def run(arguments: argparse.Namespace) -> int:
     if not positive or not negative:
         raise SystemExit(f"tune: nothing in {arguments.negative if positive else arguments.positive} could be used")
 
-    nats = [float(c) * parameters.nats for c in operating_points(parameters.nats)]
+    nats = [float(c) * parameters.nats for c in parameters.operating_points()]
     found = report.rows(nats, positive, negative)
     index = chosen(arguments, found, nats)
     arguments.out.mkdir(parents=True, exist_ok=True)
@@ -121,7 +113,7 @@ def run(arguments: argparse.Namespace) -> int:
     hours = sum(r.hours for r in negative)
     print(f'"{parameters.phrase}": {len(positive)} recordings with it, {hours:.2f} h without\n{report.table(found, index)}')
     if index is not None:
-        told["chosen"] = write(arguments, parameters, int(operating_points(parameters.nats)[index]), paths, found[index])
+        told["chosen"] = write(arguments, parameters, int(parameters.operating_points()[index]), paths, found[index])
     (arguments.out / "tuning.json").write_text(json.dumps(told, indent=1))
     report.picture(found, index, arguments.out / "tuning.png")
     print(f"wrote {arguments.out / 'tuning.json'} and {arguments.out / 'tuning.png'}")

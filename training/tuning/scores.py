@@ -35,6 +35,7 @@ from training.library import WakeUp
 STRICT_AFTER, STRICT_THRESHOLD = 20000, 1.0  # steps without a wake, from which on the threshold is that
 CHUNK = 4096  # steps of which all operating points' posteriors are held at once
 LARGEST_CODE = 255
+WIDEST = 4.0  # nats
 DTYPES = {"F32": np.float32, "I8": np.int8, "I16": np.int16, "I32": np.int32}
 NETWORK = "kws.safetensors"
 # Of the packed table: the last five are M0, M1, zero point of the codes, nats of a code, zero point of the scores.
@@ -68,6 +69,11 @@ class Parameters:
     def nats(self) -> float:
         """Of one code of the last layer."""
         return float(self.tables["chinese_fix_param"][SCALE])
+
+    def operating_points(self) -> NDArray[np.int64]:
+        """In codes, WIDEST nats either way."""
+        most = int(WIDEST / self.nats)
+        return np.arange(-most, most + 1)
 
     def moved(self, codes: int) -> Parameters:
         """Another operating point."""
