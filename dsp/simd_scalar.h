@@ -34,6 +34,10 @@
 namespace quibo {
 namespace {
 
+// In how many lanes a large product of the networks is summed (nn/float_kernels.h).
+template <class V>
+constexpr int kSumLanes = 4;
+
 struct ScalarFour {
   struct Reg {
     float a[4];

@@ -4,7 +4,7 @@
 // Consecutive positions lie in the lanes of a register, so the four lanes of a sum are four
 // registers, filled one after the other by four passes over every fourth tap: no shuffles, no patch
 // matrix, and room to keep a block of channels and positions in registers. A weight is read once
-// for all positions of all steps at hand.
+// for all positions of all steps at hand. Where multiply-adds are fused, a sum has one lane.
 #pragma once
 
 #include <stddef.h>
@@ -26,25 +26,26 @@ inline void prefetch(uintptr_t address) {
   __builtin_prefetch(reinterpret_cast<const void*>(address));  // NOLINT(performance-no-int-to-ptr)
 }
 
-// The four lanes of C x P sums: C rows of splatted values (a) times P registers (at x).
+// The lanes of C x P sums: C rows of splatted values (a) times P registers (at x).
 template <class V, int C, int P>
 struct LaneSums {
   using Reg = typename V::Reg;
-  Reg lane[4][C][P];
+  static constexpr int kLanes = kSumLanes<V>;
+  Reg lane[kLanes][C][P];
 
-  // Where V has a loop of its own, rows lie beside each other (row_stride = 1) and registers follow
-  // each other.
   void compute(const float* a, ptrdiff_t row_stride, ptrdiff_t tap_stride,
                const float* const (&x)[P], const int32_t* tap_offset, int taps) {
 #pragma GCC unroll 1  // one pass at a time, so that its sums have the registers to themselves
-    for (int l = 0; l < 4; ++l) {
-      if constexpr (TapLoop<V>::kWritten) {
-        static_assert(C == TapLoop<V>::kRows && P == TapLoop<V>::kRegisters, "its shape");
-        TapLoop<V>::sum(reinterpret_cast<float*>(lane[l]), a + l * tap_stride, 4 * tap_stride, x[0],
-                        tap_offset + l, (taps - l + 3) / 4);
-      } else {
-        pass(l, a, row_stride, tap_stride, x, tap_offset, taps);
-      }
+    for (int l = 0; l < kLanes; ++l) pass(l, a, row_stride, tap_stride, x, tap_offset, taps);
+  }
+
+  // By a written loop, of registers that follow each other.
+  template <class Taps>
+  void compute(const Taps& taps, const float* x) {
+    static_assert(C == Taps::kRows && P == TapLoop<V>::kRegisters, "its shape");
+#pragma GCC unroll 1  // it is long
+    for (int l = 0; l < kLanes; ++l) {
+      taps.sum(reinterpret_cast<float*>(lane[l]), P * V::kWidth, x, l);
     }
   }
 
@@ -55,7 +56,7 @@ struct LaneSums {
     for (int c = 0; c < C; ++c) {
       for (int p = 0; p < P; ++p) sum[c][p] = V::splat(0.0f);
     }
-    for (int j = l; j < taps; j += 4) {
+    for (int j = l; j < taps; j += kLanes) {
       const ptrdiff_t offset = tap_offset[j];
       // Of a convolution the next block's weights, up to four rows: since the last frame other
       // networks' have taken their place in the caches. A row per pass spreads the requests. (In
@@ -76,70 +77,97 @@ struct LaneSums {
   }
 
   Reg fold(int c, int p) const {
+    if constexpr (kLanes == 1) return lane[0][c][p];
     return V::add(V::add(lane[0][c][p], lane[2][c][p]), V::add(lane[1][c][p], lane[3][c][p]));
   }
 };
 
-// The weights of a block of channels: `rows` and `taps` from one row and one tap to the next.
-struct BlockWeights {
-  const float* first;
-  ptrdiff_t rows, taps;
+// Where the registers of a block lie in a map: anywhere, or beside each other.
+template <int P>
+struct Places {
+  ptrdiff_t at[P];
+  ptrdiff_t operator[](int p) const { return at[p]; }
 };
 
-template <class V, int C, int P>
-void conv_block(const ConvJob& job, const BlockWeights& weights, int channel, int first_register) {
+template <class V>
+struct Beside {
+  ptrdiff_t operator[](int p) const { return p * V::kWidth; }
+};
+
+// From the sums of channels channel .. channel+C-1 to their places behind `output`, of which those of the
+// residual are behind `residual`.
+template <class V, int C, int P, class At>
+[[gnu::always_inline]] inline void conv_output(const ConvJob& job, const LaneSums<V, C, P>& sums,
+                                               int channel, float* output, const At& output_at,
+                                               const float* residual, const At& residual_at) {
   using Reg = typename V::Reg;
+  for (int c = 0; c < C; ++c) {
+    const int k = channel + c;
+    const Reg bias = unsigned_zero<V>(V::splat(job.bias[k]));
+    Reg y[P];
+    for (int p = 0; p < P; ++p) y[p] = V::add(sums.fold(c, p), bias);
+    if (job.prelu) {
+      const Reg slope = V::splat(job.prelu[k]);
+      for (int p = 0; p < P; ++p) y[p] = prelu<V>(y[p], slope);
+    }
+    if (job.scale) {
+      const Reg scale = V::splat(job.scale[k]), shift = V::splat(job.shift[k]);
+      for (int p = 0; p < P; ++p) y[p] = V::mul_add(shift, scale, y[p]);
+    }
+    if (job.residual) {
+      const float* row = residual + k * job.residual_stride;
+      for (int p = 0; p < P; ++p) y[p] = V::add(y[p], V::load(row + residual_at[p]));
+    }
+    float* row = output + k * job.output_stride;
+    for (int p = 0; p < P; ++p) V::store(row + output_at[p], y[p]);
+  }
+}
+
+template <class V, int C, int P>
+void conv_block(const ConvJob& job, const float* weight, int channel, int first_register) {
   const int per_step = job.positions / V::kWidth;
   const float* x[P];
-  ptrdiff_t out_at[P], residual_at[P];
+  Places<P> output_at, residual_at;
   for (int p = 0; p < P; ++p) {
     const int step = (first_register + p) / per_step;
     const int position = (first_register + p) % per_step * V::kWidth;
     x[p] = job.input + step * job.input_step + position;
-    out_at[p] = step * job.output_step + position;
-    residual_at[p] = step * job.residual_step + position;
+    output_at.at[p] = step * job.output_step + position;
+    residual_at.at[p] = step * job.residual_step + position;
   }
   LaneSums<V, C, P> sums;
-  sums.compute(weights.first, weights.rows, weights.taps, x, job.tap_offset, job.taps);
-  for (int c = 0; c < C; ++c) {
-    const int k = channel + c;
-    const Reg bias = V::splat(job.bias[k]);
-    for (int p = 0; p < P; ++p) {
-      Reg y = V::add(sums.fold(c, p), bias);
-      if (job.prelu) y = prelu<V>(y, V::splat(job.prelu[k]));
-      if (job.scale) y = V::mul_add(V::splat(job.shift[k]), V::splat(job.scale[k]), y);
-      if (job.residual) {
-        y = V::add(y, V::load(job.residual + k * job.residual_stride + residual_at[p]));
-      }
-      V::store(job.output + k * job.output_stride + out_at[p], y);
-    }
-  }
+  sums.compute(weight, job.row_stride, 1, x, job.tap_offset, job.taps);
+  conv_output<V>(job, sums, channel, job.output, output_at, job.residual, residual_at);
 }
 
 template <class V, int C, int P>
 void conv_blocks(const ConvJob& job, int registers) {
   for (int channel = 0; channel < job.out_channels; channel += C) {
-    const BlockWeights weights = {job.weight + static_cast<ptrdiff_t>(channel) * job.row_stride,
-                                  job.row_stride, 1};
-    for (int r = 0; r < registers; r += P) conv_block<V, C, P>(job, weights, channel, r);
+    const float* weight = job.weight + static_cast<ptrdiff_t>(channel) * job.row_stride;
+    for (int r = 0; r < registers; r += P) conv_block<V, C, P>(job, weight, channel, r);
   }
 }
 
 // The same with a written loop, which wants the weights of its rows beside each other: they are
 // copied once for all positions.
 template <class V>
-void conv_with_tap_loop(const ConvJob& job, int registers) {
-  constexpr int C = TapLoop<V>::kRows, P = TapLoop<V>::kRegisters;
-  static_assert(C == 4 && V::kWidth == 4, "store_columns() is the copy");
-  alignas(64) float beside[C * kConvMaxTaps];
-  for (int channel = 0; channel < job.out_channels; channel += C) {
-    const float* row = job.weight + static_cast<ptrdiff_t>(channel) * job.row_stride;
-    for (int j = 0; j < job.taps; j += V::kWidth) {
-      auto of_row = [&](int c) { return V::load(row + c * job.row_stride + j); };
-      V::store_columns(beside + C * j, of_row(0), of_row(1), of_row(2), of_row(3));
-    }
-    for (int r = 0; r < registers; r += P) {
-      conv_block<V, C, P>(job, {beside, 1, C}, channel, r);
+void conv_with_tap_loop(const ConvJob& job) {
+  constexpr int P = TapLoop<V>::kRegisters;
+  using Taps = WrittenTaps<V, kConvMaxTaps>;
+  static_assert(32 % (P * V::kWidth) == 0, "positions come in multiples of 32");
+  Taps taps;
+  taps.set_places(job.tap_offset, job.taps);
+  for (int channel = 0; channel < job.out_channels; channel += Taps::kRows) {
+    taps.set_rows(job.weight + static_cast<ptrdiff_t>(channel) * job.row_stride, job.row_stride);
+    for (int s = 0; s < job.steps; ++s) {
+      for (int position = 0; position < job.positions; position += P * V::kWidth) {
+        LaneSums<V, Taps::kRows, P> sums;
+        sums.compute(taps, job.input + s * job.input_step + position);
+        const float* residual =
+            job.residual ? job.residual + s * job.residual_step + position : nullptr;
+        conv_output<V>(job, sums, channel, job.output + s * job.output_step + position, Beside<V>(),
+                       residual, Beside<V>());
+      }
     }
   }
 }
@@ -148,7 +176,7 @@ template <class V>
 void conv(const ConvJob& job) {
   const int registers = job.steps * job.positions / V::kWidth;
   if constexpr (TapLoop<V>::kWritten) {
-    conv_with_tap_loop<V>(job, registers);
+    conv_with_tap_loop<V>(job);
   } else if constexpr (!kManyRegisters<V>) {
     static_assert(V::kWidth <= 8, "positions come in multiples of 32, so registers in fours");
     conv_blocks<V, 2, 4>(job, registers);

@@ -154,26 +154,34 @@ void time_gru(const GruJob& job) {
 // into scratch at each call: 1 % of a network's time, and no copy that could go stale. Two steps in
 // one call share every weight and hide each other's latency.
 
+template <class V>
+constexpr int stripe_registers() {
+  if constexpr (TapLoop<V>::kWritten) return TapLoop<V>::kRegisters;
+  // As many sums as hide the latency of the additions, by two steps and two lanes or one.
+  return kManyRegisters<V> ? 6 : V::kWidth == 1 || kSumLanes<V> == 1 ? 4 : 2;
+}
+
 template <class V, template <class> class Gates, int H, int kSteps>
 struct FrequencyGru {
   using Reg = typename V::Reg;
   static constexpr int N = kGruPositions, kMap = H * N;
   static constexpr int kRows = 3 * H;  // r, z, n
   static constexpr int kBlock = 8;     // positions whose x half is computed ahead
-  static constexpr int kLanes = 4 * kRows;
-  static constexpr int kStripeRegisters = TapLoop<V>::kWritten ? TapLoop<V>::kRegisters
-                                          : kManyRegisters<V>  ? 6
-                                          : V::kWidth == 1     ? 4
-                                                               : 2;
+  static constexpr int kSums = kSumLanes<V> * kRows;
+  static constexpr int kStripeRegisters = stripe_registers<V>();
   static constexpr int kStripe = kStripeRegisters * V::kWidth;
   static_assert(kRows % kStripe == 0 && kStripe % 4 == 0, "whole stripes");
-  static_assert(2 * H * kRows + kSteps * (kBlock * (kLanes + H) + kMap) <= gru_scratch(H), "fits");
-  static_assert(kMap <= kBlock * kLanes, "the transposed output takes the place of `ahead`");
+  static_assert(2 * H * kRows + kSteps * (kBlock * (kSums + H) + kMap) <= gru_scratch(H), "fits");
+  static_assert(kMap <= kBlock * (kSums + H),
+                "the transposed output takes the place of both `ahead`");
 
   float *columns_x, *columns_h;  // H x 3H each: transposed weights
-  float* ahead;                  // kSteps x kBlock x 4 lanes x 3H: sums of the x half
+  float* ahead;                  // kSteps x kBlock x lanes x 3H: sums of the x half
   float* ahead_n;                // kSteps x kBlock x H: those of n, complete
   float* rectified;              // kSteps x N x H
+  // For a written loop the states of both steps in its order; it reads ahead.
+  static constexpr bool kRecurrentLoop = RecurrentLoop<V>::kWritten && kSteps == 2;
+  float states[kRecurrentLoop ? 2 * H + 4 : 1] = {};
 
   // Where a row begins in a transposed half: stripes of kStripe rows, column by column, so that the
   // recurrence reads straight through.
@@ -198,30 +206,71 @@ struct FrequencyGru {
     }
   }
 
-  // The x half for positions first .. first+kBlock-1. That of n is a sum of its own: it is folded,
-  // and its h half starts from zero.
+  // The x half for positions first .. first+kBlock-1. That of n is a sum of its own: it is folded, and its
+  // h half starts from the zeros that `ahead` has there.
   void x_half(const float* input, int first) {
-    constexpr int C = 4, P = kStripeRegisters;
-    for (int row = 0; row < kRows; row += P * V::kWidth) {
+    constexpr int C = 4, P = kStripeRegisters, kGroups = kBlock / C;
+    for (int row = 0; row < kRows; row += kStripe) {
       const float* weights[P];
       for (int p = 0; p < P; ++p) weights[p] = columns_x + stripe_at(row + p * V::kWidth);
-      for (int s = 0; s < kSteps; ++s) {
-        for (int g = 0; g < kBlock; g += C) {
-          LaneSums<V, C, P> sums;
-          sums.compute(input + s * kMap + first + g, 1, N, weights, kRowTaps<H, kStripe>.at, H);
-          for (int c = 0; c < C; ++c) {
-            for (int p = 0; p < P; ++p) {
-              const int r = row + p * V::kWidth, at = s * kBlock + g + c;
-              const bool is_n = r >= 2 * H;
-              if (is_n) V::store(ahead_n + at * H + r - 2 * H, sums.fold(c, p));
-              for (int l = 0; l < 4; ++l) {
-                V::store(ahead + at * kLanes + l * kRows + r,
-                         is_n ? V::splat(0.0f) : sums.lane[l][c][p]);
-              }
+      for (int g = 0; g < kSteps * kGroups; ++g) {
+        LaneSums<V, C, P> sums;
+        sums.compute(input + g / kGroups * kMap + first + g % kGroups * C, 1, N, weights,
+                     kRowTaps<H, kStripe>.at, H);
+        for (int c = 0; c < C; ++c) {
+          for (int p = 0; p < P; ++p) {
+            const int r = row + p * V::kWidth, at = g * C + c;
+            if (r >= 2 * H) {
+              V::store(ahead_n + at * H + r - 2 * H, sums.fold(c, p));
+              continue;
+            }
+            for (int l = 0; l < kSumLanes<V>; ++l) {
+              V::store(ahead + at * kSums + l * kRows + r, sums.lane[l][c][p]);
             }
           }
         }
       }
+    }
+  }
+
+  // The same with a written loop, which puts its sums where they belong.
+  void x_half_with_tap_loop(const float* input, int first) {
+    constexpr int C = 4, P = kStripeRegisters, kGroups = kBlock / C;
+    WrittenTaps<V, H> taps[kSteps * kGroups];
+    for (int g = 0; g < kSteps * kGroups; ++g) {
+      taps[g].set_places(kRowTaps<H, kStripe>.at, H);
+      taps[g].set_columns(input + g / kGroups * kMap + first + g % kGroups * C, N);
+    }
+    for (int row = 0; row < 2 * H; row += kStripe) {
+      for (int g = 0; g < kSteps * kGroups; ++g) {
+        for (int l = 0; l < kSumLanes<V>; ++l) {
+          taps[g].sum(ahead + g * C * kSums + l * kRows + row, kSums, columns_x + stripe_at(row),
+                      l);
+        }
+      }
+    }
+    for (int row = 2 * H; row < kRows; row += kStripe) {
+      for (int g = 0; g < kSteps * kGroups; ++g) {
+        LaneSums<V, C, P> sums;
+        sums.compute(taps[g], columns_x + stripe_at(row));
+        for (int c = 0; c < C; ++c) {
+          for (int p = 0; p < P; ++p) {
+            V::store(ahead_n + (g * C + c) * H + row + p * V::kWidth - 2 * H, sums.fold(c, p));
+          }
+        }
+      }
+    }
+  }
+
+  // Adds column j of the h half, for the rows at `column`, to a lane of all steps.
+  [[gnu::always_inline]] static void add_column(Reg (&lane)[kSteps][kStripeRegisters],
+                                                const float* column, const float (&h)[kSteps][H],
+                                                int j) {
+    Reg value[kSteps];
+    for (int s = 0; s < kSteps; ++s) value[s] = V::splat(h[s][j]);
+    for (int p = 0; p < kStripeRegisters; ++p) {
+      const Reg weight = V::load(column + p * V::kWidth);
+      for (int s = 0; s < kSteps; ++s) lane[s][p] = V::mul_add(lane[s][p], weight, value[s]);
     }
   }
 
@@ -236,25 +285,15 @@ struct FrequencyGru {
       Reg low[kSteps][P], high[kSteps][P];
       for (int s = 0; s < kSteps; ++s) {
         for (int p = 0; p < P; ++p) {
-          const float* from = start + s * kBlock * kLanes + pair * kRows + row + p * V::kWidth;
+          const float* from = start + s * kBlock * kSums + pair * kRows + row + p * V::kWidth;
           low[s][p] = V::load(from);
           high[s][p] = V::load(from + 2 * kRows);
         }
       }
       const float* w = columns_h + stripe_at(row) + pair * kStripe;
       for (int j = pair; j < H; j += 4, w += 4 * kStripe) {
-        auto add_column = [&](Reg(&lane)[kSteps][P], const float* column, int at) {
-          Reg value[kSteps];
-          for (int s = 0; s < kSteps; ++s) value[s] = V::splat(h[s][at]);
-          for (int p = 0; p < P; ++p) {
-            const Reg weight = V::load(column + p * V::kWidth);
-            for (int s = 0; s < kSteps; ++s) {
-              lane[s][p] = V::mul_add(lane[s][p], weight, value[s]);
-            }
-          }
-        };
-        add_column(low, w, j);
-        add_column(high, w + 2 * kStripe, j + 2);
+        add_column(low, w, h, j);
+        add_column(high, w + 2 * kStripe, h, j + 2);
       }
       for (int s = 0; s < kSteps; ++s) {
         for (int p = 0; p < P; ++p) pair_sum[pair][s][p] = V::add(low[s][p], high[s][p]);
@@ -267,23 +306,51 @@ struct FrequencyGru {
     }
   }
 
+  // The same of sums with one lane.
+  void h_half_of_one_lane(const float (&h)[kSteps][H], const float* start, int row,
+                          float (&sums)[kSteps][kRows]) const {
+    constexpr int P = kStripeRegisters;
+    Reg lane[kSteps][P];
+    for (int s = 0; s < kSteps; ++s) {
+      for (int p = 0; p < P; ++p) {
+        lane[s][p] = V::load(start + s * kBlock * kSums + row + p * V::kWidth);
+      }
+    }
+    const float* w = columns_h + stripe_at(row);
+    for (int j = 0; j < H; ++j, w += kStripe) add_column(lane, w, h, j);
+    for (int s = 0; s < kSteps; ++s) {
+      for (int p = 0; p < P; ++p) V::store(&sums[s][row + p * V::kWidth], lane[s][p]);
+    }
+  }
+
   // Position g of the map, `ahead_at` of the block.
   void position(const GruJob& job, int g, int ahead_at, float (&h)[kSteps][H]) {
     float sums[kSteps][kRows];
+    const float* start = ahead + ahead_at * kSums;
     for (int row = 0; row < kRows; row += kStripe) {
-      h_half(h, ahead + ahead_at * kLanes, row, sums);
+      if constexpr (kRecurrentLoop) {
+        RecurrentLoop<V>::template sum<H>(sums[0] + row, kRows, start + row, kBlock * kSums, kRows,
+                                          columns_h + stripe_at(row), kStripe, states);
+      } else if constexpr (kSumLanes<V> == 1) {
+        h_half_of_one_lane(h, start, row, sums);
+      } else {
+        h_half(h, start, row, sums);
+      }
     }
     for (int i = 0; i < H; i += V::kWidth) {
       for (int s = 0; s < kSteps; ++s) {
         auto biased = [&](int gate, const float* bias) {
-          return V::add(V::load(&sums[s][gate * H + i]), V::load(bias + i));
+          return V::add(V::load(&sums[s][gate * H + i]), unsigned_zero<V>(V::load(bias + i)));
         };
-        const Reg n_x =
-            V::add(V::load(ahead_n + (s * kBlock + ahead_at) * H + i), V::load(job.bias_in1 + i));
+        const Reg n_x = V::add(V::load(ahead_n + (s * kBlock + ahead_at) * H + i),
+                               unsigned_zero<V>(V::load(job.bias_in1 + i)));
         const Reg next = next_state<V, Gates>(biased(0, job.bias_ir), biased(1, job.bias_iz), n_x,
                                               biased(2, job.bias_in2), V::load(&h[s][i]));
         V::store(&h[s][i], next);
         V::store(rectified + (s * N + g) * H + i, relu<V>(next));
+      }
+      if constexpr (kRecurrentLoop) {
+        RecurrentLoop<V>::template arrange<H>(states, i, V::load(&h[0][i]), V::load(&h[1][i]));
       }
     }
   }
@@ -293,13 +360,18 @@ struct FrequencyGru {
     gru.columns_x = job.scratch;
     gru.columns_h = gru.columns_x + H * kRows;
     gru.ahead = gru.columns_h + H * kRows;
-    gru.ahead_n = gru.ahead + kSteps * kBlock * kLanes;
+    gru.ahead_n = gru.ahead + kSteps * kBlock * kSums;
     gru.rectified = gru.ahead_n + kSteps * kBlock * H;
     float* channel_major = gru.ahead;  // free again by then
     gru.transpose_weights(job);
+    memset(gru.ahead, 0, kSteps * kBlock * kSums * sizeof(float));  // the sums of n's h half
     float h[kSteps][H] = {};
     for (int first = 0; first < N; first += kBlock) {
-      gru.x_half(job.input, first);
+      if constexpr (TapLoop<V>::kWritten) {
+        gru.x_half_with_tap_loop(job.input, first);
+      } else {
+        gru.x_half(job.input, first);
+      }
       for (int g = 0; g < kBlock; ++g) gru.position(job, first + g, g, h);
     }
     if (job.state) memcpy(job.state, h[kSteps - 1], sizeof h[0]);

@@ -1,5 +1,5 @@
 // The written loop of nn/tap_loop.h for 32-bit ARM, whose sixteen registers hold four rows of eight
-// positions: two taps per round, 13 instructions each, of which 8 multiply and add. The values and
+// positions: two taps per round, 12 instructions each, of which 8 multiply and add. The values and
 // factors of a tap are under way while those of the one before are in use.
 //
 // For the registers of the family without exact bits only: NEON flushes denormals here.
@@ -20,25 +20,24 @@ namespace {
 #define QUIBO_ROW(sum_a, sum_b, a, b, factor)           \
   "vmla.f32 " sum_a ", " a ", " factor "\n"             \
   "vmla.f32 " sum_b ", " b ", " factor "\n"
-#define QUIBO_TAP(a, b, low, high, offset, address, values, factors) \
-  QUIBO_ROW("q8", "q9", a, b, low "[0]") offset                      \
-  QUIBO_ROW("q10", "q11", a, b, low "[1]") address                   \
-  QUIBO_ROW("q12", "q13", a, b, high "[0]") values                   \
-  QUIBO_ROW("q14", "q15", a, b, high "[1]") factors
+#define QUIBO_TAP(a, b, low, high, step, values, factors) \
+  QUIBO_ROW("q8", "q9", a, b, low "[0]") step             \
+  QUIBO_ROW("q10", "q11", a, b, low "[1]") values         \
+  QUIBO_ROW("q12", "q13", a, b, high "[0]") factors       \
+  QUIBO_ROW("q14", "q15", a, b, high "[1]")
 
-#define QUIBO_OFFSET "ldr %[at], [%[offset]], #16\n"
-#define QUIBO_ADDRESS "add %[at], %[x], %[at], lsl #2\n"
-#define QUIBO_VALUES_A "vld1.32 {d2-d5}, [%[at]]\n"
-#define QUIBO_FACTORS_A "vld1.32 {d0-d1}, [%[factors]], %[step]\n"
-#define QUIBO_VALUES_B "vld1.32 {d8-d11}, [%[at]]\n"
-#define QUIBO_FACTORS_B "vld1.32 {d6-d7}, [%[factors]], %[step]\n"
-#define QUIBO_LOAD_A QUIBO_OFFSET QUIBO_ADDRESS QUIBO_VALUES_A QUIBO_FACTORS_A
+#define QUIBO_STEP "ldr %[step], [%[steps]], #4\n"
+#define QUIBO_VALUES_A "vld1.32 {d2-d5}, [%[x]], %[step]\n"
+#define QUIBO_FACTORS_A "vld1.32 {d0-d1}, [%[factors]]!\n"
+#define QUIBO_VALUES_B "vld1.32 {d8-d11}, [%[x]], %[step]\n"
+#define QUIBO_FACTORS_B "vld1.32 {d6-d7}, [%[factors]]!\n"
+#define QUIBO_LOAD_A QUIBO_STEP QUIBO_VALUES_A QUIBO_FACTORS_A
 // A tap's products, and what loads the next one, or nothing.
 #define QUIBO_TAP_A(...) QUIBO_TAP("q1", "q2", "d0", "d1", __VA_ARGS__)
 #define QUIBO_TAP_B(...) QUIBO_TAP("q4", "q5", "d6", "d7", __VA_ARGS__)
-#define QUIBO_NEXT_A QUIBO_OFFSET, QUIBO_ADDRESS, QUIBO_VALUES_A, QUIBO_FACTORS_A
-#define QUIBO_NEXT_B QUIBO_OFFSET, QUIBO_ADDRESS, QUIBO_VALUES_B, QUIBO_FACTORS_B
-#define QUIBO_NOTHING , , ,
+#define QUIBO_NEXT_A QUIBO_STEP, QUIBO_VALUES_A, QUIBO_FACTORS_A
+#define QUIBO_NEXT_B QUIBO_STEP, QUIBO_VALUES_B, QUIBO_FACTORS_B
+#define QUIBO_NOTHING , ,
 // So that the two lists above become arguments.
 #define QUIBO_EXPAND(tap, ...) tap(__VA_ARGS__)
 
@@ -47,13 +46,13 @@ namespace {
 template <>
 struct TapLoop<NeonFusedF32> {
   static constexpr bool kWritten = true;
-  static constexpr int kRows = 4, kRegisters = 2;
+  static constexpr int kRegisters = 2;
 
-  // sums[8*c + p] = sum over t < count of factors[t*step + c] * x[offset[4*t] + p].
-  static void sum(float* sums, const float* factors, ptrdiff_t step, const float* x,
-                  const int32_t* offset, int count) {
-    const ptrdiff_t step_bytes = step * static_cast<ptrdiff_t>(sizeof(float));
-    ptrdiff_t at;
+  // sums[p], of row c behind c * row_bytes, = sum over t < count of factors[4*t + c] * x[p], where x
+  // moves on by steps[t] bytes behind tap t.
+  static void sum(float* sums, ptrdiff_t row_bytes, const float* factors, const float* x,
+                  const int32_t* steps, int count) {
+    ptrdiff_t step;
     int pairs = count / 2 - 1;  // of taps, before the last
     asm volatile(
         "vmov.i32 q8, #0\nvmov.i32 q9, #0\nvmov.i32 q10, #0\nvmov.i32 q11, #0\n"
@@ -69,13 +68,13 @@ struct TapLoop<NeonFusedF32> {
         "bne 2b\n"
         "3:\n" QUIBO_EXPAND(QUIBO_TAP_A, QUIBO_NEXT_B) QUIBO_EXPAND(QUIBO_TAP_B, QUIBO_NOTHING)
         "4:\n"
-        "vst1.32 {d16-d19}, [%[sums]]!\n"
-        "vst1.32 {d20-d23}, [%[sums]]!\n"
-        "vst1.32 {d24-d27}, [%[sums]]!\n"
-        "vst1.32 {d28-d31}, [%[sums]]!\n"
-        : [factors] "+r"(factors), [offset] "+r"(offset), [pairs] "+r"(pairs), [sums] "+r"(sums),
-          [at] "=&r"(at)
-        : [x] "r"(x), [step] "r"(step_bytes), [count] "r"(count)
+        "vst1.32 {d16-d19}, [%[sums]], %[row]\n"
+        "vst1.32 {d20-d23}, [%[sums]], %[row]\n"
+        "vst1.32 {d24-d27}, [%[sums]], %[row]\n"
+        "vst1.32 {d28-d31}, [%[sums]], %[row]\n"
+        : [factors] "+r"(factors), [x] "+r"(x), [steps] "+r"(steps), [pairs] "+r"(pairs),
+          [sums] "+r"(sums), [step] "=&r"(step)
+        : [count] "r"(count), [row] "r"(row_bytes)
         : "q0", "q1", "q2", "q3", "q4", "q5", "q8", "q9", "q10", "q11", "q12", "q13", "q14", "q15",
           "cc", "memory");
   }
@@ -83,8 +82,7 @@ struct TapLoop<NeonFusedF32> {
 
 #undef QUIBO_ROW
 #undef QUIBO_TAP
-#undef QUIBO_OFFSET
-#undef QUIBO_ADDRESS
+#undef QUIBO_STEP
 #undef QUIBO_VALUES_A
 #undef QUIBO_FACTORS_A
 #undef QUIBO_VALUES_B
