@@ -1,7 +1,7 @@
 """What is lost of the wake phrase, and where: per voice and condition, per place in the phrase.
 
-The engine is kept from waking and its posteriors are looked at along the best way through the phrase's syllables. What was not
-heard is put down to one of
+On the waves that `listen` hears. The engine is kept from waking and its posteriors are looked at along the best way through the
+phrase's syllables. What was not heard is put down to one of
 
     outside   the score was enough, but too early (on what came before, or on a part of the phrase) or too late
     gate      the score was enough, but only in steps that count as silent, which never wake
@@ -22,7 +22,6 @@ import numpy as np
 
 from params.syllable_names import class_names
 from training.device_facts import BLANK, BLOCK, RATE, SILENT, SMALLEST_SCORE, THRESHOLD
-from training.evaluate import device as devices
 from training.evaluate import intervals, listening, material
 from training.evaluate.material import Material
 from training.library import WakeUp
@@ -33,6 +32,7 @@ from training.syllables.inventory import Phrase
 SAID = 0.5  # posterior from which on a syllable was said
 AROUND = (4, 2)  # steps before and behind a syllable's last one, in which something else may have been said
 LATEST = 0.6  # s behind the phrase's end, from which on a wake is too late
+FEWEST = 10  # utterances of one of several voices in a condition, from which on it has a row of its own
 OUTCOMES = ("heard", "outside", "gate", "decoder", "network")
 SETS = ("phrase", "fluent phrase")
 
@@ -125,41 +125,40 @@ def table(summaries: dict[tuple[str, str], Record]) -> str:
 
 
 def by_voice(rows: Sequence[Record]) -> dict[tuple[str, str], Record]:
-    """{(voice, condition): summary}; where several voices say a set, they are summed up before."""
+    """{(voice, condition): summary}; where several voices say a set, they are summed up before, and those who say little of it
+    are only in the sum."""
     voices_of, found = {}, collections.defaultdict(list)
     for r in rows:
         voices_of.setdefault(r["set"], set()).add(r["voice"])
-        found[r["set"], r["voice"], r["condition"]].append(r)
     for r in rows:
-        if len(voices_of[r["set"]]) > 1:
-            found[r["set"], "", r["condition"]].append(r)
+        for voice in {"", r["voice"]} if len(voices_of[r["set"]]) > 1 else {r["voice"]}:
+            found[r["set"], voice, r["condition"]].append(r)
     name = lambda what, voice: voice or f"{what}, {len(voices_of[what])} voices"
-    return {(name(what, voice), condition): summary(found[what, voice, condition]) for what, voice, condition in sorted(found)}
+    shown = lambda what, voice: not voice or len(voices_of[what]) == 1
+    return {
+        (name(what, voice), condition): summary(some)
+        for (what, voice, condition), some in sorted(found.items())
+        if len(some) >= FEWEST or shown(what, voice)
+    }
 
 
 def utterances(arguments: argparse.Namespace) -> Iterator[Record]:
+    """Of the waves that `listen` hears."""
     of = Material.of(arguments)
-    device, so = devices.Device(arguments.library), of.engine()
-    wanted = [c for c in listening.CONDITIONS if c[0] in arguments.conditions.split(";")]
-    for what in SETS:
-        sayings = listening.Sayings(of.corpus, what, of.phrase)
-        for number in range(arguments.count * bool(sayings.speakers)):
-            speaker = sayings.speakers[number % len(sayings.speakers)]
-            for name, wave, end, said in listening.heard(device, of.others, of.rooms, sayings, speaker, number, wanted):
-                result, instead = outcome(Heard.of(so, wave, end, of.phrase), said)
-                yield {
-                    "set": what,
-                    "voice": speaker,
-                    "condition": name,
-                    "said": list(said),
-                    "outcome": result,
-                    "spoken": instead,
-                }
+    so = of.engine()
+    kept = listening.kept_of(of, arguments.cache / "listening", 0, arguments.share, SETS)
+    wanted = arguments.conditions.split(";")
+    for what, waves in kept.items():
+        for wave, row in waves:
+            if row["condition"] in wanted:
+                result, instead = outcome(Heard.of(so, wave, row["end"], of.phrase), row["said"])
+                kinds = {"set": what, "voice": row["speaker"], "condition": row["condition"], "said": row["said"]}
+                yield kinds | {"outcome": result, "spoken": instead}
 
 
 def add_options(parser: argparse.ArgumentParser) -> None:
     material.add_options(parser)
-    parser.add_argument("--count", type=int, default=60, help="utterances of each set, its voices taking turns")
+    parser.add_argument("--share", type=float, default=0.3, help="of listen's utterances (default: %(default)s)")
     parser.add_argument(
         "--conditions", default=";".join(c[0] for c in listening.CONDITIONS), help="of listen's, semicolons between them"
     )
@@ -167,9 +166,12 @@ def add_options(parser: argparse.ArgumentParser) -> None:
 
 
 def run(arguments: argparse.Namespace) -> None:
-    rows = list(utterances(arguments))
+    try:
+        rows = list(utterances(arguments))
+    except listening.Unsaid as reason:
+        raise SystemExit(f"diagnose: {reason}") from None
     if not rows:
-        raise SystemExit(f"diagnose: no {arguments.split} speaker, or none of the conditions {arguments.conditions}")
+        raise SystemExit(f"diagnose: none of the conditions {arguments.conditions}")
     print(table(by_voice(rows)))
     if arguments.out:
         arguments.out.write_text(json.dumps(rows))

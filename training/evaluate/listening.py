@@ -239,19 +239,24 @@ def utterances(
             yield wave, {"condition": name, "end": end, "said": said, "speaker": speaker}
 
 
-def prepare(of: Material, folder: pathlib.Path, hours: float, share: float = 1.0) -> dict[str, Kept]:
+def prepare(
+    of: Material, folder: pathlib.Path, hours: float, share: float = 1.0, sets: Iterable[str] = tuple(SETS)
+) -> dict[str, Kept]:
     """{set: Kept}; hours of what is not the phrase; share: of the sets' utterances."""
     device, kept = Device(of.library), {}
-    for what, (count, conditions) in SETS.items():
-        sayings = Sayings(of.corpus, what, of.phrase)
+    for what in sets:
+        sayings, (whole, conditions) = Sayings(of.corpus, what, of.phrase), SETS[what]
         if sayings.speakers:
-            count = max(1, round(count * share))
+            count = max(1, round(whole * share))
             made = utterances(device, of.others, of.rooms, sayings, count, conditions)
-            kept[what] = Kept(folder, f"{what.replace(' ', '_')}_{count}").make(made)
+            name = what.replace(" ", "_") + f"_{count}" * (count != whole)
+            kept[what] = Kept(folder, name).make(made)
     if not set(kept) & set(HEARD):
         raise Unsaid(
             f"no {of.split} speaker says {of.phrase.text!r}, nor each of its syllables by itself: ./run voices --phrase"
         )
+    if not hours:
+        return kept
     stretches = (
         (without_phrase(device, of.others, of.rooms, i), {"condition": ("talk", "playback")[i % 2]})
         for i in tqdm.trange(round(hours * 3600 / STRETCH), desc="without the phrase", mininterval=60)
@@ -379,10 +384,12 @@ def made_from(
     } | ({} if phrase == shipped else {"phrase": phrase.text})
 
 
-def kept_of(of: Material, parent: pathlib.Path, hours: float, share: float = 1.0) -> dict[str, Kept]:
+def kept_of(
+    of: Material, parent: pathlib.Path, hours: float, share: float = 1.0, sets: Iterable[str] = tuple(SETS)
+) -> dict[str, Kept]:
     """prepare() in the folder of what it is a function of."""
     made = made_from(of.corpus, of.bank, of.library, of.phrase, of.split)
-    return prepare(of, cache_keys.begin(parent, made), hours, share)
+    return prepare(of, cache_keys.begin(parent, made), hours, share, sets)
 
 
 def add_options(parser: argparse.ArgumentParser) -> None:
