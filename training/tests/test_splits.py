@@ -166,12 +166,15 @@ def test_nobody_is_named_in_two_splits():
 # ---- recipes ----------------------------------------------------------------------------------------------------------
 
 
+RECIPES = (*tasks.NETWORKS, "kws_phrase")
+
+
 def tables(config):
     """{table: its keys} of a configuration."""
     return {name: set(values) for name, values in config.items() if isinstance(values, dict)}
 
 
-@pytest.mark.parametrize("network", tasks.NETWORKS)
+@pytest.mark.parametrize("network", RECIPES)
 def test_a_recipe_says_nothing_that_nobody_reads(network):
     """A misspelt key would leave its default in force for a whole training; a smoke run changes what the real one has."""
     code = "".join(p.read_text(encoding="utf-8") for p in (ROOT / "training").rglob("*.py") if "tests" not in p.parts)
@@ -186,7 +189,7 @@ def test_a_recipe_says_nothing_that_nobody_reads(network):
     assert tables(merged) == tables(config) and merged["train"]["steps"] < config["train"]["steps"]
 
 
-@pytest.mark.parametrize("network", tasks.NETWORKS)
+@pytest.mark.parametrize("network", RECIPES)
 def test_an_average_spans_less_than_the_schedule_s_end(network):
     """Of weights that still move apart no mean is to be taken: the last quarter of the steps at most."""
     config = __main__.configuration(network, None, smoke=False)
