@@ -95,8 +95,8 @@ def run(arguments: argparse.Namespace) -> None:
         folder,
         sizes,
         absolute(arguments.gtcrn),
-        Phrase.in_folder(arguments.params),
-        absolute(arguments.voices),
+        phrase=Phrase.in_folder(arguments.params),
+        voices=absolute(arguments.voices),
     )
     opened = work.opened(given)
     results = {

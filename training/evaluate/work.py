@@ -37,9 +37,9 @@ class Given:
     bank: pathlib.Path
     sizes: sets.Sizes
     gtcrn: pathlib.Path | None
+    seed: int = SEED  # of the corpus' splits
     phrase: Phrase = shipped
     voices: pathlib.Path | None = None  # beside the data
-    seed: int = SEED  # of the corpus' splits
 
 
 class Opened:
