@@ -101,11 +101,12 @@ template <class V, int C, int P, class At>
                                                int channel, float* output, const At& output_at,
                                                const float* residual, const At& residual_at) {
   using Reg = typename V::Reg;
-  for (int c = 0; c < C; ++c) {
-    const int k = channel + c;
+  output += channel * job.output_stride;
+  if (residual) residual += channel * job.residual_stride;
+  for (int k = channel; k < channel + C; ++k) {
     const Reg bias = unsigned_zero<V>(V::splat(job.bias[k]));
     Reg y[P];
-    for (int p = 0; p < P; ++p) y[p] = V::add(sums.fold(c, p), bias);
+    for (int p = 0; p < P; ++p) y[p] = V::add(sums.fold(k - channel, p), bias);
     if (job.prelu) {
       const Reg slope = V::splat(job.prelu[k]);
       for (int p = 0; p < P; ++p) y[p] = prelu<V>(y[p], slope);
@@ -114,12 +115,12 @@ template <class V, int C, int P, class At>
       const Reg scale = V::splat(job.scale[k]), shift = V::splat(job.shift[k]);
       for (int p = 0; p < P; ++p) y[p] = V::mul_add(shift, scale, y[p]);
     }
-    if (job.residual) {
-      const float* row = residual + k * job.residual_stride;
-      for (int p = 0; p < P; ++p) y[p] = V::add(y[p], V::load(row + residual_at[p]));
+    if (residual) {
+      for (int p = 0; p < P; ++p) y[p] = V::add(y[p], V::load(residual + residual_at[p]));
+      residual += job.residual_stride;
     }
-    float* row = output + k * job.output_stride;
-    for (int p = 0; p < P; ++p) V::store(row + output_at[p], y[p]);
+    for (int p = 0; p < P; ++p) V::store(output + output_at[p], y[p]);
+    output += job.output_stride;
   }
 }
 

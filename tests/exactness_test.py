@@ -85,6 +85,16 @@ def test_arm_gives_the_digests_of_this_machine_and_its_registers_keep_their_cont
         subprocess.run([*emulator, folders[name] / "tests/registers/register_test"], check=True)
 
 
+def test_fused_kernels_of_64_bit_arm_give_the_bits_of_those_of_this_machine(build, capture):
+    folders = [folder for folder in os.environ.get("QUIBO_CROSS_BUILDS", "").split() if folder.endswith("build-aarch64")]
+    here = subprocess.run([build / "quibo_digest", "--fused"], check=True, capture_output=True, text=True).stdout.split()
+    if not folders or not here:
+        pytest.skip("./run check builds it" if here else "this processor has no fused multiply-add")
+    expected = digest(build, capture, here[0], SHORT)
+    program, _ = EMULATED["build-aarch64"]
+    expect_equal(pathlib.Path(folders[0]), capture, expected, ["neon_fused"], SHORT, (*program, "-cpu", "max"))
+
+
 def test_no_kernel_call_differs_from_its_scalar_twin(build, capture):
     checked = os.environ.get("QUIBO_CHECKED_BUILD")
     if not checked:
