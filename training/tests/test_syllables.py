@@ -220,6 +220,19 @@ def test_lines_for_a_synthesiser_are_equally_long_and_say_what_they_claim(text, 
     assert phrase.text not in nearly and len(set(nearly)) > 50
 
 
+def test_a_voice_too_loud_to_have_formants_is_left_out(tmp_path, capsys):
+    """Of the folder's manifest, not of its own."""
+    for name, rms in (("Quiet", 0.1), ("Loud", 0.4), ("None", None)):
+        rows = [] if rms is None else [{"path": f"{name}.wav", "speaker": f"neural {name}"}]
+        if rows:
+            soundfile.write(tmp_path / f"{name}.wav", np.tile([rms, -rms], 800), RATE)
+        speech.write(tmp_path / f"{name}.csv", rows)
+    for _ in range(2):
+        speech.together(tmp_path)
+        assert "neural Quiet" in (text := (tmp_path / "manifest.csv").read_text()) and "Loud" not in text
+    assert "Loud: -8 dBFS, dropped" in capsys.readouterr().err and "Loud" in (tmp_path / "Loud.csv").read_text()
+
+
 def test_invented_voices_hold_nothing_of_those_they_are_kept_from():
     unit = lambda name: np.array(speech.speaker(name)) / np.linalg.norm(speech.speaker(name))
     held_out, named = [np.stack([unit(v) for v in voices]) for voices in (speech.HELD_OUT, speech.VOICES)]
