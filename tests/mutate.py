@@ -154,8 +154,8 @@ MUTATIONS = [
     ),
     (
         "nn/conv_kernels.h",
-        "residual_at[p] = step * job.residual_step + position;",
-        "residual_at[p] = position;",
+        "residual_at.at[p] = step * job.residual_step + position;",
+        "residual_at.at[p] = position;",
         "denoise_test",
     ),
     (
