@@ -41,7 +41,7 @@ constexpr float kShareDecay = 0.8f, kSmallestShare = 0.001f;
 constexpr float kPeakCrest = 5.0f;  // 7 dB: a frame with peaks
 
 float energy(const float* x, int count = LAEC_SHIFT) {
-  return quibo::kernels().net.arr_mul_arr_float(x, x, count);
+  return quibo::kernels().laec.energy(x, count);
 }
 
 // The largest power of a sample. Integers, since a compiler makes vectors of them.

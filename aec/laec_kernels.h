@@ -107,5 +107,19 @@ void laec_apply_gain(LAEC* st) {
   });
 }
 
+// Sum of squares in four lanes, in the order of the networks' products. Never fused: decisions hang
+// on it, which are to be the same in every family of kernels.
+template <class V>
+float laec_energy(const float* x, int len) {
+  using F = typename V::Four;
+  typename F::Reg sum = F::splat(0.0f);
+#pragma GCC unroll 4
+  for (int j = 0; j < len; j += 4) {
+    const typename F::Reg a = F::load(x + j);
+    sum = F::add(sum, F::mul(a, a));
+  }
+  return F::fold(sum);
+}
+
 }  // namespace
 }  // namespace quibo

@@ -22,6 +22,7 @@ struct LaecKernels {
   void (*adapt)(LAEC*);
   void (*update_gain)(LAEC*);
   void (*apply_gain)(LAEC*);
+  float (*energy)(const float* x, int len);  // len a multiple of 4
 };
 
 // Float network kernels; shapes and summation order in nn/float_kernels.h.

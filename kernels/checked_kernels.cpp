@@ -108,6 +108,13 @@ void canceller(LAEC* st) {
   compare("canceller", {{st}}, [=](const Kernels& k) { (k.laec.*kernel)(st); });
 }
 
+float laec_energy(const float* x, int len) {
+  require(len % 4 == 0, "energy");
+  float sum = 0.0f;
+  compare("energy", {{&sum, 1}}, [&](const Kernels& k) { sum = k.laec.energy(x, len); });
+  return sum;
+}
+
 // ---- Float networks --------------------------------------------------------------------------
 
 float arr_mul_arr_float(const float* in1, const float* in2, int len) {
@@ -229,7 +236,7 @@ Kernels row = {
     checked_fft<&Kernels::fft1024, 1024>(),
     checked_fft<&Kernels::fft2048, 2048>(),
     {canceller<&LaecKernels::estimate_echo>, canceller<&LaecKernels::adapt>,
-     canceller<&LaecKernels::update_gain>, canceller<&LaecKernels::apply_gain>},
+     canceller<&LaecKernels::update_gain>, canceller<&LaecKernels::apply_gain>, laec_energy},
     {arr_mul_arr_float,
      mat_mul_vec_float,
      act_h,

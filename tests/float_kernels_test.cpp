@@ -60,6 +60,18 @@ TEST(FloatKernels, ProductsSumInFourLanesToTheBit) {
   });
 }
 
+// What the canceller's guard decides is the same in every family, the fused ones among them.
+TEST(FloatKernels, TheGuardsEnergiesAreNeverFused) {
+  const std::vector<float> x = noise(1024, kSeed);
+  const float expected = four_lane_dot(x.data(), x.data(), 1024);
+  for_each_variant([&](const std::string& variant) {
+    EXPECT_EQ(quibo::kernels().laec.energy(x.data(), 1024), expected) << variant;
+  });
+  for (int i = 0; const quibo::Kernels* fused = quibo::fused_kernels(i); ++i) {
+    EXPECT_EQ(fused->laec.energy(x.data(), 1024), expected) << fused->name;
+  }
+}
+
 TEST(FloatKernels, ExactExponentialIsWithinOneUlpUpTo87) {
   for (float x = -87.0f; x <= 87.0f; x += 0.00037f) {
     int exponent;
