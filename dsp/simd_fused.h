@@ -1,7 +1,7 @@
 // The registers of the other families with a multiply-add that is one operation and, but on 32-bit
-// ARM, rounds once, for who wants speed more than the same bits on every processor. Only what sums products is fused: the networks' kernels
-// take mul_add(), the transforms and the canceller keep their bits. Since its order is free, too, a large
-// product is one sum instead of four lanes.
+// ARM, rounds once, for who wants speed more than the same bits on every processor. Only what sums
+// products is fused: the networks' kernels take mul_add(), the transforms and the canceller keep
+// their bits. Since its order is free, too, a large product is one sum instead of four lanes.
 #pragma once
 
 #if defined(__FMA__)

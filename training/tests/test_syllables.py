@@ -3,6 +3,7 @@
 import numpy as np
 import pytest
 import soundfile
+import tomllib
 import torch
 
 from training import engine
@@ -240,6 +241,9 @@ def test_invented_voices_hold_nothing_of_those_they_are_kept_from():
         invented, unknown = unit(f"Invented{n:03}"), unit(f"Unknown{n:03}")
         assert np.abs(held_out @ invented).max() < 1e-9 and np.abs(named @ unknown).max() < 1e-9
         assert abs(invented @ unknown) < 1e-9 and np.abs(named @ invented).max() > 0.1
+    split = tomllib.loads((ROOT / "training/corpora/default.toml").read_text())["speakers"]
+    kept = {name.removeprefix("neural ") for name in split["valid"] + split["test"] if name.startswith("neural ")}
+    assert kept == set(speech.HELD_OUT)
     assert np.allclose(speech.speaker("Aida+Aiqi"), np.mean([speech.speaker("Aida"), speech.speaker("Aiqi")], 0))
 
 
